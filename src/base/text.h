@@ -1,0 +1,24 @@
+// Small text helpers shared by every folder: case folding, trimming, splitting, number parsing.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kx {
+
+std::string ToLower(std::string_view s);
+std::string ToUpper(std::string_view s);
+std::string_view Trim(std::string_view s);
+// Removes every blank (space and tab): section keywords are compared this way.
+std::string RemoveBlanks(std::string_view s);
+std::vector<std::string> Split(std::string_view s, char sep);
+bool StartsWith(std::string_view s, std::string_view prefix);
+bool EndsWith(std::string_view s, std::string_view suffix);
+// Parses the whole of s (blanks around allowed) as a real number; "d"/"D" exponents accepted.
+std::optional<double> ParseNumber(std::string_view s);
+// Shortest text that reads back to exactly v ("%.17g" style, trimmed).
+std::string FormatReal(double v);
+
+}  // namespace kx
