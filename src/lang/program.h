@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "lang/opcodes.h"
+
 namespace kx::lang {
 
 // Counts of domain errors met while evaluating during a solve. They never stop the run; the
@@ -64,8 +66,18 @@ class Program {
   std::string Listing() const;
 
  private:
-  // Layout owned by lang/ (instruction array, constant pool, segment ends, output slots).
-  // Users rely only on the public interface above.
+  friend class CodeGen;
+  // Runs instructions [begin, end) of code_; the one dispatch loop of the VM.
+  void Run(int begin, int end, const double* in, double* work, DomainErrors* errs) const;
+
+  std::vector<Instr> code_;         // residual, then 1st-, then 2nd-derivative segment
+  std::vector<double> consts_;      // constant pool of kConst
+  std::vector<int32_t> out_;        // work slot of: the residual, each gradient entry
+                                    // (num_inputs_), each Hessian pair (hess_pairs_ order)
+  std::vector<HessPair> hess_pairs_;  // structurally non-zero local pairs, i >= j
+  int num_inputs_ = 0;              // local inputs read through `in`
+  int end_residual_ = 0;            // end of the residual segment in code_
+  int end_first_ = 0;               // end of the first-derivative segment in code_
 };
 
 }  // namespace kx::lang

@@ -1,0 +1,260 @@
+// Compiler: storage limits, one-time evaluation with its stops, domain-fault counting during
+// evaluation, name faults, and the opcode listing of a small expression.
+#include "lang/compiler.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "lang/opcodes.h"
+#include "lang_testing.h"
+
+namespace kx::lang {
+namespace {
+
+using testing::Compile;
+using testing::Compiled;
+using testing::StopLines;
+using testing::Symbols;
+
+// Resolves v1, v2, ... to columns 1, 2, ...
+Symbol Numbered(std::string_view name, bool) {
+  Symbol s;
+  if (name.size() > 1 && name[0] == 'v') {
+    s.kind = Symbol::Kind::kColumn;
+    s.column = std::stoi(std::string(name.substr(1)));
+  }
+  return s;
+}
+
+// "term(v1) + term(v2) + ... + term(vn)" with "#" in `term` standing for the variable.
+std::string SumOf(const std::string& term, int n) {
+  std::string out;
+  for (int k = 1; k <= n; ++k) {
+    std::string t = term;
+    for (size_t p; (p = t.find('#')) != std::string::npos;) t.replace(p, 1, "v" + std::to_string(k));
+    out += (k > 1 ? " + " : "") + t;
+  }
+  return out;
+}
+
+std::vector<std::string> CompileLines(int max_memory, const std::string& text) {
+  Compiler compiler(CompileLimits{max_memory});
+  std::vector<int> columns;
+  return StopLines([&] { compiler.CompileEquation(1, text, Numbered, &columns); });
+}
+
+bool Compiles(int max_memory, const std::string& text) {
+  Compiler compiler(CompileLimits{max_memory});
+  std::vector<int> columns;
+  OutputCapture quiet;
+  try {
+    compiler.CompileEquation(1, text, Numbered, &columns);
+    return true;
+  } catch (const Stop&) {
+    return false;
+  }
+}
+
+TEST(CompilerLimits, TooManyColumns) {
+  EXPECT_EQ(CompileLines(2, SumOf("#", 101)),
+            (std::vector<std::string>{"The number of variables in each equation is limited to 100",
+                                      "Increase size of ideriv and deriv with MAX_MEMORY",
+                                      "STOPPING..."}));
+  EXPECT_TRUE(Compiles(2, SumOf("#", 100)));
+}
+
+TEST(CompilerLimits, FirstDerivativeStorageGrowsWithMaxMemory) {
+  const std::string text = SumOf("sin(#)*#", 60);
+  EXPECT_EQ(CompileLines(2, text),
+            (std::vector<std::string>{"Error: Not enough memory to compile model 1st derivatives",
+                                      "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
+                                      "Stopping..."}));
+  EXPECT_TRUE(Compiles(3, text));
+}
+
+TEST(CompilerLimits, SecondDerivativeStorage) {
+  // A product of 12 variables: a short gradient, but 66 distinct cross derivatives.
+  std::string text = "v1";
+  for (int k = 2; k <= 12; ++k) text += "*v" + std::to_string(k);
+  EXPECT_EQ(CompileLines(2, text),
+            (std::vector<std::string>{"Error: Not enough memory to compile model 2nd derivatives",
+                                      "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
+                                      "Stopping..."}));
+  EXPECT_TRUE(Compiles(3, text));
+}
+
+TEST(CompilerLimits, LargeLinearEquationWithinCapacity) {
+  Compiler compiler(CompileLimits{5});
+  std::vector<int> columns;
+  const Program p = compiler.CompileEquation(1, SumOf("2*#", 20000), Numbered, &columns);
+  ASSERT_EQ(p.num_inputs(), 20000);
+  EXPECT_EQ(columns[19999], 20000);
+  EXPECT_TRUE(p.hess_pairs().empty());
+  std::vector<double> in(20000, 1.0), work(p.work_size()), grad(20000);
+  EXPECT_EQ(p.Gradient(in.data(), work.data(), grad.data(), nullptr), 40000);
+  EXPECT_EQ(grad.front(), 2);
+  EXPECT_EQ(grad.back(), 2);
+}
+
+TEST(Compiler, EquationIndexBelowOneIsRefused) {
+  Compiler compiler;
+  Symbols symbols;
+  std::vector<int> columns;
+  EXPECT_EQ(StopLines([&] { compiler.CompileEquation(0, "x", symbols.resolver(), &columns); }),
+            (std::vector<std::string>{"Error: use eval_once for one time calculations",
+                                      "STOPPING..."}));
+}
+
+TEST(Compiler, FunctionNumberOutOfRange) {
+  EXPECT_EQ(FunctionOp(9), Op::kSin);
+  EXPECT_EQ(FunctionOp(16), Op::kErf);
+  for (int n : {0, 17}) {
+    EXPECT_EQ(StopLines([&] { FunctionOp(n); }),
+              (std::vector<std::string>{
+                  "*** Parser error: Function number " + std::to_string(n) + " out of range",
+                  "STOPPING..."}));
+  }
+}
+
+TEST(Compiler, UnknownNameIsAnInvalidElement) {
+  Compiler compiler;
+  Symbols symbols;
+  std::vector<int> columns;
+  EXPECT_EQ(StopLines([&] { compiler.CompileEquation(3, "x + Qq*2", symbols.resolver(), &columns); }),
+            (std::vector<std::string>{"Invalid element: qq",
+                                      "*** Error in syntax of function string: x + Qq*2",
+                                      "Position: 5", "STOPPING..."}));
+  EXPECT_EQ(StopLines([&] { compiler.EvalOnce("2*x", symbols.resolver()); }),
+            (std::vector<std::string>{"Invalid element: x",
+                                      "*** Error in syntax of function string: 2*x",
+                                      "Position: 3", "STOPPING..."}));
+}
+
+TEST(EvalOnce, DomainFaultsStop) {
+  struct Case {
+    const char* text;
+    const char* message;
+  } cases[] = {
+      {"acos(2)", "ERROR in Constants: Arc-cos (Acos) argument <-1 or >1"},
+      {"asin(-1.5)", "ERROR in Constants: Arc-sin (Asin) argument <-1 or >1"},
+      {"sqrt(-1)", "ERROR in Constants: Sqrt argument negative"},
+      {"1 + log(-c)", "ERROR in Constants: Natural Log argument negative"},
+      {"log(0)", "ERROR in Constants: Natural Log argument negative"},
+      {"log10(-2)", "ERROR in Constants: Log10 argument negative"},
+      {"1/(c-2.5)", "ERROR in Constants: Divide by zero"},
+      {"0*(1/0)", "ERROR in Constants: Divide by zero"},
+  };
+  Compiler compiler;
+  Symbols symbols;
+  for (const Case& c : cases)
+    EXPECT_EQ(StopLines([&] { compiler.EvalOnce(c.text, symbols.resolver()); }),
+              (std::vector<std::string>{c.message, "STOPPING..."}))
+        << c.text;
+  EXPECT_DOUBLE_EQ(compiler.EvalOnce("sqrt(0) + acos(1) + 0^0", symbols.resolver()), 1);
+}
+
+TEST(DomainErrors, CountedDuringEvaluationAndValueIsNaN) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c =
+      Compile(&compiler, &symbols, "log(x) + sqrt(y) + 1/z + log10(w) + asin(u) + acos(v)");
+  std::vector<double> bad = {0, -1, -1, 0, -1, 2, 3};  // columns 1..6: x y z w u v
+  DomainErrors errs;
+  EXPECT_TRUE(std::isnan(c.Residual(bad, &errs)));
+  EXPECT_EQ(errs.log_negative, 1);
+  EXPECT_EQ(errs.sqrt_negative, 1);
+  EXPECT_EQ(errs.divide_by_zero, 1);
+  EXPECT_EQ(errs.log10_negative, 1);
+  EXPECT_EQ(errs.asin_illegal, 1);
+  EXPECT_EQ(errs.acos_illegal, 1);
+  EXPECT_EQ(errs.Total(), 6);
+  std::vector<double> good = {0, 1, 1, 1, 1, 0.5, 0.5};
+  DomainErrors none;
+  EXPECT_FALSE(std::isnan(c.Residual(good, &none)));
+  EXPECT_EQ(none.Total(), 0);
+}
+
+TEST(DomainErrors, ConstantFaultInAnEquationIsCountedAtEachEvaluation) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "x + sqrt(-1)");
+  DomainErrors errs;
+  c.Residual({0, 1}, &errs);
+  c.Residual({0, 2}, &errs);
+  EXPECT_EQ(errs.sqrt_negative, 2);
+}
+
+TEST(DomainErrors, DerivativeOfSqrtAtZeroIsADivisionByZero) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "sqrt(x)");
+  std::vector<double> in = {0}, work(c.program.work_size()), grad(1);
+  DomainErrors errs;
+  EXPECT_EQ(c.program.Gradient(in.data(), work.data(), grad.data(), &errs), 0);
+  EXPECT_TRUE(std::isnan(grad[0]));
+  EXPECT_EQ(errs.divide_by_zero, 1);
+}
+
+TEST(DomainErrors, ReportPrintsSixCountLines) {
+  DomainErrors errs;
+  errs.divide_by_zero = 3;
+  errs.acos_illegal = 12;
+  OutputCapture out;
+  errs.Report();
+  const std::vector<std::string> lines = out.lines();
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_EQ(lines[0].rfind("Count: Division by zero", 0), 0u);
+  EXPECT_EQ(lines[0].substr(lines[0].find_last_of(' ') + 1), "3");
+  EXPECT_EQ(lines[1].rfind("Count: Argument of LOG10 negative", 0), 0u);
+  EXPECT_EQ(lines[2].rfind("Count: Argument of LOG negative", 0), 0u);
+  EXPECT_EQ(lines[3].rfind("Count: Argument of SQRT negative", 0), 0u);
+  EXPECT_EQ(lines[4].rfind("Count: Argument of ASIN illegal", 0), 0u);
+  EXPECT_EQ(lines[5].substr(lines[5].find_last_of(' ') + 1), "12");
+}
+
+TEST(Program, GoldenListing) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "x*y + sin(x)");
+  EXPECT_EQ(c.program.Listing(),
+            "Byte Code 5\n"
+            "     0  input   in[0]\n"
+            "     1  input   in[1]\n"
+            "     2  mul     w0 w1\n"
+            "     3  sin     w0\n"
+            "     4  add     w2 w3\n"
+            "1st Deriv 2\n"
+            "     5  cos     w0\n"
+            "     6  add     w1 w5\n"
+            "2nd Deriv 2\n"
+            "     7  const   1\n"
+            "     8  neg     w3\n"
+            "residual = w4\n"
+            "d/d in[0] = w6\n"
+            "d/d in[1] = w0\n"
+            "d2/d in[0] d in[0] = w8\n"
+            "d2/d in[1] d in[0] = w7\n");
+  EXPECT_EQ(c.program.residual_size(), 5);
+  EXPECT_EQ(c.program.first_size(), 2);
+  EXPECT_EQ(c.program.second_size(), 2);
+}
+
+TEST(Program, CopiesEvaluateLikeTheOriginal) {
+  Compiler compiler;
+  Symbols symbols;
+  std::vector<Program> store;
+  std::vector<int> columns;
+  for (const char* t : {"x*y", "exp(x) - y", "x/y"})
+    store.push_back(compiler.CompileEquation(1, t, symbols.resolver(), &columns));
+  const std::vector<Program> copy = store;
+  std::vector<double> in = {1.5, 2}, work(16);
+  EXPECT_DOUBLE_EQ(copy[0].Residual(in.data(), work.data(), nullptr), 3);
+  EXPECT_DOUBLE_EQ(copy[1].Residual(in.data(), work.data(), nullptr), std::exp(1.5) - 2);
+  EXPECT_DOUBLE_EQ(copy[2].Residual(in.data(), work.data(), nullptr), 0.75);
+}
+
+}  // namespace
+}  // namespace kx::lang

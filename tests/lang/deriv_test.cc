@@ -1,0 +1,199 @@
+// Exact derivatives against finite differences, for every operator and function, with shared
+// subexpressions and intermediates. The full finite-difference Hessian is compared, so a pair
+// missing from hess_pairs() with a non-zero second derivative fails too.
+#include "lang/deriv.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "lang/compiler.h"
+#include "lang_testing.h"
+
+namespace kx::lang {
+namespace {
+
+using testing::Compile;
+using testing::Compiled;
+using testing::Symbols;
+
+struct Case {
+  const char* text;
+  std::vector<double> point;  // values of x, y, z, ... (columns 1, 2, 3, ...)
+};
+
+// Residual at local inputs `in`.
+double Eval(const Program& p, const std::vector<double>& in) {
+  std::vector<double> work(p.work_size());
+  return p.Residual(in.data(), work.data(), nullptr);
+}
+
+std::vector<double> EvalGradient(const Program& p, const std::vector<double>& in) {
+  std::vector<double> work(p.work_size()), grad(p.num_inputs());
+  p.Gradient(in.data(), work.data(), grad.data(), nullptr);
+  return grad;
+}
+
+double Step(double v) { return 1e-5 * std::max(1.0, std::fabs(v)); }
+
+// Checks value consistency of the three entry points, the gradient against central
+// differences of the residual, and the full Hessian against central differences of the
+// gradient.
+void CheckDerivatives(const Compiled& c, const std::string& text, const std::vector<double>& at) {
+  const Program& p = c.program;
+  const int n = p.num_inputs();
+  const std::vector<double> in = c.Gather(at);
+  std::vector<double> work(p.work_size()), grad(n), hess(p.hess_pairs().size());
+  const double r = p.Hessian(in.data(), work.data(), grad.data(), hess.data(), nullptr);
+  EXPECT_DOUBLE_EQ(r, Eval(p, in)) << text;
+  EXPECT_EQ(grad, EvalGradient(p, in)) << text;
+  std::vector<double> dense(n * n, 0.0);
+  for (size_t q = 0; q < hess.size(); ++q) {
+    const HessPair pr = p.hess_pairs()[q];
+    ASSERT_GE(pr.i, pr.j) << text;
+    dense[pr.i * n + pr.j] = dense[pr.j * n + pr.i] = hess[q];
+  }
+  for (int k = 0; k < n; ++k) {
+    std::vector<double> hi = in, lo = in;
+    const double h = Step(in[k]);
+    hi[k] += h;
+    lo[k] -= h;
+    const double fd = (Eval(p, hi) - Eval(p, lo)) / (2 * h);
+    EXPECT_NEAR(grad[k], fd, 1e-6 * std::max(1.0, std::fabs(fd))) << text << " d/d in" << k;
+    const std::vector<double> ghi = EvalGradient(p, hi), glo = EvalGradient(p, lo);
+    for (int j = 0; j < n; ++j) {
+      const double fd2 = (ghi[j] - glo[j]) / (2 * h);
+      EXPECT_NEAR(dense[k * n + j], fd2, 1e-5 * std::max(1.0, std::fabs(fd2)))
+          << text << " d2/d in" << k << " d in" << j;
+    }
+  }
+}
+
+// Points are given for x, y, z (columns 1..3); index 0 is unused.
+std::vector<double> Point(const std::vector<double>& xyz) {
+  std::vector<double> p(2 * Symbols::kNumVars + 1, 0.0);
+  for (size_t k = 0; k < xyz.size(); ++k) p[k + 1] = xyz[k];
+  return p;
+}
+
+TEST(Deriv, OperatorsAndFunctionsMatchFiniteDifferences) {
+  const Case cases[] = {
+      {"x + y", {1.5, -2}},         {"x - y", {1.5, -2}},
+      {"x * y", {1.5, -2}},         {"x / y", {1.5, -2}},
+      {"x ^ y", {1.7, 1.3}},        {"x ^ 3", {-1.3}},
+      {"x ^ 2.5", {1.3}},           {"2 ^ x", {0.7}},
+      {"x ^ -1.5", {0.8}},          {"-x", {0.4}},
+      {"-x^2", {0.4}},              {"abs(x)*x", {-0.7}},
+      {"abs(x*y)", {0.7, 1.2}},     {"exp(x*y)", {0.3, -0.8}},
+      {"log10(x*y)", {0.3, 2.1}},   {"log(x+y)", {0.3, 2.1}},
+      {"sqrt(x*y)", {0.5, 3}},      {"sinh(x*y)", {0.5, 1.1}},
+      {"cosh(x-y)", {0.5, 1.1}},    {"tanh(x*y)", {0.5, 1.1}},
+      {"sin(x*y)", {0.5, 1.1}},     {"cos(x*y)", {0.5, 1.1}},
+      {"tan(x*y)", {0.5, 1.1}},     {"asin(x*y)", {0.5, 0.9}},
+      {"acos(x*y)", {0.5, -0.9}},   {"atan(x*y)", {0.5, 1.9}},
+      {"erfc(x*y)", {0.5, 0.9}},    {"erf(x-y)", {0.5, -0.4}},
+      {"x*y*z", {1.1, 2.2, -0.3}},  {"x/(y*z)", {1.1, 2.2, -0.3}},
+      {"(x+y)^z", {1.1, 2.2, 1.7}}, {"x^y^z", {1.1, 1.2, 0.7}},
+      {"pi*x^2 - c*y", {0.3, 0.6}},
+  };
+  Compiler compiler;
+  Symbols symbols;
+  for (const Case& k : cases) {
+    const Compiled c = Compile(&compiler, &symbols, k.text);
+    CheckDerivatives(c, k.text, Point(k.point));
+  }
+}
+
+TEST(Deriv, SharedSubexpressionsAndCombinations) {
+  const Case cases[] = {
+      {"exp(x*y) + sin(exp(x*y)) * exp(x*y)", {0.2, 0.9}},
+      {"log(1+x^2) * sqrt(2+sin(y)) - asin(0.5*tanh(z))", {0.7, -1.1, 0.4}},
+      {"acos(0.5*tanh(x)) + log10(3+cos(y*z)) / (1 + y^2)", {0.7, -1.1, 0.4}},
+      {"(x*y - z)^2 + (x*y - z)^3", {0.7, -1.1, 0.4}},
+      {"erf(x)*erfc(y) + atan(x/y) - cosh(z)*sinh(z)", {0.7, -1.1, 0.4}},
+      {"x*exp(-y/z) - 1/(x+y+z)", {0.7, 1.1, 0.4}},
+  };
+  Compiler compiler;
+  Symbols symbols;
+  for (const Case& k : cases) CheckDerivatives(Compile(&compiler, &symbols, k.text), k.text, Point(k.point));
+}
+
+TEST(Deriv, IntermediatesAreInlinedWithChainRule) {
+  Compiler compiler;
+  Symbols symbols;
+  symbols.AddIntermediate(&compiler, "a", "x*y + exp(z)");
+  symbols.AddIntermediate(&compiler, "b", "a^2 - sin(a)*x");
+  symbols.AddIntermediate(&compiler, "k", "2*c");  // constant-valued intermediate
+  const Compiled c = Compile(&compiler, &symbols, "b/a + k*a - log(1+b^2)");
+  EXPECT_EQ(c.columns, (std::vector<int>{1, 2, 3}));  // first use order, through the inlining
+  const std::vector<double> at = Point({0.3, 0.7, -0.2});
+  CheckDerivatives(c, "intermediates", at);
+  const double x = 0.3, y = 0.7, z = -0.2;
+  const double a = x * y + std::exp(z), b = a * a - std::sin(a) * x;
+  EXPECT_NEAR(c.Residual(at), b / a + 5 * a - std::log(1 + b * b), 1e-12);
+
+  std::vector<int> cols;
+  const Program value = compiler.CompileIntermediateValue(1, &cols);
+  EXPECT_EQ(cols, (std::vector<int>{1, 2, 3}));
+  std::vector<double> work(value.work_size()), in = {x, y, z};
+  EXPECT_NEAR(value.Residual(in.data(), work.data(), nullptr), b, 1e-14);
+}
+
+TEST(Deriv, ProductOfTwoVariablesHasOneCrossPair) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "x*y - 1");
+  ASSERT_EQ(c.columns, (std::vector<int>{1, 2}));
+  ASSERT_EQ(c.program.hess_pairs().size(), 1u);
+  EXPECT_EQ(c.program.hess_pairs()[0].i, 1);
+  EXPECT_EQ(c.program.hess_pairs()[0].j, 0);
+  std::vector<double> in = {3, 4}, work(c.program.work_size()), grad(2), hess(1);
+  c.program.Hessian(in.data(), work.data(), grad.data(), hess.data(), nullptr);
+  EXPECT_EQ(grad, (std::vector<double>{4, 3}));
+  EXPECT_EQ(hess[0], 1);
+}
+
+TEST(Deriv, StructuralPairsOnlyForNonlinearTerms) {
+  struct Pattern {
+    const char* text;
+    size_t num_pairs;
+  } cases[] = {
+      {"x + 2*y - z", 0},   // linear: no pairs
+      {"x^2 + y", 1},       // (x,x)
+      {"x*y + z", 1},       // (y,x)
+      {"x*y*z", 3},         // three cross pairs, no diagonal
+      {"exp(x+y)", 3},      // dense 2x2 lower triangle
+      {"abs(x) + y", 0},    // sign has derivative 0
+      {"x - x + y", 0},     // x cancels
+  };
+  Compiler compiler;
+  Symbols symbols;
+  for (const Pattern& p : cases)
+    EXPECT_EQ(Compile(&compiler, &symbols, p.text).program.hess_pairs().size(), p.num_pairs)
+        << p.text;
+}
+
+TEST(Deriv, TimeDerivativeIsItsOwnColumn) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "$x - x*y");
+  EXPECT_EQ(c.columns, (std::vector<int>{1 + Symbols::kNumVars, 1, 2}));
+  std::vector<double> in = {5, 2, 3}, work(c.program.work_size()), grad(3);
+  EXPECT_EQ(c.program.Gradient(in.data(), work.data(), grad.data(), nullptr), -1);
+  EXPECT_EQ(grad, (std::vector<double>{1, -3, -2}));
+}
+
+TEST(Deriv, DerivativeCodeStaysCloseToResidualSize) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols,
+                             "x*exp(y) + sin(x*z)*cos(y) + log(1+x^2)*sqrt(2+sin(z)) - atan(y/z)");
+  const Program& p = c.program;
+  EXPECT_LE(p.first_size(), 2 * p.residual_size());
+  EXPECT_LE(p.second_size(), 4 * p.residual_size());
+}
+
+}  // namespace
+}  // namespace kx::lang
