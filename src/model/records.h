@@ -56,6 +56,7 @@ enum EqnType { kEqual = 1, kGreater = 2, kLess = 3 };  // res = 0, res >= 0, res
 struct Equation {
   std::string name;             // e.g. "eqn 12", or the generated row name
   std::string text;             // as written, for messages (display up to 300 characters)
+  std::string residual_text;    // residual expression compiled: the row reads "0 = " this
   int type = kEqual;            // EqnType
   bool active = true;           // part of the current problem
   bool differential = false;    // contains a time derivative
@@ -68,6 +69,7 @@ struct Equation {
   int program = -1;             // index into ModelStore::programs (shared by copies)
   std::vector<int> columns;     // model column of each program input: 1..nvar x, nvar+i dx_i/dt
   int line = 0;                 // model-file line (messages)
+  int statement = 0;            // equation statement (1-based) the row came from; 0 generated
 };
 
 struct Intermediate {
@@ -114,6 +116,9 @@ struct ModelStore {
   int nvar = 0;                             // surviving variables (numbered 1..nvar)
   int ndiff = 0;                            // differential variables
   int num_integer = 0;                      // NI: variables flagged integer
+  int num_diff_eqns = 0;                    // equations with a time derivative
+  int num_alg_eqns = 0;                     // equations without one (objective rows excluded)
+  int num_obj_eqns = 0;                     // objective rows
   bool exact_hessian = true;                // second derivatives are supplied to the solvers
 
   Variable& Var(int number) { return vars[order[number - 1]]; }

@@ -1,0 +1,322 @@
+// Reading the model file: physical lines, continuations, comments, section keywords, embedded
+// File blocks, constants and the expansion of vector indices. Statement parsing is in
+// model_file_parse.cc.
+#include "lang/model_file.h"
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "lang/vector_index.h"
+
+namespace kx::lang {
+namespace {
+
+struct SectionKeyword {
+  const char* open;
+  const char* close;
+  Section section;
+};
+
+constexpr SectionKeyword kSectionKeywords[] = {
+    {"constants", "endconstants", Section::kConstants},
+    {"parameters", "endparameters", Section::kParameters},
+    {"variables", "endvariables", Section::kVariables},
+    {"intermediates", "endintermediates", Section::kIntermediates},
+    {"equations", "endequations", Section::kEquations},
+    {"connections", "endconnections", Section::kConnections},
+    {"objects", "endobjects", Section::kObjects},
+    {"compounds", "endcompounds", Section::kCompounds},
+};
+
+constexpr const char* kFileExtensions[] = {"csv", "txt", "dat", "dbs", "info", "t0", "opt",
+                                           "json"};
+
+bool IsCommentLine(std::string_view s) {
+  if (s.empty()) return true;
+  unsigned char c = static_cast<unsigned char>(s[0]);
+  return c == '!' || c == '#' || c == '%' || c == 0xA1;
+}
+
+// Lower-case first word of a line and the trimmed rest.
+std::pair<std::string, std::string_view> FirstWord(std::string_view s) {
+  size_t end = s.find_first_of(" \t");
+  if (end == std::string_view::npos) return {ToLower(s), {}};
+  return {ToLower(s.substr(0, end)), Trim(s.substr(end))};
+}
+
+void CheckColons(const Statement& s) {
+  auto fail = [&](const std::string& what) {
+    Fatal({what, fmt::format("line number: {}", s.line), "line string: " + s.text});
+  };
+  if (s.text.front() == ':') fail("model error: colon character at start of line");
+  if (s.text.back() == ':') fail("model error: colon character at end of line");
+  int run = 0;
+  for (char c : s.text) {
+    run = (c == ':') ? run + 1 : 0;
+    if (run > kMaxConsecutiveColons) {
+      fail(fmt::format("model error: more than {} consecutive colon characters not supported",
+                       kMaxConsecutiveColons));
+    }
+  }
+}
+
+void FailLineLength(int line_number) {
+  Fatal({fmt::format("Error with line number: {}", line_number),
+         fmt::format("ZPM model error: string >{} characters", kMaxLineLength),
+         "Consider breaking up the line into multiple equations",
+         "The may also be due to only using newline character CR",
+         "  instead of CR LF (for Windows) or LF (for MacOS/Linux)",
+         "To fix this problem, save ZPM file with appropriate newline characters"});
+}
+
+}  // namespace
+
+const std::vector<std::string_view>& ObjectTypeKeywords() {
+  static const std::vector<std::string_view> kTypes = {
+      "arx",       "axb",       "cspline",      "abs",        "feed",       "feedback",
+      "feedm",     "flash",     "flash_column", "max",        "min",        "sign",
+      "sum",       "info",      "lag",          "lookup",     "lti",        "mass",
+      "massflow",  "massflows", "molarflows",   "mixer",      "periodic",   "pid",
+      "poly_reactor", "pump",   "pwl",          "qobj",       "reactor",    "recovery",
+      "splitter",  "stage_1",   "stage_2",      "stream_lag", "table",      "thermo",
+      "vessel",    "vesselm"};
+  return kTypes;
+}
+
+ModelFileReader::ModelFileReader(Compiler* compiler, ReaderOptions options)
+    : compiler_(compiler), options_(std::move(options)) {}
+
+void ModelFileReader::Read(const std::string& path) {
+  Say("Parsing model file " + path);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) Fatal({"Error: File " + path + " not available."});
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  ReadPhysicalLines(buffer.str());
+}
+
+void ModelFileReader::ReadText(std::string_view text) { ReadPhysicalLines(text); }
+
+// file -> { line '\n' }; line -> text ['&' (continued on the next line)]
+void ModelFileReader::ReadPhysicalLines(std::string_view text) {
+  std::string joined;
+  int joined_line = 0;
+  int number = 0;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view raw = text.substr(pos, end - pos);
+    pos = end + 1;
+    ++number;
+    if (!raw.empty() && raw.back() == '\r') raw.remove_suffix(1);
+    if (raw.size() > static_cast<size_t>(kMaxLineLength)) FailLineLength(number);
+    if (in_file_) {
+      if (ToLower(RemoveBlanks(raw)) == "endfile") {
+        FinishFileBlock();
+      } else {
+        file_body_.append(raw);
+        file_body_ += '\n';
+      }
+      continue;
+    }
+    std::string_view line = Trim(raw);
+    if (IsCommentLine(line)) continue;
+    size_t bang = line.find('!');
+    if (bang != std::string_view::npos) line = Trim(line.substr(0, bang));
+    if (line.empty()) continue;
+    bool continued = line.back() == '&';
+    if (continued) line.remove_suffix(1);
+    if (joined.empty()) joined_line = number;
+    if (joined.size() + line.size() > static_cast<size_t>(kMaxLineLength)) {
+      Fatal({fmt::format("ZPM model error: equation continuation > {} characters",
+                         kMaxLineLength),
+             "Consider breaking up the line into multiple equations"});
+    }
+    joined.append(line);
+    if (continued) continue;
+    std::string_view t = Trim(joined);
+    if (!t.empty()) HandleStatement({joined_line, std::string(t)});
+    joined.clear();
+  }
+  if (!Trim(joined).empty()) HandleStatement({joined_line, std::string(Trim(joined))});
+  if (in_file_) {
+    Fatal({"Need \"End File\" statement to close file write", "  for file: " + file_name_});
+  }
+}
+
+void ModelFileReader::HandleStatement(const Statement& s) {
+  CheckColons(s);
+  if (SwitchSection(s)) return;
+  auto [word, rest] = FirstWord(s.text);
+  if (word == "file" && (rest.empty() || rest.front() != '=')) {
+    StartFileBlock(s);
+    return;
+  }
+  if (section_ == Section::kNone) {
+    Fatal({"model error: statement outside of a section", fmt::format("line number: {}", s.line),
+           "line string: " + s.text});
+  }
+  statements_[static_cast<int>(section_)].push_back(s);
+}
+
+// section-keyword -> 'model' [name] | 'endmodel' | open | close   (blanks removed, lower case)
+bool ModelFileReader::SwitchSection(const Statement& s) {
+  std::string key = ToLower(RemoveBlanks(s.text));
+  auto [word, rest] = FirstWord(s.text);
+  if ((word == "model" && (rest.empty() || rest.front() != '=')) || key == "model") {
+    model_.name = std::string(rest);
+    section_ = Section::kNone;
+    return true;
+  }
+  if (key == "endmodel") {
+    section_ = Section::kNone;
+    return true;
+  }
+  for (const auto& k : kSectionKeywords) {
+    if (key == k.open) {
+      section_ = k.section;
+      return true;
+    }
+    if (key == k.close) {
+      section_ = Section::kNone;
+      return true;
+    }
+  }
+  return false;
+}
+
+// file-block -> 'File' name { line } 'End File'
+void ModelFileReader::StartFileBlock(const Statement& s) {
+  std::string name(FirstWord(s.text).second);
+  if (name.empty()) {
+    Fatal({fmt::format("Unspecified file name at line {}", s.line)});
+  }
+  if (name.size() <= 4) Fatal({"Invalid file write due to filename length <=4: " + name});
+  if (name.find_first_of("/\\") != std::string::npos || name.find("..") != std::string::npos) {
+    Fatal({"Invalid file name (files are written only in the working directory): " + name});
+  }
+  size_t dot = name.rfind('.');
+  std::string ext = dot == std::string::npos ? "" : ToLower(name.substr(dot + 1));
+  bool ok = false;
+  for (const char* e : kFileExtensions) ok = ok || ext == e;
+  if (!ok) Fatal({"Invalid file extension: " + name});
+  file_name_ = name;
+  file_body_.clear();
+  file_line_ = s.line;
+  in_file_ = true;
+}
+
+void ModelFileReader::FinishFileBlock() {
+  in_file_ = false;
+  std::string path = options_.output_dir + "/" + file_name_;
+  std::ofstream out(path, std::ios::binary);
+  if (!out) Fatal({"Error: unable to write file " + file_name_});
+  out << file_body_;
+  model_.files_written.push_back(file_name_);
+}
+
+const double* ModelFileReader::FindConstant(std::string_view name) const {
+  auto it = constant_values_.find(std::string(name));
+  return it == constant_values_.end() ? nullptr : &it->second;
+}
+
+// Evaluates a constant expression: names must be constants declared before.
+double ModelFileReader::EvaluateConstantText(std::string_view text, int line) {
+  if (auto n = ParseNumber(text)) return *n;
+  Resolver resolve = [&](std::string_view name, bool derivative) {
+    Symbol sym;
+    const double* v = derivative ? nullptr : FindConstant(name);
+    if (!v) {
+      Fatal({fmt::format("Error evaluating constant on Line {}", line), std::string(text),
+             "Unknown constant: " + std::string(name)});
+    }
+    sym.kind = Symbol::Kind::kConstant;
+    sym.value = *v;
+    return sym;
+  };
+  return compiler_->EvalOnce(text, resolve);
+}
+
+void ModelFileReader::InitializeConstants() {
+  for (const Statement& s : statements_[static_cast<int>(Section::kConstants)]) {
+    ParseConstant(s);
+  }
+}
+
+// Expands the statements of one section over their vector indices, in place.
+void ModelFileReader::ExpandSection(std::vector<Statement>* statements) {
+  std::vector<Statement> out;
+  out.reserve(statements->size());
+  for (Statement& s : *statements) {
+    if (!HasIndex(s.text)) {
+      out.push_back(std::move(s));
+      continue;
+    }
+    auto evaluate = [&](std::string_view t) { return EvaluateConstantText(t, s.line); };
+    std::vector<IndexRange> indices = FindIndices(s.text, s.line, evaluate);
+    long copies = CountCopies(indices, options_.max_range);
+    for (long k = 0; k < copies; ++k) out.push_back({s.line, WriteCopy(s.text, indices, k)});
+  }
+  *statements = std::move(out);
+}
+
+const ModelCounts& ModelFileReader::DetermineSize() {
+  for (Section sec : {Section::kParameters, Section::kVariables, Section::kIntermediates,
+                      Section::kEquations, Section::kConnections}) {
+    ExpandSection(&statements_[static_cast<int>(sec)]);
+  }
+  ModelCounts& c = model_.counts;
+  auto count = [&](Section sec) { return static_cast<long>(statements_[static_cast<int>(sec)].size()); };
+  c.constants = static_cast<long>(model_.constants.size());
+  c.parameters = count(Section::kParameters);
+  c.variables = count(Section::kVariables);
+  c.intermediates = count(Section::kIntermediates);
+  c.equations = count(Section::kEquations);
+  c.connections = count(Section::kConnections);
+  c.objects = count(Section::kObjects);
+  return c;
+}
+
+ParsedModel ModelFileReader::Parse() {
+  auto& st = statements_;
+  model_.parameters.reserve(st[static_cast<int>(Section::kParameters)].size());
+  model_.variables.reserve(st[static_cast<int>(Section::kVariables)].size());
+  model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
+  for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
+    ParseDeclaration(s, &model_.parameters);
+  }
+  for (const auto& s : st[static_cast<int>(Section::kVariables)]) {
+    ParseDeclaration(s, &model_.variables);
+  }
+  for (const auto& s : st[static_cast<int>(Section::kIntermediates)]) ParseIntermediate(s);
+  int number = 0;
+  for (const auto& s : st[static_cast<int>(Section::kEquations)]) ParseEquation(s, ++number);
+  for (const auto& s : st[static_cast<int>(Section::kConnections)]) ParseConnection(s);
+  for (const auto& s : st[static_cast<int>(Section::kObjects)]) ParseObject(s);
+  for (const auto& s : st[static_cast<int>(Section::kCompounds)]) {
+    for (const std::string& c : Split(s.text, ',')) {
+      std::string name = ToLower(Trim(c));
+      if (!name.empty()) model_.compounds.push_back(name);
+    }
+  }
+  model_.counts.residuals = static_cast<long>(model_.equations.size());
+  model_.counts.variables = 0;
+  for (const VariableDecl& d : model_.variables) model_.counts.variables += d.derivative ? 0 : 1;
+  for (auto& v : statements_) std::vector<Statement>().swap(v);
+  return std::move(model_);
+}
+
+ParsedModel ReadModelText(std::string_view text, Compiler* compiler,
+                          const ReaderOptions& options) {
+  ModelFileReader reader(compiler, options);
+  reader.ReadText(text);
+  reader.InitializeConstants();
+  reader.DetermineSize();
+  return reader.Parse();
+}
+
+}  // namespace kx::lang

@@ -1,0 +1,170 @@
+// lang/model_file: the model-file front end. Turns the text of a model file into a plain
+// parsed description: sections, declarations with values and bounds, equation texts expanded
+// over vector indices, intermediates, connections as name pairs, objects and compounds.
+// Constants are evaluated here (through Compiler::EvalOnce); embedded File blocks are written
+// out. Knows nothing of the model store: the model builder turns the description into records.
+//
+// Call protocol (one reader per model file, phases in this order, each timed by the caller):
+//   Read(path) or ReadText(text)   lines joined, sections split, File blocks written
+//   InitializeConstants()          Constants section evaluated in order
+//   DetermineSize()                vector indices expanded, statements counted
+//   Parse()                        declarations, equations, connections, objects parsed
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "lang/compiler.h"
+
+namespace kx::lang {
+
+inline constexpr int kMaxLineLength = 15000;     // logical and physical line limit
+inline constexpr int kMaxNameLength = 100;       // variable, connection and object names
+inline constexpr int kMaxConsecutiveColons = 10;
+
+enum class Section {
+  kNone, kConstants, kParameters, kVariables, kIntermediates, kEquations, kConnections,
+  kObjects, kCompounds
+};
+
+// One logical line of the model file after joining continuations and removing comments.
+struct Statement {
+  int line = 0;      // physical line number where the statement starts (1-based)
+  std::string text;  // trimmed text
+};
+
+struct ConstantDecl {
+  std::string name;  // lower case
+  double value = 0;
+  int line = 0;
+};
+
+// A parameter or variable declaration `name = value, >= lo, <= hi`. `$x = v` in the
+// Variables section sets the initial time derivative of x instead.
+struct VariableDecl {
+  std::string name;          // lower case, index included (`x[3]`)
+  bool derivative = false;   // declared as `$name`: value is the initial dx/dt
+  bool has_value = false;    // a value was written
+  double value = 0;
+  double lower = -1.0e20;    // -1e20: no lower bound
+  double upper = 1.0e20;     // +1e20: no upper bound
+  int line = 0;
+};
+
+struct IntermediateDecl {
+  std::string name;  // lower case
+  std::string text;  // defining expression as written
+  int line = 0;
+};
+
+// One equation record: residual form with bounds lower <= residual <= upper.
+struct EquationDecl {
+  std::string text;      // the statement as written (after index expansion)
+  std::string residual;  // residual expression: `(lhs)-(rhs)`, objective expression
+  int type = 1;          // 1: res = 0, 2: res >= 0, 3: res <= 0
+  bool objective = false;
+  double lower = 0;
+  double upper = 0;
+  int line = 0;
+  int statement = 0;     // 1-based number of the expanded equation statement it came from
+};
+
+struct ConnectionDecl {
+  int number = 0;  // running number from 1, file order
+  std::string a;   // side A, lower case
+  std::string b;   // side B, lower case
+  int line = 0;
+};
+
+struct ObjectDeclText {
+  std::string name;       // lower case
+  std::string type;       // object type keyword, lower case
+  std::string arguments;  // text inside the parentheses, empty if none
+  int line = 0;
+};
+
+// Counts of the model-size report.
+struct ModelCounts {
+  long objects = 0, constants = 0, parameters = 0, variables = 0, intermediates = 0;
+  long connections = 0, equations = 0, residuals = 0;
+};
+
+struct ParsedModel {
+  std::string name;  // from the Model line, may be empty
+  std::vector<ConstantDecl> constants;
+  std::vector<VariableDecl> parameters;
+  std::vector<VariableDecl> variables;  // derivative declarations included, in order
+  std::vector<IntermediateDecl> intermediates;
+  std::vector<EquationDecl> equations;
+  std::vector<ConnectionDecl> connections;
+  std::vector<ObjectDeclText> objects;
+  std::vector<std::string> compounds;
+  std::vector<std::string> files_written;  // embedded File blocks, names as written
+  ModelCounts counts;
+};
+
+struct ReaderOptions {
+  int diaglevel = 0;
+  std::string output_dir = ".";  // where embedded File blocks are written
+  long max_range = 10000000;     // longest vector index range accepted
+};
+
+// Object type keywords of the Objects section, in the order they are tested.
+const std::vector<std::string_view>& ObjectTypeKeywords();
+
+class ModelFileReader {
+ public:
+  ModelFileReader(Compiler* compiler, ReaderOptions options);
+
+  // Phase "Read model file": prints "Parsing model file " and the name, reads the lines.
+  void Read(const std::string& path);
+  void ReadText(std::string_view text);
+  // Phase "Initialize constants".
+  void InitializeConstants();
+  // Phase "Determine model size": expands vector indices; returns the counts.
+  const ModelCounts& DetermineSize();
+  // Phase "Parse and store model": parses every statement; the reader is spent afterwards.
+  ParsedModel Parse();
+
+  // Value of a constant declared so far, or nullptr.
+  const double* FindConstant(std::string_view name) const;
+
+ private:
+  void ReadPhysicalLines(std::string_view text);
+  void HandleStatement(const Statement& s);
+  bool SwitchSection(const Statement& s);
+  void StartFileBlock(const Statement& s);
+  void FinishFileBlock();
+  void ExpandSection(std::vector<Statement>* statements);
+  double EvaluateConstantText(std::string_view text, int line);
+  void CheckNewName(const std::string& name, const char* kind, bool derivative);
+  void ParseConstant(const Statement& s);
+  void ParseDeclaration(const Statement& s, std::vector<VariableDecl>* out);
+  void ParseBound(std::string_view part, const Statement& s, VariableDecl* d);
+  void ParseIntermediate(const Statement& s);
+  void ParseEquation(const Statement& s, int number);
+  void ParseConnection(const Statement& s);
+  void ParseObject(const Statement& s);
+
+  Compiler* compiler_;
+  ReaderOptions options_;
+  Section section_ = Section::kNone;
+  std::vector<Statement> statements_[9];  // by Section
+  // Open File block: name (empty when none), its lines, and the line that opened it.
+  std::string file_name_;
+  std::string file_body_;
+  int file_line_ = 0;
+  bool in_file_ = false;
+  std::unordered_map<std::string, double> constant_values_;
+  // Every declared name with its kind ("variable:", "intermediate:", ...), for duplicates.
+  std::unordered_map<std::string, const char*> declared_;
+  ParsedModel model_;
+};
+
+// Runs all four phases without timing lines (tests and tools).
+ParsedModel ReadModelText(std::string_view text, Compiler* compiler,
+                          const ReaderOptions& options = {});
+
+}  // namespace kx::lang

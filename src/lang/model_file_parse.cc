@@ -1,0 +1,298 @@
+// Parsing the statements of each section: constants, parameter and variable declarations,
+// intermediates, equations, connections and objects.
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "lang/model_file.h"
+
+namespace kx::lang {
+namespace {
+
+constexpr double kNoBound = 1.0e20;
+
+// A relational operator found at parenthesis depth 0.
+struct Relation {
+  size_t pos = 0;   // first character
+  size_t len = 0;   // 1 or 2 characters
+  char kind = '=';  // '=', '<' or '>'
+};
+
+// Splits at `sep` outside parentheses and brackets.
+std::vector<std::string_view> SplitTopLevel(std::string_view s, char sep) {
+  std::vector<std::string_view> out;
+  int depth = 0;
+  size_t start = 0;
+  for (size_t i = 0; i < s.size(); ++i) {
+    char c = s[i];
+    if (c == '(' || c == '[') ++depth;
+    if ((c == ')' || c == ']') && depth > 0) --depth;
+    if (c == sep && depth == 0) {
+      out.push_back(Trim(s.substr(start, i - start)));
+      start = i + 1;
+    }
+  }
+  out.push_back(Trim(s.substr(start)));
+  return out;
+}
+
+// relation -> '=' | '<' | '<=' | '>' | '>=' | '=<' | '=>'
+std::vector<Relation> FindRelations(std::string_view s) {
+  std::vector<Relation> out;
+  int depth = 0;
+  for (size_t i = 0; i < s.size(); ++i) {
+    char c = s[i];
+    if (c == '(' || c == '[') ++depth;
+    if ((c == ')' || c == ']') && depth > 0) --depth;
+    if (depth != 0 || (c != '=' && c != '<' && c != '>')) continue;
+    Relation r{i, 1, c};
+    char next = i + 1 < s.size() ? s[i + 1] : '\0';
+    if (c != '=' && next == '=') r.len = 2;
+    if (c == '=' && (next == '<' || next == '>')) r = {i, 2, next};
+    out.push_back(r);
+    i += r.len - 1;
+  }
+  return out;
+}
+
+// name -> letter { letter | digit | '_' | '.' } [ '[' integer ']' ]
+bool IsValidName(std::string_view name) {
+  if (name.empty() || name.size() > static_cast<size_t>(kMaxNameLength)) return false;
+  if (!std::isalpha(static_cast<unsigned char>(name[0]))) return false;
+  for (size_t i = 1; i < name.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(name[i]);
+    if (c == '[') {
+      std::string_view index = name.substr(i + 1, name.size() - i - 2);
+      if (name.back() != ']' || index.empty()) return false;
+      for (size_t j = 0; j < index.size(); ++j) {
+        bool sign = j == 0 && index[j] == '-' && index.size() > 1;
+        if (!sign && !std::isdigit(static_cast<unsigned char>(index[j]))) return false;
+      }
+      return true;
+    }
+    if (!std::isalnum(c) && c != '_' && c != '.') return false;
+  }
+  return true;
+}
+
+[[noreturn]] void FailStatement(const std::string& what, const Statement& s) {
+  Fatal({what, fmt::format("line number: {}", s.line), "line string: " + s.text});
+}
+
+std::string CheckedName(std::string_view text, const Statement& s) {
+  std::string name = ToLower(Trim(text));
+  if (!IsValidName(name)) FailStatement("model error: invalid name: " + name, s);
+  return name;
+}
+
+void SetBound(char kind, double v, VariableDecl* d) {
+  if (kind == '>') {
+    d->lower = v;
+  } else {
+    d->upper = v;
+  }
+}
+
+}  // namespace
+
+void ModelFileReader::CheckNewName(const std::string& name, const char* kind, bool derivative) {
+  std::string key = derivative ? "$" + name : name;
+  auto [it, inserted] = declared_.emplace(key, kind);
+  if (!inserted) {
+    Fatal({"error: duplicate variable declarations", std::string(kind) + " " + name});
+  }
+}
+
+// constant -> name '=' expression
+void ModelFileReader::ParseConstant(const Statement& s) {
+  if (s.text.find_first_of("<>") != std::string::npos || SplitTopLevel(s.text, ',').size() > 1) {
+    Fatal({"Error: inequality constraints not allowed for a constant declaration",
+           fmt::format("line number: {}", s.line), "line string: " + s.text});
+  }
+  size_t eq = s.text.find('=');
+  std::string_view lhs = std::string_view(s.text).substr(0, eq);
+  if (lhs.find('[') != std::string_view::npos) {
+    Fatal({"Error: vectors not allowed for a constant declaration",
+           fmt::format("line number: {}", s.line), "line string: " + s.text});
+  }
+  if (eq == std::string::npos || Trim(s.text.substr(eq + 1)).empty()) {
+    Fatal({fmt::format("Error evaluating constant on Line {}", s.line), s.text});
+  }
+  std::string name = CheckedName(lhs, s);
+  CheckNewName(name, "constant:", false);
+  if (options_.diaglevel >= 3) Say("Evaluate Constant: " + name);
+  double v = EvaluateConstantText(Trim(s.text.substr(eq + 1)), s.line);
+  constant_values_[name] = v;
+  model_.constants.push_back({name, v, s.line});
+}
+
+// declaration -> ['$'] name ['=' value] { ',' bound };  bound -> ('>' | '>=' | '<' | '<=') value
+void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableDecl>* out) {
+  std::vector<std::string_view> parts = SplitTopLevel(s.text, ',');
+  std::string_view head = parts[0];
+  std::vector<Relation> rel = FindRelations(head);
+  VariableDecl d;
+  d.line = s.line;
+  std::string_view name = rel.empty() ? head : head.substr(0, rel[0].pos);
+  if (!name.empty() && name.front() == '$') {
+    d.derivative = true;
+    name.remove_prefix(1);
+  }
+  d.name = CheckedName(name, s);
+  size_t k = 0;
+  if (!rel.empty() && rel[0].kind == '=') {
+    size_t end = rel.size() > 1 ? rel[1].pos : head.size();
+    std::string_view value = Trim(head.substr(rel[0].pos + 1, end - rel[0].pos - 1));
+    if (value.empty()) FailStatement("model error: missing value in declaration", s);
+    d.value = EvaluateConstantText(value, s.line);
+    d.has_value = true;
+    k = 1;
+  }
+  for (; k < rel.size(); ++k) {
+    size_t end = k + 1 < rel.size() ? rel[k + 1].pos : head.size();
+    ParseBound(head.substr(rel[k].pos, end - rel[k].pos), s, &d);
+  }
+  for (size_t i = 1; i < parts.size(); ++i) ParseBound(parts[i], s, &d);
+  if (!d.has_value && d.lower <= d.upper) d.value = std::clamp(0.0, d.lower, d.upper);
+  CheckNewName(d.name, d.derivative ? "variable differential:" : "variable:", d.derivative);
+  out->push_back(std::move(d));
+}
+
+void ModelFileReader::ParseBound(std::string_view part, const Statement& s, VariableDecl* d) {
+  std::vector<Relation> rel = FindRelations(part);
+  if (rel.size() != 1 || rel[0].pos != 0 || rel[0].kind == '=') {
+    FailStatement("model error: bound must be written as > value or < value", s);
+  }
+  std::string_view value = Trim(part.substr(rel[0].len));
+  if (value.empty()) FailStatement("model error: bound must be written as > value or < value", s);
+  SetBound(rel[0].kind, EvaluateConstantText(value, s.line), d);
+}
+
+// intermediate -> name '=' expression
+void ModelFileReader::ParseIntermediate(const Statement& s) {
+  std::vector<Relation> rel = FindRelations(s.text);
+  if (rel.empty() || rel[0].kind != '=' || rel[0].len != 1) {
+    Fatal({"Error: Intermediate variable with no equality (=) expression",
+           fmt::format("line number: {}", s.line), "line string: " + s.text});
+  }
+  IntermediateDecl d;
+  d.name = CheckedName(s.text.substr(0, rel[0].pos), s);
+  d.text = std::string(Trim(s.text.substr(rel[0].pos + 1)));
+  if (d.text.empty()) compiler_->CheckSyntax(d.text);
+  d.line = s.line;
+  CheckNewName(d.name, "intermediate:", false);
+  model_.intermediates.push_back(std::move(d));
+}
+
+// equation -> expr relation expr | expr rel expr rel expr | ('minimize' | 'maximize') expr
+void ModelFileReader::ParseEquation(const Statement& s, int number) {
+  EquationDecl e;
+  e.text = s.text;
+  e.line = s.line;
+  e.statement = number;
+  auto side = [&](size_t from, size_t to) {
+    std::string t(Trim(std::string_view(s.text).substr(from, to - from)));
+    if (t.empty()) compiler_->CheckSyntax(t);  // stops with "Blank Equation"
+    return t;
+  };
+  std::string word = ToLower(s.text.substr(0, s.text.find_first_of(" \t(")));
+  if (word == "minimize" || word == "maximize") {
+    std::string body = side(word.size(), s.text.size());
+    if (!FindRelations(body).empty()) {
+      FailStatement("model error: an objective row has no equality or inequality", s);
+    }
+    e.objective = true;
+    e.residual = word == "minimize" ? body : "-(" + body + ")";
+    e.lower = -kNoBound;
+    e.upper = kNoBound;
+    model_.equations.push_back(std::move(e));
+    return;
+  }
+  std::vector<Relation> rel = FindRelations(s.text);
+  if (rel.empty()) {
+    Fatal({"Equation without an equality (=) or inequality (>,<)",
+           fmt::format("line number: {}", s.line), "line string: " + s.text});
+  }
+  if (rel.size() > 2) FailStatement("model error: more than two relations in one equation", s);
+  std::string lhs = side(0, rel[0].pos);
+  std::string rhs = side(rel[0].pos + rel[0].len, rel.size() > 1 ? rel[1].pos : s.text.size());
+  if (rel.size() == 1) {
+    e.residual = rhs == "0" ? lhs : "(" + lhs + ")-(" + rhs + ")";
+    e.type = rel[0].kind == '=' ? 1 : rel[0].kind == '>' ? 2 : 3;
+    e.lower = e.type == 3 ? -kNoBound : 0;
+    e.upper = e.type == 2 ? kNoBound : 0;
+    model_.equations.push_back(std::move(e));
+    return;
+  }
+  if (rel[0].kind == '=' || rel[1].kind == '=') {
+    FailStatement("model error: an equality (=) cannot be combined with an inequality", s);
+  }
+  if (rel[0].kind != rel[1].kind) {
+    Fatal({rel[0].kind == '>' ? "invalid inequalities: z > x < y"
+                              : "invalid inequalities: z < x > y",
+           fmt::format("line number: {}", s.line), "line string: " + s.text},
+          "STOPPING . . .");
+  }
+  // lo < mid < hi or hi > mid > lo: two records, mid - lo >= 0 and mid - hi <= 0.
+  std::string third = side(rel[1].pos + rel[1].len, s.text.size());
+  const std::string& lo = rel[0].kind == '<' ? lhs : third;
+  const std::string& hi = rel[0].kind == '<' ? third : lhs;
+  EquationDecl upper_row = e;
+  e.residual = "(" + rhs + ")-(" + lo + ")";
+  e.type = 2;
+  e.lower = 0;
+  e.upper = kNoBound;
+  upper_row.residual = "(" + rhs + ")-(" + hi + ")";
+  upper_row.type = 3;
+  upper_row.lower = -kNoBound;
+  upper_row.upper = 0;
+  model_.equations.push_back(std::move(e));
+  model_.equations.push_back(std::move(upper_row));
+}
+
+// connection -> name '=' (name | number | 'fixed' | 'calculated')
+void ModelFileReader::ParseConnection(const Statement& s) {
+  std::vector<Relation> rel = FindRelations(s.text);
+  if (rel.size() != 1 || rel[0].kind != '=' || rel[0].len != 1) {
+    FailStatement("model error: a connection is written a = b", s);
+  }
+  ConnectionDecl c;
+  c.a = ToLower(Trim(s.text.substr(0, rel[0].pos)));
+  c.b = ToLower(Trim(s.text.substr(rel[0].pos + 1)));
+  if (c.a.empty() || c.b.empty() || c.a.size() > static_cast<size_t>(kMaxNameLength) ||
+      c.b.size() > static_cast<size_t>(kMaxNameLength)) {
+    FailStatement("model error: a connection side is empty or longer than 100 characters", s);
+  }
+  c.number = static_cast<int>(model_.connections.size()) + 1;
+  c.line = s.line;
+  model_.connections.push_back(std::move(c));
+}
+
+// object -> name '=' type [ '(' arguments ')' ]
+void ModelFileReader::ParseObject(const Statement& s) {
+  size_t eq = s.text.find('=');
+  if (eq == std::string::npos) Fatal({"Problem with object input:", s.text, ")"});
+  ObjectDeclText o;
+  o.name = CheckedName(s.text.substr(0, eq), s);
+  std::string_view rest = Trim(std::string_view(s.text).substr(eq + 1));
+  size_t open = rest.find('(');
+  std::string_view type = Trim(rest.substr(0, open));
+  if (open != std::string_view::npos) {
+    if (rest.back() != ')') Fatal({"Problem with object input:", s.text, ")"});
+    o.arguments = std::string(Trim(rest.substr(open + 1, rest.size() - open - 2)));
+  }
+  o.type = ToLower(type);
+  bool known = false;
+  for (std::string_view k : ObjectTypeKeywords()) known = known || k == o.type;
+  if (!known) {
+    Fatal({"Model object type error", "Original Object: " + std::string(type),
+           "Lookup Object: " + o.type},
+          "STOPPING. . .");
+  }
+  o.line = s.line;
+  model_.objects.push_back(std::move(o));
+}
+
+}  // namespace kx::lang

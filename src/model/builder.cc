@@ -1,0 +1,382 @@
+// The model builder: runs the front-end phases and turns the parsed description into the
+// records of the model store, then compiles every intermediate and equation once.
+#include "model/builder.h"
+
+#include <chrono>
+#include <filesystem>
+#include <unordered_map>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "base/timers.h"
+#include "lang/compiler.h"
+#include "model/checks.h"
+#include "model/connections.h"
+
+namespace kx::model {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using lang::Symbol;
+
+constexpr int kUnderscoreLine = 48;
+constexpr int kDashLine = 54;
+
+class Builder {
+ public:
+  explicit Builder(const BuildOptions& options)
+      : options_(options), compiler_(lang::CompileLimits{options.max_memory}) {
+    resolve_ = [this](std::string_view name, bool derivative) {
+      return Resolve(name, derivative);
+    };
+  }
+
+  ModelStore Run(const std::function<void(lang::ModelFileReader*)>& read);
+
+ private:
+  template <typename F>
+  void Phase(const char* label, F&& body);
+  void CreateRecords();
+  void AddVariable(const lang::VariableDecl& d, char vtype);
+  void SetInitialDerivatives();
+  void CheckObjects() const;
+  void NumberVariables();
+  void CheckRecords() const;
+  void CompileIntermediates();
+  void CompileEquations();
+  void CompileEquation(int e);
+  void CheckColumns(int e) const;
+  [[noreturn]] void FailOrder(int e) const;
+  void CheckUninitialized() const;
+  void CompileIntermediateValues();
+  void FinishCounts();
+  Symbol Resolve(std::string_view name, bool derivative);
+  Symbol ResolveIntermediate(const std::string& name, int j);
+
+  BuildOptions options_;
+  lang::Compiler compiler_;
+  lang::Resolver resolve_;
+  lang::ParsedModel parsed_;
+  ModelStore store_;
+  NameIndex names_;                                    // variable and parameter names
+  std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
+  std::unordered_map<std::string, double> constants_;
+  std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
+  std::vector<char> tainted_;          // per intermediate: reads an out-of-order value
+  int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
+  bool refs_tainted_ = false;          // the equation being compiled reads a tainted one
+  std::vector<std::string> refs_;      // intermediates read by the equation being compiled
+};
+
+template <typename F>
+void Builder::Phase(const char* label, F&& body) {
+  Clock::time_point start = Clock::now();
+  body();
+  Sayf("{:<46}{:12.6f}", label, SecondsSince(start));
+}
+
+ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read) {
+  Clock::time_point start = Clock::now();
+  lang::ModelFileReader reader(&compiler_,
+                               {options_.diaglevel, options_.work_dir, options_.max_range});
+  lang::ModelCounts counts;
+  Phase("Read model file (sec):", [&] { read(&reader); });
+  Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
+  Phase("Determine model size (sec):", [&] { counts = reader.DetermineSize(); });
+  Phase("Allocate memory (sec):", [&] {
+    store_.vars.reserve(counts.parameters + counts.variables);
+    store_.eqns.reserve(counts.equations);
+    store_.intermediates.reserve(counts.intermediates);
+    names_.reserve(counts.parameters + counts.variables);
+  });
+  Phase("Parse and store model (sec):", [&] {
+    parsed_ = reader.Parse();
+    CreateRecords();
+    CheckObjects();
+    ApplyConnections(parsed_.connections, names_, {options_.diaglevel, options_.work_dir},
+                     &store_);
+    NumberVariables();
+  });
+  Phase("Error checking (sec):", [&] { CheckRecords(); });
+  Phase("Compile equations (sec):", [&] {
+    CompileIntermediates();
+    CompileEquations();
+    FinishCounts();
+  });
+  Phase("Check for uninitialized intermediates (sec):", [&] {
+    CheckUninitialized();
+    CompileIntermediateValues();
+    EvaluateInitialState(&store_);
+  });
+  Say(std::string(kDashLine, '-'));
+  Sayf("{:<46}{:12.6f}", "Total Parse Time (sec):", SecondsSince(start));
+  counts = parsed_.counts;
+  counts.residuals = static_cast<long>(store_.eqns.size()) - store_.num_obj_eqns;
+  PrintSizeReport(store_, counts);
+  if (options_.diaglevel >= 2) WriteInitialFiles(store_, options_.work_dir);
+  return std::move(store_);
+}
+
+void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
+  Variable v;
+  v.name = d.name;
+  v.vtype = vtype;
+  v.fixed = vtype == kVarParameter;
+  v.preferred = true;
+  v.obj_def = StartsWith(d.name, "obj");
+  v.integer = StartsWith(d.name, "int");
+  v.slack = StartsWith(d.name, "slk");
+  v.val = d.value;
+  v.lower = d.lower;
+  v.upper = d.upper;
+  v.line = d.line;
+  RepairBounds(&v);
+  names_.emplace(v.name, static_cast<int>(store_.vars.size()));
+  store_.vars.push_back(std::move(v));
+}
+
+void Builder::CreateRecords() {
+  store_.name = parsed_.name;
+  for (const auto& c : parsed_.constants) {
+    constants_[c.name] = c.value;
+    store_.constants.push_back({c.name, c.value});
+  }
+  for (const auto& d : parsed_.parameters) AddVariable(d, kVarParameter);
+  for (const auto& d : parsed_.variables) {
+    if (!d.derivative) AddVariable(d, kVarDeclared);
+  }
+  SetInitialDerivatives();
+  for (const auto& d : parsed_.intermediates) {
+    intermediates_.emplace(d.name, static_cast<int>(store_.intermediates.size()));
+    store_.intermediates.push_back({d.name, d.text, -1, -1, {}, 0, d.line});
+  }
+  for (const auto& e : parsed_.equations) {
+    Equation q;
+    q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
+    q.text = e.text;
+    q.residual_text = e.residual;
+    q.type = e.type;
+    q.obj_eqn = e.objective;
+    q.lower = e.lower;
+    q.upper = e.upper;
+    q.line = e.line;
+    q.statement = e.statement;
+    store_.eqns.push_back(std::move(q));
+  }
+  for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
+  store_.compounds = parsed_.compounds;
+}
+
+// `$x = v` in the Variables section: the initial time derivative of a declared x.
+void Builder::SetInitialDerivatives() {
+  for (const auto& d : parsed_.variables) {
+    if (!d.derivative) continue;
+    auto it = names_.find(d.name);
+    if (it == names_.end()) {
+      Fatal({"model error: time derivative declared for an undeclared variable: $" + d.name,
+             fmt::format("line number: {}", d.line)});
+    }
+    store_.vars[it->second].d_val = d.value;
+  }
+}
+
+void Builder::CheckObjects() const {
+  for (const auto& o : store_.objects) {
+    Fatal({fmt::format("Object {} of type {} is not available yet", o.name, o.type),
+           "The object library comes in a later version; declare its equations directly"});
+  }
+}
+
+void Builder::NumberVariables() {
+  store_.order.clear();
+  for (size_t i = 0; i < store_.vars.size(); ++i) {
+    Variable& v = store_.vars[i];
+    v.number = v.forward >= 0 ? 0 : static_cast<int>(store_.order.size()) + 1;
+    if (v.forward < 0) store_.order.push_back(static_cast<int>(i));
+  }
+  store_.nvar = static_cast<int>(store_.order.size());
+}
+
+void Builder::CheckRecords() const {
+  if (store_.nvar < 1 || store_.eqns.empty()) {
+    Fatal({"Model must contain at least 1 variable and 1 equation"});
+  }
+  for (const Equation& e : store_.eqns) {
+    if (e.type < kEqual || e.type > kLess) {
+      Fatal({fmt::format("  Equation type must be 1-3: {}", e.type), e.text});
+    }
+  }
+}
+
+Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
+  std::string name(name_view);
+  Symbol sym;
+  if (auto c = constants_.find(name); c != constants_.end() && !derivative) {
+    sym.kind = Symbol::Kind::kConstant;
+    sym.value = c->second;
+    return sym;
+  }
+  if (auto v = names_.find(name); v != names_.end()) {
+    Variable& rec = store_.vars[ResolveForward(store_, v->second)];
+    sym.kind = Symbol::Kind::kColumn;
+    sym.column = derivative ? store_.nvar + rec.number : rec.number;
+    if (derivative) rec.diff = true;
+    return sym;
+  }
+  if (auto j = intermediates_.find(name); j != intermediates_.end() && !derivative) {
+    return ResolveIntermediate(name, j->second);
+  }
+  return sym;
+}
+
+// An intermediate read before it is defined (listed later, or itself) gives no value: it is
+// read as 0 and the reader is marked, so that equations using it stop with the order message.
+Symbol Builder::ResolveIntermediate(const std::string& name, int j) {
+  Symbol sym;
+  int cur = current_intermediate_;
+  if (cur >= 0 && j >= cur) {
+    if (late_ref_[cur].empty()) late_ref_[cur] = name;
+    tainted_[cur] = 1;
+    sym.kind = Symbol::Kind::kConstant;
+    return sym;
+  }
+  if (cur >= 0 && tainted_[j]) tainted_[cur] = 1;
+  if (cur < 0) {
+    refs_.push_back(name);
+    refs_tainted_ = refs_tainted_ || tainted_[j];
+  }
+  sym.kind = Symbol::Kind::kIntermediate;
+  sym.intermediate = store_.intermediates[j].handle;
+  return sym;
+}
+
+void Builder::CompileIntermediates() {
+  int n = static_cast<int>(store_.intermediates.size());
+  late_ref_.assign(n, {});
+  tainted_.assign(n, 0);
+  for (int i = 0; i < n; ++i) {
+    current_intermediate_ = i;
+    Intermediate& m = store_.intermediates[i];
+    m.handle = compiler_.DefineIntermediate(m.text, resolve_);
+  }
+  current_intermediate_ = -1;
+}
+
+void Builder::CompileEquations() {
+  store_.programs.reserve(store_.eqns.size() + store_.intermediates.size());
+  for (int e = 0; e < static_cast<int>(store_.eqns.size()); ++e) CompileEquation(e);
+}
+
+void Builder::CompileEquation(int e) {
+  Equation& q = store_.eqns[e];
+  if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
+  refs_.clear();
+  refs_tainted_ = false;
+  std::vector<int> columns;
+  lang::Program p = compiler_.CompileEquation(e + 1, q.residual_text, resolve_, &columns);
+  q.columns = std::move(columns);
+  if (refs_tainted_) FailOrder(e);
+  CheckColumns(e);
+  q.program = static_cast<int>(store_.programs.size());
+  store_.programs.push_back(std::move(p));
+  for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+}
+
+void Builder::CheckColumns(int e) const {
+  const Equation& q = store_.eqns[e];
+  for (int c : q.columns) {
+    if (c < 1 || c > 2 * store_.nvar) {
+      Fatal({fmt::format("Error: index problem with ideriv(k): {}", c),
+             fmt::format("  Should be <= {}", 2 * store_.nvar)});
+    }
+  }
+  if (!q.columns.empty()) return;
+  if (!q.obj_eqn) {
+    Fatal({fmt::format("ERROR: equation {} has no variables", e + 1), q.name, q.text},
+          "stopping...");
+  }
+  Say(std::string(kUnderscoreLine, '_'));
+  Sayf("WARNING: objective equation {} has no variables", e + 1);
+  Say(q.name);
+  Say(q.text);
+  Say(std::string(kUnderscoreLine, '_'));
+}
+
+void Builder::FailOrder(int e) const {
+  const Equation& q = store_.eqns[e];
+  std::vector<std::string> lines = {
+      "Intermediate variable is out of order",
+      "  causing a non-zero sparsity element to be zero.",
+      "Intermediate variables that are a function of other",
+      "  intermediate variables must be listed after their dependencies.",
+      fmt::format("Equation {}", e + 1),
+      "=> " + q.text.substr(0, lang::kMaxLineLength),
+      fmt::format("Number of variable derivatives detected: {}", q.columns.size() + refs_.size())};
+  for (int c : q.columns) {
+    const Variable& v = store_.Var(c > store_.nvar ? c - store_.nvar : c);
+    lines.push_back(fmt::format("  {:<40} Regular Variable", (c > store_.nvar ? "$" : "") + v.name));
+  }
+  for (const std::string& r : refs_) lines.push_back(fmt::format("  {:<40} Intermediate Variable", r));
+  Fatal(lines);
+}
+
+void Builder::CheckUninitialized() const {
+  for (size_t i = 0; i < late_ref_.size(); ++i) {
+    if (late_ref_[i].empty()) continue;
+    const Intermediate& m = store_.intermediates[i];
+    Fatal({fmt::format("Line {} value uninitialized in expression: {} = {}", m.line, m.name,
+                       m.text),
+           "Intermediate " + late_ref_[i] + " is listed after " + m.name});
+  }
+}
+
+void Builder::CompileIntermediateValues() {
+  for (Intermediate& m : store_.intermediates) {
+    m.program = static_cast<int>(store_.programs.size());
+    store_.programs.push_back(compiler_.CompileIntermediateValue(m.handle, &m.columns));
+  }
+}
+
+void Builder::FinishCounts() {
+  store_.ndiff = 0;
+  store_.num_integer = 0;
+  for (int n = 1; n <= store_.nvar; ++n) {
+    Variable& v = store_.Var(n);
+    v.idiff = v.diff ? ++store_.ndiff : 0;
+    if (v.integer) ++store_.num_integer;
+  }
+  store_.num_diff_eqns = store_.num_alg_eqns = store_.num_obj_eqns = 0;
+  for (const Equation& q : store_.eqns) {
+    if (q.obj_eqn) {
+      ++store_.num_obj_eqns;
+    } else if (q.differential) {
+      ++store_.num_diff_eqns;
+    } else {
+      ++store_.num_alg_eqns;
+    }
+  }
+}
+
+std::string WorkDirOf(const std::string& model_file, const BuildOptions& options) {
+  if (!options.work_dir.empty()) return options.work_dir;
+  std::string dir = std::filesystem::path(model_file).parent_path().string();
+  return dir.empty() ? "." : dir;
+}
+
+}  // namespace
+
+ModelStore BuildModel(const std::string& model_file, const BuildOptions& options) {
+  BuildOptions o = options;
+  o.work_dir = WorkDirOf(model_file, options);
+  Builder b(o);
+  return b.Run([&](lang::ModelFileReader* r) { r->Read(model_file); });
+}
+
+ModelStore BuildModelFromText(std::string_view text, const BuildOptions& options) {
+  BuildOptions o = options;
+  if (o.work_dir.empty()) o.work_dir = ".";
+  Builder b(o);
+  return b.Run([&](lang::ModelFileReader* r) { r->ReadText(text); });
+}
+
+}  // namespace kx::model

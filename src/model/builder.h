@@ -1,0 +1,47 @@
+// model/builder: fills the model store from a model file. Runs the front-end phases with
+// their timing lines: read (lang::ModelFileReader), constants, size, allocation, records and
+// connections, error checks, compilation of intermediates and equations through
+// lang::Compiler, and the evaluation of intermediates and initial residuals; then prints the
+// model size report and, at DIAGLEVEL >= 2, writes "model_init_values.txt" and
+// "model_init_res.txt".
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lang/model_file.h"
+#include "model/records.h"
+
+namespace kx::model {
+
+struct BuildOptions {
+  int diaglevel = 0;     // ZPM.DIAGLEVEL
+  int max_memory = 4;    // ZPM.MAX_MEMORY: storage limits 10^max_memory per equation
+  int stream_level = 0;  // ZPM.STREAM_LEVEL (objects; unused until the object library)
+  int scaling = 0;       // ZPM.SCALING
+  std::string work_dir;  // working directory for written files; empty: the model file's folder
+  long max_range = 10000000;  // longest vector index range accepted
+};
+
+// Parses, checks and compiles the model file; stops the run with a message on the first error.
+ModelStore BuildModel(const std::string& model_file, const BuildOptions& options);
+
+// The same from model text held in memory (tests, tools). Files go to options.work_dir.
+ModelStore BuildModelFromText(std::string_view text, const BuildOptions& options);
+
+// Gathers the values of a program's input columns: 1..nvar values, nvar+i the dx/dt of
+// variable i.
+void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
+                  std::vector<double>* in);
+
+// Recomputes every intermediate value (declaration order) and every equation residual from
+// the current variable values.
+void EvaluateInitialState(ModelStore* store);
+
+// Prints the model size report ("--------- ZPM Model Size ------------").
+void PrintSizeReport(const ModelStore& store, const lang::ModelCounts& counts);
+
+// Writes "model_init_values.txt" and "model_init_res.txt" into `dir`.
+void WriteInitialFiles(const ModelStore& store, const std::string& dir);
+
+}  // namespace kx::model

@@ -1,0 +1,124 @@
+#include "model/connections.h"
+
+#include <fstream>
+#include <optional>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "model/checks.h"
+
+namespace kx::model {
+namespace {
+
+std::vector<std::string> EchoLines(const lang::ConnectionDecl& c) {
+  return {fmt::format("Connection # {}", c.number), "A: " + c.a, "B: " + c.b};
+}
+
+int Find(const NameIndex& names, const std::string& name) {
+  auto it = names.find(name);
+  return it == names.end() ? -1 : it->second;
+}
+
+// Appends the absorbed record's name and aliases to the survivor's alias list, with the walk
+// limits that guard against a corrupted list.
+void AppendAliases(Variable* survivor, const Variable& absorbed) {
+  if (survivor->aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
+    Fatal({"zpm_variable_connect - 1: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
+           "alias_a: " + survivor->aliases.back()});
+  }
+  if (absorbed.aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
+    Fatal({"zpm_variable_connect - 2: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
+           "variable b: " + absorbed.name, "variable c: " + survivor->name,
+           "variable d: " + absorbed.name, "alias_b: " + absorbed.aliases.back()});
+  }
+  if (survivor->name != absorbed.name) survivor->aliases.push_back(absorbed.name);
+  survivor->aliases.insert(survivor->aliases.end(), absorbed.aliases.begin(),
+                           absorbed.aliases.end());
+}
+
+[[noreturn]] void FailConnection(const lang::ConnectionDecl& c, const ModelStore& store,
+                                 const ConnectionOptions& options) {
+  Say("Warning: connection failed");
+  Say("unable to locate variable");
+  Say("connection failed");
+  Say("unable to locate variable");
+  Say("creating file connect_error.t0 to display valid variable names");
+  std::ofstream out(options.work_dir + "/connect_error.t0");
+  for (const Variable& v : store.vars) out << v.name << '\n';
+  Fatal({fmt::format("Connection # {}", c.number), "A: " + c.a, "B: " + c.b}, "STOPPING. . .");
+}
+
+// Handles `a = fixed`, `a = calculated` and `a = number`; false when b names a variable.
+bool ApplySpecification(const lang::ConnectionDecl& c, int a, ModelStore* store) {
+  int spec = kSpecNone;
+  std::optional<double> value;
+  if (c.b == "fixed") {
+    spec = kSpecFixed;
+  } else if (c.b == "calculated") {
+    spec = kSpecCalculated;
+  } else if (a >= 0 && (value = ParseNumber(c.b))) {
+    Variable& v = store->vars[ResolveForward(*store, a)];
+    v.val = *value;
+    spec = v.spec != kSpecNone ? v.spec : kSpecValue;
+  }
+  if (spec == kSpecNone || a < 0) return false;
+  Variable& v = store->vars[ResolveForward(*store, a)];
+  v.spec = spec;
+  if (spec == kSpecFixed) v.fixed = true;
+  if (spec == kSpecCalculated) v.fixed = false;
+  return true;
+}
+
+void WriteConnectionsFile(const ModelStore& store, const std::string& work_dir) {
+  std::ofstream out(work_dir + "/model_connections.txt");
+  for (const Connection& c : store.connections) {
+    out << "Connection # " << c.number << "\nA: " << c.a << "\nB: " << c.b << "\n\n";
+  }
+}
+
+}  // namespace
+
+int MergeVariables(ModelStore* store, int a, int b) {
+  int ra = ResolveForward(*store, a);
+  int rb = ResolveForward(*store, b);
+  if (ra == rb) return ra;
+  bool keep_b = store->vars[rb].preferred && !store->vars[ra].preferred;
+  int survivor = keep_b ? rb : ra;
+  int absorbed = keep_b ? ra : rb;
+  AppendAliases(&store->vars[survivor], store->vars[absorbed]);
+  store->vars[absorbed].forward = survivor;
+  return survivor;
+}
+
+void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
+                      const NameIndex& names, const ConnectionOptions& options,
+                      ModelStore* store) {
+  store->connections.reserve(connections.size());
+  for (const lang::ConnectionDecl& c : connections) {
+    if (options.diaglevel > 3) {
+      for (const auto& line : EchoLines(c)) Say(line);
+    }
+    bool wildcard = c.a.find('*') != std::string::npos || c.b.find('*') != std::string::npos;
+    bool prefix = c.a.find('.') != std::string::npos || c.b.find('.') != std::string::npos;
+    if (wildcard && prefix) {
+      std::vector<std::string> lines = EchoLines(c);
+      lines.push_back("Error: Connection with prefix cannot have wildcard");
+      Fatal(lines, "Stopping...");
+    }
+    int a = Find(names, c.a);
+    store->connections.push_back({c.number, c.a, c.b, a, -1});
+    if (ApplySpecification(c, a, store)) continue;
+    int b = Find(names, c.b);
+    if (a < 0 || b < 0) {
+      WriteConnectionsFile(*store, options.work_dir);
+      FailConnection(c, *store, options);
+    }
+    store->connections.back().var_b = b;
+    bool a_fixed = store->vars[ResolveForward(*store, a)].fixed;
+    int survivor = MergeVariables(store, a, b);
+    store->vars[survivor].fixed = a_fixed;
+  }
+  if (!store->connections.empty()) WriteConnectionsFile(*store, options.work_dir);
+}
+
+}  // namespace kx::model

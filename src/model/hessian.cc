@@ -1,0 +1,172 @@
+#include "model/hessian.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "base/check.h"
+#include "base/report.h"
+
+namespace kx::model {
+
+namespace {
+
+// Key of a lower-triangle position, ordered by row then column.
+int64_t Key(int row, int col, int dim) { return static_cast<int64_t>(row) * (dim + 1) + col; }
+
+// Shape columns of local pair p of equation e; either is 0 when the shape drops it.
+void PairColumns(const ModelStore& store, const EquationLayout& layout, Shape shape, int e,
+                 const lang::HessPair& pair, int* a, int* b) {
+  int begin = layout.slot_begin[e];
+  *a = ShapeColumn(store, shape, layout.slot_column[begin + pair.i]);
+  *b = ShapeColumn(store, shape, layout.slot_column[begin + pair.j]);
+}
+
+std::vector<int> ActiveRows(const EquationLayout& layout) {
+  std::vector<int> active(layout.constraint_eqns);
+  active.insert(active.end(), layout.objective_eqns.begin(), layout.objective_eqns.end());
+  return active;
+}
+
+std::vector<int64_t> CollectKeys(const ModelStore& store, const EquationLayout& layout,
+                                 Shape shape, int dim) {
+  std::vector<int64_t> keys;
+  for (int e : ActiveRows(layout)) {
+    for (const lang::HessPair& pair : store.programs[store.eqns[e].program].hess_pairs()) {
+      int a, b;
+      PairColumns(store, layout, shape, e, pair, &a, &b);
+      if (a > 0 && b > 0) keys.push_back(Key(std::max(a, b), std::min(a, b), dim));
+    }
+  }
+  std::sort(keys.begin(), keys.end());
+  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  return keys;
+}
+
+void AssignScatter(const ModelStore& store, const EquationLayout& layout,
+                   const std::vector<int64_t>& keys, HessianPattern* p) {
+  int neqn = static_cast<int>(store.eqns.size());
+  p->pair_begin.assign(neqn + 1, 0);
+  for (int e = 0; e < neqn; ++e) {
+    int prog = layout.program_at_build[e];
+    int npairs = prog >= 0 ? static_cast<int>(store.programs[prog].hess_pairs().size()) : 0;
+    p->pair_begin[e + 1] = p->pair_begin[e] + npairs;
+  }
+  p->scatter.assign(p->pair_begin[neqn], -1);
+  for (int e : ActiveRows(layout)) {
+    auto pairs = store.programs[layout.program_at_build[e]].hess_pairs();
+    for (size_t q = 0; q < pairs.size(); ++q) {
+      int a, b;
+      PairColumns(store, layout, p->shape, e, pairs[q], &a, &b);
+      if (a == 0 || b == 0) continue;
+      int64_t key = Key(std::max(a, b), std::min(a, b), p->dim);
+      int idx = static_cast<int>(std::lower_bound(keys.begin(), keys.end(), key) - keys.begin());
+      bool twice = a == b && pairs[q].i != pairs[q].j;
+      p->scatter[p->pair_begin[e] + q] = twice ? -2 - idx : idx;
+    }
+  }
+}
+
+// Adds weight * hess into the pattern for a row whose program changed after the pattern was
+// built: each pair is looked up by its position.
+void PlaceBySearch(const ModelStore& store, const EquationLayout& layout,
+                   const HessianPattern& p, int e, const lang::Program& program, double weight,
+                   const double* hess, std::span<double> values) {
+  auto pairs = program.hess_pairs();
+  for (size_t q = 0; q < pairs.size(); ++q) {
+    int a, b;
+    PairColumns(store, layout, p.shape, e, pairs[q], &a, &b);
+    if (a == 0 || b == 0) continue;
+    int i = std::max(a, b), j = std::min(a, b);
+    int found = -1;
+    for (int k = 0; k < p.nnz() && found < 0; ++k) {
+      if (p.rows[k] == i && p.cols[k] == j) found = k;
+    }
+    if (found < 0) {
+      std::string ia = "ia(1:na): ", ja = "ja(1:na): ";
+      for (int k = 0; k < p.nnz(); ++k) {
+        ia += fmt::format(" {}", p.rows[k]);
+        ja += fmt::format(" {}", p.cols[k]);
+      }
+      Fatal({"did not find a match in setting sparse matrix element", fmt::format("i: {}", i),
+             fmt::format("j: {}", j), ia, ja});
+    }
+    double twice = (a == b && pairs[q].i != pairs[q].j) ? 2.0 : 1.0;
+    values[found] += twice * weight * hess[q];
+  }
+}
+
+// Evaluates row e and adds weight * its second derivatives.
+void AddRow(const ModelStore& store, const EquationLayout& layout, const HessianPattern& p,
+            int e, double weight, EvalScratch* s, std::span<double> values) {
+  const Equation& eqn = store.eqns[e];
+  if (eqn.program < 0) return;
+  const lang::Program& program = store.programs[eqn.program];
+  if (program.hess_pairs().empty()) return;
+  GatherInputs(layout, e, s->in.data());
+  if (eqn.program != layout.program_at_build[e]) {
+    // The record changed after the pattern was built: same inputs, other byte code.
+    KX_CHECK(program.num_inputs() == layout.slot_begin[e + 1] - layout.slot_begin[e]);
+    s->hess.resize(std::max(s->hess.size(), program.hess_pairs().size()));
+    s->work.resize(std::max<size_t>(s->work.size(), program.work_size()));
+  }
+  program.Hessian(s->in.data(), s->work.data(), s->grad.data(), s->hess.data(), &s->errors);
+  const double* h = s->hess.data();
+  if (eqn.program != layout.program_at_build[e]) {
+    PlaceBySearch(store, layout, p, e, program, weight, h, values);
+    return;
+  }
+  const int* scatter = p.scatter.data() + p.pair_begin[e];
+  int npairs = p.pair_begin[e + 1] - p.pair_begin[e];
+  for (int q = 0; q < npairs; ++q) {
+    int k = scatter[q];
+    if (k >= 0) {
+      values[k] += weight * h[q];
+    } else if (k <= -2) {
+      values[-2 - k] += 2.0 * weight * h[q];
+    }
+  }
+}
+
+}  // namespace
+
+HessianPattern BuildHessianPattern(const ModelStore& store, const EquationLayout& layout,
+                                   Shape shape) {
+  HessianPattern p;
+  p.shape = shape;
+  p.dim = NumColumns(store, shape);
+  std::vector<int64_t> keys = CollectKeys(store, layout, shape, p.dim);
+  p.rows.reserve(keys.size());
+  p.cols.reserve(keys.size());
+  for (int64_t key : keys) {
+    p.rows.push_back(static_cast<int>(key / (p.dim + 1)));
+    p.cols.push_back(static_cast<int>(key % (p.dim + 1)));
+  }
+  AssignScatter(store, layout, keys, &p);
+  return p;
+}
+
+void FillHessian(const ModelStore& store, const EquationLayout& layout,
+                 const HessianPattern& pattern, const HessianWeights& weights,
+                 EvalScratch* scratch, std::span<double> values) {
+  std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
+  if (weights.constraints) {
+    for (int e : layout.constraint_eqns) {
+      double lambda = store.eqns[e].lambda;
+      if (lambda != 0.0) AddRow(store, layout, pattern, e, lambda, scratch, values);
+    }
+  }
+  if (weights.obj_factor != 0.0) {
+    for (int e : layout.objective_eqns) {
+      AddRow(store, layout, pattern, e, weights.obj_factor, scratch, values);
+    }
+  }
+}
+
+void ScaleHessian(const ModelStore& store, const EquationLayout& layout,
+                  const HessianPattern& pattern, EvalScratch* scratch, std::span<double> values) {
+  ColumnScales(store, layout, pattern.shape, &scratch->col_scale);
+  const double* s = scratch->col_scale.data();
+  for (int k = 0; k < pattern.nnz(); ++k) values[k] *= s[pattern.rows[k]] * s[pattern.cols[k]];
+}
+
+}  // namespace kx::model

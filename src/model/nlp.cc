@@ -1,0 +1,114 @@
+#include "model/nlp.h"
+
+#include <algorithm>
+
+#include "base/check.h"
+#include "base/timers.h"
+
+namespace kx::model {
+
+Nlp::Nlp(ModelAccess& access, bool dynamic, bool scaled)
+    : access_(access),
+      dynamic_(dynamic),
+      scaled_(scaled),
+      jac_shape_(dynamic ? Shape::kReduced : Shape::kSteady),
+      num_vars_(access.nvar() + (dynamic ? access.ndiff() : 0)) {}
+
+void Nlp::GetBounds(std::span<double> xl, std::span<double> xu) {
+  KX_CHECK(static_cast<int>(xl.size()) >= num_vars_ && static_cast<int>(xu.size()) >= num_vars_);
+  const ModelStore& store = access_.store();
+  for (int n = 1; n <= store.nvar; ++n) {
+    double s = scaled_ ? store.Var(n).scale : 1.0;
+    xl[n - 1] = access_.EffectiveBound(Bound::kLower, n) / s;
+    xu[n - 1] = access_.EffectiveBound(Bound::kUpper, n) / s;
+  }
+  for (int k = store.nvar; k < num_vars_; ++k) {
+    xl[k] = -kUnlimited;
+    xu[k] = kUnlimited;
+  }
+}
+
+void Nlp::GetConstraintBounds(std::span<double> gl, std::span<double> gu) {
+  for (int r = 1; r <= num_cons(); ++r) {
+    const Equation& e = access_.Row(r);
+    double s = scaled_ ? e.scaling : 1.0;
+    gl[r - 1] = e.lower <= -kUnlimited ? e.lower : e.lower / s;
+    gu[r - 1] = e.upper >= kUnlimited ? e.upper : e.upper / s;
+  }
+}
+
+void Nlp::GetStart(std::span<double> x) {
+  if (dynamic_) {
+    access_.GetCondensed(scaled_, x);
+  } else {
+    access_.GetValues(scaled_, x);
+  }
+  const ModelStore& store = access_.store();
+  for (int n = 1; n <= store.nvar; ++n) {
+    double s = scaled_ ? store.Var(n).scale : 1.0;
+    double lo = access_.EffectiveBound(Bound::kLower, n) / s;
+    double hi = access_.EffectiveBound(Bound::kUpper, n) / s;
+    x[n - 1] = std::clamp(x[n - 1], std::min(lo, hi), std::max(lo, hi));
+  }
+}
+
+void Nlp::SetX(std::span<const double> x) {
+  if (dynamic_) {
+    access_.SetCondensed(scaled_, x);
+  } else {
+    access_.SetValues(scaled_, x);
+  }
+}
+
+double Nlp::Objective(std::span<const double> x) {
+  ScopedTimer timer("Objective Calc: zpm_p");
+  SetX(x);
+  return access_.Objective(false);
+}
+
+void Nlp::Gradient(std::span<const double> x, std::span<double> g) {
+  ScopedTimer timer("Objective Grad: zpm_g");
+  SetX(x);
+  access_.ObjectiveGradient(scaled_, g);
+  std::fill(g.begin() + access_.nvar(), g.begin() + num_vars_, 0.0);
+}
+
+void Nlp::Constraints(std::span<const double> x, std::span<double> c) {
+  ScopedTimer timer("Constraint Calc: zpm_c");
+  SetX(x);
+  access_.EvaluateResiduals();
+  access_.GetResiduals(true, scaled_, c);
+}
+
+void Nlp::JacobianStructure(std::span<int> rows, std::span<int> cols) {
+  ScopedTimer timer("Sparsity: zpm_s");
+  const JacobianPattern& p = access_.Jacobian(jac_shape_);
+  std::copy(p.rows.begin(), p.rows.end(), rows.begin());
+  std::copy(p.cols.begin(), p.cols.end(), cols.begin());
+}
+
+void Nlp::JacobianValues(std::span<const double> x, std::span<double> values) {
+  ScopedTimer timer("1st Deriv #1: zpm_a1");
+  SetX(x);
+  access_.JacobianValues(jac_shape_, scaled_, values);
+}
+
+void Nlp::HessianStructure(std::span<int> rows, std::span<int> cols) {
+  const HessianPattern& p = access_.Hessian(jac_shape_);
+  std::copy(p.rows.begin(), p.rows.end(), rows.begin());
+  std::copy(p.cols.begin(), p.cols.end(), cols.begin());
+}
+
+void Nlp::HessianValues(std::span<const double> x, double obj_factor,
+                        std::span<const double> lambda, std::span<double> values) {
+  SetX(x);
+  if (scaled_) {
+    access_.SetMultipliers(lambda);
+  } else {
+    for (int r = 1; r <= num_cons(); ++r) access_.Row(r).lambda = lambda[r - 1];
+  }
+  HessianWeights weights{.obj_factor = obj_factor, .constraints = true};
+  access_.HessianValues(jac_shape_, scaled_, weights, values);
+}
+
+}  // namespace kx::model

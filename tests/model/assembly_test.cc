@@ -1,0 +1,269 @@
+// Jacobian and Hessian assembly checked against finite differences in every shape.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "model/access.h"
+#include "model/routines.h"
+#include "test_models.h"
+
+namespace kx::model {
+namespace {
+
+using testing::MakeModel;
+using testing::MakeRandomModel;
+using testing::StopLines;
+
+constexpr double kStep = 1e-6;
+
+// Reads/writes the value behind a shape column (a variable value or a time derivative).
+double& ColumnValue(ModelStore& store, Shape shape, int col) {
+  if (col <= store.nvar) return store.Var(col).val;
+  int d = col - store.nvar;
+  if (shape == Shape::kReduced) {
+    for (int n = 1; n <= store.nvar; ++n) {
+      if (store.Var(n).idiff == d) return store.Var(n).d_val;
+    }
+  }
+  return store.Var(d).d_val;
+}
+
+double ColumnScale(ModelStore& store, Shape shape, int col) {
+  if (col <= store.nvar) return store.Var(col).scale;
+  if (shape == Shape::kFull) return store.Var(col - store.nvar).scale;
+  for (int n = 1; n <= store.nvar; ++n) {
+    if (store.Var(n).idiff == col - store.nvar) return store.Var(n).scale;
+  }
+  return 0;
+}
+
+void RandomScaling(ModelStore& store, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> s(0.3, 3.0);
+  for (Variable& v : store.vars) v.scale = s(rng);
+  for (Equation& e : store.eqns) e.scaling = s(rng);
+}
+
+// Dense Jacobian of the (scaled) rows by central differences in the (scaled) columns.
+std::map<std::pair<int, int>, double> FdJacobian(ModelAccess& m, Shape shape, bool scaled) {
+  ModelStore& store = m.store();
+  std::map<std::pair<int, int>, double> fd;
+  std::vector<double> plus(m.NumRows()), minus(m.NumRows());
+  for (int col = 1; col <= NumColumns(store, shape); ++col) {
+    double& x = ColumnValue(store, shape, col);
+    double h = kStep * (scaled ? ColumnScale(store, shape, col) : 1.0), saved = x;
+    x = saved + h;
+    m.EvaluateResiduals();
+    m.GetResiduals(true, scaled, plus);
+    x = saved - h;
+    m.EvaluateResiduals();
+    m.GetResiduals(true, scaled, minus);
+    x = saved;
+    for (int r = 0; r < m.NumRows(); ++r) {
+      double d = (plus[r] - minus[r]) / (2 * kStep);
+      if (std::abs(d) > 1e-9) fd[{r + 1, col}] = d;
+    }
+  }
+  return fd;
+}
+
+void ExpectMatches(const std::map<std::pair<int, int>, double>& fd,
+                   const std::vector<int>& rows, const std::vector<int>& cols,
+                   const std::vector<double>& values, const std::string& what) {
+  ASSERT_FALSE(fd.empty()) << what;
+  std::map<std::pair<int, int>, double> got;
+  for (size_t k = 0; k < rows.size(); ++k) got[{rows[k], cols[k]}] += values[k];
+  for (auto [pos, d] : fd) {
+    ASSERT_TRUE(got.count(pos)) << what << " misses (" << pos.first << "," << pos.second << ")";
+    EXPECT_NEAR(got[pos], d, 1e-6 * (1 + std::abs(d))) << what << " at " << pos.first << ","
+                                                        << pos.second;
+  }
+  for (auto [pos, v] : got) {
+    if (!fd.count(pos)) {
+      EXPECT_NEAR(v, 0.0, 1e-6) << what << " extra entry";
+    }
+  }
+}
+
+TEST(Assembly, JacobianMatchesFiniteDifferencesInEveryShape) {
+  for (unsigned seed : {1u, 2u, 3u}) {
+    ModelStore store = MakeRandomModel(seed, 12, 10);
+    RandomScaling(store, seed);
+    ModelAccess m(store);
+    for (int imsg = 1; imsg <= 6; ++imsg) {
+      Shape shape = imsg <= 2 ? Shape::kFull : imsg <= 4 ? Shape::kReduced : Shape::kSteady;
+      int nnz = zpm_nnz(m, shape == Shape::kSteady ? 1 : 2);
+      std::vector<int> ir(nnz), ic(nnz);
+      std::vector<double> pd(nnz);
+      zpm_jacobian(m, imsg, nnz, ir, ic, pd);
+      std::string what = "seed " + std::to_string(seed) + " imsg " + std::to_string(imsg);
+      ExpectMatches(FdJacobian(m, shape, imsg % 2 == 1), ir, ic, pd, what);
+      if (shape == Shape::kSteady) {
+        for (int c : ic) EXPECT_LE(c, store.nvar) << what;
+      }
+    }
+  }
+}
+
+TEST(Assembly, CondensedFormsHoldTheCoordinateEntries) {
+  ModelStore store = MakeRandomModel(7, 9, 8);
+  RandomScaling(store, 7);
+  ModelAccess m(store);
+  for (int imsg : {1, 2, 3, 4, 5, 6, 11, 12, 13, 14, 15, 16}) {
+    int base = imsg % 10;
+    Shape shape = base <= 2 ? Shape::kFull : base <= 4 ? Shape::kReduced : Shape::kSteady;
+    int nnz = zpm_nnz(m, shape == Shape::kSteady ? 1 : 2);
+    std::vector<int> ir(nnz), ic(nnz);
+    std::vector<double> pd(nnz);
+    zpm_jacobian(m, base, nnz, ir, ic, pd);
+    int nlines = imsg > 10 ? NumColumns(store, shape) : m.NumRows();
+    std::vector<int> ia(nnz + nlines + 2);
+    std::vector<double> a(nnz);
+    zpm_condensed_jacobian(m, imsg, ia, a);
+    ASSERT_EQ(ia[0], nnz);
+    ASSERT_EQ(ia[1 + nnz + nlines], nnz + 1);
+    std::map<std::pair<int, int>, double> coord, condensed;
+    for (int k = 0; k < nnz; ++k) coord[{ir[k], ic[k]}] = pd[k];
+    for (int line = 1; line <= nlines; ++line) {
+      for (int k = ia[nnz + line]; k < ia[nnz + line + 1]; ++k) {
+        int other = ia[k];
+        condensed[imsg > 10 ? std::pair{other, line} : std::pair{line, other}] = a[k - 1];
+      }
+    }
+    EXPECT_EQ(coord, condensed) << "imsg " << imsg;
+    std::vector<int> ib(ia.size());
+    zpm_condensed_sparsity(m, imsg, ib);
+    EXPECT_EQ(ia, ib) << "imsg " << imsg;
+  }
+}
+
+// Gradient of obj_factor * f + sum lambda r with respect to the (scaled) columns of `shape`.
+std::vector<double> LagrangianGradient(ModelAccess& m, Shape jac_shape, bool scaled,
+                                       double obj_factor, bool constraints) {
+  ModelStore& store = m.store();
+  int dim = NumColumns(store, jac_shape);
+  std::vector<double> g(dim + 1, 0.0), dense(store.nvar);
+  const JacobianPattern& p = m.Jacobian(jac_shape);
+  std::vector<double> values(p.nnz());
+  m.JacobianValues(jac_shape, false, values);
+  for (int k = 0; constraints && k < p.nnz(); ++k) {
+    g[p.cols[k]] += m.Row(p.rows[k]).lambda * values[k];
+  }
+  m.ObjectiveGradient(false, dense);
+  for (int n = 1; n <= store.nvar; ++n) g[n] += obj_factor * dense[n - 1];
+  for (int c = 1; scaled && c <= dim; ++c) g[c] *= ColumnScale(store, jac_shape, c);
+  return g;
+}
+
+TEST(Assembly, HessianMatchesFiniteDifferencesOfTheLagrangianGradient) {
+  for (unsigned seed : {4u, 5u}) {
+    ModelStore store = MakeRandomModel(seed, 10, 9);
+    RandomScaling(store, seed);
+    std::mt19937 rng(seed);
+    for (Equation& e : store.eqns) e.lambda = std::uniform_real_distribution<double>(-2, 2)(rng);
+    ModelAccess m(store);
+    m.obj_factor = 0.7;
+    for (int imsg = 1; imsg <= 8; ++imsg) {
+      bool dynamic = imsg == 3 || imsg == 4 || imsg == 6 || imsg == 8;
+      bool scaled = imsg == 1 || imsg == 3 || imsg == 7 || imsg == 8;
+      Shape shape = dynamic ? Shape::kReduced : Shape::kSteady;
+      int nnzh = zpm_nnzh(m, dynamic ? 2 : 1);
+      std::vector<int> ir(nnzh), ic(nnzh);
+      std::vector<double> h(nnzh);
+      zpm_hessian(m, imsg, nnzh, ir, ic, h);
+      std::map<std::pair<int, int>, double> fd;
+      for (int col = 1; col <= NumColumns(store, shape); ++col) {
+        double& x = ColumnValue(store, shape, col);
+        double step = kStep * (scaled ? ColumnScale(store, shape, col) : 1.0), saved = x;
+        x = saved + step;
+        auto gp = LagrangianGradient(m, shape, scaled, 0.7, imsg <= 4);
+        x = saved - step;
+        auto gm = LagrangianGradient(m, shape, scaled, 0.7, imsg <= 4);
+        x = saved;
+        for (int row = col; row < static_cast<int>(gp.size()); ++row) {
+          double d = (gp[row] - gm[row]) / (2 * kStep);
+          if (std::abs(d) > 1e-8) fd[{row, col}] = d;
+        }
+      }
+      for (size_t k = 0; k < ir.size(); ++k) EXPECT_GE(ir[k], ic[k]);
+      ExpectMatches(fd, ir, ic, h, "seed " + std::to_string(seed) + " imsg " +
+                                       std::to_string(imsg));
+    }
+  }
+}
+
+TEST(Assembly, MergedColumnsAreSummedOnTheDiagonal) {
+  // After x2 is forwarded onto x1, x1*x2 + x2 reads x1 twice: d/dx1 = 2 x1 + 1, d2 = 2.
+  ModelStore store = MakeModel({{"x1", 3.0}, {"x2", 5.0}}, {{"x1*x2 + x2 - 1"}});
+  UpdateSparsity(store, 0, 2, 1);
+  ModelAccess m(store);
+  std::vector<int> ir(1), ic(1);
+  std::vector<double> pd(1), h(1);
+  zpm_jacobian(m, 6, 1, ir, ic, pd);
+  EXPECT_EQ(ic[0], 1);
+  EXPECT_DOUBLE_EQ(pd[0], 7.0);
+  store.eqns[0].lambda = 1.0;
+  ASSERT_EQ(zpm_nnzh(m, 1), 1);
+  zpm_hessian(m, 2, 1, ir, ic, h);
+  EXPECT_DOUBLE_EQ(h[0], 2.0);
+}
+
+TEST(Assembly, VectorsExactlyNnzLongSucceedAndOneShorterStops) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x*y - 2"}, {"x + $y"}});
+  ModelAccess m(store);
+  int nnz = zpm_nnz(m, 2);
+  ASSERT_EQ(nnz, 4);
+  EXPECT_EQ(zpm_nnz(m, 1), 3);
+  std::vector<int> ir(nnz), ic(nnz);
+  std::vector<double> pd(nnz);
+  zpm_jacobian(m, 2, nnz, ir, ic, pd);
+  auto lines = StopLines([&] { zpm_jacobian(m, 2, nnz - 1, ir, ic, pd); });
+  std::vector<std::string> expected = {"zpm_jacobian: insufficient vector size for ir, ic, and pd",
+                                       "zpm_jacobian_structure: 2", "size of vectors ir,ic,pd: 3",
+                                       "required size           : 4", "STOPPING"};
+  EXPECT_EQ(lines, expected);
+  store.eqns[0].lambda = 1;
+  int nnzh = zpm_nnzh(m, 1);
+  lines = StopLines([&] { zpm_hessian(m, 2, nnzh - 1, ir, ic); });
+  EXPECT_EQ(lines.front(), "zpm_hessian: insufficient vector size for ir, ic, and h");
+  EXPECT_EQ(lines.back(), "STOPPING");
+}
+
+TEST(Assembly, StalePatternStopsHessianPlacement) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x + y - 2"}, {"x*y - 1"}});
+  store.eqns[1].active = false;
+  ModelAccess m(store);
+  store.eqns[0].lambda = 1;
+  EXPECT_EQ(zpm_nnzh(m, 1), 0);
+  store.eqns[0].program = 1;  // the record now carries x*y, whose pair the pattern lacks
+  std::vector<int> ir, ic;
+  std::vector<double> h(1);
+  auto lines = StopLines([&] { m.HessianValues(Shape::kSteady, false, {}, h); });
+  ASSERT_GE(lines.size(), 6u);
+  EXPECT_EQ(lines[0], "did not find a match in setting sparse matrix element");
+  EXPECT_EQ(lines[1], "i: 2");
+  EXPECT_EQ(lines[2], "j: 1");
+  EXPECT_EQ(lines[3].rfind("ia(1:na): ", 0), 0u);
+  EXPECT_EQ(lines.back(), "STOPPING...");
+}
+
+TEST(Assembly, ObjectiveRowsReadingDerivativesOrUnknownColumnsStop) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x - 1"}, {"x*$y", true}});
+  ModelAccess m(store);
+  std::vector<double> g(2);
+  auto lines = StopLines([&] { zpm_obj_grad(m, 1, g, false); });
+  EXPECT_EQ(lines.front(), "differentials not permitted in the objective function");
+  EXPECT_EQ(lines.back(), "STOPPING...");
+}
+
+TEST(Assembly, UpdateSparsityStopsWhenTheVariableIsNotRead) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}, {"z", 0}}, {{"x - 1"}});
+  auto lines = StopLines([&] { UpdateSparsity(store, 0, 2, 3); });
+  std::vector<std::string> expected = {"Update sparsity error",
+                                       "Variable y in equation eqn 1 was not found.",
+                                       "Stopping..."};
+  EXPECT_EQ(lines, expected);
+}
+
+}  // namespace
+}  // namespace kx::model

@@ -1,0 +1,72 @@
+// Helpers of the model-builder tests: a scratch working directory and builds that capture
+// their output.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "base/report.h"
+#include "model/builder.h"
+
+namespace kx::model::testing {
+
+class ScratchDir {
+ public:
+  ScratchDir() {
+    static int counter = 0;
+    path_ = std::filesystem::temp_directory_path() /
+            ("kx_builder_" + std::to_string(::getpid()) + "_" + std::to_string(++counter));
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchDir() { std::filesystem::remove_all(path_); }
+  std::string str() const { return path_.string(); }
+  std::string Read(const std::string& name) const {
+    std::ifstream in(path_ / name);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  bool Has(const std::string& name) const { return std::filesystem::exists(path_ / name); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Result of one build: the store when it passed, the printed text, and whether it stopped.
+struct BuildResult {
+  ModelStore store;
+  std::string output;
+  bool stopped = false;
+};
+
+inline BuildResult Build(const std::string& text, const ScratchDir& dir, int diaglevel = 0) {
+  BuildResult r;
+  OutputCapture out;
+  BuildOptions o;
+  o.diaglevel = diaglevel;
+  o.work_dir = dir.str();
+  try {
+    r.store = BuildModelFromText(text, o);
+  } catch (const Stop&) {
+    r.stopped = true;
+  }
+  r.output = out.text();
+  return r;
+}
+
+inline bool Has(const std::string& text, const std::string& what) {
+  return text.find(what) != std::string::npos;
+}
+
+inline int Find(const ModelStore& s, const std::string& name) {
+  for (size_t i = 0; i < s.vars.size(); ++i) {
+    if (s.vars[i].name == name) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+}  // namespace kx::model::testing
