@@ -1,0 +1,117 @@
+#include "driver/cycle.h"
+
+#include <filesystem>
+#include <vector>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "base/timers.h"
+#include "files/replay.h"
+
+namespace kx::driver {
+namespace {
+
+constexpr const char* kTotalTimer = "Total";
+
+// Keeps the file routine installed for the length of the cycle.
+class FileRoutineScope {
+ public:
+  explicit FileRoutineScope(files::FileRoutine* routine) { files::InstallFileRoutine(routine); }
+  ~FileRoutineScope() { files::InstallFileRoutine(nullptr); }
+};
+
+void PrintBanner() {
+  Say("Kestrix Optimization Suite");
+  Say("--------------------------");
+  Say("Kestrix, Version 0.8.2");
+}
+
+void CheckModelFile(const CycleState& state) {
+  if (state.app.empty()) Fatal({"Usage: kestrix APP [switches]", "  (runs APP.zpm)"});
+  if (!std::filesystem::is_regular_file(state.model_file))
+    Fatal({"Model file does not exist: " + state.model_file});
+}
+
+// Defaults, the application's file, measurements, overrides: a later file wins.
+void ReadDbsFiles(const CycleState& state) {
+  for (const std::string& name :
+       {std::string("defaults"), state.app, std::string("measurements"), std::string("overrides")})
+    files::zpm_files(55, name);
+}
+
+// Row REPLAY of replay.csv becomes measurements.dbs, read again with overrides after it.
+void ReplayMeasurements(CycleState& state) {
+  int replay = state.store.Int("REPLAY");
+  if (replay <= 0) return;
+  Sayf("Replay Cycle: {}", replay);
+  files::ReplayRow(replay, files::kReplayFile, files::DbsPath("measurements"));
+  files::zpm_files(55, "measurements");
+  files::zpm_files(55, "overrides");
+}
+
+void ReadRunOptions(CycleState& state) {
+  const dbs::OptionStore& s = state.store;
+  state.ctrl_units = s.Int("CTRL_UNITS");
+  state.diaglevel = s.Int("DIAGLEVEL");
+  state.web = s.Int("WEB");
+  state.max_time = s.Real("MAX_TIME");
+  state.max_memory = s.Int("MAX_MEMORY");
+  state.solver = s.Int("SOLVER");
+  state.stream_level = s.Int("STREAM_LEVEL");
+  state.icd_calc = s.Int("ICD_CALC");
+}
+
+void Prologue(CycleState& state, int argc, char** argv) {
+  ReadDbsFiles(state);
+  ReplayMeasurements(state);
+  ReadRunOptions(state);
+  std::vector<std::string> args(argv, argv + argc);
+  state.flags = ParseCommandLine(args, state.store);
+  EchoCommandLine(state.app, state.flags);
+  state.mode_word = std::string(ModeWord(state.flags.imode));
+  state.diaglevel = state.store.Int("DIAGLEVEL");
+  state.solver = state.store.Int("SOLVER");
+}
+
+// DBS file on good (52) or bad (53) solution, then options.json.
+void WriteDatabase(const CycleState& state, int solve_status) {
+  if (state.flags.dbs_write == 0) {
+    Say("main: skip dbs write");
+    return;
+  }
+  files::zpm_files(solve_status == 0 ? 52 : 53, state.app);
+  files::zpm_files(56, "options.json");
+}
+
+}  // namespace
+
+int ModelStageNotAvailable(CycleState& state) {
+  Say("The model stage is not available yet: no model was built and nothing was solved.");
+  state.store.SetGlobal("APPSTATUS", 0);
+  state.store.SetGlobal("SOLVESTATUS", 0);
+  return -1;
+}
+
+int RunCycle(int argc, char** argv, const ModelStage& stage) {
+  PrintBanner();
+  Timers().Reset();
+  ScopedTimer total(kTotalTimer);
+  CycleState state;
+  state.app = ApplicationName(argc > 1 ? argv[1] : "");
+  state.model_file = state.app + ".zpm";
+  CheckModelFile(state);
+  files::FileRoutine routine(state.store, state.app);
+  FileRoutineScope installed(&routine);
+  state.files = &routine;
+  Prologue(state, argc, argv);
+  int solve_status = stage(state);
+  WriteDatabase(state, solve_status);
+  Timers().Stop(Timers().Id(kTotalTimer));
+  if (state.store.Int("DIAGLEVEL") >= 1) Timers().Print();
+  FlushOutput();
+  return solve_status == 0 ? 1 : 0;
+}
+
+int RunCycle(int argc, char** argv) { return RunCycle(argc, argv, ModelStageNotAvailable); }
+
+}  // namespace kx::driver

@@ -1,0 +1,144 @@
+#include "dbs/option_store.h"
+
+#include <gtest/gtest.h>
+
+#include "base/report.h"
+#include "base/sentinels.h"
+#include "dbs/option_table.h"
+
+namespace kx::dbs {
+namespace {
+
+TEST(OptionStore, FreshStoreHoldsTheDocumentedDefaults) {
+  OptionStore store;
+  struct Case {
+    const char* key;
+    double value;
+  } cases[] = {{"IMODE", 3},
+               {"NODES", 2},
+               {"MAX_ITER", 100},
+               {"OTOL", 1.0e-6},
+               {"RTOL", 1.0e-6},
+               {"MAX_TIME", 1e20},
+               {"SOLVER", 1},
+               {"HIST_HOR", 100},
+               {"WEB_REFRESH", 20},
+               {"REQCTRLMODE", 3},
+               {"MV_STEP_HOR", 1},
+               {"APPSTATUS", 1},
+               {"MV_DCOST_SLOPE", 0.1},
+               {"DBS_WRITE", 1},
+               {"CTRL_UNITS", 3}};
+  for (const auto& c : cases) EXPECT_EQ(store.Real(c.key), c.value) << c.key;
+  EXPECT_EQ(store.globals().size(), 61u);
+}
+
+TEST(OptionStore, NlcIsASecondNameForTheGlobals) {
+  OptionStore store;
+  store.Set("nlc", "solvestatus", 0);
+  EXPECT_EQ(store.GetInt("ZPM", "SOLVESTATUS"), 0);
+  store.SetGlobal("OBJFCNVAL", 12.5);
+  EXPECT_EQ(store.GetReal("NLC", "OBJFCNVAL"), 12.5);
+}
+
+TEST(OptionStore, IntegerRecordsAreTruncatedOnRead) {
+  OptionStore store;
+  store.SetGlobal("IMODE", 5.9);
+  store.SetGlobal("MAX_ITER", -3.7);
+  store.SetGlobal("OTOL", 2.5e-3);
+  EXPECT_EQ(store.Int("IMODE"), 5);
+  EXPECT_EQ(store.Real("IMODE"), 5.0);
+  EXPECT_EQ(store.Int("MAX_ITER"), -3);
+  EXPECT_EQ(store.Real("OTOL"), 2.5e-3);
+}
+
+TEST(OptionStore, UnknownNameIsReportedAndTheRunGoesOn) {
+  OptionStore store;
+  OutputCapture out;
+  EXPECT_EQ(store.Int("NOT_AN_OPTION"), 0);
+  store.Set("ZPM", "ALSO_MISSING", 4);
+  store.AddVariable("x", VarClass::kSV);
+  EXPECT_EQ(store.GetReal("x", "DCOST"), 0.0);  // MV property, not on an SV
+  EXPECT_EQ(out.lines(),
+            (std::vector<std::string>{"zpm_dbs_add_property: not found ZPM.NOT_AN_OPTION",
+                                      "zpm_dbs_add_property: not found ZPM.ALSO_MISSING",
+                                      "zpm_dbs_add_property: not found X.DCOST"}));
+}
+
+TEST(OptionStore, NewVariablesReadTheirClassDefaults) {
+  OptionStore store;
+  store.AddVariable("Flow", VarClass::kMV);
+  store.AddVariable("level", VarClass::kCV);
+  store.AddVariable("k", VarClass::kFV);
+  store.AddVariable("temp", VarClass::kSV);
+  EXPECT_EQ(store.GetInt("flow", "MV_STEP_HOR"), 0);
+  EXPECT_EQ(store.GetReal("FLOW", "dcost"), 9.999999747378752e-06);
+  EXPECT_EQ(store.GetReal("flow", "DMAXLO"), -kUnlimited);
+  struct Case {
+    const char* key;
+    double value;
+  } cv_cases[] = {{"WMEAS", 20},  {"WMODEL", 2},       {"TR_INIT", 2},
+                  {"TAU", 1},     {"MEAS_GAP", 0.001}, {"MEAS", kNoValue},
+                  {"FSTATUS", 1}, {"OSTATUS[2]", 0},   {"PRED[1]", 1}};
+  for (const auto& c : cv_cases) EXPECT_EQ(store.GetReal("level", c.key), c.value) << c.key;
+  for (const char* v : {"flow", "level", "k", "temp"}) {
+    EXPECT_EQ(store.GetReal(v, "LOWER"), -1.23456789e+20) << v;
+    EXPECT_EQ(store.GetReal(v, "UPPER"), 1.23456789e+20) << v;
+  }
+  EXPECT_EQ(store.FindVariable("k")->records.size(), ClassProperties(VarClass::kFV).size());
+}
+
+TEST(OptionStore, AddingAVariableTwiceKeepsItsRecords) {
+  OptionStore store;
+  ASSERT_TRUE(store.AddVariable("x", VarClass::kMV));
+  store.Set("x", "COST", 3);
+  EXPECT_TRUE(store.AddVariable("X", VarClass::kMV));
+  EXPECT_FALSE(store.AddVariable("x", VarClass::kCV));
+  EXPECT_EQ(store.GetReal("x", "COST"), 3);
+  EXPECT_EQ(store.variables().size(), 1u);
+}
+
+TEST(OptionStore, ArraysFollowTheHorizonAndGrowOnlyOnRequest) {
+  OptionStore store;
+  store.AddVariable("u", VarClass::kMV);
+  EXPECT_FALSE(store.Locate("u", "PRED[2]").has_value());
+  auto slot = store.Locate("u", "PRED[4]", /*grow=*/true);
+  ASSERT_TRUE(slot.has_value());
+  EXPECT_EQ(slot->index, 3u);
+  EXPECT_EQ(slot->record->values.size(), 4u);
+  store.SetHorizon(10);
+  store.Set("u", "DPRED[10]", 0.5);
+  EXPECT_EQ(store.GetReal("u", "DPRED[10]"), 0.5);
+  EXPECT_EQ(store.GetReal("u", "PRED[7]"), 1.0);
+  EXPECT_FALSE(store.Locate("u", "PRED[0]", true).has_value());
+  EXPECT_FALSE(store.Locate("u", "PRED[x]", true).has_value());
+  EXPECT_FALSE(store.Locate("u", "COST[1]", true).has_value());  // not an array
+  store.AddVariable("y", VarClass::kSV);  // registered after the horizon: sized to it
+  EXPECT_TRUE(store.Locate("y", "PRED[10]").has_value());
+}
+
+TEST(OptionStore, FullNamesSplitAtTheLastDot) {
+  OptionStore store;
+  store.AddVariable("tank.level", VarClass::kCV);
+  ASSERT_TRUE(store.LocateName("TANK.LEVEL.SPHI").has_value());
+  EXPECT_TRUE(store.LocateName("zpm.imode").has_value());
+  EXPECT_TRUE(store.LocateName("NLC.APPSTATUS").has_value());
+  for (const char* bad : {"IMODE", ".IMODE", "ZPM.", "tank.SPHI", "other.level.SPHI"})
+    EXPECT_FALSE(store.LocateName(bad).has_value()) << bad;
+}
+
+TEST(OptionTable, TextsKeepTheirKnownQuirks) {
+  EXPECT_EQ(FindGlobalDef("EV_WGT_SLOPE")->description.find("cuurent") != std::string::npos, true);
+  EXPECT_EQ(FindGlobalDef("SPECS")->description.substr(0, 13), "Secifications");
+  std::string_view tr_init = FindPropertyDef("TR_INIT")->description;
+  EXPECT_EQ(tr_init.substr(77), "2=re-center always");
+  EXPECT_EQ(tr_init[76], ' ');
+  EXPECT_EQ(FindPropertyDef("OSTATUSCHG[2]")->name, "OSTATUSCHG");
+  for (VarClass c : {VarClass::kFV, VarClass::kMV, VarClass::kSV, VarClass::kCV})
+    for (std::string_view p : ClassProperties(c))
+      EXPECT_NE(FindPropertyDef(p), nullptr) << ClassName(c) << " " << p;
+  for (std::string_view key : OutcomeKeys()) EXPECT_EQ(FindGlobalDef(key)->direction, 2);
+}
+
+}  // namespace
+}  // namespace kx::dbs

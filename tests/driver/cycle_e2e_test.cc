@@ -1,0 +1,215 @@
+// Runs the built program in a fresh working directory, as a user would, and checks what it
+// prints, its exit status and the files it leaves.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace kx::driver {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct RunResult {
+  int status = -1;
+  std::string out;
+  bool Has(const std::string& s) const { return out.find(s) != std::string::npos; }
+};
+
+class CycleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    dir_ = fs::temp_directory_path() /
+           (std::string("kx_cycle_") + info->name() + "_" + std::to_string(::getpid()));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+    Write("app.zpm", "! a one-line model file\n");
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  void Write(const std::string& name, const std::string& text) {
+    std::ofstream(dir_ / name) << text;
+  }
+  std::string Read(const std::string& name) {
+    std::ifstream in(dir_ / name);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  bool Exists(const std::string& name) { return fs::exists(dir_ / name); }
+
+  RunResult Run(const std::string& args) {
+    std::string cmd = "cd '" + dir_.string() + "' && '" KX_BINARY "' " + args + " 2>&1";
+    RunResult r;
+    FILE* pipe = popen(cmd.c_str(), "r");
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
+    int rc = pclose(pipe);
+    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    return r;
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(CycleTest, FirstCycleRunsThePrologueAndWritesTheDatabaseAsAFailedCycle) {
+  RunResult r = Run("app");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("Kestrix Optimization Suite\n--------------------------\n"
+                        "Kestrix, Version 0.8.2\n",
+                        0),
+            0u);
+  EXPECT_TRUE(
+      r.Has("COMMAND LINE ARGUMENTS\nRun id   : app\ncoldstart: 0\nimode    : 3\n"
+            "dbs_read : T\ndbs_write: T\nspecs    : T\n"));
+  EXPECT_TRUE(r.Has("model stage is not available"));
+  EXPECT_FALSE(r.Has("Successful solution"));
+  std::string dbs = Read("app.dbs");
+  EXPECT_NE(dbs.find("ZPM.BAD_CYCLES 1\n"), std::string::npos);
+  EXPECT_NE(dbs.find("ZPM.CYCLECOUNT 1\n"), std::string::npos);
+  EXPECT_NE(dbs.find("NLC.APPSTATUS 0\n"), std::string::npos);
+  auto json = nlohmann::json::parse(Read("options.json"));
+  EXPECT_EQ(json["ZPM"]["CYCLECOUNT"], 1);
+  EXPECT_EQ(json["NLC"]["SOLVESTATUS"], 0);
+}
+
+TEST_F(CycleTest, MissingModelFileStopsBeforeAnythingIsWritten) {
+  RunResult r = Run("nope -cold");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("Model file does not exist: nope.zpm\nSTOPPING...\n"));
+  EXPECT_FALSE(r.Has("COMMAND LINE ARGUMENTS"));
+  EXPECT_FALSE(Exists("nope.dbs"));
+}
+
+TEST_F(CycleTest, NameWithAndWithoutExtensionIsTheSameApplication) {
+  for (const char* name : {"APP.ZPM", "app.zpm", "App"}) {
+    RunResult r = Run(name);
+    EXPECT_TRUE(r.Has("Run id   : app\n")) << name;
+  }
+  EXPECT_NE(Read("app.dbs").find("ZPM.CYCLECOUNT 3\n"), std::string::npos);
+}
+
+TEST_F(CycleTest, SwitchesOverrideTheDbsFilesAndAreWrittenBack) {
+  Write("defaults.dbs", "ZPM.IMODE = 4\nZPM.SOLVER 2\n");
+  Write("app.dbs", "ZPM.IMODE 5\n");
+  RunResult r = Run("app -COLD -Ctl -SOLVER=IPOPT bareword");
+  EXPECT_TRUE(r.Has("coldstart: 1\nimode    : 6\n"));
+  std::string dbs = Read("app.dbs");
+  EXPECT_NE(dbs.find("ZPM.IMODE 6\n"), std::string::npos);
+  EXPECT_NE(dbs.find("ZPM.SOLVER 3\n"), std::string::npos);
+  EXPECT_NE(dbs.find("ZPM.COLDSTART 1\n"), std::string::npos);  // stays cold after a failure
+  r = Run("app -solver=xyz -cold -warm");
+  EXPECT_TRUE(r.Has("Unknown solver name: xyz\n"));
+  EXPECT_TRUE(r.Has("coldstart: 0\n"));
+  EXPECT_NE(Read("app.dbs").find("ZPM.SOLVER 3\n"), std::string::npos);
+}
+
+TEST_F(CycleTest, OverridesWinAndBadDbsLinesOnlyWarn) {
+  Write("app.info", "MV, u\nCV, y\n");
+  Write("app.dbs", "ZPM.NODES 3\ngarbage\nu.COST = 2, 1, kg\nZPM.NOPE 1\ny.SPHI = high\n");
+  Write("measurements.dbs", "y.MEAS 7.5\n");
+  Write("overrides.dbs", "ZPM.NODES = 4\n");
+  RunResult r = Run("app");
+  EXPECT_TRUE(r.Has("Warning: app.dbs line 2:"));
+  EXPECT_TRUE(r.Has("Warning: app.dbs line 4:"));
+  EXPECT_TRUE(r.Has("Warning: app.dbs line 5:"));
+  auto json = nlohmann::json::parse(Read("options.json"));
+  EXPECT_EQ(json["ZPM"]["NODES"], 4);
+  EXPECT_EQ(json["u"]["COST"], 2.0);
+  EXPECT_EQ(json["y"]["MEAS"], 7.5);
+  // The rewritten file is clean: the next cycle reads it without a warning.
+  r = Run("app");
+  EXPECT_FALSE(r.Has("Warning")) << r.out;
+}
+
+TEST_F(CycleTest, SkipWriteLeavesTheDatabaseAlone) {
+  Write("app.dbs", "ZPM.MAX_ITER 7\n");
+  for (const char* sw : {"-skipwrite", "-SKIPREADWRITE"}) {
+    RunResult r = Run(std::string("app ") + sw);
+    EXPECT_TRUE(r.Has("dbs_write: F\n")) << sw;
+    EXPECT_TRUE(r.Has("main: skip dbs write\n")) << sw;
+    EXPECT_EQ(Read("app.dbs"), "ZPM.MAX_ITER 7\n");
+    EXPECT_FALSE(Exists("options.json"));
+  }
+  Write("overrides.dbs", "ZPM.DBS_WRITE = 0\n");
+  EXPECT_TRUE(Run("app").Has("main: skip dbs write\n"));
+}
+
+TEST_F(CycleTest, KillRequestStopsBeforeAnyFileIsWritten) {
+  Write("overrides.dbs", "ZPM.REQCTRLMODE = 0\n");
+  RunResult r = Run("app -ctl");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("Requested Control Mode = 0 (KILL)\nZPM.REQCTRLMODE = 0\nSTOPPING...\n"));
+  EXPECT_FALSE(r.Has("COMMAND LINE ARGUMENTS"));
+  EXPECT_FALSE(Exists("app.dbs"));
+  EXPECT_FALSE(Exists("options.json"));
+}
+
+TEST_F(CycleTest, BadCyclesCountUpAndForceAColdStart) {
+  Write("defaults.dbs", "ZPM.AUTO_COLD 3\n");
+  for (int cycle = 1; cycle <= 3; ++cycle)  // BAD_CYCLES 0, 1, 2 at the start
+    EXPECT_FALSE(Run("app").Has("Auto Coldstart")) << cycle;
+  RunResult r = Run("app");
+  EXPECT_TRUE(r.Has("\n Auto Coldstart: 3 bad cycles >= 3 auto cold limit\n\n"));
+  EXPECT_TRUE(r.Has("coldstart: 1\n"));
+  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 4\n"), std::string::npos);
+}
+
+TEST_F(CycleTest, BadSwitchPrintsTheHelpAndStops) {
+  RunResult r = Run("app -cold -NotASwitch");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(
+      r.Has("argument not recognized: -notaswitch\n valid command line arguments are\n"
+            "   -P                 = generate dummy file sparsity.unt\n"));
+  EXPECT_TRUE(r.Has("-SNOPT, -MINOS)\n\nSTOPPING...\n"));
+  EXPECT_FALSE(Exists("app.dbs"));
+}
+
+TEST_F(CycleTest, DummySparsityFile) {
+  RunResult r = Run("app -P");
+  EXPECT_TRUE(r.Has("sparsity.unt generated\nSTOPPING...\n"));
+  EXPECT_TRUE(Exists("sparsity.unt"));
+  EXPECT_FALSE(Exists("app.dbs"));
+}
+
+TEST_F(CycleTest, ReplayFeedsOneRowPerCycle) {
+  Write("app.info", "CV, y\n");
+  Write("replay.csv", "y.MEAS,ZPM.FILTER\n1.5,0.1\n2.5,0.2\n3.5,0.3\n");
+  Write("app.dbs", "ZPM.REPLAY 2\n");
+  RunResult r = Run("app");
+  EXPECT_TRUE(r.Has("Replay Cycle: 2\n"));
+  auto json = nlohmann::json::parse(Read("options.json"));
+  EXPECT_EQ(json["y"]["MEAS"], 2.5);
+  EXPECT_EQ(json["ZPM"]["REPLAY"], 3);
+  r = Run("app");
+  EXPECT_TRUE(r.Has("Replay Cycle: 3\n"));
+  EXPECT_NE(Read("measurements.dbs").find("y.MEAS = 3.5\n"), std::string::npos);
+  r = Run("app");
+  EXPECT_TRUE(r.Has("Warning: replay.csv has no data row 4"));
+}
+
+TEST_F(CycleTest, TimerTableAtDiagnosticLevelOne) {
+  EXPECT_FALSE(Run("app").Has("zpm_files"));
+  Write("overrides.dbs", "ZPM.DIAGLEVEL 1\n");
+  RunResult r = Run("app");
+  EXPECT_TRUE(r.Has("Timer"));
+  EXPECT_TRUE(r.Has("zpm_files"));
+  EXPECT_TRUE(r.Has("Total"));
+}
+
+TEST_F(CycleTest, MoreThan99ArgumentsAreReportedNotParsed) {
+  std::string args = "app";
+  for (int i = 0; i < 97; ++i) args += " -l1";  // positions 2..98
+  RunResult r = Run(args + " -ss");             // 99 arguments: all parsed
+  EXPECT_FALSE(r.Has("zpm_getarg"));
+  EXPECT_TRUE(r.Has("imode    : 1\n"));
+  r = Run(args + " -l1 -ctl");  // -ctl at position 100; IMODE 1 comes from app.dbs
+  EXPECT_TRUE(r.Has("zpm_getarg: ERROR: >= 100 command line arguments\n"));
+  EXPECT_TRUE(r.Has("imode    : 1\n"));
+}
+
+}  // namespace
+}  // namespace kx::driver
