@@ -6,6 +6,7 @@
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
+#include "driver/model_stage.h"
 #include "files/replay.h"
 
 namespace kx::driver {
@@ -85,13 +86,6 @@ void WriteDatabase(const CycleState& state, int solve_status) {
 
 }  // namespace
 
-int ModelStageNotAvailable(CycleState& state) {
-  Say("The model stage is not available yet: no model was built and nothing was solved.");
-  state.store.SetGlobal("APPSTATUS", 0);
-  state.store.SetGlobal("SOLVESTATUS", 0);
-  return -1;
-}
-
 int RunCycle(int argc, char** argv, const ModelStage& stage) {
   PrintBanner();
   Timers().Reset();
@@ -112,6 +106,6 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   return solve_status == 0 ? 1 : 0;
 }
 
-int RunCycle(int argc, char** argv) { return RunCycle(argc, argv, ModelStageNotAvailable); }
+int RunCycle(int argc, char** argv) { return RunCycle(argc, argv, RunModelStage); }
 
 }  // namespace kx::driver

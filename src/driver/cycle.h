@@ -34,11 +34,8 @@ using ModelStage = std::function<int(CycleState&)>;
 // Runs one cycle with `stage` between prologue and epilogue; returns the exit status.
 // A fatal stop propagates as kx::Stop (main turns it into exit status 0).
 int RunCycle(int argc, char** argv, const ModelStage& stage);
-// Runs one cycle with the default model stage.
+// Runs one cycle with the model stage of driver/model_stage.h.
 int RunCycle(int argc, char** argv);
 
-// The model stage used until the model front end is wired in: says that it is not available,
-// marks the application status bad and returns a failed solve status.
-int ModelStageNotAvailable(CycleState& state);
 
 }  // namespace kx::driver

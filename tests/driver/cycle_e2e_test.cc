@@ -14,6 +14,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A small steady-state model: parameter u, variables y and z.
+constexpr const char* kModel =
+    "Model app\n"
+    "  Parameters\n    u = 1\n  End Parameters\n"
+    "  Variables\n    y = 0\n    z = 1, >= 0\n  End Variables\n"
+    "  Equations\n    y = 2*u\n    z^2 = y + 1\n  End Equations\n"
+    "End Model\n";
+
 struct RunResult {
   int status = -1;
   std::string out;
@@ -28,7 +36,7 @@ class CycleTest : public ::testing::Test {
            (std::string("kx_cycle_") + info->name() + "_" + std::to_string(::getpid()));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
-    Write("app.zpm", "! a one-line model file\n");
+    Write("app.zpm", kModel);
   }
   void TearDown() override { fs::remove_all(dir_); }
 
@@ -65,7 +73,8 @@ TEST_F(CycleTest, FirstCycleRunsThePrologueAndWritesTheDatabaseAsAFailedCycle) {
   EXPECT_TRUE(
       r.Has("COMMAND LINE ARGUMENTS\nRun id   : app\ncoldstart: 0\nimode    : 3\n"
             "dbs_read : T\ndbs_write: T\nspecs    : T\n"));
-  EXPECT_TRUE(r.Has("model stage is not available"));
+  EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
+  EXPECT_TRUE(r.Has("solver stage is not available yet"));
   EXPECT_FALSE(r.Has("Successful solution"));
   std::string dbs = Read("app.dbs");
   EXPECT_NE(dbs.find("ZPM.BAD_CYCLES 1\n"), std::string::npos);
@@ -209,6 +218,47 @@ TEST_F(CycleTest, MoreThan99ArgumentsAreReportedNotParsed) {
   r = Run(args + " -l1 -ctl");  // -ctl at position 100; IMODE 1 comes from app.dbs
   EXPECT_TRUE(r.Has("zpm_getarg: ERROR: >= 100 command line arguments\n"));
   EXPECT_TRUE(r.Has("imode    : 1\n"));
+}
+
+TEST_F(CycleTest, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
+  Write("overrides.dbs", "ZPM.DIAGLEVEL = 2\n");
+  RunResult r = Run("app");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("Parsing model file app.zpm")) << r.out;
+  EXPECT_TRUE(r.Has("Number of constraints : 2\n"));
+  EXPECT_TRUE(r.Has("Degrees of freedom       :          0\n")) << r.out;
+  EXPECT_FALSE(r.Has("Successful solution"));
+  // Residuals at the start: y - 2*u = 0 - 2 and z^2 - (y + 1) = 1 - 1.
+  std::string res = Read("model_init_res.txt");
+  EXPECT_NE(res.find("Eqn(1)  -2.0000000000000000e+00   0 = (y)-(2*u)\n"), std::string::npos)
+      << res;
+  EXPECT_NE(res.find("Eqn(2)   0.0000000000000000e+00   0 = (z^2)-(y + 1)\n"), std::string::npos)
+      << res;
+  EXPECT_TRUE(Exists("model_init_values.txt"));
+  EXPECT_NE(Read("app.dbs").find("NLC.APPSTATUS 0\n"), std::string::npos);
+}
+
+TEST_F(CycleTest, ModelErrorsAndInfoFileMismatchesStopTheCycle) {
+  Write("app.info", "SV, y\nCV, nosuch\n");
+  RunResult r = Run("app");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("Error in app.info at line 2:")) << r.out;
+  EXPECT_FALSE(Exists("app.dbs"));
+  Write("app.info", "");
+  Write("app.zpm", "Model app\nVariables\n x = 1\nEnd Variables\nEquations\n x = (2*x\n"
+                   "End Equations\nEnd Model\n");
+  r = Run("app");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("*** Error in syntax of function string: ")) << r.out;
+  EXPECT_FALSE(Exists("app.dbs"));
+}
+
+TEST_F(CycleTest, DynamicModesSayTheHorizonIsNotAvailable) {
+  RunResult r = Run("app -sim");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
+  EXPECT_TRUE(r.Has("time horizon for dynamic modes is not available yet")) << r.out;
+  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 1\n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,80 @@
+#include "driver/model_stage.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <unordered_map>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "files/file_routine.h"
+#include "model/access.h"
+#include "model/builder.h"
+#include "model/routines.h"
+
+namespace kx::driver {
+namespace {
+
+model::BuildOptions ReadBuildOptions(const dbs::OptionStore& store) {
+  model::BuildOptions opts;
+  opts.diaglevel = store.Int("DIAGLEVEL");
+  opts.max_memory = std::clamp(store.Int("MAX_MEMORY"), 2, 10);
+  opts.stream_level = store.Int("STREAM_LEVEL");
+  opts.scaling = store.Int("SCALING");
+  opts.work_dir = ".";
+  return opts;
+}
+
+// Kind of a model name for the info-file check: 0 unknown, 1 parameter, 2 variable.
+files::ModelKindFn ModelKind(const model::ModelStore& store) {
+  auto names = std::make_shared<std::unordered_map<std::string, int>>();
+  for (const model::Variable& v : store.vars) {
+    int kind = v.vtype == model::kVarParameter ? 1 : 2;
+    names->emplace(v.name, kind);
+    for (const std::string& alias : v.aliases) names->emplace(alias, kind);
+  }
+  return [names](std::string_view name) {
+    auto it = names->find(std::string(name));
+    return it == names->end() ? 0 : it->second;
+  };
+}
+
+// Variable classes from APP.info, now checked against the model's names and kinds.
+void ReadVariableClasses(CycleState& state, const model::ModelStore& store) {
+  state.files->set_model_kind(ModelKind(store));
+  std::string info = state.app + ".info";
+  if (std::filesystem::exists(info)) files::zpm_files(35, info);
+}
+
+// Structures and values a solver would start from: residuals, objective, degrees of freedom.
+void ReportStartingPoint(model::ModelAccess& access, int diaglevel) {
+  access.EvaluateResiduals();
+  access.Layout();
+  Sayf("Number of variables   : {}", access.nvar());
+  Sayf("Number of constraints : {}", access.NumRows());
+  Sayf("Jacobian non-zeros    : {}", model::zpm_nnz(access, 1));
+  Sayf("Hessian non-zeros     : {}", model::zpm_nnzh(access, 1));
+  Sayf("Objective at start    : {}", FormatReal(access.Objective(false)));
+  if (diaglevel >= 1) model::zpm_dof(access, 2);
+  if (access.domain_errors().Total() > 0) access.domain_errors().Report();
+}
+
+int NotSolved(CycleState& state, std::string_view what) {
+  Sayf("The {} is not available yet: the model was built and checked, nothing was solved.",
+       what);
+  state.store.SetGlobal("APPSTATUS", 0);
+  state.store.SetGlobal("SOLVESTATUS", 0);
+  return -1;
+}
+
+}  // namespace
+
+int RunModelStage(CycleState& state) {
+  model::ModelStore store = model::BuildModel(state.model_file, ReadBuildOptions(state.store));
+  ReadVariableClasses(state, store);
+  if (state.flags.imode >= 4) return NotSolved(state, "time horizon for dynamic modes");
+  model::ModelAccess access(store);
+  ReportStartingPoint(access, state.store.Int("DIAGLEVEL"));
+  return NotSolved(state, "solver stage");
+}
+
+}  // namespace kx::driver
