@@ -14,14 +14,16 @@
 //     terms are never divided by variable scaling; its gradient with respect to the scaled
 //     variables is s_v * df/dx.
 //   - Bounds handed out for a fixed variable are its value on both sides: bounds belong to the
-//     calculated variables only.
+//     calculated variables only. Unlimited bounds (+-1e20) are never scaled.
 //
 // Structure (layout, Jacobian patterns per shape, Hessian patterns, objective pattern) is built
-// on first use and kept until Invalidate(); call it after changing which equations are active,
-// an equation's columns, or the variable records' storage.
+// on first use and kept until Invalidate(); call it after changing which equations are active
+// or an equation's columns. A store that gained variables, differential variables or equations,
+// or whose record vector moved, is noticed on the next call and rebuilt.
 #pragma once
 
 #include <array>
+#include <cmath>
 #include <optional>
 #include <span>
 #include <string>
@@ -87,6 +89,14 @@ class ModelAccess {
   // "WARNING: lower bound > upper bound": sets lower = upper (model/checks).
   void RepairBounds(int number);
   static bool IsDefaultBound(Bound b, double value);
+  // A bound in scaled units and back. An unlimited bound (|value| >= 1e20) stays unlimited:
+  // dividing it by a large scale would hand a solver a finite limit.
+  static double ScaledBound(double value, double scale) {
+    return std::abs(value) >= kUnlimited ? value : value / scale;
+  }
+  static double UnscaledBound(double value, double scale) {
+    return std::abs(value) >= kUnlimited ? value : value * scale;
+  }
 
   // ----- scaling -----
   void GetVarScaling(std::span<double> y) const;

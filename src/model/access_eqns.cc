@@ -16,9 +16,9 @@ void ModelAccess::Invalidate() {
 }
 
 void ModelAccess::EnsureLayout() {
-  // Slots hold addresses inside the variable records: a reallocated record vector means the
-  // structure is rebuilt.
-  if (layout_ && layout_->vars_at_build != store_.vars.data()) Invalidate();
+  // Slots hold addresses inside the variable records: a reallocated record vector, or a store
+  // that gained variables or equations, means the structure is rebuilt.
+  if (layout_ && layout_->OutOfDate(store_)) Invalidate();
   if (layout_) return;
   layout_ = BuildLayout(store_);
   scratch_.Reserve(*layout_);

@@ -100,7 +100,7 @@ double ModelAccess::EffectiveBound(Bound b, int number) const {
 void ModelAccess::SetBound(Bound b, int number, double value, bool scaled) {
   Variable& v = store_.Var(number);
   if (v.fixed) return;
-  double unscaled = value * ScaleOf(v, scaled);
+  double unscaled = UnscaledBound(value, ScaleOf(v, scaled));
   (b == Bound::kLower ? v.lower : v.upper) = unscaled;
   RepairBounds(number);
 }

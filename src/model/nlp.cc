@@ -19,8 +19,8 @@ void Nlp::GetBounds(std::span<double> xl, std::span<double> xu) {
   const ModelStore& store = access_.store();
   for (int n = 1; n <= store.nvar; ++n) {
     double s = scaled_ ? store.Var(n).scale : 1.0;
-    xl[n - 1] = access_.EffectiveBound(Bound::kLower, n) / s;
-    xu[n - 1] = access_.EffectiveBound(Bound::kUpper, n) / s;
+    xl[n - 1] = ModelAccess::ScaledBound(access_.EffectiveBound(Bound::kLower, n), s);
+    xu[n - 1] = ModelAccess::ScaledBound(access_.EffectiveBound(Bound::kUpper, n), s);
   }
   for (int k = store.nvar; k < num_vars_; ++k) {
     xl[k] = -kUnlimited;
@@ -32,8 +32,8 @@ void Nlp::GetConstraintBounds(std::span<double> gl, std::span<double> gu) {
   for (int r = 1; r <= num_cons(); ++r) {
     const Equation& e = access_.Row(r);
     double s = scaled_ ? e.scaling : 1.0;
-    gl[r - 1] = e.lower <= -kUnlimited ? e.lower : e.lower / s;
-    gu[r - 1] = e.upper >= kUnlimited ? e.upper : e.upper / s;
+    gl[r - 1] = ModelAccess::ScaledBound(e.lower, s);
+    gu[r - 1] = ModelAccess::ScaledBound(e.upper, s);
   }
 }
 
@@ -46,8 +46,8 @@ void Nlp::GetStart(std::span<double> x) {
   const ModelStore& store = access_.store();
   for (int n = 1; n <= store.nvar; ++n) {
     double s = scaled_ ? store.Var(n).scale : 1.0;
-    double lo = access_.EffectiveBound(Bound::kLower, n) / s;
-    double hi = access_.EffectiveBound(Bound::kUpper, n) / s;
+    double lo = ModelAccess::ScaledBound(access_.EffectiveBound(Bound::kLower, n), s);
+    double hi = ModelAccess::ScaledBound(access_.EffectiveBound(Bound::kUpper, n), s);
     x[n - 1] = std::clamp(x[n - 1], std::min(lo, hi), std::max(lo, hi));
   }
 }

@@ -81,6 +81,9 @@ void zpm_jacobian(ModelAccess& m, int imsg, int nz, std::span<int> ir, std::span
   if (imsg == 0) return PrintHelp("zpm_jacobian");
   if (!IsJacobianSelector(imsg, false)) InvalidOption("zpm_jacobian", imsg);
   const JacobianPattern& p = m.Jacobian(JacobianShape(imsg));
+  m.jacobian_structure = imsg;
+  // The pattern is counted in full before any entry is written, so a short vector is always
+  // caught here and the fill below can never run past the caller's length.
   if (nz < p.nnz()) {
     Fatal({"zpm_jacobian: insufficient vector size for ir, ic, and pd",
            fmt::format("zpm_jacobian_structure: {}", m.jacobian_structure),
@@ -88,7 +91,7 @@ void zpm_jacobian(ModelAccess& m, int imsg, int nz, std::span<int> ir, std::span
            fmt::format("required size           : {}", p.nnz())},
           "STOPPING");
   }
-  m.jacobian_structure = imsg;
+  KX_CHECK(static_cast<int>(std::min(ir.size(), ic.size())) >= p.nnz());
   std::copy(p.rows.begin(), p.rows.end(), ir.begin());
   std::copy(p.cols.begin(), p.cols.end(), ic.begin());
   if (!pd.empty()) m.JacobianValues(p.shape, imsg % 2 == 1, pd);
@@ -104,10 +107,11 @@ void zpm_hessian(ModelAccess& m, int imsg, int nz, std::span<int> ir, std::span<
   const HessianPattern& p = m.Hessian(dynamic ? Shape::kReduced : Shape::kSteady);
   if (nz < p.nnz()) {
     Fatal({"zpm_hessian: insufficient vector size for ir, ic, and h",
-           fmt::format("imsg: {}", imsg), fmt::format("size of vectors ir,ic,h: {}", nz),
+           fmt::format("imsg {}", imsg), fmt::format("size of vectors ir,ic,h: {}", nz),
            fmt::format("required size          : {}", p.nnz())},
           "STOPPING");
   }
+  KX_CHECK(static_cast<int>(std::min(ir.size(), ic.size())) >= p.nnz());
   std::copy(p.rows.begin(), p.rows.end(), ir.begin());
   std::copy(p.cols.begin(), p.cols.end(), ic.begin());
   if (h.empty()) return;

@@ -89,7 +89,10 @@ void zpm_iv(ModelAccess& m, int imsg, int* niv, std::span<int> iy) {
   int count = 0;
   for (int n = 1; n <= m.nvar(); ++n) {
     if (!m.store().Var(n).iv) continue;
-    if (imsg == 2) iy[count] = n;
+    if (imsg == 2) {
+      KX_CHECK(count < static_cast<int>(iy.size()));
+      iy[count] = n;
+    }
     ++count;
   }
   if (niv != nullptr) *niv = count;

@@ -47,6 +47,10 @@ void AddEquationSlots(const ModelStore& store, const Equation& eqn, EquationLayo
   const lang::Program& program = store.programs[eqn.program];
   KX_CHECK(program.num_inputs() == static_cast<int>(eqn.columns.size()));
   for (int col : eqn.columns) {
+    if (eqn.obj_eqn && (col < 1 || col > 2 * store.nvar)) {
+      // An objective term that no variable position can take.
+      Fatal({"Problem with internal sparsity for objective", fmt::format("a%number: {}", col)});
+    }
     KX_CHECK(col >= 1 && col <= 2 * store.nvar);
     layout->slot_column.push_back(col);
     layout->slot_value.push_back(SlotAddress(store, col));
@@ -80,6 +84,8 @@ EquationLayout BuildLayout(const ModelStore& store) {
   }
   layout.slot_begin.push_back(static_cast<int>(layout.slot_column.size()));
   layout.vars_at_build = store.vars.data();
+  layout.nvar_at_build = store.nvar;
+  layout.ndiff_at_build = store.ndiff;
   layout.diff_var.assign(store.ndiff + 1, 0);
   for (int n = 1; n <= store.nvar; ++n) {
     int idiff = store.Var(n).idiff;
@@ -174,12 +180,7 @@ std::vector<int> BuildObjectivePattern(const ModelStore& store, const EquationLa
   for (int e : layout.objective_eqns) {
     for (int s = layout.slot_begin[e]; s < layout.slot_begin[e + 1]; ++s) {
       int col = layout.slot_column[s];
-      if (col > store.nvar && col <= 2 * store.nvar) {
-        Fatal({"differentials not permitted in the objective function"});
-      }
-      if (col < 1 || col > store.nvar) {
-        Fatal({"Problem with internal sparsity for objective", fmt::format("a%number: {}", col)});
-      }
+      if (col > store.nvar) Fatal({"differentials not permitted in the objective function"});
       used[col] = 1;
     }
   }

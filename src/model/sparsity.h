@@ -45,9 +45,19 @@ struct EquationLayout {
   int max_work = 0;                        // largest program work size
   int max_pairs = 0;                       // largest program Hessian pair count
   const Variable* vars_at_build = nullptr; // store.vars.data() when built (pointer validity)
+  int nvar_at_build = 0;                   // store.nvar when built
+  int ndiff_at_build = 0;                  // store.ndiff when built
+
+  // True when the store has grown or moved since the build: the layout must be rebuilt.
+  // Changes that keep the counts (active flags, an equation's columns) are not seen here.
+  bool OutOfDate(const ModelStore& store) const {
+    return vars_at_build != store.vars.data() || nvar_at_build != store.nvar ||
+           ndiff_at_build != store.ndiff || program_at_build.size() != store.eqns.size();
+  }
 };
 
-// Builds the layout of every equation with a program.
+// Builds the layout of every equation with a program. Stops with "Problem with internal
+// sparsity for objective" when an objective row reads a column outside the model.
 EquationLayout BuildLayout(const ModelStore& store);
 
 // Coordinate pattern of the constraint Jacobian in one shape.
@@ -76,8 +86,7 @@ JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayo
 
 // Pattern of the objective gradient: the free obj_def variables and the x columns of the
 // objective rows, each variable once, in increasing order. Stops with "differentials not
-// permitted in the objective function" when an objective row reads a time derivative, and with
-// "Problem with internal sparsity for objective" when it reads a column outside the model.
+// permitted in the objective function" when an objective row reads a time derivative.
 std::vector<int> BuildObjectivePattern(const ModelStore& store, const EquationLayout& layout);
 
 // Rewrites equation `eqn` (0-based) so that it reads variable `new_number` wherever it read

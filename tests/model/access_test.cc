@@ -112,8 +112,13 @@ TEST(Access, ConstraintOutputListsNonDefaultBounds) {
   EXPECT_EQ(iy, (std::vector<int>{1, 2, 0}));
   zpm_constraints(m, 5, Bound::kUpper, false, &ny, y, iy);
   EXPECT_EQ(ny, 2);
+  ny = 1;  // room for one entry: the list stops there
+  zpm_constraints(m, 5, Bound::kUpper, false, &ny, y, iy);
+  EXPECT_EQ(ny, 1);
+  EXPECT_EQ(iy[0], 1);
+  ny = 3;
   zpm_constraints(m, 3, Bound::kLower, true, &ny, y, iy);
-  EXPECT_EQ(y, (std::vector<double>{0, 0.75, -kUnlimited / 0.5}));
+  EXPECT_EQ(y, (std::vector<double>{0, 0.75, -kUnlimited}));  // unlimited stays unlimited
   OutputCapture capture;
   zpm_constraints(m, 7, Bound::kLower, false, &ny);
   auto lines = capture.lines();
@@ -186,14 +191,25 @@ TEST(Access, NamesAndUnits) {
   EXPECT_TRUE(capture.Contains("p"));
 }
 
-// DOF of n free variables against `neqn` equations x_i - i = 0 plus one slack.
-std::vector<std::string> DofLines(int nfree, int neqn, int imsg, int* ndof) {
+// DOF of a model: `nfree` variables v1.. with bounds [0, 1] (v1 at 0 when `at_bound`),
+// `nslack` slack variables, and `neqn` rows, one of them reading $v1.
+struct DofModel {
+  int nfree, nslack, neqn;
+  bool at_bound;
+};
+
+std::vector<std::string> DofLines(const DofModel& d, int imsg, int* ndof, int fv = 0) {
   std::vector<testing::VarSpec> vars;
   std::vector<testing::EqnSpec> eqns;
-  for (int i = 1; i <= nfree; ++i) vars.push_back({"v" + std::to_string(i), 0.5, 0, 1});
-  for (int i = 1; i <= neqn; ++i) eqns.push_back({"v1 - " + std::to_string(i)});
+  for (int i = 1; i <= d.nfree; ++i) vars.push_back({"v" + std::to_string(i), 0.5, 0, 1});
+  for (int i = 1; i <= d.nslack; ++i) vars.push_back({"slk_" + std::to_string(i), 1, 0});
+  if (d.at_bound) vars[0].value = 0;
+  for (int i = 1; i <= d.neqn; ++i) {
+    eqns.push_back({(i == 1 ? "$v1 + v1 - " : "v1 - ") + std::to_string(i)});
+  }
   ModelStore store = MakeModel(vars, eqns);
   ModelAccess m(store);
+  m.num_independent_fv = fv;
   OutputCapture capture;
   try {
     *ndof = zpm_dof(m, imsg);
@@ -203,28 +219,66 @@ std::vector<std::string> DofLines(int nfree, int neqn, int imsg, int* ndof) {
   return capture.lines();
 }
 
-TEST(Access, DofReportWarnsOnlyWhenNegative) {
-  int ndof = 0;
-  auto lines = DofLines(2, 2, 2, &ndof);
-  EXPECT_EQ(ndof, 0);
-  std::vector<std::string> expected = {
-      "Number of state variables:          2", "Number of total equations: -        2",
-      "Number of slack variables: -        0", std::string(39, '-'),
-      "Degrees of freedom       :          0", ""};
-  EXPECT_EQ(lines, expected);
-  lines = DofLines(2, 3, 12, &ndof);
-  EXPECT_EQ(ndof, -1);
-  EXPECT_EQ(lines.back(), "* Warning: DOF <= 0");
-  EXPECT_TRUE(DofLines(2, 3, 1, &ndof).empty());
-  lines = DofLines(3, 2, 3, &ndof);
-  EXPECT_EQ(ndof, 999);
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[lines.size() - 2], "* Error: DOF must be zero for this mode");
-  EXPECT_EQ(lines.back(), "STOPPING...");
-  EXPECT_EQ(DofLines(2, 2, 3, &ndof).size(), 6u);  // zero: printed, no stop
-  lines = DofLines(3, 2, 4, &ndof);
-  EXPECT_EQ(ndof, 1);
-  EXPECT_EQ(lines.back(), "Error: DOF must be zero for sensitivity analysis");
+std::string Line(const std::string& label, int value) {
+  return label + fmt::format("{:>8}", value);
+}
+
+TEST(Access, DofReportsCountsWarningsAndStops) {
+  const std::string dashes(39, '-');
+  struct Case {
+    DofModel model;
+    int imsg, fv;
+    int ndof;                        // 999: stopped
+    std::vector<std::string> lines;  // everything printed
+  };
+  std::vector<Case> cases = {
+      // Zero DOF: printed, no warning, no stop.
+      {{2, 0, 2, false}, 2, 0, 0,
+       {Line("Number of state variables:   ", 2), Line("Number of total equations: - ", 2),
+        Line("Number of slack variables: - ", 0), dashes,
+        Line("Degrees of freedom       :   ", 0), ""}},
+      {{2, 0, 2, false}, 3, 0, 0,
+       {Line("Number of state variables:   ", 2), Line("Number of total equations: - ", 2),
+        Line("Number of slack variables: - ", 0), dashes,
+        Line("Degrees of freedom       :   ", 0), ""}},
+      {{2, 0, 3, false}, 1, 0, -1, {}},
+      // Dynamic: the differential variable v1 counts as a state; a slack is subtracted again;
+      // a variable at its bound is reported; negative DOF warns.
+      {{2, 1, 4, true}, 12, 0, -1,
+       {Line("Number of state variables:   ", 4), Line("Number of total equations: - ", 4),
+        Line("Number of slack variables: - ", 1), dashes,
+        Line("Degrees of freedom       :   ", -1), "",
+        Line("Number of bound variables: - ", 1), "", "* Warning: DOF <= 0"}},
+      {{3, 0, 2, false}, 3, 0, 999,
+       {Line("Number of state variables:   ", 3), Line("Number of total equations: - ", 2),
+        Line("Number of slack variables: - ", 0), dashes,
+        Line("Degrees of freedom       :   ", 1), "",
+        "* Error: DOF must be zero for this mode", "STOPPING..."}},
+      {{2, 0, 2, false}, 13, 0, 999,  // dynamic: 2 + 1 differential - 2 equations
+       {Line("Number of state variables:   ", 3), Line("Number of total equations: - ", 2),
+        Line("Number of slack variables: - ", 0), dashes,
+        Line("Degrees of freedom       :   ", 1), "",
+        "* Error: DOF must be zero for this mode", "STOPPING..."}},
+      // Sensitivity: slacks count as states, independent FVs are taken off; zero is silent.
+      {{3, 1, 3, false}, 4, 1, 0, {}},
+      {{3, 1, 2, true}, 4, 1, 1,
+       {Line("Number of state variables:   ", 4), Line("Number of total equations: - ", 2),
+        Line("Number of independent FVs: - ", 1), Line("Number of independent MVs: - ", 0),
+        dashes, Line("Degrees of freedom       :   ", 1),
+        Line("Number of bound variables: - ", 1),
+        "Error: DOF must be zero for sensitivity analysis"}},
+      {{3, 0, 3, false}, 14, 0, 1,
+       {Line("Number of state variables:   ", 4), Line("Number of total equations: - ", 3),
+        Line("Number of independent FVs: - ", 0), Line("Number of independent MVs: - ", 0),
+        dashes, Line("Degrees of freedom       :   ", 1),
+        "Error: DOF must be zero for sensitivity analysis"}},
+  };
+  for (const Case& c : cases) {
+    int ndof = 0;
+    auto lines = DofLines(c.model, c.imsg, &ndof, c.fv);
+    EXPECT_EQ(ndof, c.ndof) << "imsg " << c.imsg;
+    EXPECT_EQ(lines, c.lines) << "imsg " << c.imsg;
+  }
 }
 
 TEST(Access, BlockOrderFindsBlocksOrReportsAStructurallyZeroColumn) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 
 #include "model/access.h"
 #include "model/routines.h"
@@ -101,7 +102,29 @@ TEST(Assembly, JacobianMatchesFiniteDifferencesInEveryShape) {
       if (shape == Shape::kSteady) {
         for (int c : ic) EXPECT_LE(c, store.nvar) << what;
       }
+      // A pattern-only call hands out the same positions and no values.
+      std::vector<int> jr(nnz, -1), jc(nnz, -1);
+      zpm_jacobian(m, imsg, nnz, jr, jc);
+      EXPECT_EQ(jr, ir) << what;
+      EXPECT_EQ(jc, ic) << what;
     }
+  }
+}
+
+TEST(Assembly, RandomModelsExerciseMergedAndIntermediateInputs) {
+  // Guards the generator: without these features the finite-difference tests prove less.
+  for (unsigned seed : {1u, 2u, 3u, 4u, 5u, 7u}) {
+    ModelStore store = MakeRandomModel(seed, 12, 10);
+    ModelAccess m(store);
+    std::vector<int> read(2 * store.nvar + 1, 0);
+    for (const Equation& e : store.eqns) {
+      for (int col : e.columns) read[col] = 1;
+    }
+    int unread = 0;
+    for (int n = 1; n <= store.nvar; ++n) unread += !read[n] && !read[store.nvar + n];
+    EXPECT_GE(unread, 1) << seed;  // the merged-away column
+    EXPECT_TRUE(m.Jacobian(Shape::kFull).has_duplicates) << seed;
+    EXPECT_GT(store.ndiff, 0) << seed;
   }
 }
 
@@ -185,9 +208,19 @@ TEST(Assembly, HessianMatchesFiniteDifferencesOfTheLagrangianGradient) {
           if (std::abs(d) > 1e-8) fd[{row, col}] = d;
         }
       }
-      for (size_t k = 0; k < ir.size(); ++k) EXPECT_GE(ir[k], ic[k]);
-      ExpectMatches(fd, ir, ic, h, "seed " + std::to_string(seed) + " imsg " +
-                                       std::to_string(imsg));
+      std::string what = "seed " + std::to_string(seed) + " imsg " + std::to_string(imsg);
+      std::set<std::pair<int, int>> positions;
+      for (size_t k = 0; k < ir.size(); ++k) {
+        EXPECT_GE(ir[k], ic[k]) << what;
+        EXPECT_TRUE(positions.insert({ir[k], ic[k]}).second) << what << " repeats a position";
+        if (!dynamic) EXPECT_LE(ir[k], store.nvar) << what;
+      }
+      ExpectMatches(fd, ir, ic, h, what);
+      // Pattern only: the same positions, and the multipliers and values are left alone.
+      std::vector<int> pr(nnzh), pc(nnzh);
+      zpm_hessian(m, imsg, nnzh, pr, pc);
+      EXPECT_EQ(pr, ir) << what;
+      EXPECT_EQ(pc, ic) << what;
     }
   }
 }
@@ -224,9 +257,14 @@ TEST(Assembly, VectorsExactlyNnzLongSucceedAndOneShorterStops) {
   EXPECT_EQ(lines, expected);
   store.eqns[0].lambda = 1;
   int nnzh = zpm_nnzh(m, 1);
+  ASSERT_EQ(nnzh, 1);
+  std::vector<double> h(nnzh);
+  zpm_hessian(m, 2, nnzh, ir, ic, h);
+  EXPECT_DOUBLE_EQ(h[0], 1.0);  // d2(x*y)/dy dx
   lines = StopLines([&] { zpm_hessian(m, 2, nnzh - 1, ir, ic); });
-  EXPECT_EQ(lines.front(), "zpm_hessian: insufficient vector size for ir, ic, and h");
-  EXPECT_EQ(lines.back(), "STOPPING");
+  expected = {"zpm_hessian: insufficient vector size for ir, ic, and h", "imsg 2",
+              "size of vectors ir,ic,h: 0", "required size          : 1", "STOPPING"};
+  EXPECT_EQ(lines, expected);
 }
 
 TEST(Assembly, StalePatternStopsHessianPlacement) {
@@ -254,6 +292,36 @@ TEST(Assembly, ObjectiveRowsReadingDerivativesOrUnknownColumnsStop) {
   auto lines = StopLines([&] { zpm_obj_grad(m, 1, g, false); });
   EXPECT_EQ(lines.front(), "differentials not permitted in the objective function");
   EXPECT_EQ(lines.back(), "STOPPING...");
+}
+
+TEST(Assembly, ObjectiveRowReadingAColumnOutsideTheModelStops) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x - 1"}, {"x*y", true}});
+  store.eqns[1].columns[1] = 5;  // no variable position 5 in a model of two variables
+  ModelAccess m(store);
+  double f = 0;
+  auto lines = StopLines([&] { zpm_obj(m, 1, &f); });
+  std::vector<std::string> expected = {"Problem with internal sparsity for objective",
+                                       "a%number: 5", "STOPPING..."};
+  EXPECT_EQ(lines, expected);
+}
+
+TEST(Assembly, StructureGrownSinceSizingIsRebuiltAndCaughtBySizeCheck) {
+  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x*y - 2"}});
+  ModelAccess m(store);
+  int nnz = zpm_nnz(m, 1);
+  ASSERT_EQ(nnz, 2);
+  // A row added after the caller sized its vectors: the cached structure is rebuilt.
+  ModelStore extra = MakeModel({{"x", 1}, {"y", 2}}, {{"x*y - 2"}, {"x + y"}});
+  store.programs = extra.programs;
+  store.eqns = extra.eqns;
+  std::vector<int> ir(nnz), ic(nnz);
+  std::vector<double> pd(nnz);
+  auto lines = StopLines([&] { zpm_jacobian(m, 6, nnz, ir, ic, pd); });
+  std::vector<std::string> expected = {"zpm_jacobian: insufficient vector size for ir, ic, and pd",
+                                       "zpm_jacobian_structure: 6", "size of vectors ir,ic,pd: 2",
+                                       "required size           : 4", "STOPPING"};
+  EXPECT_EQ(lines, expected);
+  EXPECT_EQ(zpm_nnz(m, 1), 4);
 }
 
 TEST(Assembly, UpdateSparsityStopsWhenTheVariableIsNotRead) {
