@@ -8,7 +8,9 @@ int TimerTable::Id(std::string_view name) {
   for (int i = 0; i < size(); ++i)
     if (timers_[i].name == name) return i;
   if (size() >= kMaxTimers) return kMaxTimers - 1;
-  timers_.push_back(Timer{std::string(name)});
+  Timer t;
+  t.name = std::string(name);
+  timers_.push_back(std::move(t));
   return size() - 1;
 }
 

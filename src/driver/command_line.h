@@ -20,7 +20,7 @@ struct CommandLineFlags {
   int imode = 3;       // 1..9
   int dbs_read = -1;   // DBS values applied to the model
   int dbs_write = -1;  // application DBS file and options.json written after the solve
-  int specs = -1;      // specifications read from restart files
+  int specs = -1;      // read the fixed/calculated marks of restart files
   int ctrlmode = 1;    // 1 simulate, 2 predict, 3 control
   int solver = 1;      // 0 all, 1..6
 };

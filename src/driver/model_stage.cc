@@ -20,7 +20,6 @@ model::BuildOptions ReadBuildOptions(const dbs::OptionStore& store) {
   opts.max_memory = std::clamp(store.Int("MAX_MEMORY"), 2, 10);
   opts.stream_level = store.Int("STREAM_LEVEL");
   opts.scaling = store.Int("SCALING");
-  opts.work_dir = ".";
   return opts;
 }
 

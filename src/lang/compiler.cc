@@ -1,6 +1,7 @@
 #include "lang/compiler.h"
 
 #include <cstdint>
+#include <new>
 #include <string>
 
 #include "base/check.h"
@@ -137,15 +138,26 @@ void Compiler::Impl::CheckSegment(int size, const char* which) const {
         "Stopping...");
 }
 
+// Emits the three segments. When memory runs out, the stop names the segment that failed
+// (status 1) beside those already built (status 0); a segment not reached shows 1 as well.
 Program Compiler::Impl::Build(int root, int num_inputs) {
   Program program;
-  codegen.Begin(eq, num_inputs, &program);
-  codegen.EmitResidual(eq, root);
-  deriv.Gradient(&eq, root, input_nodes, &grad);
-  codegen.EmitGradient(eq, grad);
-  CheckSegment(program.first_size(), "1st derivatives");
-  deriv.Hessian(&eq, input_nodes, grad, &pairs, &hess_nodes);
-  codegen.EmitHessian(eq, pairs, hess_nodes);
+  int built = 0;  // segments finished
+  try {
+    codegen.Begin(eq, num_inputs, &program);
+    codegen.EmitResidual(eq, root);
+    built = 1;
+    deriv.Gradient(&eq, root, input_nodes, &grad);
+    codegen.EmitGradient(eq, grad);
+    CheckSegment(program.first_size(), "1st derivatives");
+    built = 2;
+    deriv.Hessian(&eq, input_nodes, grad, &pairs, &hess_nodes);
+    codegen.EmitHessian(eq, pairs, hess_nodes);
+  } catch (const std::bad_alloc&) {
+    Fatal({"*** Parser error: Memory allocation for byte code failed",
+           fmt::format("Byte Code {}", built > 0 ? 0 : 1),
+           fmt::format("1st Deriv {}", built > 1 ? 0 : 1), "2nd Deriv 1"});
+  }
   CheckSegment(program.second_size(), "2nd derivatives");
   return program;
 }
@@ -155,6 +167,10 @@ Compiler::Compiler(CompileLimits limits) : impl_(new Impl(limits)) {}
 Compiler::~Compiler() { delete impl_; }
 
 void Compiler::CheckSyntax(std::string_view text) const { impl_->lexer.Scan(text); }
+
+void Compiler::CheckSyntax(std::string_view part, std::string_view statement, int offset) const {
+  impl_->lexer.Scan(part, statement, offset);
+}
 
 int Compiler::DefineIntermediate(std::string_view text, const Resolver& resolve) {
   Impl& m = *impl_;

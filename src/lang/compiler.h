@@ -40,6 +40,9 @@ class Compiler {
   // Syntax check of one expression; on a fault prints "*** Error in syntax of function
   // string: ", the string, "Position: " and the 1-based position, and stops.
   void CheckSyntax(std::string_view text) const;
+  // The same for the part of `statement` that starts at `offset`: the message shows the whole
+  // statement and the position in it.
+  void CheckSyntax(std::string_view part, std::string_view statement, int offset) const;
 
   // Compiles an intermediate's defining expression. Expressions compiled later that resolve a
   // name to this handle inline it, derivatives chained through.

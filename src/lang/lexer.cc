@@ -32,10 +32,14 @@ void SyntaxError(std::string_view text, std::string message, int pos) {
          "Position: " + std::to_string(pos + 1)});
 }
 
-void Lexer::Fail(std::string message, int pos) const { SyntaxError(text_, std::move(message), pos); }
+void Lexer::Fail(std::string message, int pos) const {
+  SyntaxError(shown_, std::move(message), pos + offset_);
+}
 
-void Lexer::Scan(std::string_view text) {
+void Lexer::Scan(std::string_view text, std::string_view shown, int offset) {
   text_ = text;
+  shown_ = shown.empty() ? text : shown;
+  offset_ = shown.empty() ? 0 : offset;
   tokens_.clear();
   Tokenize();
   if (tokens_.size() == 1) Fail("Blank Equation", 0);

@@ -36,8 +36,10 @@ struct Token {
 // Reusable scanner: the token buffer keeps its capacity across expressions.
 class Lexer {
  public:
-  // Scans and syntax-checks `text`; on success tokens() ends with one kEnd token.
-  void Scan(std::string_view text);
+  // Scans and syntax-checks `text`; on success tokens() ends with one kEnd token. A fault is
+  // reported in `shown` (the text when empty) at its position plus `offset`, so that a part of
+  // a model statement is checked with positions in the whole statement.
+  void Scan(std::string_view text, std::string_view shown = {}, int offset = 0);
   const std::vector<Token>& tokens() const { return tokens_; }
 
  private:
@@ -49,6 +51,8 @@ class Lexer {
   [[noreturn]] void Fail(std::string message, int pos) const;
 
   std::string_view text_;      // the expression being scanned
+  std::string_view shown_;     // the text faults are reported in
+  int offset_ = 0;             // position of text_ within shown_
   std::vector<Token> tokens_;  // tokens of text_, ending with kEnd
 };
 

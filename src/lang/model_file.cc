@@ -241,6 +241,43 @@ double ModelFileReader::EvaluateConstantText(std::string_view text, int line) {
   return compiler_->EvalOnce(text, resolve);
 }
 
+// Evaluates the initial value of a parameter or variable. Besides constants it may read the
+// values of parameters and variables declared above it (explicit initialisation); one declared
+// further down has no value yet and stops the run.
+double ModelFileReader::EvaluateInitialValue(std::string_view text, const std::string& name,
+                                             int line) {
+  if (auto n = ParseNumber(text)) return *n;
+  Resolver resolve = [&](std::string_view ref, bool derivative) {
+    Symbol sym;
+    sym.kind = Symbol::Kind::kConstant;
+    const std::string key(ref);
+    if (const double* v = FindConstant(key)) {
+      sym.value = *v;
+    } else if (auto it = initial_values_.find(key); it != initial_values_.end()) {
+      sym.value = it->second;
+    } else if (declared_later_.count(key) > 0) {
+      Fatal({"Error: Initialization of variable " + name + " failed",
+             " Trying to use an uninitialized value in expression:", std::string(text)});
+    } else {
+      Fatal({fmt::format("Error evaluating constant on Line {}", line), std::string(text),
+             "Unknown constant: " + key});
+    }
+    return sym;
+  };
+  return compiler_->EvalOnce(text, resolve);
+}
+
+// Names of every parameter and variable statement, before any of them is parsed.
+void ModelFileReader::CollectDeclaredNames() {
+  for (Section sec : {Section::kParameters, Section::kVariables}) {
+    for (const Statement& s : statements_[static_cast<int>(sec)]) {
+      const std::string_view text = s.text;
+      const std::string_view head = Trim(text.substr(0, text.find_first_of("=<>,")));
+      if (!head.empty() && head.front() != '$') declared_later_.insert(ToLower(head));
+    }
+  }
+}
+
 void ModelFileReader::InitializeConstants() {
   for (const Statement& s : statements_[static_cast<int>(Section::kConstants)]) {
     ParseConstant(s);
@@ -256,7 +293,10 @@ void ModelFileReader::ExpandSection(std::vector<Statement>* statements) {
       out.push_back(std::move(s));
       continue;
     }
-    auto evaluate = [&](std::string_view t) { return EvaluateConstantText(t, s.line); };
+    auto evaluate = [&](std::string_view t) {
+      if (options_.diaglevel >= 3) Say("Evaluate array constant in expression: " + std::string(t));
+      return EvaluateConstantText(t, s.line);
+    };
     std::vector<IndexRange> indices = FindIndices(s.text, s.line, evaluate);
     long copies = CountCopies(indices, options_.max_range);
     for (long k = 0; k < copies; ++k) out.push_back({s.line, WriteCopy(s.text, indices, k)});
@@ -286,6 +326,7 @@ ParsedModel ModelFileReader::Parse() {
   model_.parameters.reserve(st[static_cast<int>(Section::kParameters)].size());
   model_.variables.reserve(st[static_cast<int>(Section::kVariables)].size());
   model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
+  CollectDeclaredNames();
   for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
     ParseDeclaration(s, &model_.parameters);
   }

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "lang/compiler.h"
@@ -139,6 +140,8 @@ class ModelFileReader {
   void FinishFileBlock();
   void ExpandSection(std::vector<Statement>* statements);
   double EvaluateConstantText(std::string_view text, int line);
+  double EvaluateInitialValue(std::string_view text, const std::string& name, int line);
+  void CollectDeclaredNames();
   void CheckNewName(const std::string& name, const char* kind, bool derivative);
   void ParseConstant(const Statement& s);
   void ParseDeclaration(const Statement& s, std::vector<VariableDecl>* out);
@@ -158,6 +161,10 @@ class ModelFileReader {
   int file_line_ = 0;
   bool in_file_ = false;
   std::unordered_map<std::string, double> constant_values_;
+  // Initial values of the parameters and variables parsed so far, and the names of every
+  // parameter and variable statement (a value may read the ones above it, not those below).
+  std::unordered_map<std::string, double> initial_values_;
+  std::unordered_set<std::string> declared_later_;
   // Every declared name with its kind ("variable:", "intermediate:", ...), for duplicates.
   std::unordered_map<std::string, const char*> declared_;
   ParsedModel model_;

@@ -146,7 +146,7 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
     size_t end = rel.size() > 1 ? rel[1].pos : head.size();
     std::string_view value = Trim(head.substr(rel[0].pos + 1, end - rel[0].pos - 1));
     if (value.empty()) FailStatement("model error: missing value in declaration", s);
-    d.value = EvaluateConstantText(value, s.line);
+    d.value = EvaluateInitialValue(value, d.name, s.line);
     d.has_value = true;
     k = 1;
   }
@@ -157,6 +157,7 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
   for (size_t i = 1; i < parts.size(); ++i) ParseBound(parts[i], s, &d);
   if (!d.has_value && d.lower <= d.upper) d.value = std::clamp(0.0, d.lower, d.upper);
   CheckNewName(d.name, d.derivative ? "variable differential:" : "variable:", d.derivative);
+  if (!d.derivative) initial_values_[d.name] = d.value;
   out->push_back(std::move(d));
 }
 
@@ -192,10 +193,12 @@ void ModelFileReader::ParseEquation(const Statement& s, int number) {
   e.text = s.text;
   e.line = s.line;
   e.statement = number;
+  // Each side is syntax-checked here so that a fault is shown in the statement as written;
+  // the residual text the compiler sees later is built from the sides.
   auto side = [&](size_t from, size_t to) {
-    std::string t(Trim(std::string_view(s.text).substr(from, to - from)));
-    if (t.empty()) compiler_->CheckSyntax(t);  // stops with "Blank Equation"
-    return t;
+    std::string_view raw = std::string_view(s.text).substr(from, to - from);
+    compiler_->CheckSyntax(raw, s.text, static_cast<int>(from));
+    return std::string(Trim(raw));
   };
   std::string word = ToLower(s.text.substr(0, s.text.find_first_of(" \t(")));
   if (word == "minimize" || word == "maximize") {

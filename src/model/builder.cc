@@ -2,6 +2,7 @@
 // records of the model store, then compiles every intermediate and equation once.
 #include "model/builder.h"
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <unordered_map>
@@ -51,6 +52,7 @@ class Builder {
   void CompileIntermediateValues();
   void FinishCounts();
   Symbol Resolve(std::string_view name, bool derivative);
+  [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
 
   BuildOptions options_;
@@ -66,6 +68,7 @@ class Builder {
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
   bool refs_tainted_ = false;          // the equation being compiled reads a tainted one
   std::vector<std::string> refs_;      // intermediates read by the equation being compiled
+  const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
 template <typename F>
@@ -226,7 +229,28 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
   if (auto j = intermediates_.find(name); j != intermediates_.end() && !derivative) {
     return ResolveIntermediate(name, j->second);
   }
-  return sym;
+  if (compiling_ != nullptr) FailUnknownName(name, derivative);
+  return sym;  // unknown in an intermediate: the compiler stops with its defining text
+}
+
+// An unknown name in an equation is shown in the statement as written (the compiler sees the
+// residual form), at the first place where it stands as a whole name.
+void Builder::FailUnknownName(std::string_view name, bool derivative) const {
+  const std::string& text = compiling_->text;
+  const std::string lower = ToLower(text);
+  const std::string token = (derivative ? "$" : "") + std::string(name);
+  auto in_name = [&](size_t i) {
+    const unsigned char c = static_cast<unsigned char>(lower[i]);
+    return std::isalnum(c) || c == '_' || c == '.' || c == '$' || c == '[' || c == ']';
+  };
+  size_t pos = lower.find(token);
+  while (pos != std::string::npos) {
+    const size_t end = pos + token.size();
+    if ((pos == 0 || !in_name(pos - 1)) && (end == lower.size() || !in_name(end))) break;
+    pos = lower.find(token, pos + 1);
+  }
+  Fatal({"Invalid element: " + token, "*** Error in syntax of function string: " + text,
+         fmt::format("Position: {}", pos == std::string::npos ? 1 : pos + 1)});
 }
 
 // An intermediate read before it is defined (listed later, or itself) gives no value: it is
@@ -273,7 +297,9 @@ void Builder::CompileEquation(int e) {
   refs_.clear();
   refs_tainted_ = false;
   std::vector<int> columns;
+  compiling_ = &q;
   lang::Program p = compiler_.CompileEquation(e + 1, q.residual_text, resolve_, &columns);
+  compiling_ = nullptr;
   q.columns = std::move(columns);
   if (refs_tainted_) FailOrder(e);
   CheckColumns(e);

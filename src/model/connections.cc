@@ -1,6 +1,7 @@
 #include "model/connections.h"
 
 #include <fstream>
+#include <iterator>
 #include <optional>
 
 #include "base/report.h"
@@ -20,20 +21,24 @@ int Find(const NameIndex& names, const std::string& name) {
 }
 
 // Appends the absorbed record's name and aliases to the survivor's alias list, with the walk
-// limits that guard against a corrupted list.
-void AppendAliases(Variable* survivor, const Variable& absorbed) {
+// limits that guard against a corrupted list. The aliases move: the absorbed record forwards
+// to the survivor, which answers for every name from now on (and a chain of merges stays
+// linear in its length).
+void AppendAliases(Variable* survivor, Variable* absorbed) {
   if (survivor->aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
     Fatal({"zpm_variable_connect - 1: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
            "alias_a: " + survivor->aliases.back()});
   }
-  if (absorbed.aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
+  if (absorbed->aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
     Fatal({"zpm_variable_connect - 2: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
-           "variable b: " + absorbed.name, "variable c: " + survivor->name,
-           "variable d: " + absorbed.name, "alias_b: " + absorbed.aliases.back()});
+           "variable b: " + absorbed->name, "variable c: " + survivor->name,
+           "variable d: " + absorbed->name, "alias_b: " + absorbed->aliases.back()});
   }
-  if (survivor->name != absorbed.name) survivor->aliases.push_back(absorbed.name);
-  survivor->aliases.insert(survivor->aliases.end(), absorbed.aliases.begin(),
-                           absorbed.aliases.end());
+  if (survivor->name != absorbed->name) survivor->aliases.push_back(absorbed->name);
+  survivor->aliases.insert(survivor->aliases.end(),
+                           std::make_move_iterator(absorbed->aliases.begin()),
+                           std::make_move_iterator(absorbed->aliases.end()));
+  absorbed->aliases.clear();
 }
 
 [[noreturn]] void FailConnection(const lang::ConnectionDecl& c, const ModelStore& store,
@@ -85,7 +90,7 @@ int MergeVariables(ModelStore* store, int a, int b) {
   bool keep_b = store->vars[rb].preferred && !store->vars[ra].preferred;
   int survivor = keep_b ? rb : ra;
   int absorbed = keep_b ? ra : rb;
-  AppendAliases(&store->vars[survivor], store->vars[absorbed]);
+  AppendAliases(&store->vars[survivor], &store->vars[absorbed]);
   store->vars[absorbed].forward = survivor;
   return survivor;
 }

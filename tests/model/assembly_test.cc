@@ -213,7 +213,9 @@ TEST(Assembly, HessianMatchesFiniteDifferencesOfTheLagrangianGradient) {
       for (size_t k = 0; k < ir.size(); ++k) {
         EXPECT_GE(ir[k], ic[k]) << what;
         EXPECT_TRUE(positions.insert({ir[k], ic[k]}).second) << what << " repeats a position";
-        if (!dynamic) EXPECT_LE(ir[k], store.nvar) << what;
+        if (!dynamic) {
+          EXPECT_LE(ir[k], store.nvar) << what;
+        }
       }
       ExpectMatches(fd, ir, ic, h, what);
       // Pattern only: the same positions, and the multipliers and values are left alone.

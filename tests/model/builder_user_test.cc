@@ -1,0 +1,125 @@
+// A model file written as a new user would write it (constants, vector ranges, parameters,
+// intermediates, time derivatives, an objective and connections), built through the file
+// entry point at DIAGLEVEL 2. The initial residuals written to "model_init_res.txt" are
+// checked against values worked out by hand.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "builder_testing.h"
+
+namespace kx::model {
+namespace {
+
+constexpr const char* kTwoTanks = R"(! Two tanks in series, outflow through a valve
+Model twotanks
+  Constants
+    g = 9.81
+    n = 2
+  End Constants
+
+  Parameters
+    area[1:n] = 2.0, >= 0.1
+    qin = 0.5
+  End Parameters
+
+  Variables
+    h[1:n] = 1.0, >= 0, <= 10
+    $h[1] = 0.05          ! initial rate of change of the first level
+    q[1:n] = 0.3
+    hsp = 1.5
+    level_sp = 1.5
+  End Variables
+
+  Intermediates
+    k[1:n] = 0.1*sqrt(2*g)
+    out[1:n] = k[1:n]*sqrt(h[1:n])
+  End Intermediates
+
+  Equations
+    area[1]*$h[1] = qin - q[1]
+    area[2:n]*$h[2:n] = q[1:n-1] - q[2:n]
+    q[1:n] = out[1:n]
+    minimize (h[n] - hsp)^2
+  End Equations
+
+  Connections
+    hsp = level_sp
+    level_sp = fixed
+  End Connections
+End Model
+)";
+
+// "Eqn(k) value   0 = expression" lines of model_init_res.txt, by equation number.
+struct ResidualLine {
+  double value = 0;
+  std::string expression;
+};
+
+std::map<int, ResidualLine> ReadResiduals(const std::string& text) {
+  std::map<int, ResidualLine> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("Eqn(", 0) != 0) continue;
+    const size_t close = line.find(')');
+    const size_t zero = line.find("   0 = ");
+    ResidualLine r;
+    r.value = std::stod(line.substr(close + 1, zero - close - 1));
+    r.expression = line.substr(zero + 7);
+    out[std::stoi(line.substr(4, close - 4))] = r;
+  }
+  return out;
+}
+
+TEST(BuilderUser, TwoTankModelWritesCorrectInitialResiduals) {
+  testing::ScratchDir dir;
+  const std::string path = dir.str() + "/twotanks.zpm";
+  std::ofstream(path) << kTwoTanks;
+  BuildOptions o;
+  o.diaglevel = 2;
+  OutputCapture out;
+  ModelStore s = BuildModel(path, o);
+
+  EXPECT_TRUE(out.Contains("Parsing model file " + path + "\n"));
+  for (const char* row : {"   Objects       :          0", "   Constants     :          2",
+                          "   Variables     :          9", "   Intermediates :          4",
+                          "   Connections   :          2", "   Equations     :          5",
+                          "   Residuals     :          4"}) {
+    EXPECT_TRUE(out.Contains(std::string(row) + "\n")) << row << "\n" << out.text();
+  }
+  // hsp absorbed level_sp; the fixed specification reached hsp through the forward link.
+  EXPECT_EQ(s.nvar, 8);
+  const Variable& hsp = s.vars[testing::Find(s, "hsp")];
+  EXPECT_TRUE(hsp.fixed);
+  EXPECT_EQ(hsp.aliases, std::vector<std::string>{"level_sp"});
+  EXPECT_EQ(s.ndiff, 2);
+
+  // By hand: k = 0.1*sqrt(2*9.81), out = k*sqrt(1) = k.
+  const double k = 0.1 * std::sqrt(2 * 9.81);
+  const std::map<int, ResidualLine> res = ReadResiduals(dir.Read("model_init_res.txt"));
+  ASSERT_EQ(res.size(), 5u) << dir.Read("model_init_res.txt");
+  const double expected[] = {2 * 0.05 - (0.5 - 0.3), 2 * 0.0 - (0.3 - 0.3), 0.3 - k, 0.3 - k,
+                             (1.0 - 1.5) * (1.0 - 1.5)};
+  for (int e = 1; e <= 5; ++e) {
+    EXPECT_NEAR(res.at(e).value, expected[e - 1], 1e-14) << "Eqn(" << e << ")";
+    EXPECT_NEAR(s.eqns[e - 1].residual, expected[e - 1], 1e-14) << "Eqn(" << e << ")";
+  }
+  EXPECT_EQ(res.at(1).expression, "(area[1]*$h[1])-(qin - q[1])");
+  EXPECT_EQ(res.at(4).expression, "(q[2])-(out[2])");
+  EXPECT_EQ(res.at(5).expression, "(h[2] - hsp)^2");
+
+  // Initial values: h[1] starts at 1 with dh/dt 0.05; the intermediates carry their values.
+  const std::string values = dir.Read("model_init_values.txt");
+  EXPECT_TRUE(testing::Has(values, fmt::format("{:>8} {:<40} {:>24.16e} {:>24.16e} {:>24.16e} {:>24.16e}",
+                                      4, "h[1]", 1.0, 0.0, 10.0, 0.05)))
+      << values;
+  EXPECT_TRUE(testing::Has(values, fmt::format("{:>8} {:<40} {:>24.16e}", "", "out[2]", k))) << values;
+  EXPECT_EQ(dir.Read("model_connections.txt"),
+            "Connection # 1\nA: hsp\nB: level_sp\n\nConnection # 2\nA: level_sp\nB: fixed\n\n");
+}
+
+}  // namespace
+}  // namespace kx::model
