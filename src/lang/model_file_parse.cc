@@ -39,14 +39,17 @@ std::vector<std::string_view> SplitTopLevel(std::string_view s, char sep) {
 }
 
 // relation -> '=' | '<' | '<=' | '>' | '>=' | '=<' | '=>'
-std::vector<Relation> FindRelations(std::string_view s) {
+// With unbalanced brackets and no relation outside them, the relations are taken at any depth,
+// so that `x*(x+1 = 2` reaches the syntax check of its sides ("Missing )") instead of being
+// refused as a line without a relation.
+std::vector<Relation> FindRelations(std::string_view s, bool any_depth = false) {
   std::vector<Relation> out;
   int depth = 0;
   for (size_t i = 0; i < s.size(); ++i) {
     char c = s[i];
     if (c == '(' || c == '[') ++depth;
     if ((c == ')' || c == ']') && depth > 0) --depth;
-    if (depth != 0 || (c != '=' && c != '<' && c != '>')) continue;
+    if ((depth != 0 && !any_depth) || (c != '=' && c != '<' && c != '>')) continue;
     Relation r{i, 1, c};
     char next = i + 1 < s.size() ? s[i + 1] : '\0';
     if (c != '=' && next == '=') r.len = 2;
@@ -54,6 +57,7 @@ std::vector<Relation> FindRelations(std::string_view s) {
     out.push_back(r);
     i += r.len - 1;
   }
+  if (out.empty() && depth != 0 && !any_depth) return FindRelations(s, true);
   return out;
 }
 

@@ -192,6 +192,7 @@ TEST(ModelFileMessages, SyntaxFaultsPointIntoTheStatement) {
     int position;
   } faults[] = {
       {"x = (y+1", "Missing )", 5},
+      {"x*(x+1 = 2", "Missing )", 3},
       {"x = y z", "Missing operator", 7},
       {"x = y + * z", "Multiple operators", 9},
       {"x = () + y", "Empty parentheses", 6},
