@@ -6,9 +6,11 @@
 
 #include "base/report.h"
 #include "base/text.h"
+#include "base/timers.h"
 #include "files/file_routine.h"
 #include "model/access.h"
 #include "model/builder.h"
+#include "model/diagnostics.h"
 #include "model/routines.h"
 
 namespace kx::driver {
@@ -68,11 +70,20 @@ int NotSolved(CycleState& state, std::string_view what) {
 }  // namespace
 
 int RunModelStage(CycleState& state) {
-  model::ModelStore store = model::BuildModel(state.model_file, ReadBuildOptions(state.store));
+  const int diaglevel = state.store.Int("DIAGLEVEL");
+  model::ModelStore store = [&] {
+    ScopedTimer timer("Model build");
+    return model::BuildModel(state.model_file, ReadBuildOptions(state.store));
+  }();
   ReadVariableClasses(state, store);
+  if (diaglevel >= 2) model::WriteByteCodeListing(store, "model_bytecode.txt");
   if (state.flags.imode >= 4) return NotSolved(state, "time horizon for dynamic modes");
   model::ModelAccess access(store);
-  ReportStartingPoint(access, state.store.Int("DIAGLEVEL"));
+  {
+    ScopedTimer timer("Structure and starting point");
+    ReportStartingPoint(access, diaglevel);
+  }
+  if (diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
   return NotSolved(state, "solver stage");
 }
 

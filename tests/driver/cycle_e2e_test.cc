@@ -235,6 +235,15 @@ TEST_F(CycleTest, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
   EXPECT_NE(res.find("Eqn(2)   0.0000000000000000e+00   0 = (z^2)-(y + 1)\n"), std::string::npos)
       << res;
   EXPECT_TRUE(Exists("model_init_values.txt"));
+  // The stage listings: the byte code with its column map, and the patterns with names.
+  std::string code = Read("model_bytecode.txt");
+  EXPECT_NE(code.find("Eqn(2)"), std::string::npos) << code;
+  EXPECT_NE(code.find("column 3 z"), std::string::npos) << code;
+  std::string pattern = Read("model_sparsity.txt");
+  EXPECT_NE(pattern.find("Jacobian non-zeros 4, Hessian non-zeros (lower triangle) 1"),
+            std::string::npos)
+      << pattern;
+  EXPECT_NE(pattern.find("3  z  z"), std::string::npos) << pattern;
   EXPECT_NE(Read("app.dbs").find("NLC.APPSTATUS 0\n"), std::string::npos);
 }
 
