@@ -72,11 +72,6 @@ TEST(Connections, UnknownNameWritesValidNamesAndStops) {
   ScratchDir dir;
   auto r = Build(WithConnections("a = nowhere"), dir);
   ASSERT_TRUE(r.stopped);
-  for (const char* m :
-       {"Warning: connection failed", "unable to locate variable", "connection failed",
-        "creating file connect_error.t0 to display valid variable names", "STOPPING. . ."}) {
-    EXPECT_TRUE(Has(r.output, m)) << m << "\n" << r.output;
-  }
   EXPECT_EQ(dir.Read("connect_error.t0"), "p\na\nb\nc\n");
   auto f = Build(WithConnections("nowhere = fixed"), dir);
   EXPECT_TRUE(f.stopped);

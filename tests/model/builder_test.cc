@@ -15,66 +15,6 @@ using testing::Build;
 using testing::Has;
 using testing::ScratchDir;
 
-TEST(Builder, TankModelAsANewUserWritesIt) {
-  ScratchDir dir;
-  OutputCapture out;
-  BuildOptions o;
-  o.diaglevel = 2;
-  o.work_dir = dir.str();
-  ModelStore s = BuildModel(std::string(KX_SOURCE_DIR) + "/tests/models/tank.zpm", o);
-  std::string text = out.text();
-  // Phases in order, then the total and the size report.
-  size_t pos = 0;
-  const std::string dashes(54, '-');
-  for (const char* label :
-       {"Parsing model file ", "Read model file (sec):", "Initialize constants (sec):",
-        "Determine model size (sec):", "Allocate memory (sec):", "Parse and store model (sec):",
-        "Error checking (sec):", "Compile equations (sec):",
-        "Check for uninitialized intermediates (sec):", dashes.c_str(),
-        "Total Parse Time (sec):", "--------- ZPM Model Size ------------",
-        "Each time step contains"}) {
-    size_t at = text.find(label, pos);
-    ASSERT_NE(at, std::string::npos) << label << "\n" << text;
-    pos = at;
-  }
-  EXPECT_TRUE(Has(text, "Equations     :          9"));
-  EXPECT_TRUE(Has(text, "Residuals     :          9"));
-  EXPECT_TRUE(Has(text, "Variables     :         12"));
-
-  EXPECT_EQ(s.nvar, 12);
-  EXPECT_EQ(s.ndiff, 3);
-  EXPECT_EQ(s.eqns.size(), 10u);
-  EXPECT_EQ(s.num_obj_eqns, 1);
-  EXPECT_EQ(s.num_diff_eqns, 3);
-  int h1 = testing::Find(s, "h[1]");
-  ASSERT_GE(h1, 0);
-  EXPECT_TRUE(s.vars[h1].diff);
-  EXPECT_EQ(s.vars[h1].idiff, 1);
-  EXPECT_EQ(s.vars[h1].d_val, 0.1);
-  EXPECT_TRUE(s.vars[testing::Find(s, "level_sp")].fixed);
-  EXPECT_TRUE(s.vars[testing::Find(s, "inflow")].fixed);
-  EXPECT_EQ(s.vars[testing::Find(s, "inflow")].vtype, kVarParameter);
-  // First equation: 2.5*$h[1] = inflow - kv[1]*sqrt(h[1]+0.01); its columns include dh1/dt.
-  const Equation& e1 = s.eqns[0];
-  EXPECT_TRUE(e1.differential);
-  EXPECT_NE(std::find(e1.columns.begin(), e1.columns.end(), s.nvar + s.vars[h1].number),
-            e1.columns.end());
-  EXPECT_NEAR(e1.residual, 2.5 * 0.1 - (1.2 - 0.4 * std::sqrt(1.01)), 1e-14);
-  // total = h1+h2+h3 (continued line) and 0 <= total <= 30 as two rows.
-  EXPECT_NEAR(s.eqns[6].residual, 0 - 3, 1e-14);
-  EXPECT_EQ(s.eqns[7].type, kGreater);
-  EXPECT_EQ(s.eqns[8].type, kLess);
-  EXPECT_TRUE(s.eqns[9].obj_eqn);
-  EXPECT_NEAR(s.eqns[9].residual, 1.0, 1e-14);  // (h[3] - 2)^2 at h = 1
-  EXPECT_NEAR(s.intermediates[0].value, std::sqrt(1.01), 1e-14);
-
-  std::string res = dir.Read("model_init_res.txt");
-  EXPECT_TRUE(Has(res, "Eqn(1) ")) << res;
-  EXPECT_TRUE(Has(res, "0 = (area * $h[1])-(inflow - outflow[1])")) << res;
-  EXPECT_TRUE(Has(dir.Read("model_init_values.txt"), "level_sp"));
-  EXPECT_TRUE(Has(dir.Read("model_connections.txt"), "Connection # 1\nA: level_sp\nB: fixed"));
-}
-
 TEST(Builder, InitialFilesOnlyAtDiaglevelTwo) {
   ScratchDir dir;
   auto r = Build("Variables\nx = 1\nEnd Variables\nEquations\nx = 2\nEnd Equations\n", dir, 1);
@@ -98,64 +38,6 @@ TEST(Builder, SteadyModelValuesAndObjective) {
   EXPECT_TRUE(s.eqns[3].obj_eqn);
   EXPECT_NEAR(s.eqns[3].residual, -0.5, 1e-15);  // maximize z is minimize -(z)
   EXPECT_EQ(s.intermediates[1].value, t);
-}
-
-TEST(Builder, ChecksOnCompiledEquations) {
-  struct Case {
-    const char* body;  // Equations section
-    bool stops;
-    std::vector<const char*> messages;
-  } cases[] = {
-      {"x = 1\n2 = 3", true, {"ERROR: equation 2 has no variables", "eqn 2", "2 = 3", "stopping..."}},
-      {"x = 1\nminimize 2*3", false,
-       {"WARNING: objective equation 2 has no variables", "minimize 2*3"}},
-      {"x = 1\nx = $q", true, {"Invalid element"}},
-      {"x = 1\nx = undefined_name", true, {"Invalid element"}},
-  };
-  for (const auto& c : cases) {
-    ScratchDir dir;
-    auto r = Build(std::string("Variables\nx\nEnd Variables\nEquations\n") + c.body +
-                       "\nEnd Equations\n",
-                   dir);
-    EXPECT_EQ(r.stopped, c.stops) << c.body << "\n" << r.output;
-    for (const char* m : c.messages) EXPECT_TRUE(Has(r.output, m)) << m << "\n" << r.output;
-  }
-}
-
-TEST(Builder, IntermediateOrderAndUninitializedValues) {
-  ScratchDir dir;
-  auto r = Build(
-      "Variables\nx = 1\ny\nEnd Variables\nIntermediates\nb = a*2\na = x+1\nEnd Intermediates\n"
-      "Equations\ny = x\ny = b\nEnd Equations\n",
-      dir);
-  ASSERT_TRUE(r.stopped);
-  for (const char* m : {"Intermediate variable is out of order",
-                        "  causing a non-zero sparsity element to be zero.",
-                        "Intermediate variables that are a function of other",
-                        "  intermediate variables must be listed after their dependencies.",
-                        "Equation 2", "=> y = b", "Number of variable derivatives detected:",
-                        "Regular Variable", "Intermediate Variable", "STOPPING..."}) {
-    EXPECT_TRUE(Has(r.output, m)) << m << "\n" << r.output;
-  }
-  // Not used by any equation: caught when intermediates are evaluated.
-  auto u = Build(
-      "Variables\nx = 1\nEnd Variables\nIntermediates\nb = a*2\na = x+1\nEnd Intermediates\n"
-      "Equations\nx = 2\nEnd Equations\n",
-      dir);
-  ASSERT_TRUE(u.stopped);
-  EXPECT_TRUE(Has(u.output, "Line 5 value uninitialized in expression: b = a*2")) << u.output;
-}
-
-TEST(Builder, ModelSizeAndObjectsStop) {
-  ScratchDir dir;
-  auto r = Build("Variables\nx\nEnd Variables\n", dir);
-  EXPECT_TRUE(r.stopped);
-  EXPECT_TRUE(Has(r.output, "Model must contain at least 1 variable and 1 equation"));
-  auto o = Build("Objects\np1 = pid\nEnd Objects\nVariables\nx\nEnd Variables\n"
-                 "Equations\nx=1\nEnd Equations\n",
-                 dir);
-  EXPECT_TRUE(o.stopped);
-  EXPECT_TRUE(Has(o.output, "Object p1 of type pid is not available yet")) << o.output;
 }
 
 TEST(Builder, BoundRepairAndPrefixFlags) {

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/report.h"
 #include "model/builder.h"
@@ -40,14 +41,17 @@ class ScratchDir {
 struct BuildResult {
   ModelStore store;
   std::string output;
+  std::vector<std::string> lines;  // printed lines without the phase timing lines
   bool stopped = false;
 };
 
-inline BuildResult Build(const std::string& text, const ScratchDir& dir, int diaglevel = 0) {
+inline BuildResult Build(const std::string& text, const ScratchDir& dir, int diaglevel = 0,
+                         int max_memory = 4) {
   BuildResult r;
   OutputCapture out;
   BuildOptions o;
   o.diaglevel = diaglevel;
+  o.max_memory = max_memory;
   o.work_dir = dir.str();
   try {
     r.store = BuildModelFromText(text, o);
@@ -55,6 +59,9 @@ inline BuildResult Build(const std::string& text, const ScratchDir& dir, int dia
     r.stopped = true;
   }
   r.output = out.text();
+  for (const std::string& line : out.lines()) {
+    if (line.find("(sec):") == std::string::npos) r.lines.push_back(line);
+  }
   return r;
 }
 
