@@ -1,146 +1,173 @@
 // Assembly cost of the Jacobian and the Hessian of the Lagrangian on the generated model family
-// of model_gen.h. Prints, for each size, the time of one structure build (layout, steady-state
-// Jacobian and Hessian patterns), of one values-only Jacobian call and one values-only Hessian
-// call, of the bare byte-code evaluation of the same derivatives (gather + Program::Gradient for
-// every row, gather + Program::Hessian for every row, no scatter), and the ratio
-// (values-only Jacobian + Hessian) / (bare evaluation), all measured in this run.
+// of model_gen.h. Google Benchmark times, for each size N:
+//   BM_StructureBuild/N     layout, steady-state Jacobian and Hessian patterns, from scratch
+//   BM_JacobianValues/N     one values-only Jacobian call
+//   BM_HessianValues/N      one values-only Hessian call
+//   BM_BareGradient/N       gather + Program::Gradient for every row, nothing placed
+//   BM_BareHessian/N        gather + Program::Hessian for every row, nothing placed
+// Then, per size, the table gives those times and the ratios (values-only Jacobian + Hessian) /
+// (bare evaluation), all measured in this run, with the domain faults met.
 //
-// Usage: bench_assembly [--quick]      (--quick skips n = 100000)
-#include <algorithm>
-#include <charconv>
-#include <chrono>
-#include <cstring>
+// Usage: bench_assembly [--quick] [N ...] [--benchmark_...]      (--quick skips N = 100000)
+#include <cmath>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "base/report.h"
-#include "base/timers.h"
+#include "bench_util.h"
 #include "lang/compiler.h"
 #include "model/access.h"
 #include "model_gen.h"
 
-namespace kx {
+namespace kx::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-lang::Resolver GeneratedNames(int num_q) {
-  return [num_q](std::string_view name, bool) {
-    lang::Symbol s;
-    if (name == "half") {
-      s.kind = lang::Symbol::Kind::kConstant;
-      s.value = bench::kHalf;
-      return s;
-    }
-    int index = 0;
-    std::from_chars(name.data() + 2, name.data() + name.size() - 1, index);
-    if (name[0] == 'x') {
-      s.kind = lang::Symbol::Kind::kColumn;
-      s.column = index;
-    } else if (name[0] == 'q' && index >= 1 && index <= num_q) {
-      s.kind = lang::Symbol::Kind::kIntermediate;
-      s.intermediate = index - 1;
-    }
-    return s;
-  };
-}
+constexpr uint64_t kModelSeed = 2024;
+constexpr uint64_t kValueSeed = 11;
 
 // A model store of the generated model: n variables x[i], n equations, random multipliers.
-model::ModelStore BuildStore(const bench::GeneratedModel& gen) {
-  model::ModelStore store;
-  store.nvar = gen.n;
-  bench::GenRandom rng(11);
+std::unique_ptr<model::ModelStore> BuildStore(const GeneratedModel& gen) {
+  auto store = std::make_unique<model::ModelStore>();
+  store->nvar = gen.n;
+  GenRandom rng(kValueSeed);
   for (int i = 1; i <= gen.n; ++i) {
     model::Variable v;
     v.name = fmt::format("x[{}]", i);
     v.number = i;
     v.val = rng.Uniform(-2, 2);
-    store.order.push_back(i - 1);
-    store.vars.push_back(v);
+    store->order.push_back(i - 1);
+    store->vars.push_back(v);
   }
   const lang::Resolver resolve = GeneratedNames(gen.num_q);
   lang::Compiler compiler;
   for (int j = 1; j <= gen.num_q; ++j) compiler.DefineIntermediate(gen.Intermediate(j), resolve);
-  store.programs.reserve(gen.n);
+  store->programs.reserve(gen.n);
   for (int i = 0; i < gen.n; ++i) {
     model::Equation e;
     e.name = fmt::format("eqn {}", i + 1);
     e.program = i;
     e.lambda = rng.Uniform(-1, 1);
-    store.programs.push_back(compiler.CompileEquation(i + 1, gen.Residual(i), resolve, &e.columns));
-    store.eqns.push_back(std::move(e));
+    store->programs.push_back(
+        compiler.CompileEquation(i + 1, gen.Residual(i), resolve, &e.columns));
+    store->eqns.push_back(std::move(e));
   }
   return store;
 }
 
-// Best of three timings of `reps` calls of f, in seconds per call.
-template <typename F>
-double Time(int reps, F f) {
-  double best = 1e30;
-  for (int trial = 0; trial < 3; ++trial) {
-    const auto start = Clock::now();
-    for (int r = 0; r < reps; ++r) f();
-    best = std::min(best, SecondsSince(start) / reps);
+// What the assembly benchmarks of one size share; built once, outside the timings.
+struct AssemblyCase {
+  std::unique_ptr<model::ModelStore> store;
+  std::unique_ptr<model::ModelAccess> access;
+  std::vector<double> jac, hess;  // values-only outputs; sizes nnz, nnzh
+  model::EvalScratch bare;        // scratch of the bare evaluations
+  double sink = 0;                // keeps the bare results alive
+
+  explicit AssemblyCase(int n)
+      : store(BuildStore(GenerateModel(n, kModelSeed))),
+        access(std::make_unique<model::ModelAccess>(*store)) {
+    Prepare();
   }
-  return best;
+
+  // Builds the structure if a structure benchmark left it invalid, and sizes the outputs.
+  void Prepare() {
+    jac.resize(access->Jacobian(model::Shape::kSteady).nnz());
+    hess.resize(access->Hessian(model::Shape::kSteady).nnz());
+    bare.Reserve(access->Layout());
+  }
+};
+
+AssemblyCase& CaseFor(int n) {
+  static std::map<int, std::unique_ptr<AssemblyCase>> cases;
+  auto& c = cases[n];
+  if (!c) c = std::make_unique<AssemblyCase>(n);
+  return *c;
+}
+
+void StructureBuild(AssemblyCase& c) {
+  c.access->Invalidate();
+  c.access->Jacobian(model::Shape::kSteady);
+  c.access->Hessian(model::Shape::kSteady);
+}
+
+void JacobianValues(AssemblyCase& c) {
+  c.access->JacobianValues(model::Shape::kSteady, false, c.jac);
+}
+
+void HessianValues(AssemblyCase& c) {
+  c.access->HessianValues(model::Shape::kSteady, false, {}, c.hess);
 }
 
 // Gather + Program::Gradient (or ::Hessian) for every row into scratch, nothing placed.
-double TimeBare(model::ModelAccess& m, int reps, bool hessian, double* sink) {
-  const model::EquationLayout& layout = m.Layout();
-  model::EvalScratch s;
-  s.Reserve(layout);
-  const model::ModelStore& store = m.store();
-  return Time(reps, [&] {
-    for (int e : layout.constraint_eqns) {
-      model::GatherInputs(layout, e, s.in.data());
-      const lang::Program& p = store.programs[store.eqns[e].program];
-      *sink += hessian ? p.Hessian(s.in.data(), s.work.data(), s.grad.data(), s.hess.data(),
+template <bool kHessian>
+void Bare(AssemblyCase& c) {
+  const model::EquationLayout& layout = c.access->Layout();
+  const model::ModelStore& store = *c.store;
+  model::EvalScratch& s = c.bare;
+  for (int e : layout.constraint_eqns) {
+    model::GatherInputs(layout, e, s.in.data());
+    const lang::Program& p = store.programs[store.eqns[e].program];
+    c.sink += kHessian ? p.Hessian(s.in.data(), s.work.data(), s.grad.data(), s.hess.data(),
                                    &s.errors)
                        : p.Gradient(s.in.data(), s.work.data(), s.grad.data(), &s.errors);
-    }
-  });
+  }
 }
 
-void RunSize(int n) {
-  const bench::GeneratedModel gen = bench::GenerateModel(n, 2024);
-  model::ModelStore store = BuildStore(gen);
-  model::ModelAccess m(store);
-  const int reps = std::max(3, 1000000 / n);
-  const double t_structure = Time(1, [&] {
-    m.Invalidate();
-    m.Jacobian(model::Shape::kSteady);
-    m.Hessian(model::Shape::kSteady);
-  });
-  std::vector<double> jac(m.Jacobian(model::Shape::kSteady).nnz());
-  std::vector<double> hess(m.Hessian(model::Shape::kSteady).nnz());
-  const double t_jac = Time(reps, [&] { m.JacobianValues(model::Shape::kSteady, false, jac); });
-  const double t_hess =
-      Time(reps, [&] { m.HessianValues(model::Shape::kSteady, false, {}, hess); });
-  double sink = 0;
-  const double t_bare_grad = TimeBare(m, reps, false, &sink);
-  const double t_bare_hess = TimeBare(m, reps, true, &sink);
-  Sayf("n = {:>6}  nnz {:>8}  nnzh {:>8}  structure build {:8.4f} s", n, jac.size(), hess.size(),
-       t_structure);
-  Sayf("            values-only: Jacobian {:8.4f} s  Hessian {:8.4f} s", t_jac, t_hess);
-  Sayf("            bare byte code: Gradient {:8.4f} s  Hessian {:8.4f} s", t_bare_grad,
-       t_bare_hess);
+// Times pass(c) once per iteration on the case of size state.range(0).
+template <void (*pass)(AssemblyCase&)>
+void TimePass(benchmark::State& state) {
+  AssemblyCase& c = CaseFor(static_cast<int>(state.range(0)));
+  c.Prepare();
+  for (auto _ : state) {
+    pass(c);
+    benchmark::DoNotOptimize(c.jac.data());
+    benchmark::DoNotOptimize(c.hess.data());
+    benchmark::ClobberMemory();
+  }
+  benchmark::DoNotOptimize(c.sink);
+  state.SetItemsProcessed(state.iterations() * c.access->num_eqns());
+}
+
+void PrintSize(int n, const RunKeeper& runs) {
+  auto t = [&](const char* family) { return runs.Seconds(SizedName(family, n)); };
+  const double jac = t("BM_JacobianValues"), hess = t("BM_HessianValues");
+  const double bare_grad = t("BM_BareGradient"), bare_hess = t("BM_BareHessian");
+  if (std::isnan(jac) && std::isnan(hess)) return;
+  AssemblyCase& c = CaseFor(n);
+  c.Prepare();
+  Sayf("n = {:>6}  nnz {:>8}  nnzh {:>8}  structure build {:9.3f} ms", n, c.jac.size(),
+       c.hess.size(), 1e3 * t("BM_StructureBuild"));
+  Sayf("            values-only:    Jacobian {:9.3f} ms  Hessian {:9.3f} ms", 1e3 * jac,
+       1e3 * hess);
+  Sayf("            bare byte code: Gradient {:9.3f} ms  Hessian {:9.3f} ms", 1e3 * bare_grad,
+       1e3 * bare_hess);
   Sayf("            (Jacobian + Hessian) / (bare Gradient + bare Hessian) = {:5.2f}",
-       (t_jac + t_hess) / (t_bare_grad + t_bare_hess));
+       (jac + hess) / (bare_grad + bare_hess));
   Sayf("            Hessian / bare Hessian = {:5.2f}   Jacobian / bare Gradient = {:5.2f}",
-       t_hess / t_bare_hess, t_jac / t_bare_grad);
-  volatile double keep = sink + jac[0] + hess[0];
-  (void)keep;
+       hess / bare_hess, jac / bare_grad);
+  Sayf("            domain faults: values-only {}, bare {}", c.access->domain_errors().Total(),
+       c.bare.errors.Total());
 }
 
 }  // namespace
-}  // namespace kx
+}  // namespace kx::bench
 
 int main(int argc, char** argv) {
-  const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-  for (int n : {1000, 10000, 100000}) {
-    if (quick && n > 10000) break;
-    kx::RunSize(n);
+  using namespace kx::bench;
+  const std::vector<int> sizes = ReadCommandLine(argc, argv);
+  if (sizes.empty()) return 2;
+  for (int n : sizes) {
+    RegisterSized("BM_StructureBuild", TimePass<StructureBuild>, n);
+    RegisterSized("BM_JacobianValues", TimePass<JacobianValues>, n);
+    RegisterSized("BM_HessianValues", TimePass<HessianValues>, n);
+    RegisterSized("BM_BareGradient", TimePass<Bare<false>>, n);
+    RegisterSized("BM_BareHessian", TimePass<Bare<true>>, n);
   }
+  RunKeeper runs;
+  benchmark::RunSpecifiedBenchmarks(&runs);
+  benchmark::Shutdown();
+  kx::Say("");
+  kx::Say("Values-only assembly against bare byte-code evaluation (fastest repetition above)");
+  for (int n : sizes) PrintSize(n, runs);
   return 0;
 }

@@ -1,64 +1,45 @@
 // Byte-code compile and evaluation speed against hand-written C++ for the generated model
-// family of model_gen.h. Prints, for each size, the compile time per equation and the ratios
-// (byte code / hand-written) of residual evaluation and of residual + gradient + Hessian
-// evaluation, measured in this run, and the largest difference between the two results.
+// family of model_gen.h. Google Benchmark times, for each size N:
+//   BM_CompileEquations/N   compiling the intermediates and the N equations
+//   BM_ResidualByteCode/N   gather + Program::Residual for every equation
+//   BM_ResidualHand/N       HandResidual for every equation
+//   BM_AllByteCode/N        gather + Program::Hessian (residual, gradient, Hessian)
+//   BM_AllHand/N            HandDerivatives for every equation
+// Then, per size, the table gives the compile time per equation and the ratios (byte code /
+// hand-written) of residual evaluation and of residual + gradient + Hessian evaluation, all
+// measured in this run, and checks the byte code against the hand-written templates: largest
+// residual and gradient difference and the domain faults met.
 //
-// Usage: bench_eval [--quick]      (--quick skips n = 100000)
+// Usage: bench_eval [--quick] [N ...] [--benchmark_...]      (--quick skips N = 100000)
 #include <algorithm>
-#include <charconv>
-#include <chrono>
 #include <cmath>
-#include <cstring>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "base/report.h"
-#include "base/timers.h"
+#include "bench_util.h"
 #include "lang/compiler.h"
 #include "model_gen.h"
 
-namespace kx {
+namespace kx::bench {
 namespace {
 
-using bench::GeneratedModel;
-using Clock = std::chrono::steady_clock;
+constexpr uint64_t kModelSeed = 2024;
+constexpr uint64_t kPointSeed = 5;
+constexpr int kMaxInputs = 64;  // local inputs of any generated equation, with room to spare
 
 struct Compiled {
   std::vector<lang::Program> programs;
-  std::vector<int> col_start;  // equation -> start in cols
+  std::vector<int> col_start;  // equation -> start in cols; size n + 1
   std::vector<int> cols;       // model columns of each program's local inputs, concatenated
-  double seconds = 0;
 };
 
-lang::Resolver GeneratedNames(int num_q) {
-  return [num_q](std::string_view name, bool) {
-    lang::Symbol s;
-    if (name == "half") {
-      s.kind = lang::Symbol::Kind::kConstant;
-      s.value = bench::kHalf;
-      return s;
-    }
-    int index = 0;
-    std::from_chars(name.data() + 2, name.data() + name.size() - 1, index);
-    if (name[0] == 'x') {
-      s.kind = lang::Symbol::Kind::kColumn;
-      s.column = index;
-    } else if (name[0] == 'q' && index >= 1 && index <= num_q) {
-      s.kind = lang::Symbol::Kind::kIntermediate;
-      s.intermediate = index - 1;
-    }
-    return s;
-  };
-}
-
-Compiled CompileAll(const GeneratedModel& m) {
-  std::vector<std::string> texts(m.n);
-  for (int i = 0; i < m.n; ++i) texts[i] = m.Residual(i);
+Compiled CompileAll(const GeneratedModel& m, const std::vector<std::string>& texts) {
   Compiled c;
   c.programs.reserve(m.n);
   c.col_start.reserve(m.n + 1);
   const lang::Resolver resolve = GeneratedNames(m.num_q);
-  const auto start = Clock::now();
   lang::Compiler compiler;
   for (int j = 1; j <= m.num_q; ++j) compiler.DefineIntermediate(m.Intermediate(j), resolve);
   std::vector<int> columns;
@@ -68,100 +49,178 @@ Compiled CompileAll(const GeneratedModel& m) {
     c.cols.insert(c.cols.end(), columns.begin(), columns.end());
   }
   c.col_start.push_back(static_cast<int>(c.cols.size()));
-  c.seconds = SecondsSince(start);
   return c;
 }
 
-// Best of `trials` timings of `reps` calls of f, in seconds per call.
-template <typename F>
-double Time(int reps, F f) {
-  double best = 1e30;
-  for (int trial = 0; trial < 3; ++trial) {
-    const auto start = Clock::now();
-    for (int r = 0; r < reps; ++r) f();
-    best = std::min(best, SecondsSince(start) / reps);
-  }
-  return best;
+std::vector<std::string> ResidualTexts(const GeneratedModel& m) {
+  std::vector<std::string> texts(m.n);
+  for (int i = 0; i < m.n; ++i) texts[i] = m.Residual(i);
+  return texts;
 }
 
-struct Buffers {
-  std::vector<double> in, work, grad, hess;
-  explicit Buffers(const Compiled& c) : in(64), grad(64), hess(64 * 64) {
+// What the evaluation benchmarks of one size share; built once, outside the timings.
+struct EvalCase {
+  GeneratedModel model;
+  Compiled code;
+  std::vector<double> x;               // point, by model column; size n + 1
+  std::vector<double> r_code, r_hand;  // residuals of the last pass; size n
+  std::vector<double> in, work, grad, hess;  // byte-code scratch
+  lang::DomainErrors errors;           // met by every timed byte-code pass
+  double sink = 0;                     // keeps the derivative results alive
+
+  explicit EvalCase(int n)
+      : model(GenerateModel(n, kModelSeed)),
+        code(CompileAll(model, ResidualTexts(model))),
+        x(n + 1), r_code(n), r_hand(n), in(kMaxInputs), grad(kMaxInputs),
+        hess(kMaxInputs * kMaxInputs) {
+    GenRandom rng(kPointSeed);
+    for (double& v : x) v = rng.Uniform(-2, 2);
     size_t w = 0;
-    for (const auto& p : c.programs) w = std::max<size_t>(w, p.work_size());
+    for (const auto& p : code.programs) w = std::max<size_t>(w, p.work_size());
     work.resize(w);
+  }
+
+  void Gather(int i) {
+    for (int k = code.col_start[i]; k < code.col_start[i + 1]; ++k)
+      in[k - code.col_start[i]] = x[code.cols[k]];
   }
 };
 
-void Gather(const Compiled& c, int i, const std::vector<double>& x, double* in) {
-  for (int k = c.col_start[i]; k < c.col_start[i + 1]; ++k) in[k - c.col_start[i]] = x[c.cols[k]];
+EvalCase& CaseFor(int n) {
+  static std::map<int, std::unique_ptr<EvalCase>> cases;
+  auto& c = cases[n];
+  if (!c) c = std::make_unique<EvalCase>(n);
+  return *c;
 }
 
-void RunSize(int n) {
-  const GeneratedModel m = bench::GenerateModel(n, 2024);
-  const Compiled c = CompileAll(m);
-  std::vector<double> x(n + 1), r_code(n), r_hand(n);
-  bench::GenRandom rng(5);
-  for (double& v : x) v = rng.Uniform(-2, 2);
-  Buffers b(c);
-  lang::DomainErrors errs;
-  const int reps = std::max(1, 2000000 / n);
+void ResidualByteCode(EvalCase& c) {
+  for (int i = 0; i < c.model.n; ++i) {
+    c.Gather(i);
+    c.r_code[i] = c.code.programs[i].Residual(c.in.data(), c.work.data(), &c.errors);
+  }
+}
 
-  const double t_res_code = Time(reps, [&] {
-    for (int i = 0; i < n; ++i) {
-      Gather(c, i, x, b.in.data());
-      r_code[i] = c.programs[i].Residual(b.in.data(), b.work.data(), &errs);
-    }
-  });
-  const double t_res_hand = Time(reps, [&] {
-    for (int i = 0; i < n; ++i) r_hand[i] = bench::HandResidual(m.eqs[i], x.data());
-  });
-  double diff = 0;
-  for (int i = 0; i < n; ++i) diff = std::max(diff, std::fabs(r_code[i] - r_hand[i]));
+void ResidualHand(EvalCase& c) {
+  for (int i = 0; i < c.model.n; ++i) c.r_hand[i] = HandResidual(c.model.eqs[i], c.x.data());
+}
 
-  double sink_code = 0, sink_hand = 0;
-  const double t_all_code = Time(reps, [&] {
-    for (int i = 0; i < n; ++i) {
-      Gather(c, i, x, b.in.data());
-      r_code[i] = c.programs[i].Hessian(b.in.data(), b.work.data(), b.grad.data(), b.hess.data(),
-                                        &errs);
-      sink_code += b.grad[0] + b.hess[0];
-    }
-  });
-  const double t_all_hand = Time(reps, [&] {
-    for (int i = 0; i < n; ++i) {
-      double g[6] = {}, h[36] = {};
-      r_hand[i] = bench::HandDerivatives(m.eqs[i], x.data(), g, h);
-      sink_hand += g[0] + h[0];
-    }
-  });
+void AllByteCode(EvalCase& c) {
+  for (int i = 0; i < c.model.n; ++i) {
+    c.Gather(i);
+    c.r_code[i] = c.code.programs[i].Hessian(c.in.data(), c.work.data(), c.grad.data(),
+                                             c.hess.data(), &c.errors);
+    c.sink += c.grad[0] + c.hess[0];
+  }
+}
 
+void AllHand(EvalCase& c) {
+  for (int i = 0; i < c.model.n; ++i) {
+    double g[kMaxTemplateVars] = {}, h[kMaxTemplateVars * kMaxTemplateVars] = {};
+    c.r_hand[i] = HandDerivatives(c.model.eqs[i], c.x.data(), g, h);
+    c.sink += g[0] + h[0];
+  }
+}
+
+// Times pass(c) once per iteration on the case of size state.range(0).
+template <void (*pass)(EvalCase&)>
+void TimePass(benchmark::State& state) {
+  EvalCase& c = CaseFor(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    pass(c);
+    benchmark::DoNotOptimize(c.r_code.data());
+    benchmark::DoNotOptimize(c.r_hand.data());
+    benchmark::ClobberMemory();
+  }
+  benchmark::DoNotOptimize(c.sink);
+  state.SetItemsProcessed(state.iterations() * c.model.n);
+}
+
+void BM_CompileEquations(benchmark::State& state) {
+  const GeneratedModel m = GenerateModel(static_cast<int>(state.range(0)), kModelSeed);
+  const std::vector<std::string> texts = ResidualTexts(m);
+  for (auto _ : state) {
+    Compiled c = CompileAll(m, texts);
+    benchmark::DoNotOptimize(c.programs.data());
+  }
+  state.SetItemsProcessed(state.iterations() * m.n);
+}
+
+// Largest differences between byte code and hand-written templates at the case's point, and
+// the domain faults of one residual pass and one derivative pass.
+struct Agreement {
+  double residual = 0;
+  double gradient = 0;
+  long faults = 0;
+};
+
+Agreement Check(EvalCase& c) {
+  Agreement a;
+  lang::DomainErrors errors;
+  for (int i = 0; i < c.model.n; ++i) {
+    const GenEquation& e = c.model.eqs[i];
+    const lang::Program& p = c.code.programs[i];
+    c.Gather(i);
+    const double r = p.Residual(c.in.data(), c.work.data(), &errors);
+    p.Hessian(c.in.data(), c.work.data(), c.grad.data(), c.hess.data(), &errors);
+    double g[kMaxTemplateVars] = {}, h[kMaxTemplateVars * kMaxTemplateVars] = {};
+    const double rh = HandDerivatives(e, c.x.data(), g, h);
+    a.residual = std::max({a.residual, std::fabs(r - rh),
+                           std::fabs(r - HandResidual(e, c.x.data()))});
+    for (int k = c.code.col_start[i]; k < c.code.col_start[i + 1]; ++k) {
+      const int* var = std::find(e.var, e.var + kTemplateVars[e.tmpl], c.code.cols[k]);
+      const double byte_code = c.grad[k - c.code.col_start[i]];
+      a.gradient = std::max(a.gradient, std::fabs(byte_code - g[var - e.var]));
+    }
+  }
+  a.faults = errors.Total();
+  return a;
+}
+
+void PrintSize(int n, const RunKeeper& runs) {
+  auto t = [&](const char* family) { return runs.Seconds(SizedName(family, n)); };
+  if (std::isnan(t("BM_ResidualByteCode")) && std::isnan(t("BM_AllByteCode"))) return;
+  EvalCase& c = CaseFor(n);
   size_t code = 0, first = 0, second = 0;
-  for (const auto& p : c.programs) {
+  for (const auto& p : c.code.programs) {
     code += p.residual_size();
     first += p.first_size();
     second += p.second_size();
   }
+  const double compile = t("BM_CompileEquations");
   Sayf("n = {:>6}  compile {:8.3f} s ({:5.2f} us/eqn)  instructions/eqn: residual {:.1f}, "
        "1st {:.1f}, 2nd {:.1f}",
-       n, c.seconds, 1e6 * c.seconds / n, double(code) / n, double(first) / n, double(second) / n);
+       n, compile, 1e6 * compile / n, double(code) / n, double(first) / n, double(second) / n);
+  const double res_code = t("BM_ResidualByteCode"), res_hand = t("BM_ResidualHand");
   Sayf("            residual:         byte code {:8.2f} ns/eqn  hand {:8.2f} ns/eqn  ratio {:5.2f}",
-       1e9 * t_res_code / n, 1e9 * t_res_hand / n, t_res_code / t_res_hand);
+       1e9 * res_code / n, 1e9 * res_hand / n, res_code / res_hand);
+  const double all_code = t("BM_AllByteCode"), all_hand = t("BM_AllHand");
   Sayf("            res+grad+hessian: byte code {:8.2f} ns/eqn  hand {:8.2f} ns/eqn  ratio {:5.2f}",
-       1e9 * t_all_code / n, 1e9 * t_all_hand / n, t_all_code / t_all_hand);
-  Sayf("            largest residual difference {:.3g}, domain faults {}", diff, errs.Total());
-  volatile double keep = sink_code + sink_hand;  // keeps the derivative work alive
-  (void)keep;
+       1e9 * all_code / n, 1e9 * all_hand / n, all_code / all_hand);
+  const Agreement a = Check(c);
+  Sayf("            largest residual difference {:.3g}, gradient difference {:.3g}, "
+       "domain faults {} (timed passes {})",
+       a.residual, a.gradient, a.faults, c.errors.Total());
 }
 
 }  // namespace
-}  // namespace kx
+}  // namespace kx::bench
 
 int main(int argc, char** argv) {
-  const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-  for (int n : {1000, 10000, 100000}) {
-    if (quick && n > 10000) break;
-    kx::RunSize(n);
+  using namespace kx::bench;
+  const std::vector<int> sizes = ReadCommandLine(argc, argv);
+  if (sizes.empty()) return 2;
+  for (int n : sizes) {
+    RegisterSized("BM_CompileEquations", BM_CompileEquations, n);
+    RegisterSized("BM_ResidualByteCode", TimePass<ResidualByteCode>, n);
+    RegisterSized("BM_ResidualHand", TimePass<ResidualHand>, n);
+    RegisterSized("BM_AllByteCode", TimePass<AllByteCode>, n);
+    RegisterSized("BM_AllHand", TimePass<AllHand>, n);
   }
+  RunKeeper runs;
+  benchmark::RunSpecifiedBenchmarks(&runs);
+  benchmark::Shutdown();
+  kx::Say("");
+  kx::Say("Byte code against hand-written C++ (fastest repetition of each benchmark above)");
+  for (int n : sizes) PrintSize(n, runs);
   return 0;
 }
