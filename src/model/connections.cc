@@ -54,7 +54,7 @@ void AppendAliases(Variable* survivor, Variable* absorbed) {
 }
 
 // Handles `a = fixed`, `a = calculated` and `a = number`; false when b names a variable.
-bool ApplySpecification(const lang::ConnectionDecl& c, int a, ModelStore* store) {
+bool ApplySpecCode(const lang::ConnectionDecl& c, int a, ModelStore* store) {
   int spec = kSpecNone;
   std::optional<double> value;
   if (c.b == "fixed") {
@@ -112,7 +112,7 @@ void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
     }
     int a = Find(names, c.a);
     store->connections.push_back({c.number, c.a, c.b, a, -1});
-    if (ApplySpecification(c, a, store)) continue;
+    if (ApplySpecCode(c, a, store)) continue;
     int b = Find(names, c.b);
     if (a < 0 || b < 0) {
       WriteConnectionsFile(*store, options.work_dir);

@@ -1,7 +1,7 @@
 // model/connections: the Connections section applied to the variable records. A connection
 // `a = b` merges two variables into one (the absorbed record forwards to the survivor, whose
 // alias list gains the absorbed names); `a = fixed`, `a = calculated` and `a = 2.5` set a
-// specification or a value instead. Every connection is listed in "model_connections.txt".
+// fixed or calculated mark, or a value, instead. Every connection is listed in "model_connections.txt".
 #pragma once
 
 #include <string>

@@ -19,7 +19,7 @@ enum VarType : char {
   kVarSlack = 's',      // generated slack (name prefix "slk_")
 };
 
-// Specification code set by connections: 0 none, 1 fixed, 2 calculated, 3 value given.
+// Spec code set by connections: 0 none, 1 fixed, 2 calculated, 3 value given.
 enum SpecCode { kSpecNone = 0, kSpecFixed = 1, kSpecCalculated = 2, kSpecValue = 3 };
 
 struct Variable {

@@ -48,7 +48,7 @@ TEST(Connections, ReverseConnectionLeavesOneVariable) {
   EXPECT_EQ(r.store.vars[testing::Find(r.store, "a")].aliases, std::vector<std::string>{"b"});
 }
 
-TEST(Connections, SpecificationsAndValues) {
+TEST(Connections, FixedCalculatedAndValues) {
   ScratchDir dir;
   auto r = Build(WithConnections("a = fixed\nb = 2.5\np = calculated\nb = fixed\nc = 1d1"), dir);
   ASSERT_FALSE(r.stopped) << r.output;

@@ -94,7 +94,7 @@ TEST(BuilderUser, TwoTankModelWritesCorrectInitialResiduals) {
                           "   Residuals     :          6"}) {
     EXPECT_TRUE(out.Contains(std::string(row) + "\n")) << row << "\n" << out.text();
   }
-  // hsp absorbed level_sp; the fixed specification reached hsp through the forward link.
+  // hsp absorbed level_sp; the fixed mark reached hsp through the forward link.
   EXPECT_EQ(s.nvar, 8);
   const Variable& hsp = s.vars[testing::Find(s, "hsp")];
   EXPECT_TRUE(hsp.fixed);
