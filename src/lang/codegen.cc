@@ -10,20 +10,22 @@ void CodeGen::Begin(const Graph& g, int num_inputs, Program* program) {
   program_ = program;
   *program = Program();
   program->num_inputs_ = num_inputs;
+  code_.clear();
+  consts_.clear();
+  out_.clear();
   slot_.assign(g.size(), -1);
 }
 
 void CodeGen::EmitNode(const Graph& g, int id) {
   const Node& x = g.node(id);
-  Program& p = *program_;
-  const int64_t slot = static_cast<int64_t>(p.code_.size());
+  const int64_t slot = static_cast<int64_t>(code_.size());
   KX_CHECK(slot <= kMaxOperand);
   Instr ins{static_cast<uint64_t>(x.op), 0, 0};
   switch (OpArity(x.op)) {
     case 0:
       if (x.op == Op::kConst) {
-        ins.a = p.consts_.size();
-        p.consts_.push_back(x.value);
+        ins.a = consts_.size();
+        consts_.push_back(x.value);
       } else {
         ins.a = static_cast<uint64_t>(x.a);
       }
@@ -35,7 +37,7 @@ void CodeGen::EmitNode(const Graph& g, int id) {
       ins.a = static_cast<uint64_t>(slot_[x.a]);
       ins.b = static_cast<uint64_t>(slot_[x.b]);
   }
-  p.code_.push_back(ins);
+  code_.push_back(ins);
   slot_[id] = static_cast<int>(slot);
 }
 
@@ -56,31 +58,33 @@ void CodeGen::EmitCone(const Graph& g, const std::vector<int>& roots) {
     if (arity >= 1) mark_[x.a] = 1;
     if (arity == 2) mark_[x.b] = 1;
   }
+  // Loads first: the VM copies a segment's leading kConst/kInput run without dispatching.
   for (int id = 0; id <= top; ++id)
-    if (mark_[id]) EmitNode(g, id);
+    if (mark_[id] && OpArity(g.node(id).op) == 0) EmitNode(g, id);
+  for (int id = 0; id <= top; ++id)
+    if (mark_[id] && OpArity(g.node(id).op) != 0) EmitNode(g, id);
 }
 
 void CodeGen::EmitResidual(const Graph& g, int root) {
   roots_.assign(1, root);
   EmitCone(g, roots_);
-  program_->end_residual_ = static_cast<int>(program_->code_.size());
-  program_->out_.push_back(slot_[root]);
+  // Ids are topological, so the root is the last node of its own cone; Residual() reads the
+  // last slot of the segment.
+  KX_CHECK(slot_[root] == static_cast<int>(code_.size()) - 1);
+  program_->end_residual_ = static_cast<int>(code_.size());
 }
 
 void CodeGen::EmitGradient(const Graph& g, const std::vector<int>& grad) {
   EmitCone(g, grad);
-  program_->end_first_ = static_cast<int>(program_->code_.size());
-  for (int id : grad) program_->out_.push_back(slot_[id]);
+  program_->end_first_ = static_cast<int>(code_.size());
+  for (int id : grad) out_.push_back(slot_[id]);
 }
 
 void CodeGen::EmitHessian(const Graph& g, const std::vector<HessPair>& pairs,
                           const std::vector<int>& nodes) {
   EmitCone(g, nodes);
-  program_->hess_pairs_ = pairs;
-  for (int id : nodes) program_->out_.push_back(slot_[id]);
-  program_->code_.shrink_to_fit();
-  program_->consts_.shrink_to_fit();
-  program_->out_.shrink_to_fit();
+  for (int id : nodes) out_.push_back(slot_[id]);
+  program_->Pack(consts_, code_, out_, pairs);
 }
 
 }  // namespace kx::lang

@@ -2,7 +2,9 @@
 // Program. Each node becomes exactly one instruction (its work slot), emitted once even when
 // the residual, several gradient entries and Hessian entries share it. Segments are emitted
 // in order: the residual's nodes, then the nodes only the gradient needs, then the nodes only
-// the Hessian needs, so Residual() and Gradient() run a prefix of the array.
+// the Hessian needs, so Residual() and Gradient() run a prefix of the array. The parts grow in
+// the code generator's own buffers, reused from one program to the next; the last step packs
+// them into the Program's storage (program.h).
 #pragma once
 
 #include <vector>
@@ -25,14 +27,18 @@ class CodeGen {
                    const std::vector<int>& nodes);
 
  private:
-  // Appends instructions for every node under `roots` not emitted yet, in id order.
+  // Appends instructions for every node under `roots` not emitted yet: the loads (kConst,
+  // kInput) first, then the operations, each in id order.
   void EmitCone(const Graph& g, const std::vector<int>& roots);
   void EmitNode(const Graph& g, int id);
 
   Program* program_ = nullptr;
-  std::vector<int> slot_;   // node -> work slot, -1 not emitted; sized to the graph
-  std::vector<char> mark_;  // node -> 1 while collecting a cone
-  std::vector<int> roots_;  // scratch list of roots
+  std::vector<Instr> code_;     // instructions of the program being emitted
+  std::vector<double> consts_;  // its constant pool
+  std::vector<int32_t> out_;    // its output slots: gradient entries, then Hessian pairs
+  std::vector<int> slot_;       // node -> work slot, -1 not emitted; sized to the graph
+  std::vector<char> mark_;      // node -> 1 while collecting a cone
+  std::vector<int> roots_;      // scratch list of roots
 };
 
 }  // namespace kx::lang

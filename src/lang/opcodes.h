@@ -46,6 +46,9 @@ enum class Op : uint8_t {
 // Notes:
 //   - kConst's operand indexes the Program's constant pool; kInput's indexes `in`. Neither is
 //     a work slot. Every other operand is a work slot below i.
+//   - Loads lead each segment: the code generator emits a segment's kConst and kInput first,
+//     and the VM copies that run by indexing {consts, in} with the opcode (kConst 0, kInput 1)
+//     instead of dispatching on it.
 //   - kAbs..kErf are the sixteen intrinsic functions in function-number order, so function
 //     number n is opcode kAbs + (n - 1) (FunctionOp) and back (FunctionNumber).
 //   - kSquare and kSign never come from model text: the simplifier turns x^2 and x*x into
@@ -57,6 +60,8 @@ enum class Op : uint8_t {
 //     exponent gives NaN, and 0^0 is 1.
 
 inline constexpr int kNumOps = static_cast<int>(Op::kErf) + 1;
+static_assert(static_cast<int>(Op::kConst) == 0 && static_cast<int>(Op::kInput) == 1,
+              "the VM selects a load's source array by opcode");
 inline constexpr int kNumFunctions = 16;
 
 // One 64-bit instruction: opcode and two 28-bit operands (b unused by unary codes).

@@ -15,10 +15,11 @@
 // `work` must hold at least work_size() doubles; it is scratch, reused between calls.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "lang/opcodes.h"
 
@@ -50,12 +51,14 @@ struct HessPair {
 class Program {
  public:
   int num_inputs() const { return num_inputs_; }
-  int work_size() const { return static_cast<int>(code_.size()); }
-  std::span<const HessPair> hess_pairs() const { return hess_pairs_; }
+  int work_size() const { return size_; }
+  std::span<const HessPair> hess_pairs() const {
+    return {pairs(), static_cast<size_t>(num_pairs_)};
+  }
   // Instruction counts of the three segments ("Byte Code", "1st Deriv", "2nd Deriv").
   int residual_size() const { return end_residual_; }
   int first_size() const { return end_first_ - end_residual_; }
-  int second_size() const { return static_cast<int>(code_.size()) - end_first_; }
+  int second_size() const { return size_ - end_first_; }
 
   double Residual(const double* in, double* work, DomainErrors* errs) const;
   double Gradient(const double* in, double* work, double* grad, DomainErrors* errs) const;
@@ -67,17 +70,43 @@ class Program {
 
  private:
   friend class CodeGen;
-  // Runs instructions [begin, end) of code_; the one dispatch loop of the VM.
-  void Run(int begin, int end, const double* in, double* work, DomainErrors* errs) const;
+  // Stores the parts into the two pieces below (`out`: gradient slots, then Hessian slots).
+  void Pack(std::span<const double> consts, std::span<const Instr> code,
+            std::span<const int32_t> out, std::span<const HessPair> pairs);
 
-  std::vector<Instr> code_;         // residual, then 1st-, then 2nd-derivative segment
-  std::vector<double> consts_;      // constant pool of kConst
-  std::vector<int32_t> out_;        // work slot of: the residual, each gradient entry
-                                    // (num_inputs_), each Hessian pair (hess_pairs_ order)
-  std::vector<HessPair> hess_pairs_;  // structurally non-zero local pairs, i >= j
-  int num_inputs_ = 0;              // local inputs read through `in`
-  int end_residual_ = 0;            // end of the residual segment in code_
-  int end_first_ = 0;               // end of the first-derivative segment in code_
+  static constexpr size_t kWord = 8;  // bytes of one constant or one instruction
+
+  const double* consts() const { return reinterpret_cast<const double*>(hot_.get()); }
+  const Instr* residual_code() const {
+    return reinterpret_cast<const Instr*>(hot_.get() + kWord * num_consts_);
+  }
+  const int32_t* out() const { return reinterpret_cast<const int32_t*>(cold_.get()); }
+  const HessPair* pairs() const {
+    return reinterpret_cast<const HessPair*>(out() + num_inputs_ + num_pairs_);
+  }
+  // Bytes of the output slots and pairs at the head of the cold piece, rounded up to a word.
+  size_t ColdHeadBytes() const;
+  const Instr* derivative_code() const {
+    return reinterpret_cast<const Instr*>(cold_.get() + ColdHeadBytes());
+  }
+  const Instr& instr(int i) const {
+    return i < end_residual_ ? residual_code()[i] : derivative_code()[i - end_residual_];
+  }
+
+  // A Program's data lives in two read-only pieces carved, in compile order, from chunks shared
+  // with the programs compiled before and after it (vm.cc), so that a pass over a model's
+  // equations streams through memory. A residual pass reads only the hot pieces. Copies share
+  // the pieces; a chunk is freed with the last program that uses it.
+  std::shared_ptr<const std::byte> hot_;   // constants (num_consts_), residual code
+  std::shared_ptr<const std::byte> cold_;  // gradient slots (num_inputs_), Hessian slots and
+                                           // pairs (num_pairs_), then 1st- and 2nd-derivative
+                                           // code starting on a word
+  int32_t num_consts_ = 0;    // constants in the pool
+  int32_t size_ = 0;          // instructions: residual, 1st-, 2nd-derivative segment
+  int32_t num_pairs_ = 0;     // structurally non-zero local Hessian pairs, i >= j
+  int32_t num_inputs_ = 0;    // local inputs read through `in`
+  int32_t end_residual_ = 0;  // end of the residual segment; its last slot is the residual
+  int32_t end_first_ = 0;     // end of the first-derivative segment
 };
 
 }  // namespace kx::lang

@@ -1,10 +1,16 @@
-// The byte-code VM: evaluation of a Program, its listing, and the domain-fault report.
+// The byte-code VM: the storage of a Program, its evaluation, its listing, and the
+// domain-fault report.
 #include "lang/program.h"
 
 #include <cmath>
+#include <cstring>
+#include <initializer_list>
 #include <limits>
+#include <memory>
 #include <string>
+#include <utility>
 
+#include "base/check.h"
 #include "base/report.h"
 #include "base/text.h"
 
@@ -13,29 +19,28 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-}  // namespace
+#if defined(__GNUC__)
+#define KX_VM_INLINE __attribute__((always_inline)) inline
+#else
+#define KX_VM_INLINE inline
+#endif
 
-void DomainErrors::Report() const {
-  const std::pair<const char*, long> lines[] = {
-      {"Count: Division by zero", divide_by_zero},
-      {"Count: Argument of LOG10 negative", log10_negative},
-      {"Count: Argument of LOG negative", log_negative},
-      {"Count: Argument of SQRT negative", sqrt_negative},
-      {"Count: Argument of ASIN illegal", asin_illegal},
-      {"Count: Argument of ACOS illegal", acos_illegal},
-  };
-  for (const auto& [label, count] : lines) Sayf("{:<36}{:>12}", label, count);
-}
-
-// The dispatch loop: one switch over a flat instruction array, each case one SSA write.
-// Domain faults are counted and give NaN; they never stop the evaluation.
-void Program::Run(int begin, int end, const double* in, double* w, DomainErrors* errs) const {
+// The dispatch loop: runs instructions [begin, end) of one segment, where `code` points at
+// instruction `begin`; one switch over a flat instruction array, each case one SSA write.
+// Domain faults are counted and give NaN; they never stop the evaluation. It is inlined into
+// each caller: a dispatch branch of its own per call site predicts better than one shared one.
+KX_VM_INLINE void Run(const Instr* code, const double* k, int begin, int end, const double* in,
+                      double* w, DomainErrors* errs) {
   DomainErrors ignored;
   if (errs == nullptr) errs = &ignored;
-  const Instr* code = code_.data();
-  const double* k = consts_.data();
-  for (int i = begin; i < end; ++i) {
-    const Instr c = code[i];
+  // The code generator puts a segment's loads first; they need no dispatch, only a choice of
+  // source array (kConst is 0, kInput is 1).
+  const double* const sources[2] = {k, in};
+  int i = begin;
+  for (; i < end && code[i - begin].op <= static_cast<int>(Op::kInput); ++i)
+    w[i] = sources[code[i - begin].op][code[i - begin].a];
+  for (; i < end; ++i) {
+    const Instr c = code[i - begin];
     switch (static_cast<Op>(c.op)) {
       case Op::kConst: w[i] = k[c.a]; break;
       case Op::kInput: w[i] = in[c.a]; break;
@@ -125,30 +130,118 @@ void Program::Run(int begin, int end, const double* in, double* w, DomainErrors*
   }
 }
 
+}  // namespace
+
+void DomainErrors::Report() const {
+  const std::pair<const char*, long> lines[] = {
+      {"Count: Division by zero", divide_by_zero},
+      {"Count: Argument of LOG10 negative", log10_negative},
+      {"Count: Argument of LOG negative", log_negative},
+      {"Count: Argument of SQRT negative", sqrt_negative},
+      {"Count: Argument of ASIN illegal", asin_illegal},
+      {"Count: Argument of ACOS illegal", acos_illegal},
+  };
+  for (const auto& [label, count] : lines) Sayf("{:<36}{:>12}", label, count);
+}
+
+// Code storage. Programs are compiled one after another and evaluated in the same order, so
+// the pieces of consecutive programs are carved next to each other from large chunks: one
+// series of chunks for the hot pieces, one for the cold pieces. A pass over the equations then
+// reads each series front to back, which the hardware prefetches, and a residual pass never
+// touches derivative code. Each compiling thread carves from chunks of its own.
+namespace {
+
+constexpr size_t kChunkBytes = size_t{64} << 10;
+constexpr size_t kOwnPieceBytes = kChunkBytes / 8;  // larger pieces get their own allocation
+
+struct ChunkSeries {
+  std::shared_ptr<std::byte[]> chunk;  // the chunk being filled; programs share its ownership
+  size_t used = 0;                     // bytes of `chunk` carved so far
+};
+
+thread_local ChunkSeries hot_series;
+thread_local ChunkSeries cold_series;
+
+size_t RoundToWord(size_t bytes) { return (bytes + 7) & ~size_t{7}; }
+
+// A piece of `bytes` bytes that owns a share of the chunk it lies in.
+std::shared_ptr<std::byte> Carve(ChunkSeries* series, size_t bytes) {
+  bytes = RoundToWord(bytes);
+  if (bytes > kOwnPieceBytes) {
+    std::shared_ptr<std::byte[]> own(new std::byte[bytes]);
+    return std::shared_ptr<std::byte>(own, own.get());
+  }
+  if (series->chunk == nullptr || series->used + bytes > kChunkBytes) {
+    series->chunk.reset(new std::byte[kChunkBytes]);
+    series->used = 0;
+  }
+  std::shared_ptr<std::byte> piece(series->chunk, series->chunk.get() + series->used);
+  series->used += bytes;
+  return piece;
+}
+
+// Copies `parts` one after another to `at`; each part's size must keep the next one aligned.
+void CopyParts(std::byte* at, std::initializer_list<std::span<const std::byte>> parts) {
+  for (const auto& part : parts) {
+    if (!part.empty()) std::memcpy(at, part.data(), part.size());
+    at += part.size();
+  }
+}
+
+}  // namespace
+
+size_t Program::ColdHeadBytes() const {
+  return RoundToWord(sizeof(int32_t) * (num_inputs_ + num_pairs_) + sizeof(HessPair) * num_pairs_);
+}
+
+void Program::Pack(std::span<const double> consts, std::span<const Instr> code,
+                   std::span<const int32_t> out, std::span<const HessPair> pairs) {
+  num_consts_ = static_cast<int32_t>(consts.size());
+  size_ = static_cast<int32_t>(code.size());
+  num_pairs_ = static_cast<int32_t>(pairs.size());
+  KX_CHECK(static_cast<int>(out.size()) == num_inputs_ + num_pairs_);
+  const std::span<const Instr> residual = code.first(end_residual_);
+  const std::span<const Instr> derivative = code.subspan(end_residual_);
+  std::shared_ptr<std::byte> hot =
+      Carve(&hot_series, consts.size_bytes() + residual.size_bytes());
+  CopyParts(hot.get(), {std::as_bytes(consts), std::as_bytes(residual)});
+  std::shared_ptr<std::byte> cold = Carve(&cold_series, ColdHeadBytes() + derivative.size_bytes());
+  CopyParts(cold.get(), {std::as_bytes(out), std::as_bytes(pairs)});
+  CopyParts(cold.get() + ColdHeadBytes(), {std::as_bytes(derivative)});
+  hot_ = std::move(hot);
+  cold_ = std::move(cold);
+}
+
 double Program::Residual(const double* in, double* work, DomainErrors* errs) const {
-  Run(0, end_residual_, in, work, errs);
-  return work[out_[0]];
+  Run(residual_code(), consts(), 0, end_residual_, in, work, errs);
+  return work[end_residual_ - 1];
 }
 
 double Program::Gradient(const double* in, double* work, double* grad,
                          DomainErrors* errs) const {
-  Run(0, end_first_, in, work, errs);
-  for (int k = 0; k < num_inputs_; ++k) grad[k] = work[out_[1 + k]];
-  return work[out_[0]];
+  const double* k = consts();
+  Run(residual_code(), k, 0, end_residual_, in, work, errs);
+  Run(derivative_code(), k, end_residual_, end_first_, in, work, errs);
+  const int32_t* g = out();
+  for (int i = 0; i < num_inputs_; ++i) grad[i] = work[g[i]];
+  return work[end_residual_ - 1];
 }
 
 double Program::Hessian(const double* in, double* work, double* grad, double* hess,
                         DomainErrors* errs) const {
-  Run(0, static_cast<int>(code_.size()), in, work, errs);
-  for (int k = 0; k < num_inputs_; ++k) grad[k] = work[out_[1 + k]];
-  const int32_t* h = out_.data() + 1 + num_inputs_;
-  for (size_t p = 0; p < hess_pairs_.size(); ++p) hess[p] = work[h[p]];
-  return work[out_[0]];
+  const double* k = consts();
+  Run(residual_code(), k, 0, end_residual_, in, work, errs);
+  Run(derivative_code(), k, end_residual_, size_, in, work, errs);
+  const int32_t* g = out();
+  for (int i = 0; i < num_inputs_; ++i) grad[i] = work[g[i]];
+  const int32_t* h = g + num_inputs_;
+  for (int p = 0; p < num_pairs_; ++p) hess[p] = work[h[p]];
+  return work[end_residual_ - 1];
 }
 
 namespace {
 
-std::string ListInstr(const Instr& c, int i, const std::vector<double>& consts) {
+std::string ListInstr(const Instr& c, int i, const double* consts) {
   const Op op = static_cast<Op>(c.op);
   std::string line = fmt::format("{:6}  {:<7}", i, OpName(op));
   if (op == Op::kConst) return line + " " + FormatReal(consts[c.a]);
@@ -161,21 +254,23 @@ std::string ListInstr(const Instr& c, int i, const std::vector<double>& consts) 
 }  // namespace
 
 std::string Program::Listing() const {
-  std::string out;
-  const int ends[3] = {end_residual_, end_first_, static_cast<int>(code_.size())};
+  std::string text;
+  const int ends[3] = {end_residual_, end_first_, size_};
   const char* titles[3] = {"Byte Code", "1st Deriv", "2nd Deriv"};
   int begin = 0;
   for (int s = 0; s < 3; ++s) {
-    out += fmt::format("{} {}\n", titles[s], ends[s] - begin);
-    for (int i = begin; i < ends[s]; ++i) out += ListInstr(code_[i], i, consts_) + "\n";
+    text += fmt::format("{} {}\n", titles[s], ends[s] - begin);
+    for (int i = begin; i < ends[s]; ++i) text += ListInstr(instr(i), i, consts()) + "\n";
     begin = ends[s];
   }
-  out += fmt::format("residual = w{}\n", out_[0]);
-  for (int k = 0; k < num_inputs_; ++k) out += fmt::format("d/d in[{}] = w{}\n", k, out_[1 + k]);
-  for (size_t p = 0; p < hess_pairs_.size(); ++p)
-    out += fmt::format("d2/d in[{}] d in[{}] = w{}\n", hess_pairs_[p].i, hess_pairs_[p].j,
-                       out_[1 + num_inputs_ + p]);
-  return out;
+  const int32_t* slot = out();
+  text += fmt::format("residual = w{}\n", end_residual_ - 1);
+  for (int k = 0; k < num_inputs_; ++k) text += fmt::format("d/d in[{}] = w{}\n", k, slot[k]);
+  const HessPair* pair = pairs();
+  for (int p = 0; p < num_pairs_; ++p)
+    text += fmt::format("d2/d in[{}] d in[{}] = w{}\n", pair[p].i, pair[p].j,
+                        slot[num_inputs_ + p]);
+  return text;
 }
 
 }  // namespace kx::lang

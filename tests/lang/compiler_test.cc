@@ -257,5 +257,41 @@ TEST(Program, CopiesEvaluateLikeTheOriginal) {
   EXPECT_DOUBLE_EQ(copy[2].Residual(in.data(), work.data(), nullptr), 0.75);
 }
 
+// Programs compiled one after another share storage chunks; each copy keeps what it reads
+// alive after the originals, their neighbours and the compiler are gone.
+TEST(Program, CopiesOutliveTheOriginalsAndTheirNeighbours) {
+  constexpr int kCount = 3000;  // enough programs to fill several storage chunks
+  std::vector<Program> kept;
+  {
+    Compiler compiler;
+    std::vector<Program> all;
+    std::vector<int> columns;
+    for (int i = 1; i <= kCount; ++i) {
+      const std::string text = "v1*exp(v2) - " + std::to_string(i) + "*v1^3";
+      all.push_back(compiler.CompileEquation(i, text, Numbered, &columns));
+    }
+    for (int i = 0; i < kCount; i += 7) kept.push_back(all[i]);
+  }
+  const double x = 0.5, y = -0.25;
+  std::vector<double> in = {x, y}, work, grad(2), hess(3);
+  for (size_t k = 0; k < kept.size(); ++k) {
+    const Program& p = kept[k];
+    work.assign(p.work_size(), 0);
+    const double c = 7.0 * k + 1;  // coefficient of equation 7k + 1
+    ASSERT_EQ(p.hess_pairs().size(), 3u);
+    EXPECT_DOUBLE_EQ(p.Residual(in.data(), work.data(), nullptr), x * std::exp(y) - c * x * x * x);
+    p.Hessian(in.data(), work.data(), grad.data(), hess.data(), nullptr);
+    EXPECT_DOUBLE_EQ(grad[0], std::exp(y) - 3 * c * x * x);
+    EXPECT_DOUBLE_EQ(grad[1], x * std::exp(y));
+    for (size_t q = 0; q < 3; ++q) {
+      const HessPair pair = p.hess_pairs()[q];
+      const double expected = pair.i == 0   ? -6 * c * x        // d2/dv1 dv1
+                              : pair.j == 0 ? std::exp(y)       // d2/dv2 dv1
+                                            : x * std::exp(y);  // d2/dv2 dv2
+      EXPECT_DOUBLE_EQ(hess[q], expected) << "pair " << pair.i << "," << pair.j;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace kx::lang
