@@ -1,6 +1,5 @@
 #include "dbs/option_table.h"
 
-#include <algorithm>
 #include <array>
 
 #include "base/sentinels.h"
@@ -96,11 +95,6 @@ constexpr OptionDef kGlobals[] = {
 // The DCOST default is the single-precision 1.0e-5 widened to double (9.999999747378752e-06).
 constexpr double kDcostDefault = static_cast<double>(1.0e-5f);
 
-// The TR_INIT text is two pieces joined; it has no closing parenthesis.
-#define KX_TR_INIT_TEXT                                                           \
-  "Traj initialization (0=dead-band, 1=re-center with coldstart/out-of-service, " \
-  "2=re-center always"
-
 // The per-variable properties, one row per name.
 constexpr OptionDef kProperties[] = {
     {"AWS", 'I', 1, 0, "Anti-Windup Status for Manipulated Variables."},
@@ -140,7 +134,9 @@ constexpr OptionDef kProperties[] = {
     {"STATUS", 'I', 1, 0, "Status: 0=OFF, 1=ON"},
     {"TAU", 'D', 1, 1, "Time constant for controlled variable response"},
     {"TIER", 'I', 1, 1, "Successive optimization tiers 1-100 in ascending order"},
-    {"TR_INIT", 'I', 1, 2, KX_TR_INIT_TEXT},
+    {"TR_INIT", 'I', 1, 2,  // the text has no closing parenthesis
+     "Traj initialization (0=dead-band, 1=re-center with coldstart/out-of-service, "
+     "2=re-center always"},
     {"TR_OPEN", 'D', 1, 1, "Initial trajectory opening ratio (0=ref traj, 1=tunnel, 2=funnel)"},
     {"UPPER", 'D', 1, kUnsetUpper, "Upper bound"},
     {"VDVL", 'D', 1, kUnlimited, "Delta validity limit (moves 20% of violation)"},
@@ -153,8 +149,6 @@ constexpr OptionDef kProperties[] = {
     {"WSPHI", 'D', 1, 20, "Objective function weight on upper set point for linear error model"},
     {"WSPLO", 'D', 1, 20, "Objective function weight on lower set point for linear error model"},
 };
-#undef KX_TR_INIT_TEXT
-
 constexpr std::string_view kFvProperties[] = {
     "CRITICAL", "DMAX",   "DMAXHI",     "DMAXLO",     "FSTATUS",       "LOWER",         "LSTVAL",
     "MEAS",     "NEWVAL", "OSTATUS[1]", "OSTATUS[2]", "OSTATUSCHG[1]", "OSTATUSCHG[2]", "PSTATUS",

@@ -37,5 +37,4 @@ int RunCycle(int argc, char** argv, const ModelStage& stage);
 // Runs one cycle with the model stage of driver/model_stage.h.
 int RunCycle(int argc, char** argv);
 
-
 }  // namespace kx::driver

@@ -3,7 +3,6 @@
 // model_file_parse.cc.
 #include "lang/model_file.h"
 
-#include <cmath>
 #include <fstream>
 #include <sstream>
 

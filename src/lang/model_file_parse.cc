@@ -2,7 +2,6 @@
 // intermediates, equations, connections and objects.
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 
 #include "base/report.h"
 #include "base/text.h"

@@ -13,37 +13,36 @@ namespace {
 struct OpInfo {
   std::string_view name;  // mnemonic; for functions, the name used in model text
   int arity;              // number of work operands
-  std::string_view rule;  // derivative rule, d/da and d/db
 };
 
-// Parallel to enum Op; one row per opcode.
+// Parallel to enum Op; one row per opcode, with its derivative rule (d/da, d/db) alongside.
 constexpr std::array<OpInfo, 26> kOpTable = {{
-    {"const", 0, "0"},
-    {"input", 0, "1 for its own input"},
-    {"add", 2, "d/da = 1, d/db = 1"},
-    {"sub", 2, "d/da = 1, d/db = -1"},
-    {"mul", 2, "d/da = b, d/db = a"},
-    {"div", 2, "d/da = 1/b, d/db = -(a/b)/b"},
-    {"pow", 2, "d/da = b*a^(b-1), d/db = a^b*ln(a)"},
-    {"neg", 1, "d/da = -1"},
-    {"square", 1, "d/da = 2*a"},
-    {"sign", 1, "d/da = 0"},
-    {"abs", 1, "d/da = sign(a)"},
-    {"exp", 1, "d/da = exp(a)"},
-    {"log10", 1, "d/da = (1/ln 10)/a"},
-    {"log", 1, "d/da = 1/a"},
-    {"sqrt", 1, "d/da = 0.5/sqrt(a)"},
-    {"sinh", 1, "d/da = cosh(a)"},
-    {"cosh", 1, "d/da = sinh(a)"},
-    {"tanh", 1, "d/da = 1 - tanh(a)^2"},
-    {"sin", 1, "d/da = cos(a)"},
-    {"cos", 1, "d/da = -sin(a)"},
-    {"tan", 1, "d/da = 1 + tan(a)^2"},
-    {"asin", 1, "d/da = 1/sqrt(1 - a^2)"},
-    {"acos", 1, "d/da = -1/sqrt(1 - a^2)"},
-    {"atan", 1, "d/da = 1/(1 + a^2)"},
-    {"erfc", 1, "d/da = -(2/sqrt(pi))*exp(-a^2)"},
-    {"erf", 1, "d/da = (2/sqrt(pi))*exp(-a^2)"},
+    {"const", 0},     // derivative 0
+    {"input", 0},     // derivative 1 for its own input
+    {"add", 2},       // d/da = 1, d/db = 1
+    {"sub", 2},       // d/da = 1, d/db = -1
+    {"mul", 2},       // d/da = b, d/db = a
+    {"div", 2},       // d/da = 1/b, d/db = -(a/b)/b
+    {"pow", 2},       // d/da = b*a^(b-1), d/db = a^b*ln(a)
+    {"neg", 1},       // d/da = -1
+    {"square", 1},    // d/da = 2*a
+    {"sign", 1},      // d/da = 0
+    {"abs", 1},       // d/da = sign(a)
+    {"exp", 1},       // d/da = exp(a)
+    {"log10", 1},     // d/da = (1/ln 10)/a
+    {"log", 1},       // d/da = 1/a
+    {"sqrt", 1},      // d/da = 0.5/sqrt(a)
+    {"sinh", 1},      // d/da = cosh(a)
+    {"cosh", 1},      // d/da = sinh(a)
+    {"tanh", 1},      // d/da = 1 - tanh(a)^2
+    {"sin", 1},       // d/da = cos(a)
+    {"cos", 1},       // d/da = -sin(a)
+    {"tan", 1},       // d/da = 1 + tan(a)^2
+    {"asin", 1},      // d/da = 1/sqrt(1 - a^2)
+    {"acos", 1},      // d/da = -1/sqrt(1 - a^2)
+    {"atan", 1},      // d/da = 1/(1 + a^2)
+    {"erfc", 1},      // d/da = -(2/sqrt(pi))*exp(-a^2)
+    {"erf", 1},       // d/da = (2/sqrt(pi))*exp(-a^2)
 }};
 static_assert(kOpTable.size() == kNumOps, "kOpTable must have one row per opcode");
 static_assert(static_cast<int>(Op::kErf) - static_cast<int>(Op::kAbs) + 1 == kNumFunctions,
@@ -85,8 +84,6 @@ double ApplyChecked(Op op, double a, Fault* fault) {
 
 std::string_view OpName(Op op) { return kOpTable[static_cast<int>(op)].name; }
 int OpArity(Op op) { return kOpTable[static_cast<int>(op)].arity; }
-bool IsCommutative(Op op) { return op == Op::kAdd || op == Op::kMul; }
-std::string_view OpDerivativeRule(Op op) { return kOpTable[static_cast<int>(op)].rule; }
 
 int FunctionNumber(std::string_view name) {
   for (int n = 1; n <= kNumFunctions; ++n)

@@ -88,10 +88,6 @@ enum class Fault : uint8_t {
 std::string_view OpName(Op op);
 // Number of work operands: 0 for kConst/kInput, 1 for unary codes, 2 for binary codes.
 int OpArity(Op op);
-// True for kAdd and kMul.
-bool IsCommutative(Op op);
-// The derivative rule of an opcode, as text (listings and docs).
-std::string_view OpDerivativeRule(Op op);
 
 // Function number (1..16) of a function name, or 0 when `name` is not a function.
 int FunctionNumber(std::string_view name);

@@ -26,7 +26,6 @@
 #include <cmath>
 #include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "model/hessian.h"

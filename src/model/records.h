@@ -3,7 +3,6 @@
 // the access routines (model/access) and the assembly (model/jacobian, model/hessian).
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 

@@ -1,6 +1,5 @@
 // Selector-coded routines of the variable side: values, independent variables, bounds,
 // variable scaling, names and units.
-#include <algorithm>
 
 #include "base/check.h"
 #include "base/report.h"

@@ -13,8 +13,6 @@
 //   kSteady   neqn x nvar         x columns only; derivative inputs are dropped
 #pragma once
 
-#include <span>
-#include <string>
 #include <vector>
 
 #include "model/records.h"
@@ -29,7 +27,6 @@ int NumColumns(const ModelStore& store, Shape shape);
 
 // Column of model column `model_col` (1..2*nvar) in `shape`; 0 when the shape drops it.
 int ShapeColumn(const ModelStore& store, Shape shape, int model_col);
-
 
 // Flattened program inputs of every equation (active or not).
 struct EquationLayout {

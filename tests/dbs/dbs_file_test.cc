@@ -1,15 +1,14 @@
 #include "dbs/dbs_file.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "base/text.h"
 #include "dbs/atomic_file.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::dbs {
 namespace {
@@ -126,40 +125,33 @@ TEST(DbsFile, BadLinesWarnOnceEachAndGoodLinesAreKept) {
 }
 
 TEST(DbsFile, MissingFileIsNotAnErrorAndLaterFilesOverride) {
-  std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("kx_dbs_file_test_" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
+  kx::testing::ScratchDir dir("kx_dbs_file_test");
   OptionStore s;
   OutputCapture out;
-  EXPECT_FALSE(ReadDbsFile((dir / "missing.dbs").string(), s).found);
-  ASSERT_TRUE(WriteFileAtomically((dir / "a.dbs").string(), "ZPM.NODES = 3\nZPM.IMODE 2\n"));
-  ASSERT_TRUE(WriteFileAtomically((dir / "b.dbs").string(), "ZPM.NODES 5\n"));
-  EXPECT_TRUE(ReadDbsFile((dir / "a.dbs").string(), s).found);
-  ReadDbsFile((dir / "b.dbs").string(), s);
+  EXPECT_FALSE(ReadDbsFile(dir.File("missing.dbs"), s).found);
+  ASSERT_TRUE(WriteFileAtomically(dir.File("a.dbs"), "ZPM.NODES = 3\nZPM.IMODE 2\n"));
+  ASSERT_TRUE(WriteFileAtomically(dir.File("b.dbs"), "ZPM.NODES 5\n"));
+  EXPECT_TRUE(ReadDbsFile(dir.File("a.dbs"), s).found);
+  ReadDbsFile(dir.File("b.dbs"), s);
   EXPECT_EQ(s.Int("NODES"), 5);
   EXPECT_EQ(s.Int("IMODE"), 2);
   EXPECT_TRUE(out.text().empty());
-  std::filesystem::remove_all(dir);
 }
 
 TEST(AtomicFile, AFailedWriteLeavesTheOldFileAndNoTemporary) {
-  std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("kx_atomic_test_" + std::to_string(::getpid()));
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir);
-  std::string path = (dir / "app.dbs").string();
+  kx::testing::ScratchDir dir("kx_atomic_test");
+  std::string path = dir.File("app.dbs");
   ASSERT_TRUE(WriteFileAtomically(path, "old\n"));
   ASSERT_TRUE(WriteFileAtomically(path, "new\n"));
   std::string text;
   ASSERT_TRUE(ReadWholeFile(path, &text));
   EXPECT_EQ(text, "new\n");
   OutputCapture out;
-  EXPECT_FALSE(WriteFileAtomically((dir / "no_such_dir" / "x.dbs").string(), "x"));
+  EXPECT_FALSE(WriteFileAtomically(dir.File("no_such_dir/x.dbs"), "x"));
   EXPECT_TRUE(out.Contains("Warning: unable to write file"));
   int files = 0;
-  for (auto& e : std::filesystem::directory_iterator(dir)) files += e.is_regular_file();
+  for (auto& e : std::filesystem::directory_iterator(dir.path())) files += e.is_regular_file();
   EXPECT_EQ(files, 1);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

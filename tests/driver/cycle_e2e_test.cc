@@ -4,15 +4,13 @@
 #include <sys/wait.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "testing/scratch_dir.h"
+
 namespace kx::driver {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A small steady-state model: parameter u, variables y and z.
 constexpr const char* kModel =
@@ -30,27 +28,14 @@ struct RunResult {
 
 class CycleTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    dir_ = fs::temp_directory_path() /
-           (std::string("kx_cycle_") + info->name() + "_" + std::to_string(::getpid()));
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-    Write("app.zpm", kModel);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
+  void SetUp() override { Write("app.zpm", kModel); }
 
-  void Write(const std::string& name, const std::string& text) {
-    std::ofstream(dir_ / name) << text;
-  }
-  std::string Read(const std::string& name) {
-    std::ifstream in(dir_ / name);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  bool Exists(const std::string& name) { return fs::exists(dir_ / name); }
+  void Write(const std::string& name, const std::string& text) { dir_.Write(name, text); }
+  std::string Read(const std::string& name) { return dir_.Read(name); }
+  bool Exists(const std::string& name) { return dir_.Exists(name); }
 
   RunResult Run(const std::string& args) {
-    std::string cmd = "cd '" + dir_.string() + "' && '" KX_BINARY "' " + args + " 2>&1";
+    std::string cmd = "cd '" + dir_.str() + "' && '" KX_BINARY "' " + args + " 2>&1";
     RunResult r;
     FILE* pipe = popen(cmd.c_str(), "r");
     char buf[4096];
@@ -60,7 +45,7 @@ class CycleTest : public ::testing::Test {
     return r;
   }
 
-  fs::path dir_;
+  kx::testing::ScratchDir dir_{"kx_cycle"};
 };
 
 TEST_F(CycleTest, FirstCycleRunsThePrologueAndWritesTheDatabaseAsAFailedCycle) {

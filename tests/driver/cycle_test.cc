@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "base/report.h"
-#include "files/scratch_dir.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::driver {
 namespace {
 
-using kx::testing::ScratchDir;
+using kx::testing::WorkingDir;
 
 int RunWith(std::vector<std::string> args, const ModelStage& stage) {
   std::vector<char*> argv;
@@ -17,7 +17,7 @@ int RunWith(std::vector<std::string> args, const ModelStage& stage) {
 }
 
 TEST(RunCycle, AGoodSolveExitsWithOneAndEndsTheColdStart) {
-  ScratchDir dir("kx_cycle_good");
+  WorkingDir dir("kx_cycle_good");
   dir.Write("tank.zpm", "! model\n");
   dir.Write("tank.dbs", "ZPM.BAD_CYCLES 4\nZPM.COLDSTART 1\n");
   CycleState seen;
@@ -41,7 +41,7 @@ TEST(RunCycle, AGoodSolveExitsWithOneAndEndsTheColdStart) {
 }
 
 TEST(RunCycle, AFailedSolveExitsWithZeroAndCountsABadCycle) {
-  ScratchDir dir("kx_cycle_bad");
+  WorkingDir dir("kx_cycle_bad");
   dir.Write("tank.zpm", "! model\n");
   OutputCapture out;
   EXPECT_EQ(RunWith({"kestrix", "tank"}, [](CycleState&) { return 3; }), 0);

@@ -5,12 +5,12 @@
 #include "base/report.h"
 #include "base/timers.h"
 #include "files/files_help.h"
-#include "files/scratch_dir.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::files {
 namespace {
 
-using kx::testing::ScratchDir;
+using kx::testing::WorkingDir;
 
 TEST(FileRoutineHelp, ListsEverySectionAndCodeInOrder) {
   OutputCapture out;
@@ -69,7 +69,7 @@ TEST(FileRoutine, UnknownCodeStopsAndUnbuiltCodesSaySo) {
 }
 
 TEST(FileRoutine, EveryCallIsTimedUnderOneTimer) {
-  ScratchDir dir("kx_files_timer");
+  WorkingDir dir("kx_files_timer");
   dbs::OptionStore store;
   FileRoutine routine(store, "app");
   int id = Timers().Id("zpm_files");
@@ -83,7 +83,7 @@ TEST(FileRoutine, EveryCallIsTimedUnderOneTimer) {
 }
 
 TEST(FileRoutine, HeaderReadRegistersInfoVariablesAndChecksTheMode) {
-  ScratchDir dir("kx_files_header");
+  WorkingDir dir("kx_files_header");
   dir.Write("app.info", "MV, valve\ncv, Level\n");
   dir.Write("app.dbs", "valve.COST 2\nlevel.SPHI = 4, 1, m\nZPM.IMODE 6\n");
   dir.Write("overrides.dbs", "ZPM.IMODE = 12\n");
@@ -102,7 +102,7 @@ TEST(FileRoutine, HeaderReadRegistersInfoVariablesAndChecksTheMode) {
 }
 
 TEST(FileRoutine, DbsWriteDoesTheCycleBookkeeping) {
-  ScratchDir dir("kx_files_write");
+  WorkingDir dir("kx_files_write");
   dbs::OptionStore store;
   FileRoutine routine(store, "app");
   store.SetGlobal("COLDSTART", 1);

@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "base/report.h"
-#include "files/scratch_dir.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::files {
 namespace {
 
-using kx::testing::ScratchDir;
+using kx::testing::WorkingDir;
 
 TEST(Replay, WritesTheSelectedRowAsDbsLines) {
-  ScratchDir dir("kx_replay");
+  WorkingDir dir("kx_replay");
   dir.Write("replay.csv", "\"tank.level.MEAS\", ZPM.FILTER ,x.MEAS\n1,0.5,7\n2.5,,nan\n3,0.25,9\n");
   OutputCapture out;
   ASSERT_TRUE(ReplayRow(2, "replay.csv", "measurements.dbs"));

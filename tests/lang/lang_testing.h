@@ -11,6 +11,7 @@
 
 #include "base/report.h"
 #include "lang/compiler.h"
+#include "testing/stop_lines.h"
 
 namespace kx::lang::testing {
 
@@ -74,17 +75,6 @@ inline Compiled Compile(Compiler* c, Symbols* s, const std::string& text, int eq
   return out;
 }
 
-// Runs `body`, expecting a stop; returns the printed lines.
-template <typename F>
-std::vector<std::string> StopLines(F body) {
-  OutputCapture capture;
-  try {
-    body();
-  } catch (const Stop&) {
-    return capture.lines();
-  }
-  ADD_FAILURE() << "expected a stop";
-  return capture.lines();
-}
+using kx::testing::StopLines;
 
 }  // namespace kx::lang::testing

@@ -1,7 +1,6 @@
 // Every stop the model-file reader can give, one table per part of the file, with the exact
 // lines printed: the message lines, then the stop line with its own spelling.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "base/report.h"
 #include "lang/model_file.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::lang {
 namespace {
@@ -252,11 +252,9 @@ TEST(ModelFileMessages, Objects) {
 }
 
 TEST(ModelFileMessages, EmbeddedFilesAndMissingModelFile) {
-  const std::filesystem::path dir =
-      std::filesystem::temp_directory_path() / ("kx_msg_files_" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
+  const kx::testing::ScratchDir dir("kx_msg_files");
   ReaderOptions o;
-  o.output_dir = dir.string();
+  o.output_dir = dir.str();
   ExpectAll(
       {
           {"File\nEnd File\n", {"Unspecified file name at line 1", "STOPPING..."}},
@@ -279,11 +277,10 @@ TEST(ModelFileMessages, EmbeddedFilesAndMissingModelFile) {
             "STOPPING..."}},
       },
       o);
-  EXPECT_FALSE(std::filesystem::exists(dir / "open.txt"));
-  EXPECT_FALSE(std::filesystem::exists(dir.parent_path() / "up.csv"));
-  std::filesystem::remove_all(dir);
+  EXPECT_FALSE(dir.Exists("open.txt"));
+  EXPECT_FALSE(std::filesystem::exists(dir.path().parent_path() / "up.csv"));
 
-  const std::string missing = (dir / "absent.zpm").string();
+  const std::string missing = dir.File("absent.zpm");
   OutputCapture out;
   Compiler compiler;
   ModelFileReader reader(&compiler, {});

@@ -2,11 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "base/report.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::lang {
 namespace {
@@ -119,26 +116,13 @@ TEST(ModelFileObjectsAndConnections, Stored) {
   EXPECT_EQ(ObjectTypeKeywords().size(), 38u);
 }
 
-class ModelFileFiles : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() /
-           ("kx_model_file_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
-    std::filesystem::create_directories(dir_);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  std::filesystem::path dir_;
-};
-
-TEST_F(ModelFileFiles, EmbeddedFileIsWrittenVerbatim) {
+TEST(ModelFileFiles, EmbeddedFileIsWrittenVerbatim) {
+  kx::testing::ScratchDir dir("kx_model_file");
   ReaderOptions o;
-  o.output_dir = dir_.string();
+  o.output_dir = dir.str();
   ParsedModel m = Read("File data.csv\ntime, u\n! not a comment here\n0, 1\nEnd File\n", o);
   EXPECT_EQ(m.files_written, (std::vector<std::string>{"data.csv"}));
-  std::ifstream in(dir_ / "data.csv");
-  std::stringstream body;
-  body << in.rdbuf();
-  EXPECT_EQ(body.str(), "time, u\n! not a comment here\n0, 1\n");
+  EXPECT_EQ(dir.Read("data.csv"), "time, u\n! not a comment here\n0, 1\n");
 }
 
 }  // namespace

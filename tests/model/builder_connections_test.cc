@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include "builder_testing.h"
 #include "model/checks.h"
 #include "model/connections.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <unistd.h>
 
 #include "builder_testing.h"
 

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <unistd.h>
 
 #include "model/checks.h"
 #include "builder_testing.h"
@@ -19,7 +18,7 @@ TEST(Builder, InitialFilesOnlyAtDiaglevelTwo) {
   ScratchDir dir;
   auto r = Build("Variables\nx = 1\nEnd Variables\nEquations\nx = 2\nEnd Equations\n", dir, 1);
   ASSERT_FALSE(r.stopped) << r.output;
-  EXPECT_FALSE(dir.Has("model_init_res.txt"));
+  EXPECT_FALSE(dir.Exists("model_init_res.txt"));
   EXPECT_EQ(r.store.eqns[0].residual, -1);
 }
 

@@ -1,41 +1,19 @@
-// Helpers of the model-builder tests: a scratch working directory and builds that capture
-// their output.
+// Helpers of the model-builder tests: builds into a scratch directory that capture their
+// output.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/report.h"
 #include "model/builder.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::model::testing {
 
-class ScratchDir {
- public:
-  ScratchDir() {
-    static int counter = 0;
-    path_ = std::filesystem::temp_directory_path() /
-            ("kx_builder_" + std::to_string(::getpid()) + "_" + std::to_string(++counter));
-    std::filesystem::create_directories(path_);
-  }
-  ~ScratchDir() { std::filesystem::remove_all(path_); }
-  std::string str() const { return path_.string(); }
-  std::string Read(const std::string& name) const {
-    std::ifstream in(path_ / name);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  bool Has(const std::string& name) const { return std::filesystem::exists(path_ / name); }
-
- private:
-  std::filesystem::path path_;
-};
+using kx::testing::ScratchDir;
 
 // Result of one build: the store when it passed, the printed text, and whether it stopped.
 struct BuildResult {

@@ -3,8 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <random>
-#include <unistd.h>
+#include <sstream>
 
 #include "builder_testing.h"
 

@@ -1,7 +1,6 @@
 // Help texts (selector 0) and the unknown-selector stop of every selector-coded routine.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "model/help_texts.h"

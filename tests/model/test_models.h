@@ -15,6 +15,7 @@
 #include "lang/compiler.h"
 #include "model/records.h"
 #include "model/sparsity.h"
+#include "testing/stop_lines.h"
 
 namespace kx::model::testing {
 
@@ -168,12 +169,6 @@ inline ModelStore MakeRandomModel(unsigned seed, int nvar, int neqn) {
   return store;
 }
 
-// Runs `body`, expecting a stop; returns every printed line.
-template <typename F>
-std::vector<std::string> StopLines(F body) {
-  OutputCapture capture;
-  EXPECT_THROW(body(), Stop);
-  return capture.lines();
-}
+using kx::testing::StopLines;
 
 }  // namespace kx::model::testing
