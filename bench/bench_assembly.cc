@@ -77,13 +77,6 @@ struct AssemblyCase {
   }
 };
 
-AssemblyCase& CaseFor(int n) {
-  static std::map<int, std::unique_ptr<AssemblyCase>> cases;
-  auto& c = cases[n];
-  if (!c) c = std::make_unique<AssemblyCase>(n);
-  return *c;
-}
-
 void StructureBuild(AssemblyCase& c) {
   c.access->Invalidate();
   c.access->Jacobian(model::Shape::kSteady);
@@ -116,7 +109,7 @@ void Bare(AssemblyCase& c) {
 // Times pass(c) once per iteration on the case of size state.range(0).
 template <void (*pass)(AssemblyCase&)>
 void TimePass(benchmark::State& state) {
-  AssemblyCase& c = CaseFor(static_cast<int>(state.range(0)));
+  AssemblyCase& c = CaseFor<AssemblyCase>(static_cast<int>(state.range(0)));
   c.Prepare();
   for (auto _ : state) {
     pass(c);
@@ -133,7 +126,7 @@ void PrintSize(int n, const RunKeeper& runs) {
   const double jac = t("BM_JacobianValues"), hess = t("BM_HessianValues");
   const double bare_grad = t("BM_BareGradient"), bare_hess = t("BM_BareHessian");
   if (std::isnan(jac) && std::isnan(hess)) return;
-  AssemblyCase& c = CaseFor(n);
+  AssemblyCase& c = CaseFor<AssemblyCase>(n);
   c.Prepare();
   Sayf("n = {:>6}  nnz {:>8}  nnzh {:>8}  structure build {:9.3f} ms", n, c.jac.size(),
        c.hess.size(), 1e3 * t("BM_StructureBuild"));

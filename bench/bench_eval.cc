@@ -86,13 +86,6 @@ struct EvalCase {
   }
 };
 
-EvalCase& CaseFor(int n) {
-  static std::map<int, std::unique_ptr<EvalCase>> cases;
-  auto& c = cases[n];
-  if (!c) c = std::make_unique<EvalCase>(n);
-  return *c;
-}
-
 void ResidualByteCode(EvalCase& c) {
   for (int i = 0; i < c.model.n; ++i) {
     c.Gather(i);
@@ -124,7 +117,7 @@ void AllHand(EvalCase& c) {
 // Times pass(c) once per iteration on the case of size state.range(0).
 template <void (*pass)(EvalCase&)>
 void TimePass(benchmark::State& state) {
-  EvalCase& c = CaseFor(static_cast<int>(state.range(0)));
+  EvalCase& c = CaseFor<EvalCase>(static_cast<int>(state.range(0)));
   for (auto _ : state) {
     pass(c);
     benchmark::DoNotOptimize(c.r_code.data());
@@ -179,7 +172,7 @@ Agreement Check(EvalCase& c) {
 void PrintSize(int n, const RunKeeper& runs) {
   auto t = [&](const char* family) { return runs.Seconds(SizedName(family, n)); };
   if (std::isnan(t("BM_ResidualByteCode")) && std::isnan(t("BM_AllByteCode"))) return;
-  EvalCase& c = CaseFor(n);
+  EvalCase& c = CaseFor<EvalCase>(n);
   size_t code = 0, first = 0, second = 0;
   for (const auto& p : c.code.programs) {
     code += p.residual_size();

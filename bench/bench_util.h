@@ -13,6 +13,7 @@
 #include <charconv>
 #include <cmath>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -25,6 +26,16 @@
 #include "model_gen.h"
 
 namespace kx::bench {
+
+// The case of size n (model, compiled programs, scratch), built on first use and kept for the
+// run, so that every benchmark of one size measures the same data.
+template <typename Case>
+Case& CaseFor(int n) {
+  static std::map<int, std::unique_ptr<Case>> cases;
+  auto& c = cases[n];
+  if (!c) c = std::make_unique<Case>(n);
+  return *c;
+}
 
 inline constexpr int kDefaultSizes[] = {1000, 10000, 100000};
 inline constexpr int kQuickLargest = 10000;  // --quick keeps sizes up to this one
