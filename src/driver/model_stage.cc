@@ -19,7 +19,11 @@ namespace {
 model::BuildOptions ReadBuildOptions(const dbs::OptionStore& store) {
   model::BuildOptions opts;
   opts.diaglevel = store.Int("DIAGLEVEL");
-  opts.max_memory = std::clamp(store.Int("MAX_MEMORY"), 2, 10);
+  // The storage level is an exponent of 10; outside 2..10 the nearer limit applies.
+  const int requested = store.Int("MAX_MEMORY");
+  opts.max_memory = std::clamp(requested, 2, 10);
+  if (opts.max_memory != requested)
+    Sayf("WARNING: MAX_MEMORY {} outside 2-10, using {}", requested, opts.max_memory);
   opts.stream_level = store.Int("STREAM_LEVEL");
   opts.scaling = store.Int("SCALING");
   return opts;

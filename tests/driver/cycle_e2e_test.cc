@@ -247,6 +247,13 @@ TEST_F(CycleTest, ModelErrorsAndInfoFileMismatchesStopTheCycle) {
   EXPECT_FALSE(Exists("app.dbs"));
 }
 
+TEST_F(CycleTest, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
+  Write("overrides.dbs", "ZPM.MAX_MEMORY = 1\n");
+  RunResult r = Run("app");
+  EXPECT_TRUE(r.Has("WARNING: MAX_MEMORY 1 outside 2-10, using 2\n")) << r.out;
+  EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
+}
+
 TEST_F(CycleTest, DynamicModesSayTheHorizonIsNotAvailable) {
   RunResult r = Run("app -sim");
   EXPECT_EQ(r.status, 0);
