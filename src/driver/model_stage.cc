@@ -50,17 +50,17 @@ void ReadVariableClasses(CycleState& state, const model::ModelStore& store) {
   if (std::filesystem::exists(info)) files::zpm_files(35, info);
 }
 
-// Structures and values a solver would start from: residuals, objective, degrees of freedom.
+// Structures and values a solver would start from: sizes, objective, degrees of freedom. The
+// builder has evaluated the residuals at the starting point already.
 void ReportStartingPoint(model::ModelAccess& access, int diaglevel) {
-  access.EvaluateResiduals();
-  access.Layout();
   Sayf("Number of variables   : {}", access.nvar());
   Sayf("Number of constraints : {}", access.NumRows());
   Sayf("Jacobian non-zeros    : {}", model::zpm_nnz(access, 1));
   Sayf("Hessian non-zeros     : {}", model::zpm_nnzh(access, 1));
   Sayf("Objective at start    : {}", FormatReal(access.Objective(false)));
   if (diaglevel >= 1) model::zpm_dof(access, 2);
-  if (access.domain_errors().Total() > 0) access.domain_errors().Report();
+  const lang::DomainErrors& errors = access.store().start_errors;
+  if (errors.Total() > 0) errors.Report();
 }
 
 int NotSolved(CycleState& state, std::string_view what) {

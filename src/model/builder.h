@@ -35,7 +35,7 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
                   std::vector<double>* in);
 
 // Recomputes every intermediate value (declaration order) and every equation residual from
-// the current variable values.
+// the current variable values; domain errors met are kept in store->start_errors.
 void EvaluateInitialState(ModelStore* store);
 
 // Prints the model size report ("--------- ZPM Model Size ------------").

@@ -35,7 +35,8 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
 
 void EvaluateInitialState(ModelStore* store) {
   std::vector<double> in, work;
-  lang::DomainErrors errs;
+  lang::DomainErrors& errs = store->start_errors;
+  errs = {};
   for (Intermediate& m : store->intermediates) {
     if (m.program < 0) continue;
     m.value = EvaluateProgram(*store, m.program, m.columns, &in, &work, &errs);

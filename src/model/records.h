@@ -119,6 +119,7 @@ struct ModelStore {
   int num_alg_eqns = 0;                     // equations without one (objective rows excluded)
   int num_obj_eqns = 0;                     // objective rows
   bool exact_hessian = true;                // second derivatives are supplied to the solvers
+  lang::DomainErrors start_errors;          // met evaluating the starting point (builder)
 
   Variable& Var(int number) { return vars[order[number - 1]]; }
   const Variable& Var(int number) const { return vars[order[number - 1]]; }

@@ -247,6 +247,15 @@ TEST_F(CycleTest, ModelErrorsAndInfoFileMismatchesStopTheCycle) {
   EXPECT_FALSE(Exists("app.dbs"));
 }
 
+TEST_F(CycleTest, DomainErrorsAtTheStartAreCountedNotFatal) {
+  Write("app.zpm", "Model app\nVariables\n x = -1\n y = 0\nEnd Variables\nEquations\n"
+                   " y = log(x)\n x + y = 1\nEnd Equations\nEnd Model\n");
+  RunResult r = Run("app");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("Count: Argument of LOG negative                1\n")) << r.out;
+  EXPECT_TRUE(r.Has("solver stage is not available yet"));
+}
+
 TEST_F(CycleTest, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
   Write("overrides.dbs", "ZPM.MAX_MEMORY = 1\n");
   RunResult r = Run("app");
