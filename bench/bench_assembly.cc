@@ -147,20 +147,13 @@ void PrintSize(int n, const RunKeeper& runs) {
 
 int main(int argc, char** argv) {
   using namespace kx::bench;
-  const std::vector<int> sizes = ReadCommandLine(argc, argv);
-  if (sizes.empty()) return 2;
-  for (int n : sizes) {
-    RegisterSized("BM_StructureBuild", TimePass<StructureBuild>, n);
-    RegisterSized("BM_JacobianValues", TimePass<JacobianValues>, n);
-    RegisterSized("BM_HessianValues", TimePass<HessianValues>, n);
-    RegisterSized("BM_BareGradient", TimePass<Bare<false>>, n);
-    RegisterSized("BM_BareHessian", TimePass<Bare<true>>, n);
-  }
-  RunKeeper runs;
-  benchmark::RunSpecifiedBenchmarks(&runs);
-  benchmark::Shutdown();
-  kx::Say("");
-  kx::Say("Values-only assembly against bare byte-code evaluation (fastest repetition above)");
-  for (int n : sizes) PrintSize(n, runs);
-  return 0;
+  return RunRatioBenchmark(
+      argc, argv,
+      {{"BM_StructureBuild", TimePass<StructureBuild>},
+       {"BM_JacobianValues", TimePass<JacobianValues>},
+       {"BM_HessianValues", TimePass<HessianValues>},
+       {"BM_BareGradient", TimePass<Bare<false>>},
+       {"BM_BareHessian", TimePass<Bare<true>>}},
+      "Values-only assembly against bare byte-code evaluation (fastest repetition above)",
+      PrintSize);
 }

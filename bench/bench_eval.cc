@@ -200,20 +200,13 @@ void PrintSize(int n, const RunKeeper& runs) {
 
 int main(int argc, char** argv) {
   using namespace kx::bench;
-  const std::vector<int> sizes = ReadCommandLine(argc, argv);
-  if (sizes.empty()) return 2;
-  for (int n : sizes) {
-    RegisterSized("BM_CompileEquations", BM_CompileEquations, n);
-    RegisterSized("BM_ResidualByteCode", TimePass<ResidualByteCode>, n);
-    RegisterSized("BM_ResidualHand", TimePass<ResidualHand>, n);
-    RegisterSized("BM_AllByteCode", TimePass<AllByteCode>, n);
-    RegisterSized("BM_AllHand", TimePass<AllHand>, n);
-  }
-  RunKeeper runs;
-  benchmark::RunSpecifiedBenchmarks(&runs);
-  benchmark::Shutdown();
-  kx::Say("");
-  kx::Say("Byte code against hand-written C++ (fastest repetition of each benchmark above)");
-  for (int n : sizes) PrintSize(n, runs);
-  return 0;
+  return RunRatioBenchmark(
+      argc, argv,
+      {{"BM_CompileEquations", BM_CompileEquations},
+       {"BM_ResidualByteCode", TimePass<ResidualByteCode>},
+       {"BM_ResidualHand", TimePass<ResidualHand>},
+       {"BM_AllByteCode", TimePass<AllByteCode>},
+       {"BM_AllHand", TimePass<AllHand>}},
+      "Byte code against hand-written C++ (fastest repetition of each benchmark above)",
+      PrintSize);
 }

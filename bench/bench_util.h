@@ -12,11 +12,13 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -199,5 +201,24 @@ class RunKeeper : public benchmark::ConsoleReporter {
   std::ostringstream buffer_;         // console text not yet sent to Say()
   std::map<std::string, double> best_;  // benchmark name -> fastest seconds per iteration
 };
+
+// The main of a ratio benchmark: reads the sizes, registers `families` (name and benchmark
+// function) for each size, runs them, then prints `title` and one table block per size.
+inline int RunRatioBenchmark(
+    int argc, char** argv,
+    std::initializer_list<std::pair<const char*, void (*)(benchmark::State&)>> families,
+    std::string_view title, void (*print_size)(int n, const RunKeeper& runs)) {
+  const std::vector<int> sizes = ReadCommandLine(argc, argv);
+  if (sizes.empty()) return 2;
+  for (int n : sizes)
+    for (const auto& [name, fn] : families) RegisterSized(name, fn, n);
+  RunKeeper runs;
+  benchmark::RunSpecifiedBenchmarks(&runs);
+  benchmark::Shutdown();
+  Say("");
+  Say(title);
+  for (int n : sizes) print_size(n, runs);
+  return 0;
+}
 
 }  // namespace kx::bench
