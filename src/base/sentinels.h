@@ -8,7 +8,4 @@ inline constexpr double kUnsetUpper = 1.23456789e+20;   // upper bound not set
 inline constexpr double kNoValue = 1.23456789e-40;      // measured/computed value never set
 inline constexpr double kUnlimited = 1.0e+20;           // unlimited step or validity limit
 
-// True when v is one of the "not set" sentinels above.
-inline bool IsUnset(double v) { return v == kNoValue || v == kUnsetLower || v == kUnsetUpper; }
-
 }  // namespace kx
