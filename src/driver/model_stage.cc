@@ -16,16 +16,17 @@
 namespace kx::driver {
 namespace {
 
-model::BuildOptions ReadBuildOptions(const dbs::OptionStore& store) {
+// The run options the prologue read, and SCALING, for the model builder.
+model::BuildOptions BuildOptionsOf(const CycleState& state) {
   model::BuildOptions opts;
-  opts.diaglevel = store.Int("DIAGLEVEL");
+  opts.diaglevel = state.diaglevel;
   // The storage level is an exponent of 10; outside 2..10 the nearer limit applies.
-  const int requested = store.Int("MAX_MEMORY");
+  const int requested = state.max_memory;
   opts.max_memory = std::clamp(requested, 2, 10);
   if (opts.max_memory != requested)
     Sayf("WARNING: MAX_MEMORY {} outside 2-10, using {}", requested, opts.max_memory);
-  opts.stream_level = store.Int("STREAM_LEVEL");
-  opts.scaling = store.Int("SCALING");
+  opts.stream_level = state.stream_level;
+  opts.scaling = state.store.Int("SCALING");
   return opts;
 }
 
@@ -74,10 +75,10 @@ int NotSolved(CycleState& state, std::string_view what) {
 }  // namespace
 
 int RunModelStage(CycleState& state) {
-  const int diaglevel = state.store.Int("DIAGLEVEL");
+  const int diaglevel = state.diaglevel;
   model::ModelStore store = [&] {
     ScopedTimer timer("Model build");
-    return model::BuildModel(state.model_file, ReadBuildOptions(state.store));
+    return model::BuildModel(state.model_file, BuildOptionsOf(state));
   }();
   ReadVariableClasses(state, store);
   if (diaglevel >= 2) model::WriteByteCodeListing(store, "model_bytecode.txt");
