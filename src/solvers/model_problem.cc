@@ -1,0 +1,94 @@
+#include "solvers/model_problem.h"
+
+#include <algorithm>
+#include <cmath>
+
+
+namespace kx::solvers {
+namespace {
+
+bool AllFinite(std::span<const double> v) {
+  return std::all_of(v.begin(), v.end(), [](double a) { return std::isfinite(a); });
+}
+
+void ToZeroBased(std::span<int> v) {
+  for (int& i : v) --i;
+}
+
+}  // namespace
+
+ModelProblem::ModelProblem(model::ModelAccess& access, bool dynamic, std::string name)
+    : access_(access), nlp_(access, dynamic, /*scaled=*/false), name_(std::move(name)) {}
+
+void ModelProblem::Bounds(std::span<double> xl, std::span<double> xu) { nlp_.GetBounds(xl, xu); }
+
+void ModelProblem::ConstraintBounds(std::span<double> cl, std::span<double> cu) {
+  nlp_.GetConstraintBounds(cl, cu);
+}
+
+void ModelProblem::Start(std::span<double> x) { nlp_.GetStart(x); }
+
+bool ModelProblem::StartMultipliers(std::span<double> lambda) {
+  if (start_multipliers.size() != lambda.size()) return false;
+  std::copy(start_multipliers.begin(), start_multipliers.end(), lambda.begin());
+  return true;
+}
+
+std::vector<int> ModelProblem::IntegerVariables() {
+  std::vector<int> list;
+  const model::ModelStore& store = access_.store();
+  for (int n = 1; n <= store.nvar; ++n) {
+    if (store.Var(n).integer) list.push_back(n - 1);
+  }
+  return list;
+}
+
+void ModelProblem::JacobianStructure(std::span<int> rows, std::span<int> cols) {
+  nlp_.JacobianStructure(rows, cols);
+  ToZeroBased(rows);
+  ToZeroBased(cols);
+}
+
+void ModelProblem::HessianStructure(std::span<int> rows, std::span<int> cols) {
+  nlp_.HessianStructure(rows, cols);
+  ToZeroBased(rows);
+  ToZeroBased(cols);
+}
+
+bool ModelProblem::Objective(std::span<const double> x, double& f) {
+  f = nlp_.Objective(x);
+  return std::isfinite(f);
+}
+
+bool ModelProblem::Gradient(std::span<const double> x, std::span<double> g) {
+  nlp_.Gradient(x, g);
+  return AllFinite(g);
+}
+
+bool ModelProblem::Constraints(std::span<const double> x, std::span<double> c) {
+  ++residual_evals_;
+  nlp_.Constraints(x, c);
+  return AllFinite(c);
+}
+
+bool ModelProblem::JacobianValues(std::span<const double> x, std::span<double> values) {
+  ++jacobian_evals_;
+  nlp_.JacobianValues(x, values);
+  return AllFinite(values);
+}
+
+bool ModelProblem::HessianValues(std::span<const double> x, double obj_factor,
+                                 std::span<const double> lambda, std::span<double> values) {
+  nlp_.HessianValues(x, obj_factor, lambda, values);
+  return AllFinite(values);
+}
+
+void ModelProblem::Store(std::span<const double> x, std::span<const double> lambda) {
+  nlp_.SetX(x);
+  if (!lambda.empty()) {
+    for (int r = 1; r <= nlp_.num_cons(); ++r) access_.Row(r).lambda = lambda[r - 1];
+  }
+  access_.EvaluateResiduals();
+}
+
+}  // namespace kx::solvers

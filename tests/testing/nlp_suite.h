@@ -1,0 +1,45 @@
+// Test problems for the solvers: models written in the modelling language, built through the
+// real compiler, and handed to a solver as a solvers::Problem. The suite files live in
+// tests/models/nlp/*.zpm; each starts with comment lines that give its known optimum:
+//   ! optimum: -44.0
+//   ! size: large        (optional: a scalable problem of 1e4 variables or more)
+//   ! source: <literature reference>
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/access.h"
+#include "model/records.h"
+#include "solvers/model_problem.h"
+
+namespace kx::testing {
+
+// A model built from a file or text, kept alive together with its access and problem.
+struct LoadedModel {
+  model::ModelStore store;
+  std::unique_ptr<model::ModelAccess> access;
+  std::unique_ptr<solvers::ModelProblem> problem;
+};
+
+// Builds quietly (the builder's report is swallowed); a model error throws kx::Stop.
+std::unique_ptr<LoadedModel> LoadModelText(std::string_view zpm_text, std::string name = "text");
+std::unique_ptr<LoadedModel> LoadModelFile(const std::string& path);
+
+struct SuiteEntry {
+  std::string name;   // file stem
+  std::string path;   // absolute path of the .zpm file
+  double optimum = 0;
+  bool large = false;
+};
+
+// The suite in name order; `include_large` false leaves out the scalable problems.
+std::vector<SuiteEntry> NlpSuite(bool include_large);
+std::vector<SuiteEntry> MinlpSuite();  // tests/models/minlp/*.zpm, same header
+
+// |f - optimum| / max(1, |optimum|).
+double RelativeError(double f, double optimum);
+
+}  // namespace kx::testing
