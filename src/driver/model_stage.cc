@@ -10,6 +10,7 @@
 #include "driver/classes.h"
 #include "driver/solve_stage.h"
 #include "files/file_routine.h"
+#include "files/restart.h"
 #include "model/access.h"
 #include "model/builder.h"
 #include "model/diagnostics.h"
@@ -76,16 +77,16 @@ int NotSolved(CycleState& state, std::string_view what) {
 
 // The steady-state initial condition: "rto.t0" when it exists, else "ss.t0". A warm start
 // reads values and, with SPECS, the fixed/calculated marks (smart read); a cold start reads
-// the values by root name only.
-void ReadRestartFile(const CycleState& state) {
+// the values by root name only. True when a warm start read a file.
+bool ReadRestartFile(const CycleState& state) {
   const bool cold = state.store.Int("COLDSTART") > 0;
   const std::string file = std::filesystem::exists("rto.t0") ? "rto.t0" : "ss.t0";
   if (!std::filesystem::exists(file)) {
     if (!cold) Say("WARNING: restart file not found - " + file);
-    return;
+    return false;
   }
   const bool specs = state.flags.specs != 0;
-  files::zpm_files(cold ? 4 : (specs ? 8 : 1), file);
+  return files::zpm_files(cold ? 4 : (specs ? 8 : 1), file) == 0 && !cold;
 }
 
 // Derivative verification runs by DIAGLEVEL before the solve; it is not built yet.
@@ -106,7 +107,7 @@ void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
 
 int SolveSteadyState(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
-  ReadRestartFile(state);
+  const bool warm = ReadRestartFile(state);
   if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.store);
   model::ModelAccess& access = *m.access;
   access.Invalidate();
@@ -119,11 +120,13 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
   DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
   ReadStartMultipliers(state, access, problem);
-  const SolveOutcome out = SolveProblem(state.store, imode, problem, access);
+  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
   WriteModelToClasses(m.store, state.store);
-  // The restart file carries a good solution to the next cycle; at DIAGLEVEL >= 2 it is
-  // written after a failed solve too, so the last iterate can be inspected.
+  // The restart file and the multipliers in "lam.t0" carry a good solution to the next
+  // cycle's warm start; at DIAGLEVEL >= 2 the restart file is written after a failed solve
+  // too, so the last iterate can be inspected.
   if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
+  if (out.status == 0) files::WriteMultipliers("lam.t0", access);
   return out.status;
 }
 

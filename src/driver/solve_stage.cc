@@ -25,7 +25,7 @@ struct BenchmarkRow {
   double objective = 0, seconds = 0;
 };
 
-solvers::SolverSettings ReadSettings(const dbs::OptionStore& o, int imode) {
+solvers::SolverSettings ReadSettings(const dbs::OptionStore& o, int imode, bool warm) {
   solvers::SolverSettings s;
   s.objective_tol = o.Real("OTOL");
   s.constraint_tol = o.Real("RTOL");
@@ -33,7 +33,7 @@ solvers::SolverSettings ReadSettings(const dbs::OptionStore& o, int imode) {
   s.max_time = o.Real("MAX_TIME");
   s.diaglevel = o.Int("DIAGLEVEL");
   s.imode = imode;
-  s.warm = o.Int("COLDSTART") == 0;
+  s.warm = warm;
   return s;
 }
 
@@ -92,10 +92,10 @@ void WriteOutcomeKeys(dbs::OptionStore& o, const SolveOutcome& out) {
 
 }  // namespace
 
-SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, solvers::ModelProblem& problem,
-                          model::ModelAccess& access) {
+SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
+                          solvers::ModelProblem& problem, model::ModelAccess& access) {
   CheckSequential(options, access, imode);
-  const solvers::SolverSettings settings = ReadSettings(options, imode);
+  const solvers::SolverSettings settings = ReadSettings(options, imode, warm);
   const int solver = options.Int("SOLVER");
   const bool benchmark = solver == 0;
   const int first = benchmark ? 1 : solver, last = benchmark ? 6 : solver;

@@ -15,10 +15,10 @@ struct SolveOutcome {
   double seconds = 0.0;
 };
 
-// Solves `problem` for the mode `imode`; the solution (or the last iterate) and the row
+// Solves `problem` for the mode `imode`; `warm` says the start is a previous solution; the solution (or the last iterate) and the row
 // multipliers are written into the model. A benchmark (SOLVER = 0) ends the run with a stop
 // after its table: it never writes result, DBS or restart files.
-SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, solvers::ModelProblem& problem,
-                          model::ModelAccess& access);
+SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
+                          solvers::ModelProblem& problem, model::ModelAccess& access);
 
 }  // namespace kx::driver
