@@ -79,7 +79,8 @@ horizon::TimeGrid Grid(int steps) {
 }
 
 struct HorizonCase {
-  explicit HorizonCase(int n) : grid(Grid(n)), h(horizon::Replicate(Reactor(), grid, nullptr, 0)) {}
+  explicit HorizonCase(int n)
+      : grid(Grid(n)), h(horizon::Replicate(Reactor(), grid, nullptr, 0)) {}
   horizon::TimeGrid grid;
   horizon::Horizon h;
 };
@@ -133,14 +134,17 @@ void PrintSize(int n, const RunKeeper& runs) {
   static int previous = 0;
   auto t = [&](const char* family, int size) { return runs.Seconds(SizedName(family, size)); };
   auto ratio = [&](double now, double before) {
-    return previous > 0 && before > 0 ? fmt::format("{:6.2f}", now / before) : std::string("     -");
+    if (previous == 0 || !(before > 0)) return std::string("     -");
+    return fmt::format("{:6.2f}", now / before);
   };
   HorizonCase& c = CaseFor<HorizonCase>(n);
   double rep = t("BM_Replicate", n), st = t("BM_Structures", n);
   double mem = g_memory.count(n) ? g_memory[n] : std::nan("");
   Sayf("steps {:>6}  variables {:>8}  equations {:>8}", n, c.h.store.nvar, c.h.store.eqns.size());
-  Sayf("     replication {:10.3f} ms  ratio {}", 1e3 * rep, ratio(rep, t("BM_Replicate", previous)));
-  Sayf("     structures  {:10.3f} ms  ratio {}", 1e3 * st, ratio(st, t("BM_Structures", previous)));
+  Sayf("     replication {:10.3f} ms  ratio {}", 1e3 * rep,
+       ratio(rep, t("BM_Replicate", previous)));
+  Sayf("     structures  {:10.3f} ms  ratio {}", 1e3 * st,
+       ratio(st, t("BM_Structures", previous)));
   Sayf("     peak memory {:10.1f} MB  ratio {}", mem,
        ratio(mem, g_memory.count(previous) ? g_memory[previous] : 0.0));
   previous = n;

@@ -91,7 +91,9 @@ TimeGrid BuildTimeGrid(const HorizonSettings& settings, const DataFile* data) {
   double start = 0.0;
   for (int k = 1; k <= grid.num_steps(); ++k) {
     double h = grid.dt[k - 1];
-    for (int j = 2; j <= grid.nodes; ++j) grid.times[grid.Point(k, j)] = start + h * grid.positions[j - 1];
+    for (int j = 2; j <= grid.nodes; ++j) {
+      grid.times[grid.Point(k, j)] = start + h * grid.positions[j - 1];
+    }
     start += h;
     // The step end is kept exactly at the accumulated start of the next step.
     grid.times[grid.Point(k, grid.nodes)] = start;

@@ -115,36 +115,6 @@ TEST(Collocation, MatrixHoldsSinglePrecisionRoundingOfTheExactInverse) {
   EXPECT_NE(CollocationMatrix(4)[0], 0.436338998074);
 }
 
-TEST(Collocation, CompiledRowsEvaluateTheCollocationResidual) {
-  for (int nodes = kMinNodes; nodes <= kMaxNodes; ++nodes) {
-    std::vector<double> m = CollocationMatrix(nodes);
-    std::vector<CollocationProgram> rows = CompileCollocationRows(nodes);
-    ASSERT_EQ(static_cast<int>(rows.size()), nodes - 1);
-    // Placeholder values: x(i) = 3, x(1) = 1.25, dt = 0.4, x'(j) = 0.5 + j.
-    auto value_of = [](int placeholder) {
-      if (placeholder == kValueAtNode) return 3.0;
-      if (placeholder == kValueAtStart) return 1.25;
-      if (placeholder == kStepLength) return 0.4;
-      return 0.5 + (placeholder - kFirstDerivative + 2);
-    };
-    for (int i = 2; i <= nodes; ++i) {
-      const CollocationProgram& row = rows[i - 2];
-      std::vector<double> in, work(row.program.work_size()), grad(row.inputs.size());
-      for (int p : row.inputs) in.push_back(value_of(p));
-      double sum = 0;
-      for (int j = 2; j <= nodes; ++j) sum += m[(i - 2) * (nodes - 1) + j - 2] * (0.5 + j);
-      double r = row.program.Gradient(in.data(), work.data(), grad.data(), nullptr);
-      EXPECT_NEAR(r, 3.0 - 1.25 - 0.4 * sum, 1e-14) << "nodes " << nodes << " row " << i;
-      for (size_t k = 0; k < row.inputs.size(); ++k) {
-        int p = row.inputs[k];
-        double want = p == kValueAtNode ? 1.0 : p == kValueAtStart ? -1.0 : p == kStepLength
-            ? -sum : -0.4 * m[(i - 2) * (nodes - 1) + (p - kFirstDerivative)];
-        EXPECT_NEAR(grad[k], want, 1e-14) << "nodes " << nodes << " row " << i << " input " << p;
-      }
-    }
-  }
-}
-
 TEST(Collocation, NodeCountOutsideTwoToSixStops) {
   for (int nodes : {1, 7, 0, -3}) {
     auto lines = testing::StopLines([&] { CollocationMatrix(nodes); });

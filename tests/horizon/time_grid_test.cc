@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "dbs/option_store.h"
-#include "testing/scratch_dir.h"
 #include "testing/stop_lines.h"
 
 namespace kx::horizon {
@@ -36,29 +34,6 @@ TEST(DataFile, TextCellWarnsOnceAndReadsAsNoValue) {
   EXPECT_TRUE(DataFile::IsNoValue(d.At(1, 1)));
   ASSERT_EQ(out.lines().size(), 1u);
   EXPECT_NE(out.lines()[0].find("\"abc\" in row 1"), std::string::npos);
-}
-
-TEST(DataFile, MissingFileIsNothing) {
-  testing::ScratchDir dir;
-  EXPECT_FALSE(ReadDataFile(dir.File("none.csv")).has_value());
-  dir.Write("app.csv", "time\n0\n2\n");
-  auto d = ReadDataFile(dir.File("app.csv"));
-  ASSERT_TRUE(d.has_value());
-  EXPECT_EQ(d->num_rows, 2);
-}
-
-TEST(HorizonSettings, ReadFromTheOptions) {
-  dbs::OptionStore options;
-  options.SetGlobal("NODES", 4);
-  options.SetGlobal("PRED_HOR", 12);
-  options.SetGlobal("CTRL_TIME", 0.25);
-  options.SetGlobal("IMODE", 6);
-  HorizonSettings s = ReadHorizonSettings(options);
-  EXPECT_EQ(s.nodes, 4);
-  EXPECT_EQ(s.pred_hor, 12);
-  EXPECT_EQ(s.ctrl_time, 0.25);
-  EXPECT_EQ(s.imode, 6);
-  EXPECT_EQ(s.csv_read, 1);  // the option's default
 }
 
 TEST(TimeGrid, FromOptionsControlStepsThenPredictionSteps) {
