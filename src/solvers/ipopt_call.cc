@@ -146,12 +146,6 @@ std::vector<Option> BuildOptions(Problem& problem, const SolverSettings& setting
   options.push_back({"print_level", 0, ""});
   options.push_back({"sb", std::string("yes"), ""});
   if (warm_start) options.push_back({"warm_start_init_point", std::string("yes"), ""});
-  if (settings.warm) {
-    // The start is the previous cycle's solution: keep it where it is instead of pushing
-    // variables at their bounds into the interior, which can lead to another local optimum.
-    options.push_back({"bound_push", 1e-6, ""});
-    options.push_back({"bound_frac", 1e-6, ""});
-  }
   return options;
 }
 
