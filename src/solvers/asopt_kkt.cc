@@ -51,7 +51,7 @@ void KktFactor::CountDenseInertia() {
   const int n = dim_;
   double scale = 0.0;
   for (int k = 0; k < n; ++k) scale = std::max(scale, std::abs(a_[static_cast<size_t>(k) * n + k]));
-  const double tiny = 1e-13 * std::max(scale, 1.0);
+  const double tiny = 1e-14 * std::max(scale, 1.0);
   auto at = [&](int r, int c) { return a_[static_cast<size_t>(c) * n + r]; };
   for (int k = 0; k < n; ++k) {
     if (pivots_[k] > 0) {

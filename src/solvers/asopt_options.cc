@@ -66,7 +66,7 @@ constexpr std::array<AsoptOption, kNumAsoptOptions> kWriteOrder = {
     kInitialHessianEstimateOption, kStepBoundType, kLineSearchStartMode,
     kFeasibilityModeIterations, kObjectiveFunctionUnboundedLimit, kInitialMuValue,
     kTrustRegionRadius, kPredictionParameter, kLineSearchTolerance, kQpTolerance,
-    kLineSearchCutbackParameter, kLineSearchCutbackMultiplier, kMachinePrecision, kInfinity,
+    kLineSearchCutbackParameter, kLineSearchCutbackMultiplier, kMachinePrecision, kInfiniteBound,
     kMaximumConstraintNorm, kFeasiblePathObjectiveChange, kObjectiveFunctionLowerLimit,
     kMinimumHessianEigenvalue, kMaximumHessianEigenvalue, kFractionalSubproblemCompletion,
     kMaximumDeltaX};
@@ -106,7 +106,7 @@ constexpr std::array<AsoptOption, AsoptParameters::kNumReal> kRealSources = {
     kNumAsoptOptions, kNumAsoptOptions, kObjectiveConvergenceTolerance,
     kConstraintConvergenceTolerance, kObjectiveFunctionUnboundedLimit, kInitialMuValue,
     kTrustRegionRadius, kPredictionParameter, kLineSearchTolerance, kQpTolerance,
-    kLineSearchCutbackParameter, kLineSearchCutbackMultiplier, kMachinePrecision, kInfinity,
+    kLineSearchCutbackParameter, kLineSearchCutbackMultiplier, kMachinePrecision, kInfiniteBound,
     kMaximumConstraintNorm, kFeasiblePathObjectiveChange, kObjectiveFunctionLowerLimit,
     kMinimumHessianEigenvalue, kMaximumHessianEigenvalue, kFractionalSubproblemCompletion,
     kMaximumDeltaX};

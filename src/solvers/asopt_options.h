@@ -51,7 +51,7 @@ enum AsoptOption : int {
   kLineSearchCutbackParameter,
   kLineSearchCutbackMultiplier,
   kMachinePrecision,
-  kInfinity,
+  kInfiniteBound,
   kMaximumConstraintNorm,
   kFeasiblePathObjectiveChange,
   kObjectiveFunctionLowerLimit,
@@ -78,6 +78,8 @@ class AsoptOptions {
   double operator[](AsoptOption option) const { return values_[option]; }
   int Int(AsoptOption option) const;
   void Set(AsoptOption option, double value);
+  // Changes a default: the option still counts as not set.
+  void SetDefault(AsoptOption option, double value) { values_[option] = value; }
   // True once the options file (or Set) has given the option a value.
   bool WasSet(AsoptOption option) const { return set_[option]; }
 

@@ -213,8 +213,12 @@ EqpOutcome ActiveSetQp::SolveEqp() {
   if (kkt_.num_null() > 0 && dim > num_free) {
     // Dependent working rows make the matrix singular: regularise the row block, which
     // leaves a null-space Hessian that is not positive definite still visible.
+    double scale = 1.0;
     for (size_t k = 0; k < kr.size(); ++k) {
-      if (kr[k] == kc[k] && kr[k] >= num_free) kv[k] = -kRowRegularization;
+      if (kr[k] < num_free && kc[k] < num_free) scale = std::max(scale, std::abs(kv[k]));
+    }
+    for (size_t k = 0; k < kr.size(); ++k) {
+      if (kr[k] == kc[k] && kr[k] >= num_free) kv[k] = -kRowRegularization * scale;
     }
     if (!kkt_.Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
   }
