@@ -1,0 +1,134 @@
+#include "solvers/asopt.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "base/base.h"
+#include "solvers/asopt_minlp.h"
+#include "solvers/banner.h"
+#include "solvers/status.h"
+
+namespace kx::solvers {
+namespace {
+
+constexpr int kDumpEntries = 10;  // entries of a vector listed when none failed
+
+AsoptOptions LoadOptions(const SolverSettings& settings) {
+  AsoptOptions options;
+  options.SetDefault(kObjectiveConvergenceTolerance, settings.objective_tol);
+  options.SetDefault(kConstraintConvergenceTolerance, settings.constraint_tol);
+  options.SetDefault(kNlpMaximumIterations, settings.max_iter);
+  options.Read("asopt.opt");
+  return options;
+}
+
+// Lists a vector under its title: only the entries that are not finite ("(errors only)") when
+// there are some, otherwise the first few.
+void DumpVector(const char* title, const char* name, const std::vector<double>& v) {
+  const bool errors = std::any_of(v.begin(), v.end(), [](double e) { return !std::isfinite(e); });
+  Say("index");
+  Say(std::string(title) + (errors ? " (errors only)" : ""));
+  int listed = 0;
+  for (size_t i = 0; i < v.size() && (errors || listed < kDumpEntries); ++i) {
+    if (errors && std::isfinite(v[i])) continue;
+    Say(fmt::format("    {}({})  = {}", name, i + 1, FormatReal(v[i])));
+    ++listed;
+  }
+}
+
+// Checks bounds and the first derivatives at the start; prints the solver dump and returns
+// the failure code, or 0.
+int CheckSetup(NlpData& nlp, const std::vector<double>& x, int mode) {
+  int info = kSuccess;
+  for (int j = 0; j < nlp.n; ++j) {
+    if (nlp.xl[j] > nlp.xu[j]) info = kInvalidBounds;
+  }
+  for (int i = 0; i < nlp.m; ++i) {
+    if (nlp.cl[i] > nlp.cu[i]) info = kInvalidBounds;
+  }
+  std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
+  const bool g_ok = nlp.problem.Gradient(x, g);
+  const bool a_ok = nlp.problem.JacobianValues(x, a);
+  const auto finite = [](const std::vector<double>& v) {
+    return std::all_of(v.begin(), v.end(), [](double e) { return std::isfinite(e); });
+  };
+  if (info == kSuccess && !(g_ok && a_ok && finite(g) && finite(a))) info = kBadInputs;
+  if (info == kSuccess) return kSuccess;
+  Say("***** Solver Dump *****");
+  Sayf("info : {}", info);
+  Sayf("n    : {}", nlp.n);
+  Sayf("m    : {}", nlp.m);
+  Sayf("nz   : {}", nlp.jac_rows.size());
+  Sayf("p    : {}", nlp.hess_rows.size());
+  Sayf("mode : {}", mode);
+  DumpVector("       g", "g", g);
+  DumpVector("       a", "a", a);
+  Sayf("Error: Problems with Setup.  info = {}", info);
+  return info;
+}
+
+SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
+  SolverResult result;
+  result.status = out.best.status;
+  result.iterations = out.nlp_iterations;
+  result.objective = out.best.objective;
+  result.x = out.best.x;
+  result.lambda = out.best.lambda;
+  result.z_lower = out.best.z_lower;
+  result.z_upper = out.best.z_upper;
+  result.residual_evals = nlp.residual_evals;
+  result.jacobian_evals = nlp.jacobian_evals;
+  return result;
+}
+
+}  // namespace
+
+SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings) {
+  SqpState state;
+  return SolveAsopt(problem, settings, state, settings.warm ? 3 : 0);
+}
+
+SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpState& state,
+                        int mode, int* nodes) {
+  PrintSolverBanner('-', settings.imode, " with ASOPT Solver");
+  const AsoptOptions options = LoadOptions(settings);
+  if (settings.diaglevel >= 1) options.Write("asopt_current_options.opt");
+  NlpData nlp(problem);
+  std::vector<double> x(nlp.n);
+  problem.Start(x);
+  for (int j = 0; j < nlp.n; ++j) {
+    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
+  }
+  if (settings.warm && mode >= 3 && state.lambda.size() != static_cast<size_t>(nlp.m)) {
+    std::vector<double> lambda(nlp.m);
+    if (problem.StartMultipliers(lambda)) state.lambda = lambda;
+  }
+  if (const int info = CheckSetup(nlp, x, mode); info != kSuccess) {
+    SolverResult failed;
+    failed.status = info;
+    failed.x = x;
+    failed.lambda.assign(nlp.m, 0.0);
+    failed.z_lower.assign(nlp.n, 0.0);
+    failed.z_upper.assign(nlp.n, 0.0);
+    return failed;
+  }
+  AsoptLog log("ASOPT.out");
+  SqpControl control;
+  control.options = &options;
+  control.mode = mode;
+  control.log = &log;
+  const double seconds = std::clamp(settings.max_time, 0.0, 1e9);
+  control.deadline = std::chrono::steady_clock::now() +
+                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                         std::chrono::duration<double>(seconds));
+  const MinlpOutcome out = Ace_MINLP_solve(nlp, x, control);
+  if (nodes) *nodes = out.nodes;
+  log.Line(fmt::format(" ASOPT status {} {}: {} after {} iterations", out.best.status,
+                       StatusWord(out.best.status), OutcomeText(out.best.status),
+                       out.nlp_iterations),
+           options.Int(kNlpPrintLevel) >= 1 && settings.diaglevel >= 1);
+  return ToResult(out, nlp);
+}
+
+}  // namespace kx::solvers

@@ -1,0 +1,359 @@
+#include "solvers/asopt_minlp.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "base/base.h"
+#include "solvers/status.h"
+
+namespace kx::solvers {
+namespace {
+
+// One trial problem of the tree.
+struct Leaf {
+  std::vector<double> xl, xu;  // the leaf's variable bounds
+  int depth = 0;
+  double bound = -std::numeric_limits<double>::infinity();  // parent's objective
+  bool solved = false;
+  SqpState start;              // parent's final point, multipliers and working set
+  int order = 0;               // creation number
+};
+
+class BranchAndBound {
+ public:
+  BranchAndBound(NlpData& nlp, const SqpControl& control)
+      : nlp_(nlp), control_(control), options_(*control.options) {}
+  MinlpOutcome Run(std::vector<double> x);
+
+ private:
+  void Step(const std::string& text) { Trace(text, options_.Int(kMinlpPrintLevel) >= 2); }
+  void Trace(const std::string& text, bool console) {
+    if (control_.log) control_.log->Line(text, console);
+  }
+  bool CheckInputs();
+  int NextLeaf() const;
+  double LowestOpenBound() const;
+  double Gap() const;
+  SqpOutcome SolveLeaf(Leaf& leaf, const std::vector<double>& x, int& nlp_its);
+  bool IsIntegral(const std::vector<double>& x) const;
+  void RecordInteger(const SqpOutcome& out, bool root);
+  void Branch(const Leaf& leaf, const SqpOutcome& out, const SqpState& state);
+  bool AddLeaf(Leaf leaf, bool upper_side, int var);
+  void PrintIterationLine(int k, const SqpOutcome& out, int nlp_its, const Leaf& leaf);
+  void ListFinal(const SqpOutcome& out);
+
+  NlpData& nlp_;
+  const SqpControl& control_;
+  const AsoptOptions& options_;
+  std::vector<int> integers_;       // integer variables branched on
+  std::vector<Leaf> leaves_;        // open and solved leaves
+  bool have_integer_ = false;
+  SqpOutcome best_;                 // best integer solution
+  int created_ = 0;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+bool BranchAndBound::CheckInputs() {
+  Step("* Step: Map system parameters");
+  Step("* Step: Check input to solver");
+  if (options_.Int(kNlpMaximumIterations) <= 0) Trace("Warning: Max iterations <= 0", true);
+  Step("* Step: Compute degrees of freedom");
+  int ndf = 0;
+  for (int j = 0; j < nlp_.n; ++j) ndf += nlp_.xl[j] != nlp_.xu[j];
+  for (int i = 0; i < nlp_.m; ++i) ndf -= nlp_.cl[i] == nlp_.cu[i];
+  Step(fmt::format("* Result: ndf = {}", ndf));
+  if (ndf > options_[kMaxDegreesOfFreedom]) {
+    Trace(fmt::format("Error: {} degrees of freedom exceed max_degrees_of_freedom {}", ndf,
+                      FormatReal(options_[kMaxDegreesOfFreedom])),
+          true);
+    return false;
+  }
+  Step("* Step: Partition workspace");
+  Step("* Step: Save initial values");
+  return true;
+}
+
+// The open leaf to solve next: lowest bound (branch method 1), deepest (2) or shallowest (3);
+// ties go to the deeper leaf, then to the newer one.
+int BranchAndBound::NextLeaf() const {
+  const int method = options_.Int(kMinlpBranchMethod);
+  int best = -1;
+  auto better = [&](const Leaf& a, const Leaf& b) {
+    if (method == 2 && a.depth != b.depth) return a.depth > b.depth;
+    if (method == 3 && a.depth != b.depth) return a.depth < b.depth;
+    if (method != 2 && method != 3 && a.bound != b.bound) return a.bound < b.bound;
+    if (a.depth != b.depth) return a.depth > b.depth;
+    return a.order > b.order;
+  };
+  for (size_t i = 0; i < leaves_.size(); ++i) {
+    if (leaves_[i].solved) continue;
+    if (best < 0 || better(leaves_[i], leaves_[best])) best = static_cast<int>(i);
+  }
+  return best;
+}
+
+double BranchAndBound::LowestOpenBound() const {
+  double lowest = std::numeric_limits<double>::infinity();
+  for (const Leaf& l : leaves_) {
+    if (!l.solved) lowest = std::min(lowest, l.bound);
+  }
+  return lowest;
+}
+
+// Relative distance between the best integer objective and the lowest open leaf.
+double BranchAndBound::Gap() const {
+  if (!have_integer_) return std::numeric_limits<double>::infinity();
+  const double lowest = std::min(LowestOpenBound(), best_.objective);
+  return (best_.objective - lowest) / std::max(1.0, std::abs(best_.objective));
+}
+
+SqpOutcome BranchAndBound::SolveLeaf(Leaf& leaf, const std::vector<double>& x, int& nlp_its) {
+  Step("Load solution: x");
+  Step("Load new bounds");
+  Step("Reset initial active set");
+  Step("Re-initialize NLP values");
+  Step("NLP Solution Start");
+  Step("* Step: Attempt NLP convergence");
+  SqpControl control = control_;
+  if (leaf.depth > 0) control.mode = 3;  // warm: the parent's working set and multipliers
+  SqpOutcome out = Ace_CONVRG(nlp_, leaf.xl, leaf.xu, x, leaf.start, control);
+  nlp_its = out.iterations;
+  Step("* Step: Check convergence status");
+  if (out.status != kSuccess && out.status != kExternalAbort && out.status != kMaxIterations) {
+    Step("* Result: Not Yet Solved");
+    Step("* Step: Get feasible solution");
+    // A second attempt from the same point with a cold working set.
+    control.mode = 0;
+    SqpState fresh;
+    SqpOutcome again = Ace_CONVRG(nlp_, leaf.xl, leaf.xu, x, fresh, control);
+    nlp_its += again.iterations;
+    if (again.status == kSuccess) {
+      out = std::move(again);
+      leaf.start = std::move(fresh);
+    }
+  }
+  Step(out.status == kSuccess ? "* Result: Solved" : "* Result: Not Yet Solved");
+  Step("* Step: Configure output parameters");
+  return out;
+}
+
+bool BranchAndBound::IsIntegral(const std::vector<double>& x) const {
+  const double tol = options_[kMinlpIntegerTol];
+  for (int j : integers_) {
+    if (std::abs(x[j] - std::round(x[j])) > tol) return false;
+  }
+  return true;
+}
+
+void BranchAndBound::RecordInteger(const SqpOutcome& out, bool root) {
+  Step(root ? "Found integer solution on root node" : "Integer solution found");
+  if (have_integer_ && out.objective >= best_.objective) return;
+  Step(have_integer_ ? "New best integer solution" : "First integer solution");
+  Step("Check that integer solution is unique");
+  best_ = out;
+  have_integer_ = true;
+}
+
+// Adds a leaf unless its bounds cross the variable's absolute bounds or it is already listed.
+bool BranchAndBound::AddLeaf(Leaf leaf, bool upper_side, int var) {
+  const char* side = upper_side ? "upper" : "lower";
+  if (leaf.xl[var] > nlp_.xu[var] || leaf.xu[var] < nlp_.xl[var] || leaf.xl[var] > leaf.xu[var]) {
+    Trace(fmt::format("The {} leaf violated an absolute bound and was eliminated", side),
+          options_.Int(kMinlpPrintLevel) >= 2);
+    return false;
+  }
+  for (const Leaf& other : leaves_) {
+    bool same = true;
+    for (int j : integers_) {
+      same = same && other.xl[j] == leaf.xl[j] && other.xu[j] == leaf.xu[j];
+    }
+    if (same) {
+      Trace(fmt::format("The {} leaf of this branch is already in the list of potential or "
+                        "solved problems",
+                        side),
+            options_.Int(kMinlpPrintLevel) >= 2);
+      return false;
+    }
+  }
+  leaf.order = ++created_;
+  leaves_.push_back(std::move(leaf));
+  return true;
+}
+
+void BranchAndBound::Branch(const Leaf& leaf, const SqpOutcome& out, const SqpState& state) {
+  Step("Not an integer solution");
+  int var = -1;
+  double worst = -1.0;
+  for (int j : integers_) {
+    if (std::abs(out.x[j]) > options_[kMinlpIntegerMax]) continue;
+    const double d = std::abs(out.x[j] - std::round(out.x[j]));
+    if (d > worst) {
+      worst = d;
+      var = j;
+    }
+  }
+  if (var < 0) return;
+  Step(fmt::format("Found max integer difference {} at integer {}", FormatReal(worst), var + 1));
+  Step("Creating integer trial point");
+  const double v = out.x[var];
+  const bool both = options_.Int(kMinlpIntegerLeaves) != 1;
+  const bool up_nearer = v - std::floor(v) >= 0.5;
+  Leaf child;
+  child.xl = leaf.xl;
+  child.xu = leaf.xu;
+  child.depth = leaf.depth + 1;
+  child.bound = out.objective;
+  child.start = state;
+  Leaf up = child, down = child;
+  up.xl[var] = std::ceil(v);
+  down.xu[var] = std::floor(v);
+  Step(fmt::format("Create >= trial leaf on integer {}", var + 1));
+  Step(fmt::format("Create <= trial leaf on integer {}", var + 1));
+  Step("Check uniqueness of <= and >= new leaves");
+  if (both || !up_nearer) AddLeaf(std::move(down), false, var);
+  if (both || up_nearer) AddLeaf(std::move(up), true, var);
+}
+
+void BranchAndBound::PrintIterationLine(int k, const SqpOutcome& out, int nlp_its,
+                                        const Leaf& leaf) {
+  int open = 0;
+  for (const Leaf& l : leaves_) open += !l.solved;
+  const double gap = Gap();
+  Trace(fmt::format("Iter:{:6d} I:{:3d} Tm:{:9.2f} NLPi:{:5d} Dpth:{:4d} Lvs:{:5d} Obj:{:12.5e} "
+                    "Gap:{:10.3e}",
+                    k, out.status, SecondsSince(start_), nlp_its, leaf.depth, open, out.objective,
+                    std::isfinite(gap) ? gap : 0.0),
+        options_.Int(kMinlpPrintLevel) >= 1);
+}
+
+void BranchAndBound::ListFinal(const SqpOutcome& out) {
+  if (options_.Int(kMinlpPrintLevel) < 10 || out.x.empty()) return;
+  Trace("  Subroutine Ace_MINLP_solve Output  ", true);
+  std::vector<double> c(nlp_.m);
+  nlp_.problem.Constraints(out.x, c);
+  Trace("Equations", true);
+  for (int i = 0; i < nlp_.m; ++i) {
+    Trace(fmt::format("equation: {} val: {} lower: {} upper: {} la: {}", i + 1, c[i], nlp_.cl[i],
+                      nlp_.cu[i], out.lambda[i]),
+          true);
+  }
+  Trace("Variables", true);
+  for (int j = 0; j < nlp_.n; ++j) {
+    Trace(fmt::format("variable: {} val: {} lower: {} upper: {} la: {}", j + 1, out.x[j],
+                      nlp_.xl[j], nlp_.xu[j], out.z_lower[j] - out.z_upper[j]),
+          true);
+  }
+}
+
+MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
+  MinlpOutcome result;
+  if (!CheckInputs()) {
+    result.best.status = kBadInputs;
+    result.best.x = x;
+    return result;
+  }
+  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
+  Leaf root;
+  root.xl = nlp_.xl;
+  root.xu = nlp_.xu;
+  if (integers_.empty()) {
+    int its = 0;
+    result.best = SolveLeaf(root, x, its);
+    result.nodes = 1;
+    result.nlp_iterations = its;
+    Trace("No integer variables - completed branching", options_.Int(kMinlpPrintLevel) >= 1);
+    ListFinal(result.best);
+    return result;
+  }
+  leaves_.push_back(std::move(root));
+  SqpOutcome last;
+  int since_integer = 0;
+  int limit_status = kNoFeasibleSolution;  // status when the search ends without an integer
+  const bool print = options_.Int(kMinlpPrintLevel) >= 1;
+  for (int k = 1;; ++k) {
+    const int index = NextLeaf();
+    if (index < 0) {
+      Trace(have_integer_ ? "No additional trial points, returning the best integer solution"
+                          : "Warning: no more possible trial points and no integer solution",
+            print);
+      if (have_integer_) Trace("MINLP: no other leaves, optimal solution found", print);
+      break;
+    }
+    if (have_integer_ && Gap() <= options_[kMinlpGapTol]) {
+      Trace(fmt::format("MINLP: gap {} within minlp_gap_tol, returning the best integer solution",
+                        FormatReal(std::max(0.0, Gap()))),
+            print);
+      break;
+    }
+    if (k > options_.Int(kMinlpMaximumIterations)) {
+      Trace("Warning: reached maximum MINLP iterations, returning best solution", true);
+      limit_status = kMaxIterations;
+      Trace(fmt::format("Adjust minlp_maximum_iterations {} in asopt.opt to change limit",
+                        options_.Int(kMinlpMaximumIterations)),
+            true);
+      break;
+    }
+    if (have_integer_ && since_integer >= options_.Int(kMinlpMaxIterWithIntSol)) {
+      Trace("Warning: best integer solution returned after maximum MINLP iterations", true);
+      Trace(fmt::format("Adjust minlp_max_iter_with_int_sol {} in asopt.opt to change limit",
+                        options_.Int(kMinlpMaxIterWithIntSol)),
+            true);
+      break;
+    }
+    if (std::chrono::steady_clock::now() > control_.deadline) {
+      limit_status = kExternalAbort;
+      break;
+    }
+    Trace("+-------------------------------------------+", print);
+    Trace(fmt::format("| MINLP Iter: {}", k), print);
+    Trace("+--------------------------------------------", print);
+    leaves_[index].solved = true;
+    Leaf leaf = leaves_[index];
+    const std::vector<double> start = leaf.start.x.empty() ? x : leaf.start.x;
+    int nlp_its = 0;
+    SqpOutcome out = SolveLeaf(leaf, start, nlp_its);
+    ++result.nodes;
+    result.nlp_iterations += nlp_its;
+    if (have_integer_) ++since_integer;
+    if (out.status != kSuccess) {
+      Step("Unsuccessful - terminate leaf with no branching");
+    } else {
+      leaves_[index].bound = out.objective;
+      Step("Check if solution qualifies as integer");
+      if (IsIntegral(out.x)) {
+        RecordInteger(out, leaf.depth == 0);
+      } else if (!have_integer_ || out.objective < best_.objective) {
+        Branch(leaf, out, leaf.start);
+      }
+    }
+    PrintIterationLine(k, out, nlp_its, leaf);
+    if (out.status == kSuccess && IsIntegral(out.x)) {
+      Trace(fmt::format("--Integer Solution: {} Lowest Leaf: {} Gap: {}",
+                        FormatReal(best_.objective), FormatReal(std::min(LowestOpenBound(), best_.objective)),
+                        FormatReal(Gap())),
+            print);
+    }
+    Step("Go to next trial solution");
+    last = std::move(out);
+  }
+  if (have_integer_) {
+    result.best = best_;
+    result.best.status = kSuccess;
+  } else {
+    result.best = last;
+    result.best.status = limit_status;
+    if (result.best.x.empty()) result.best.x = x;
+  }
+  ListFinal(result.best);
+  return result;
+}
+
+}  // namespace
+
+MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control) {
+  BranchAndBound bb(nlp, control);
+  return bb.Run(std::move(x));
+}
+
+}  // namespace kx::solvers

@@ -1,0 +1,21 @@
+// solvers/asopt_minlp: `Ace_MINLP_solve`, the entry of ASOPT: branch and bound over NLP
+// relaxations (leaves), each solved by `Ace_CONVRG` warm-started from its parent's solution,
+// multipliers and working set. Without integer variables it is a single NLP solve.
+#pragma once
+
+#include <vector>
+
+#include "solvers/asopt_sqp.h"
+
+namespace kx::solvers {
+
+struct MinlpOutcome {
+  SqpOutcome best;        // the returned solution (best integer solution, or the NLP)
+  int nodes = 0;          // leaves solved
+  int nlp_iterations = 0; // SQP iterations over all leaves
+};
+
+// Solves from x with the problem's bounds; `control.mode` is the parametric mode of the root.
+MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control);
+
+}  // namespace kx::solvers

@@ -1,0 +1,394 @@
+#include "solvers/asopt_qp.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kx::solvers {
+namespace {
+
+constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
+constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
+
+enum class EqpOutcome { kSolved, kNonconvex, kFailed };
+
+// One solve of the QP; the extended variable vector holds the real variables, then one
+// elastic variable per row that was violated at the starting point.
+class ActiveSetQp {
+ public:
+  explicit ActiveSetQp(const QpProblem& qp) : qp_(qp), n_(qp.num_vars), m_(qp.num_rows) {}
+  QpResult Run(const QpWorkingSet& guess);
+
+ private:
+  void BuildRows();
+  void Initialize(const QpWorkingSet& guess);
+  void RepairStart(bool have_guess, const QpWorkingSet& guess);
+  void AddElastic(int row, double sign, double value);
+  bool HasLower(double v) const { return v > -qp_.infinity; }
+  bool HasUpper(double v) const { return v < qp_.infinity; }
+  double Lower(int j) const { return j < n_ ? qp_.xl[j] : 0.0; }
+  double Upper(int j) const { return j < n_ ? qp_.xu[j] : qp_.infinity; }
+  double Bound(int i) const { return row_state_[i] == Activity::kUpper ? qp_.ru[i] : qp_.rl[i]; }
+  std::vector<double> Gradient() const;
+  double RowTimes(int i, const std::vector<double>& v) const;
+  EqpOutcome SolveEqp();
+  double RatioTest(int& blocking_var, int& blocking_row) const;
+  bool DropWorstMultiplier(const std::vector<double>& g);
+  double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
+  QpResult Finish(QpStatus status);
+
+  const QpProblem& qp_;
+  const int n_;                          // real variables
+  const int m_;                          // rows
+  std::vector<int> row_start_;           // CSR of A by rows; size m_+1
+  std::vector<int> row_col_;             // column of each entry
+  std::vector<double> row_val_;          // value of each entry
+  std::vector<int> elastic_row_;         // row of each elastic variable
+  std::vector<double> elastic_sign_;     // +1 raises the row, -1 lowers it
+  std::vector<int> row_elastic_;         // elastic of each row, -1 for none
+  std::vector<double> x_;                // current point, real then elastic variables
+  std::vector<double> r_;                // A x including elastic terms; size m_
+  std::vector<Activity> var_state_;      // working-set status of every variable
+  std::vector<Activity> row_state_;      // working-set status of every row
+  std::vector<double> p_;                // last EQP step; size of x_
+  std::vector<double> y_;                // last EQP row multipliers; size m_
+  double elastic_curvature_ = 0.0;       // small Hessian diagonal of the elastic variables
+  bool smallest_index_ = false;          // anti-cycling rule in force
+  KktFactor kkt_;
+  int iterations_ = 0;
+};
+
+void ActiveSetQp::BuildRows() {
+  row_start_.assign(m_ + 1, 0);
+  for (int r : qp_.a_rows) ++row_start_[r + 1];
+  for (int i = 0; i < m_; ++i) row_start_[i + 1] += row_start_[i];
+  row_col_.resize(qp_.a_rows.size());
+  row_val_.resize(qp_.a_rows.size());
+  std::vector<int> next(row_start_.begin(), row_start_.end() - 1);
+  for (size_t k = 0; k < qp_.a_rows.size(); ++k) {
+    const int pos = next[qp_.a_rows[k]]++;
+    row_col_[pos] = qp_.a_cols[k];
+    row_val_[pos] = qp_.a_vals[k];
+  }
+  row_elastic_.assign(m_, -1);
+  elastic_curvature_ = std::max(1e-10, qp_.elastic_weight * 1e-10);
+}
+
+double ActiveSetQp::RowTimes(int i, const std::vector<double>& v) const {
+  double s = 0.0;
+  for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) s += row_val_[k] * v[row_col_[k]];
+  if (row_elastic_[i] >= 0) s += elastic_sign_[row_elastic_[i]] * v[n_ + row_elastic_[i]];
+  return s;
+}
+
+// g = (H + delta I) x + c for the real variables, rho + mu e for the elastic ones.
+std::vector<double> ActiveSetQp::Gradient() const {
+  std::vector<double> g(x_.size());
+  for (int j = 0; j < n_; ++j) g[j] = qp_.grad[j] + qp_.delta * x_[j];
+  for (size_t k = 0; k < qp_.h_rows.size(); ++k) {
+    const int r = qp_.h_rows[k], c = qp_.h_cols[k];
+    g[r] += qp_.h_vals[k] * x_[c];
+    if (r != c) g[c] += qp_.h_vals[k] * x_[r];
+  }
+  for (size_t e = 0; e < elastic_row_.size(); ++e) {
+    g[n_ + e] = qp_.elastic_weight + elastic_curvature_ * x_[n_ + e];
+  }
+  return g;
+}
+
+void ActiveSetQp::AddElastic(int row, double sign, double value) {
+  row_elastic_[row] = static_cast<int>(elastic_row_.size());
+  elastic_row_.push_back(row);
+  elastic_sign_.push_back(sign);
+  x_.push_back(value);
+  var_state_.push_back(Activity::kFree);
+  r_[row] += sign * value;
+}
+
+void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
+  x_.assign(n_, 0.0);
+  var_state_.assign(n_, Activity::kFree);
+  row_state_.assign(m_, Activity::kFree);
+  const bool have_guess = static_cast<int>(guess.vars.size()) == n_ &&
+                          static_cast<int>(guess.rows.size()) == m_;
+  if (have_guess) {
+    // Warm start: the minimiser on the previous working set is the first candidate point.
+    for (int j = 0; j < n_; ++j) {
+      if (guess.vars[j] == Activity::kLower && HasLower(qp_.xl[j])) {
+        var_state_[j] = Activity::kLower;
+        x_[j] = qp_.xl[j];
+      } else if (guess.vars[j] == Activity::kUpper && HasUpper(qp_.xu[j])) {
+        var_state_[j] = Activity::kUpper;
+        x_[j] = qp_.xu[j];
+      }
+    }
+    for (int i = 0; i < m_; ++i) {
+      const Activity a = guess.rows[i];
+      if ((a == Activity::kLower && HasLower(qp_.rl[i])) ||
+          (a == Activity::kUpper && HasUpper(qp_.ru[i]))) {
+        row_state_[i] = a;
+      }
+    }
+    r_.assign(m_, 0.0);
+    for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
+    if (SolveEqp() == EqpOutcome::kSolved) {
+      for (int j = 0; j < n_; ++j) x_[j] += p_[j];
+    }
+  }
+  RepairStart(have_guess, guess);
+}
+
+// Moves the candidate point onto the variable bounds and gives every violated row an elastic
+// variable, so that the point is feasible for the extended problem.
+void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
+  for (int j = 0; j < n_; ++j) {
+    const double lo = qp_.xl[j], hi = qp_.xu[j];
+    var_state_[j] = Activity::kFree;
+    if (HasLower(lo) && x_[j] <= lo + FeasTol(lo)) {
+      x_[j] = lo;
+      var_state_[j] = Activity::kLower;
+    } else if (HasUpper(hi) && x_[j] >= hi - FeasTol(hi)) {
+      x_[j] = hi;
+      var_state_[j] = Activity::kUpper;
+    }
+  }
+  r_.assign(m_, 0.0);
+  for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
+  for (int i = 0; i < m_; ++i) {
+    const double lo = qp_.rl[i], hi = qp_.ru[i], r = r_[i];
+    const Activity wanted = have_guess ? guess.rows[i] : Activity::kFree;
+    row_state_[i] = Activity::kFree;
+    if (HasLower(lo) && (r < lo - FeasTol(lo) || lo == hi)) {
+      row_state_[i] = Activity::kLower;
+      if (r < lo - FeasTol(lo)) AddElastic(i, 1.0, lo - r);
+      if (r > hi + FeasTol(hi)) AddElastic(i, -1.0, r - hi);
+    } else if (HasUpper(hi) && r > hi + FeasTol(hi)) {
+      row_state_[i] = Activity::kUpper;
+      AddElastic(i, -1.0, r - hi);
+    } else if (wanted == Activity::kLower && HasLower(lo) && r <= lo + FeasTol(lo)) {
+      row_state_[i] = Activity::kLower;
+    } else if (wanted == Activity::kUpper && HasUpper(hi) && r >= hi - FeasTol(hi)) {
+      row_state_[i] = Activity::kUpper;
+    }
+  }
+}
+
+// Solves the equality-constrained QP of the working set for the step p_ and the multipliers
+// y_ of the working rows.
+EqpOutcome ActiveSetQp::SolveEqp() {
+  const int nt = static_cast<int>(x_.size());
+  std::vector<int> index(nt, -1);
+  int dim = 0;
+  for (int j = 0; j < nt; ++j) {
+    if (var_state_[j] == Activity::kFree) index[j] = dim++;
+  }
+  const int num_free = dim;
+  std::vector<int> row_index(m_, -1);
+  for (int i = 0; i < m_; ++i) {
+    if (row_state_[i] != Activity::kFree) row_index[i] = dim++;
+  }
+  std::vector<int> kr, kc;
+  std::vector<double> kv;
+  auto add = [&](int r, int c, double v) {
+    kr.push_back(r);
+    kc.push_back(c);
+    kv.push_back(v);
+  };
+  for (size_t k = 0; k < qp_.h_rows.size(); ++k) {
+    const int r = index[qp_.h_rows[k]], c = index[qp_.h_cols[k]];
+    if (r >= 0 && c >= 0) add(r, c, qp_.h_vals[k]);
+  }
+  for (int j = 0; j < nt; ++j) {
+    if (index[j] >= 0) add(index[j], index[j], j < n_ ? qp_.delta : elastic_curvature_);
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_index[i] < 0) continue;
+    add(row_index[i], row_index[i], 0.0);  // -eps when the working rows are dependent
+    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
+      if (index[row_col_[k]] >= 0) add(row_index[i], index[row_col_[k]], row_val_[k]);
+    }
+    const int e = row_elastic_[i];
+    if (e >= 0 && index[n_ + e] >= 0) add(row_index[i], index[n_ + e], elastic_sign_[e]);
+  }
+  if (!kkt_.Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+  if (kkt_.num_null() > 0 && dim > num_free) {
+    // Dependent working rows make the matrix singular: regularise the row block, which
+    // leaves a null-space Hessian that is not positive definite still visible.
+    double scale = 1.0;
+    for (size_t k = 0; k < kr.size(); ++k) {
+      if (kr[k] < num_free && kc[k] < num_free) scale = std::max(scale, std::abs(kv[k]));
+    }
+    for (size_t k = 0; k < kr.size(); ++k) {
+      if (kr[k] == kc[k] && kr[k] >= num_free) kv[k] = -kRowRegularization * scale;
+    }
+    if (!kkt_.Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+  }
+  if (kkt_.num_negative() > dim - num_free || kkt_.num_null() > 0) return EqpOutcome::kNonconvex;
+  const std::vector<double> g = Gradient();
+  std::vector<double> rhs(dim);
+  for (int j = 0; j < nt; ++j) {
+    if (index[j] >= 0) rhs[index[j]] = -g[j];
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_index[i] >= 0) rhs[row_index[i]] = Bound(i) - r_[i];
+  }
+  if (!kkt_.Solve(rhs)) return EqpOutcome::kFailed;
+  p_.assign(nt, 0.0);
+  y_.assign(m_, 0.0);
+  for (int j = 0; j < nt; ++j) {
+    if (index[j] >= 0) p_[j] = rhs[index[j]];
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_index[i] >= 0) y_[i] = rhs[row_index[i]];
+  }
+  return EqpOutcome::kSolved;
+}
+
+// Largest step in [0, 1] along p_ that keeps every bound and inactive row; names the
+// constraint that blocks it (-1 when the full step is free).
+double ActiveSetQp::RatioTest(int& blocking_var, int& blocking_row) const {
+  blocking_var = blocking_row = -1;
+  double alpha = 1.0;
+  double best_pivot = 0.0;
+  auto consider = [&](double slack, double rate, int var, int row) {
+    const double a = std::max(0.0, slack / rate);
+    const double tol = 1e-12 * std::max(1.0, alpha);
+    if (a > alpha + tol) return;
+    // Among constraints that block at the same step take the largest pivot, or the first
+    // one under the anti-cycling rule.
+    const bool tie = a >= alpha - tol && (blocking_var >= 0 || blocking_row >= 0);
+    if (tie && (smallest_index_ || std::abs(rate) <= best_pivot)) return;
+    alpha = std::min(alpha, a);
+    best_pivot = std::abs(rate);
+    blocking_var = var;
+    blocking_row = row;
+  };
+  double pmax = 0.0;
+  for (double v : p_) pmax = std::max(pmax, std::abs(v));
+  const double tiny = 1e-14 * std::max(1.0, pmax);
+  for (size_t j = 0; j < x_.size(); ++j) {
+    if (var_state_[j] != Activity::kFree) continue;
+    const int jj = static_cast<int>(j);
+    if (p_[j] < -tiny && HasLower(Lower(jj))) consider(Lower(jj) - x_[j], p_[j], jj, -1);
+    if (p_[j] > tiny && HasUpper(Upper(jj))) consider(Upper(jj) - x_[j], p_[j], jj, -1);
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_state_[i] != Activity::kFree) continue;
+    const double ap = RowTimes(i, p_);
+    if (ap < -tiny && HasLower(qp_.rl[i])) consider(qp_.rl[i] - r_[i], ap, -1, i);
+    if (ap > tiny && HasUpper(qp_.ru[i])) consider(qp_.ru[i] - r_[i], ap, -1, i);
+  }
+  return alpha;
+}
+
+// Multipliers of the working set at the EQP minimiser; releases the constraint whose
+// multiplier has the wrong sign by the most (the lowest index under the anti-cycling rule).
+// False when every sign is right.
+bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
+  std::vector<double> z(g);
+  for (int i = 0; i < m_; ++i) {
+    if (row_state_[i] == Activity::kFree) continue;
+    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
+    if (row_elastic_[i] >= 0) z[n_ + row_elastic_[i]] += elastic_sign_[row_elastic_[i]] * y_[i];
+  }
+  double gmax = 1.0;
+  for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(g[j]));
+  const double tol = qp_.tolerance * gmax;
+  double worst = tol;
+  int var = -1, row = -1;
+  auto consider = [&](double violation, int v, int r) {
+    if (violation <= tol) return;
+    if (smallest_index_ ? (var < 0 && row < 0) : violation > worst) {
+      worst = violation;
+      var = v;
+      row = r;
+    }
+  };
+  for (size_t j = 0; j < x_.size() && !(smallest_index_ && var >= 0); ++j) {
+    const int jj = static_cast<int>(j);
+    if (var_state_[j] == Activity::kFree || Lower(jj) == Upper(jj)) continue;
+    consider(var_state_[j] == Activity::kLower ? -z[j] : z[j], jj, -1);
+  }
+  for (int i = 0; i < m_ && !(smallest_index_ && (var >= 0 || row >= 0)); ++i) {
+    if (row_state_[i] == Activity::kFree || qp_.rl[i] == qp_.ru[i]) continue;
+    consider(row_state_[i] == Activity::kLower ? y_[i] : -y_[i], -1, i);
+  }
+  if (var >= 0) var_state_[var] = Activity::kFree;
+  if (row >= 0) row_state_[row] = Activity::kFree;
+  return var >= 0 || row >= 0;
+}
+
+QpResult ActiveSetQp::Finish(QpStatus status) {
+  QpResult result;
+  result.status = status;
+  result.iterations = iterations_;
+  result.factorizations = kkt_.factorizations();
+  result.x.assign(x_.begin(), x_.begin() + n_);
+  result.lambda.assign(m_, 0.0);
+  result.z.assign(n_, 0.0);
+  if (!y_.empty()) {
+    const std::vector<double> g = Gradient();
+    for (int j = 0; j < n_; ++j) {
+      if (var_state_[j] != Activity::kFree) result.z[j] = g[j];
+    }
+    for (int i = 0; i < m_; ++i) {
+      if (row_state_[i] == Activity::kFree) continue;
+      result.lambda[i] = y_[i];
+      for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
+        const int j = row_col_[k];
+        if (var_state_[j] != Activity::kFree) result.z[j] += row_val_[k] * y_[i];
+      }
+    }
+  }
+  result.active.vars.assign(var_state_.begin(), var_state_.begin() + n_);
+  result.active.rows = row_state_;
+  for (size_t e = 0; e < elastic_row_.size(); ++e) result.violation += x_[n_ + e];
+  if (status == QpStatus::kOptimal) {
+    double scale = 1.0;
+    for (int i : elastic_row_) {
+      if (HasLower(qp_.rl[i])) scale = std::max(scale, std::abs(qp_.rl[i]));
+      if (HasUpper(qp_.ru[i])) scale = std::max(scale, std::abs(qp_.ru[i]));
+    }
+    if (result.violation > 10 * qp_.tolerance * scale) result.status = QpStatus::kInfeasible;
+  }
+  return result;
+}
+
+QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
+  BuildRows();
+  Initialize(guess);
+  int degenerate = 0;
+  while (iterations_ < qp_.max_iterations) {
+    ++iterations_;
+    const EqpOutcome outcome = SolveEqp();
+    if (outcome == EqpOutcome::kNonconvex) return Finish(QpStatus::kNonconvex);
+    if (outcome == EqpOutcome::kFailed) return Finish(QpStatus::kFactorFailed);
+    int var = -1, row = -1;
+    const double alpha = RatioTest(var, row);
+    for (size_t j = 0; j < x_.size(); ++j) x_[j] += alpha * p_[j];
+    for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
+    if (var < 0 && row < 0) {
+      // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
+      if (!DropWorstMultiplier(Gradient())) return Finish(QpStatus::kOptimal);
+      continue;
+    }
+    degenerate = alpha > 0 ? 0 : degenerate + 1;
+    smallest_index_ = degenerate >= kDegenerateLimit;
+    if (var >= 0) {
+      const bool lower = p_[var] < 0;
+      var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
+      x_[var] = lower ? Lower(var) : Upper(var);
+    } else {
+      row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
+    }
+  }
+  return Finish(QpStatus::kIterationLimit);
+}
+
+}  // namespace
+
+QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess) {
+  ActiveSetQp solver(qp);
+  return solver.Run(guess);
+}
+
+}  // namespace kx::solvers

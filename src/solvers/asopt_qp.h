@@ -1,0 +1,64 @@
+// solvers/asopt_qp: the QP subproblem of ASOPT, a primal active-set method on the sparse KKT
+// system of the working set.
+//
+//   minimize  1/2 x'(H + delta I)x + c'x   subject to  rl <= A x <= ru,  xl <= x <= xu
+//
+// Rows violated at the starting point get an elastic variable e >= 0 with the linear cost
+// `elastic_weight` (an l1 penalty), so the QP always has a feasible starting point; a QP
+// whose constraints are inconsistent ends with the least-violation point and kInfeasible.
+// Every working-set change refactorises the KKT matrix [H_FF + delta I, A_WF'; A_WF, -eps I]
+// of the free variables F and working rows W; its inertia tells whether the Hessian is
+// positive definite on the null space of the working set (otherwise kNonconvex, and the caller
+// raises delta). Degenerate steps switch to the smallest-index rule, and an iteration limit
+// ends every solve.
+#pragma once
+
+#include <vector>
+
+#include "solvers/asopt_kkt.h"
+
+namespace kx::solvers {
+
+// Where a variable or a row stands in the working set.
+enum class Activity : signed char { kFree = 0, kLower = 1, kUpper = 2 };
+
+struct QpProblem {
+  int num_vars = 0;
+  int num_rows = 0;
+  std::vector<int> h_rows, h_cols;  // Hessian lower-triangle triplets; may repeat positions
+  std::vector<double> h_vals;
+  std::vector<double> grad;         // linear term c; size num_vars
+  std::vector<int> a_rows, a_cols;  // constraint matrix triplets
+  std::vector<double> a_vals;
+  std::vector<double> xl, xu;       // variable bounds; |bound| >= infinity means none
+  std::vector<double> rl, ru;       // row bounds; rl == ru for an equality
+  double delta = 0.0;               // added to the Hessian diagonal
+  double elastic_weight = 1e6;      // cost of one unit of row violation
+  double infinity = 1e20;           // bound magnitude treated as absent
+  double tolerance = 1e-9;          // relative feasibility and multiplier tolerance
+  int max_iterations = 1000;
+};
+
+enum class QpStatus { kOptimal, kInfeasible, kNonconvex, kIterationLimit, kFactorFailed };
+
+struct QpWorkingSet {
+  std::vector<Activity> vars;  // size num_vars; empty means no guess
+  std::vector<Activity> rows;  // size num_rows
+};
+
+struct QpResult {
+  QpStatus status = QpStatus::kFactorFailed;
+  std::vector<double> x;       // solution (or last feasible point)
+  std::vector<double> lambda;  // row multipliers, convention c + H x + A' lambda - z = 0
+  std::vector<double> z;       // bound multipliers, >= 0 at a lower, <= 0 at an upper bound
+  QpWorkingSet active;         // final working set
+  double violation = 0.0;      // sum of the elastic variables (row violation left)
+  int iterations = 0;
+  int factorizations = 0;
+};
+
+// Solves the QP, starting from the working set `guess` when it has the right sizes (a warm
+// start: its equality-constrained minimiser is the starting point when that is feasible).
+QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess);
+
+}  // namespace kx::solvers

@@ -1,0 +1,524 @@
+#include "solvers/asopt_sqp.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/base.h"
+#include "solvers/status.h"
+
+namespace kx::solvers {
+
+void AsoptLog::Line(const std::string& text, bool console) {
+  if (file_.is_open()) file_ << text << '\n';
+  if (console) Say(text);
+}
+
+NlpData::NlpData(Problem& p) : problem(p), n(p.num_vars()), m(p.num_cons()) {
+  jac_rows.resize(p.nnz_jac());
+  jac_cols.resize(p.nnz_jac());
+  p.JacobianStructure(jac_rows, jac_cols);
+  if (p.has_hessian()) {
+    hess_rows.resize(p.nnz_hess());
+    hess_cols.resize(p.nnz_hess());
+    p.HessianStructure(hess_rows, hess_cols);
+  }
+  xl.resize(n);
+  xu.resize(n);
+  p.Bounds(xl, xu);
+  cl.resize(m);
+  cu.resize(m);
+  p.ConstraintBounds(cl, cu);
+}
+
+namespace {
+
+constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
+constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
+
+// The functions at one point; rows are scaled by the row scale factors.
+struct Point {
+  std::vector<double> x;
+  double f = 0.0;
+  std::vector<double> c;    // scaled row values
+  std::vector<double> g;    // objective gradient
+  std::vector<double> jac;  // scaled Jacobian values
+  double theta = 0.0;       // l1 row violation
+  double max_violation = 0.0;
+};
+
+class SqpSolver {
+ public:
+  SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+            SqpState& state, const SqpControl& control);
+  SqpOutcome Run(std::vector<double> x);
+
+ private:
+  double Opt(AsoptOption o) const { return (*control_.options)[o]; }
+  bool HasBound(double b) const { return std::abs(b) < infinity_; }
+  bool EvalFunctions(Point& p);
+  bool EvalDerivatives(Point& p);
+  bool EvalHessian(const Point& p);
+  void SetRowScaling(const Point& p);
+  void Violation(Point& p) const;
+  double LinearViolation(const Point& p, const std::vector<double>& d) const;
+  double DualError(const Point& p, const std::vector<double>& lambda) const;
+  QpProblem BuildQp(const Point& p, const std::vector<double>* row_shift) const;
+  bool SolveSubproblem(const Point& p, QpResult& qp);
+  double Merit(const Point& p) const { return p.f + nu_ * p.theta; }
+  double Predicted(const Point& p, const QpResult& qp) const;
+  bool AcceptableTrial(const Point& p, const Point& t, double alpha, double pred) const;
+  bool TrySecondOrder(const Point& p, const QpResult& qp, double pred, Point& trial);
+  bool LineSearch(const Point& p, const QpResult& qp, Point& trial, double& alpha);
+  void LogIteration(int k, const Point& p, double dual, double step, double alpha, int qp_its);
+  SqpOutcome Finish(int status, const Point& p, int iterations);
+
+  NlpData& nlp_;
+  std::span<const double> xl_, xu_;     // the bounds of this solve
+  SqpState& state_;
+  const SqpControl& control_;
+  double infinity_;                     // bound magnitude treated as absent
+  std::vector<double> row_scale_;       // factor of each row (1 without dynamic scaling)
+  std::vector<double> cl_, cu_;         // scaled row bounds
+  std::vector<double> lambda_;          // scaled row multipliers
+  std::vector<double> hess_;            // Hessian values at the current point
+  double delta_ = 0.0;                  // current Hessian shift
+  double nu_ = 0.0;                     // merit penalty
+  double rho_ = 0.0;                    // QP elastic weight
+  bool feasibility_mode_ = false;       // the last QP could not satisfy the rows
+  int iteration_ = 0;
+  int qp_iterations_ = 0;
+  bool used_second_order_ = false;
+};
+
+SqpSolver::SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+                     SqpState& state, const SqpControl& control)
+    : nlp_(nlp), xl_(xl), xu_(xu), state_(state), control_(control) {
+  infinity_ = std::min(Opt(kInfiniteBound), kInfinity);
+  row_scale_.assign(nlp_.m, 1.0);
+}
+
+bool SqpSolver::EvalFunctions(Point& p) {
+  p.c.resize(nlp_.m);
+  ++nlp_.residual_evals;
+  if (!nlp_.problem.Objective(p.x, p.f) || !std::isfinite(p.f)) return false;
+  if (!nlp_.problem.Constraints(p.x, p.c)) return false;
+  for (int i = 0; i < nlp_.m; ++i) {
+    if (!std::isfinite(p.c[i])) return false;
+    p.c[i] *= row_scale_[i];
+  }
+  Violation(p);
+  return true;
+}
+
+bool SqpSolver::EvalDerivatives(Point& p) {
+  p.g.resize(nlp_.n);
+  p.jac.resize(nlp_.jac_rows.size());
+  ++nlp_.jacobian_evals;
+  if (!nlp_.problem.Gradient(p.x, p.g)) return false;
+  if (!nlp_.problem.JacobianValues(p.x, p.jac)) return false;
+  for (double v : p.g) {
+    if (!std::isfinite(v)) return false;
+  }
+  for (size_t k = 0; k < p.jac.size(); ++k) {
+    if (!std::isfinite(p.jac[k])) return false;
+    p.jac[k] *= row_scale_[nlp_.jac_rows[k]];
+  }
+  return true;
+}
+
+bool SqpSolver::EvalHessian(const Point& p) {
+  hess_.assign(nlp_.hess_rows.size(), 0.0);
+  if (!nlp_.problem.has_hessian()) return true;
+  std::vector<double> lambda(nlp_.m);
+  for (int i = 0; i < nlp_.m; ++i) lambda[i] = lambda_[i] * row_scale_[i];
+  if (!nlp_.problem.HessianValues(p.x, 1.0, lambda, hess_)) return false;
+  for (double v : hess_) {
+    if (!std::isfinite(v)) return false;
+  }
+  return true;
+}
+
+// Dynamic scaling divides each row by its largest Jacobian entry at the start (at least 1).
+void SqpSolver::SetRowScaling(const Point& p) {
+  row_scale_.assign(nlp_.m, 1.0);
+  if (control_.options->Int(kDynamicScaling) > 0) {
+    std::vector<double> big(nlp_.m, 1.0);
+    for (size_t k = 0; k < p.jac.size(); ++k) {
+      big[nlp_.jac_rows[k]] = std::max(big[nlp_.jac_rows[k]], std::abs(p.jac[k]));
+    }
+    for (int i = 0; i < nlp_.m; ++i) row_scale_[i] = 1.0 / big[i];
+  }
+  cl_.resize(nlp_.m);
+  cu_.resize(nlp_.m);
+  for (int i = 0; i < nlp_.m; ++i) {
+    cl_[i] = HasBound(nlp_.cl[i]) ? nlp_.cl[i] * row_scale_[i] : -kInfinity;
+    cu_[i] = HasBound(nlp_.cu[i]) ? nlp_.cu[i] * row_scale_[i] : kInfinity;
+  }
+}
+
+void SqpSolver::Violation(Point& p) const {
+  p.theta = p.max_violation = 0.0;
+  for (int i = 0; i < nlp_.m; ++i) {
+    double v = 0.0;
+    if (HasBound(cl_[i]) && p.c[i] < cl_[i]) v = cl_[i] - p.c[i];
+    if (HasBound(cu_[i]) && p.c[i] > cu_[i]) v = p.c[i] - cu_[i];
+    p.theta += v;
+    p.max_violation = std::max(p.max_violation, v);
+  }
+}
+
+double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) const {
+  std::vector<double> lin(p.c);
+  for (size_t k = 0; k < p.jac.size(); ++k) lin[nlp_.jac_rows[k]] += p.jac[k] * d[nlp_.jac_cols[k]];
+  double theta = 0.0;
+  for (int i = 0; i < nlp_.m; ++i) {
+    if (HasBound(cl_[i]) && lin[i] < cl_[i]) theta += cl_[i] - lin[i];
+    if (HasBound(cu_[i]) && lin[i] > cu_[i]) theta += lin[i] - cu_[i];
+  }
+  return theta;
+}
+
+// Scaled first-order optimality error at p with the row multipliers: stationarity with the
+// bound multipliers that the bounds allow, the sign of inequality multipliers and
+// complementarity, relative to the size of the gradient.
+double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) const {
+  std::vector<double> r(p.g);
+  for (size_t k = 0; k < p.jac.size(); ++k) r[nlp_.jac_cols[k]] += p.jac[k] * lambda[nlp_.jac_rows[k]];
+  double gmax = 1.0, err = 0.0;
+  for (double v : p.g) gmax = std::max(gmax, std::abs(v));
+  for (int j = 0; j < nlp_.n; ++j) {
+    if (xl_[j] == xu_[j]) continue;
+    const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
+    const bool at_upper = HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-10 * (1 + std::abs(xu_[j]));
+    double e = std::abs(r[j]);
+    if (at_lower) e = std::max(0.0, -r[j]);
+    if (at_upper) e = at_lower ? 0.0 : std::max(0.0, r[j]);
+    err = std::max(err, e);
+  }
+  for (int i = 0; i < nlp_.m; ++i) {
+    if (cl_[i] == cu_[i]) continue;
+    const double l = lambda[i];
+    double slack = 0.0;
+    if (l < 0) slack = HasBound(cl_[i]) ? std::max(0.0, p.c[i] - cl_[i]) : 1.0;
+    if (l > 0) slack = HasBound(cu_[i]) ? std::max(0.0, cu_[i] - p.c[i]) : 1.0;
+    err = std::max(err, std::abs(l) * std::min(slack, 1.0));
+  }
+  return err / gmax;
+}
+
+// The QP in the step d; `row_shift`, for a second-order correction, replaces the row values.
+QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shift) const {
+  QpProblem qp;
+  qp.num_vars = nlp_.n;
+  qp.num_rows = nlp_.m;
+  qp.h_rows = nlp_.hess_rows;
+  qp.h_cols = nlp_.hess_cols;
+  qp.h_vals = hess_;
+  qp.grad = p.g;
+  qp.a_rows = nlp_.jac_rows;
+  qp.a_cols = nlp_.jac_cols;
+  qp.a_vals = p.jac;
+  qp.xl.resize(nlp_.n);
+  qp.xu.resize(nlp_.n);
+  const bool trust = iteration_ < control_.options->Int(kTrustRegionIterations);
+  for (int j = 0; j < nlp_.n; ++j) {
+    double step = Opt(kMaximumDeltaX);
+    if (control_.options->Int(kStepBoundType) == 1) step *= std::max(1.0, std::abs(p.x[j]));
+    if (trust) step = std::min(step, Opt(kTrustRegionRadius));
+    qp.xl[j] = HasBound(xl_[j]) ? std::max(xl_[j] - p.x[j], -step) : -step;
+    qp.xu[j] = HasBound(xu_[j]) ? std::min(xu_[j] - p.x[j], step) : step;
+    if (xl_[j] == xu_[j]) qp.xl[j] = qp.xu[j] = 0.0;
+  }
+  const std::vector<double>& c = row_shift ? *row_shift : p.c;
+  qp.rl.resize(nlp_.m);
+  qp.ru.resize(nlp_.m);
+  for (int i = 0; i < nlp_.m; ++i) {
+    qp.rl[i] = HasBound(cl_[i]) ? cl_[i] - c[i] : -kInfinity;
+    qp.ru[i] = HasBound(cu_[i]) ? cu_[i] - c[i] : kInfinity;
+  }
+  qp.delta = delta_;
+  qp.elastic_weight = rho_;
+  qp.infinity = kInfinity;
+  qp.tolerance = std::max(1e3 * Opt(kQpTolerance), 1e-12);
+  const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
+  qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
+  return qp;
+}
+
+// Solves the QP, raising the Hessian shift until the curvature is positive on the working
+// set's null space and the elastic weight until the rows are met (or it is large enough that
+// the step is a feasibility step). False when no step can be had.
+bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
+  double gmax = 1.0;
+  for (double v : p.g) gmax = std::max(gmax, std::abs(v));
+  rho_ = std::max(1e4 * gmax, 10.0 * nu_);
+  const double rho_max = 1e10 * gmax;
+  QpWorkingSet guess = state_.active;
+  while (true) {
+    qp = SolveQp(BuildQp(p, nullptr), guess);
+    qp_iterations_ += qp.iterations;
+    if (qp.status == QpStatus::kNonconvex || qp.status == QpStatus::kFactorFailed) {
+      double hmax = 1.0;
+      for (double v : hess_) hmax = std::max(hmax, std::abs(v));
+      delta_ = delta_ < 1e-4 * hmax ? 1e-4 * hmax : 10.0 * delta_;
+      if (delta_ > Opt(kMaximumHessianEigenvalue)) return false;
+      continue;
+    }
+    guess = qp.active;
+    if (qp.status == QpStatus::kInfeasible && rho_ < rho_max) {
+      rho_ *= kPenaltyGrowth;
+      continue;
+    }
+    feasibility_mode_ = qp.status == QpStatus::kInfeasible;
+    state_.active = qp.active;
+    return qp.status != QpStatus::kIterationLimit || !qp.x.empty();
+  }
+}
+
+// Decrease of the merit model that the QP step predicts (positive for a useful step).
+double SqpSolver::Predicted(const Point& p, const QpResult& qp) const {
+  const std::vector<double>& d = qp.x;
+  double gd = 0.0, dhd = delta_ * 0.0;
+  for (int j = 0; j < nlp_.n; ++j) {
+    gd += p.g[j] * d[j];
+    dhd += delta_ * d[j] * d[j];
+  }
+  for (size_t k = 0; k < hess_.size(); ++k) {
+    const int r = nlp_.hess_rows[k], c = nlp_.hess_cols[k];
+    dhd += (r == c ? 1.0 : 2.0) * hess_[k] * d[r] * d[c];
+  }
+  const double pred = -(gd + 0.5 * dhd) + nu_ * (p.theta - LinearViolation(p, d));
+  return pred > 0 ? pred : 0.5 * std::max(dhd, 0.0);
+}
+
+// Armijo test on the merit function, plus the caps on violation growth and objective rise.
+bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
+                                double pred) const {
+  if (t.theta > std::max(Opt(kMaximumConstraintNorm) * p.theta, 1e-4 * nlp_.m + p.theta) &&
+      t.theta > Opt(kConstraintConvergenceTolerance)) {
+    return false;
+  }
+  if (t.f - p.f > Opt(kFeasiblePathObjectiveChange)) return false;
+  const double slack = 10.0 * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p)));
+  return Merit(t) <= Merit(p) - Opt(kLineSearchTolerance) * alpha * pred + slack;
+}
+
+// Second-order corrections: the QP again with the rows linearised from the values at the
+// trial point, which bends the step back onto curved constraints.
+bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, Point& trial) {
+  std::vector<double> d = qp.x;
+  for (int attempt = 0; attempt < control_.options->Int(kBacktrackFrequency); ++attempt) {
+    std::vector<double> shift(trial.c);
+    for (size_t k = 0; k < p.jac.size(); ++k) {
+      shift[nlp_.jac_rows[k]] -= p.jac[k] * d[nlp_.jac_cols[k]];
+    }
+    const QpResult soc = SolveQp(BuildQp(p, &shift), qp.active);
+    qp_iterations_ += soc.iterations;
+    if (soc.status != QpStatus::kOptimal) return false;
+    Point t;
+    t.x.resize(nlp_.n);
+    for (int j = 0; j < nlp_.n; ++j) t.x[j] = std::clamp(p.x[j] + soc.x[j], xl_[j], xu_[j]);
+    if (!EvalFunctions(t)) return false;
+    if (AcceptableTrial(p, t, 1.0, pred)) {
+      trial = std::move(t);
+      used_second_order_ = true;
+      return true;
+    }
+    d = soc.x;
+    trial = std::move(t);
+  }
+  return false;
+}
+
+bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, double& alpha) {
+  const double pred = Predicted(p, qp);
+  const double mult = Opt(kLineSearchCutbackMultiplier);
+  const double upper = std::min(Opt(kLineSearchCutbackParameter), 0.5);
+  if (iteration_ < control_.options->Int(kDampedIterations)) alpha = std::min(alpha, 0.5);
+  used_second_order_ = false;
+  for (int cut = 0; cut <= control_.options->Int(kMoveSuppressionLevel); ++cut) {
+    trial.x.resize(nlp_.n);
+    for (int j = 0; j < nlp_.n; ++j) {
+      trial.x[j] = std::clamp(p.x[j] + alpha * qp.x[j], xl_[j], xu_[j]);
+    }
+    const bool evaluated = EvalFunctions(trial);
+    if (evaluated && AcceptableTrial(p, trial, alpha, pred)) return true;
+    if (evaluated && cut == 0 && alpha == 1.0 && trial.theta > p.theta &&
+        TrySecondOrder(p, qp, pred, trial)) {
+      return true;
+    }
+    double next = mult * alpha;
+    if (evaluated) {
+      // Minimiser of the quadratic through the merit value, its slope and the trial value.
+      const double curve = (Merit(trial) - Merit(p) + pred * alpha) / (alpha * alpha);
+      if (curve > 0) next = pred / (2.0 * curve);
+    }
+    alpha = std::clamp(next, mult * alpha, upper * alpha);
+  }
+  return false;
+}
+
+void SqpSolver::LogIteration(int k, const Point& p, double dual, double step, double alpha,
+                             int qp_its) {
+  if (control_.log == nullptr) return;
+  const bool console = control_.options->Int(kNlpPrintLevel) >= 2;
+  if (k == 0 || k % 20 == 0) {
+    control_.log->Line(" Iter     Objective   Max Viol   Dual Err  Step Norm    Alpha  QPit"
+                          "     Shift",
+                       console);
+  }
+  control_.log->Line(fmt::format("{:5d} {:13.6e} {:10.3e} {:10.3e} {:10.3e} {:8.2e} {:5d} "
+                                    "{:9.2e}{}",
+                                    k, p.f, p.max_violation, dual, step, alpha, qp_its, delta_,
+                                    used_second_order_ ? " s" : ""),
+                     console);
+}
+
+SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
+  SqpOutcome out;
+  out.status = status;
+  out.iterations = iterations;
+  out.objective = p.f;
+  out.violation = p.max_violation;
+  out.x = p.x;
+  out.lambda.resize(nlp_.m);
+  for (int i = 0; i < nlp_.m; ++i) out.lambda[i] = lambda_[i] * row_scale_[i];
+  out.z_lower.assign(nlp_.n, 0.0);
+  out.z_upper.assign(nlp_.n, 0.0);
+  if (!p.g.empty()) {
+    std::vector<double> r(p.g);
+    for (size_t k = 0; k < p.jac.size(); ++k) {
+      r[nlp_.jac_cols[k]] += p.jac[k] * lambda_[nlp_.jac_rows[k]];
+    }
+    for (int j = 0; j < nlp_.n; ++j) {
+      if (HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-8 * (1 + std::abs(xl_[j]))) {
+        out.z_lower[j] = std::max(0.0, r[j]);
+      }
+      if (HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-8 * (1 + std::abs(xu_[j]))) {
+        out.z_upper[j] = std::max(0.0, -r[j]);
+      }
+    }
+  }
+  state_.x = p.x;
+  state_.jac = p.jac;
+  state_.hess = hess_;
+  state_.lambda = lambda_;
+  state_.delta = delta_;
+  return out;
+}
+
+SqpOutcome SqpSolver::Run(std::vector<double> x) {
+  Point p;
+  p.x = std::move(x);
+  for (int j = 0; j < nlp_.n; ++j) p.x[j] = std::clamp(p.x[j], xl_[j], xu_[j]);
+  const int mode = control_.mode;
+  const bool same_point = state_.x == p.x && state_.jac.size() == nlp_.jac_rows.size();
+  lambda_.assign(nlp_.m, 0.0);
+  SetRowScaling(p);
+  const bool dynamic = control_.options->Int(kDynamicScaling) > 0;
+  const bool reuse_jacobian = same_point && !dynamic && (mode == 4 || mode == 6 || mode == 7);
+  if (reuse_jacobian) {
+    // The previous call ended at this point: its Jacobian is still exact.
+    p.g.resize(nlp_.n);
+    p.jac = state_.jac;
+    if (!nlp_.problem.Gradient(p.x, p.g)) return Finish(kBadInputs, p, 0);
+  } else if (!EvalDerivatives(p)) {
+    return Finish(kBadInputs, p, 0);
+  }
+  if (dynamic) {
+    SetRowScaling(p);
+    if (!EvalDerivatives(p)) return Finish(kBadInputs, p, 0);
+  }
+  if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
+  if (mode == 0 || mode == 1) state_.active = {};
+  if (mode >= 3 && state_.lambda.size() == static_cast<size_t>(nlp_.m)) lambda_ = state_.lambda;
+  const bool reuse_hessian = same_point && (mode == 5 || mode == 6 || mode == 7) &&
+                             state_.hess.size() == nlp_.hess_rows.size();
+  delta_ = Opt(kMinimumHessianEigenvalue);
+  nu_ = Opt(kInitialMuValue);
+  const int max_iter = control_.options->Int(kNlpMaximumIterations);
+  const int feasibility_limit = control_.options->Int(kFeasibilityModeIterations);
+  int failures = 0, feasibility_iterations = 0;
+  double alpha_prev = 1.0;
+  for (iteration_ = 0;; ++iteration_) {
+    if (std::chrono::steady_clock::now() > control_.deadline) {
+      return Finish(kExternalAbort, p, iteration_);
+    }
+    if (iteration_ >= max_iter) return Finish(kMaxIterations, p, iteration_);
+    if (iteration_ == 0 && reuse_hessian) {
+      hess_ = state_.hess;
+    } else if (!EvalHessian(p)) {
+      return Finish(kBadDerivatives, p, iteration_);
+    }
+    qp_iterations_ = 0;
+    QpResult qp;
+    if (!SolveSubproblem(p, qp)) return Finish(kAccuracyUnachievable, p, iteration_);
+    const double dual = DualError(p, qp.lambda);
+    double step = 0.0;
+    for (double v : qp.x) step = std::max(step, std::abs(v));
+    if (!feasibility_mode_ && p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
+        dual <= Opt(kObjectiveConvergenceTolerance)) {
+      lambda_ = qp.lambda;
+      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+      return Finish(kSuccess, p, iteration_);
+    }
+    const bool feasibility_iterations_ended = !feasibility_mode_ && feasibility_iterations > 0;
+    if (feasibility_mode_) {
+      ++feasibility_iterations;
+      const double reduction = p.theta - LinearViolation(p, qp.x);
+      if (reduction <= 1e-8 * std::max(1.0, p.theta) ||
+          (feasibility_limit > 0 && feasibility_iterations > feasibility_limit)) {
+        return Finish(kNoFeasibleSolution, p, iteration_);
+      }
+    } else {
+      feasibility_iterations = 0;
+    }
+    double lmax = 0.0;
+    for (double l : qp.lambda) lmax = std::max(lmax, std::abs(l));
+    if (feasibility_mode_) {
+      // The elastic weight bounds the step's multipliers; with nu at least as large the
+      // step predicts a decrease of the merit function.
+      nu_ = std::max(nu_, rho_);
+    } else if (feasibility_iterations_ended) {
+      nu_ = std::max(Opt(kInitialMuValue), (1.0 + Opt(kPredictionParameter)) * lmax);
+    } else {
+      nu_ = std::max(nu_, (1.0 + Opt(kPredictionParameter)) * lmax);
+    }
+    double alpha = control_.options->Int(kLineSearchStartMode) == 0 ? std::min(1.0, 2 * alpha_prev) : 1.0;
+    Point trial;
+    if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
+      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+      // No descent for the violation from a point where the rows cannot be met: infeasible.
+      if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
+      if (++failures > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
+      double hmax = 1.0;
+      for (double v : hess_) hmax = std::max(hmax, std::abs(v));
+      delta_ = std::max(100.0 * delta_, 1e-2 * hmax);
+      continue;
+    }
+    failures = 0;
+    alpha_prev = alpha;
+    LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
+    p = std::move(trial);
+    // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
+    if (!feasibility_mode_) lambda_ = qp.lambda;
+    delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / 4.0);
+    double xmax = 0.0;
+    for (double v : p.x) xmax = std::max(xmax, std::abs(v));
+    if (p.f < Opt(kObjectiveFunctionLowerLimit) ||
+        (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
+         (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {
+      return Finish(kUnbounded, p, iteration_ + 1);
+    }
+  }
+}
+
+}  // namespace
+
+SqpOutcome Ace_CONVRG(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+                      std::vector<double> x, SqpState& state, const SqpControl& control) {
+  SqpSolver solver(nlp, xl, xu, state, control);
+  return solver.Run(std::move(x));
+}
+
+}  // namespace kx::solvers
