@@ -7,7 +7,10 @@
 #include "base/text.h"
 #include "base/timers.h"
 #include "driver/model_stage.h"
+#include "files/dumps.h"
 #include "files/replay.h"
+#include "files/restart.h"
+#include "files/results.h"
 
 namespace kx::driver {
 namespace {
@@ -84,6 +87,38 @@ void WriteDatabase(const CycleState& state, int solve_status) {
   files::zpm_files(56, "options.json");
 }
 
+// "results.csv" (unless CSV_WRITE is 0) and "results.json" from the model of the cycle.
+void WriteResults(const CycleState& state) {
+  if (!state.model) return;
+  files::ResultsTable table = files::SteadyResults(state.model->store);
+  if (state.store.Int("CSV_WRITE") != 0) files::WriteResultsCsv("results.csv", table);
+  files::WriteResultsJson("results.json", table);
+}
+
+// The diagnostic files of DIAGLEVEL >= 2: the warm-start files and the model listings.
+void WriteDiagnosticFiles(const CycleState& state) {
+  if (!state.model) return;
+  model::ModelStore& store = state.model->store;
+  files::WriteRestart("warm.t0", store, /*calculated_only=*/true);
+  files::WriteMultipliers("lam.t0", *state.model->access);
+  for (int imsg = 21; imsg <= 28; ++imsg)
+    files::WriteDump(imsg, std::string(files::DumpFileName(imsg)), store);
+}
+
+// Results, then (after a good cycle or at DIAGLEVEL >= 2) sensitivity and the diagnostic
+// files, then the timer table at DIAGLEVEL >= 1.
+void Epilogue(const CycleState& state, int solve_status) {
+  WriteResults(state);
+  Timers().Stop(Timers().Id(kTotalTimer));
+  const int diaglevel = state.store.Int("DIAGLEVEL");
+  if (solve_status == 0 || diaglevel >= 2) {
+    if (state.store.Int("SENSITIVITY") > 0)
+      Say("Sensitivity analysis is not available yet: SENSITIVITY ignored");
+    if (diaglevel >= 2) WriteDiagnosticFiles(state);
+  }
+  if (diaglevel >= 1) Timers().Print();
+}
+
 }  // namespace
 
 int RunCycle(int argc, char** argv, const ModelStage& stage) {
@@ -100,8 +135,7 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   Prologue(state, argc, argv);
   int solve_status = stage(state);
   WriteDatabase(state, solve_status);
-  Timers().Stop(Timers().Id(kTotalTimer));
-  if (state.store.Int("DIAGLEVEL") >= 1) Timers().Print();
+  Epilogue(state, solve_status);
   FlushOutput();
   return solve_status == 0 ? 1 : 0;
 }

@@ -6,13 +6,21 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "dbs/option_store.h"
 #include "driver/command_line.h"
 #include "files/file_routine.h"
+#include "model/access.h"
 
 namespace kx::driver {
+
+// The model of the cycle, kept by the cycle so the epilogue can write its files.
+struct CycleModel {
+  model::ModelStore store;
+  std::unique_ptr<model::ModelAccess> access;  // over `store`
+};
 
 // What the prologue hands to the model stage.
 struct CycleState {
@@ -26,6 +34,7 @@ struct CycleState {
   int ctrl_units = 3, diaglevel = 0, web = 1, max_memory = 4, solver = 1;
   int stream_level = 0, icd_calc = 0;
   double max_time = 1.0e+20;
+  std::unique_ptr<CycleModel> model;    // set by the model stage once the model is built
 };
 
 // Builds the model for the mode, solves it and returns the solve status (0 = success).

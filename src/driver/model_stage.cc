@@ -7,11 +7,15 @@
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
+#include "driver/classes.h"
+#include "driver/solve_stage.h"
 #include "files/file_routine.h"
+#include "files/restart.h"
 #include "model/access.h"
 #include "model/builder.h"
 #include "model/diagnostics.h"
 #include "model/routines.h"
+#include "solvers/model_problem.h"
 
 namespace kx::driver {
 namespace {
@@ -51,8 +55,7 @@ void ReadVariableClasses(CycleState& state, const model::ModelStore& store) {
   if (std::filesystem::exists(info)) files::zpm_files(35, info);
 }
 
-// Structures and values a solver would start from: sizes, objective, degrees of freedom. The
-// builder has evaluated the residuals at the starting point already.
+// Sizes and values a solver starts from. The builder has evaluated the residuals already.
 void ReportStartingPoint(model::ModelAccess& access, int diaglevel) {
   Sayf("Number of variables   : {}", access.nvar());
   Sayf("Number of constraints : {}", access.NumRows());
@@ -72,24 +75,78 @@ int NotSolved(CycleState& state, std::string_view what) {
   return -1;
 }
 
+// The steady-state initial condition: "rto.t0" when it exists, else "ss.t0". A warm start
+// reads values and, with SPECS, the fixed/calculated marks (smart read); a cold start reads
+// the values by root name only. True when a warm start read a file.
+bool ReadRestartFile(const CycleState& state) {
+  const bool cold = state.store.Int("COLDSTART") > 0;
+  const std::string file = std::filesystem::exists("rto.t0") ? "rto.t0" : "ss.t0";
+  if (!std::filesystem::exists(file)) {
+    if (!cold) Say("WARNING: restart file not found - " + file);
+    return false;
+  }
+  const bool specs = state.flags.specs != 0;
+  return files::zpm_files(cold ? 4 : (specs ? 8 : 1), file) == 0 && !cold;
+}
+
+// Derivative verification runs by DIAGLEVEL before the solve; it is not built yet.
+void DerivativeChecks(int diaglevel) {
+  if (diaglevel >= 5)
+    Sayf("Derivative checks (DIAGLEVEL {}) are not available yet: no check was run", diaglevel);
+}
+
+// Multipliers of a warm start from "lam.t0", when that file exists.
+void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
+                          solvers::ModelProblem& problem) {
+  if (state.store.Int("COLDSTART") > 0 || !std::filesystem::exists("lam.t0")) return;
+  if (files::zpm_files(12, "lam.t0") != 0) return;
+  problem.start_multipliers.resize(access.NumRows());
+  for (int r = 1; r <= access.NumRows(); ++r)
+    problem.start_multipliers[r - 1] = access.Row(r).lambda;
+}
+
+int SolveSteadyState(CycleState& state, CycleModel& m) {
+  const int imode = state.flags.imode;
+  const bool warm = ReadRestartFile(state);
+  if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.store);
+  model::ModelAccess& access = *m.access;
+  access.Invalidate();
+  {
+    ScopedTimer timer("Structure and starting point");
+    model::EvaluateInitialState(&m.store);
+    ReportStartingPoint(access, state.diaglevel);
+  }
+  if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
+  DerivativeChecks(state.diaglevel);
+  solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
+  ReadStartMultipliers(state, access, problem);
+  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
+  WriteModelToClasses(m.store, state.store);
+  // The restart file and the multipliers in "lam.t0" carry a good solution to the next
+  // cycle's warm start; at DIAGLEVEL >= 2 the restart file is written after a failed solve
+  // too, so the last iterate can be inspected.
+  if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
+  if (out.status == 0) files::WriteMultipliers("lam.t0", access);
+  return out.status;
+}
+
 }  // namespace
 
 int RunModelStage(CycleState& state) {
-  const int diaglevel = state.diaglevel;
-  model::ModelStore store = [&] {
-    ScopedTimer timer("Model build");
-    return model::BuildModel(state.model_file, BuildOptionsOf(state));
-  }();
-  ReadVariableClasses(state, store);
-  if (diaglevel >= 2) model::WriteByteCodeListing(store, "model_bytecode.txt");
-  if (state.flags.imode >= 4) return NotSolved(state, "time horizon for dynamic modes");
-  model::ModelAccess access(store);
+  auto m = std::make_unique<CycleModel>();
   {
-    ScopedTimer timer("Structure and starting point");
-    ReportStartingPoint(access, diaglevel);
+    ScopedTimer timer("Model build");
+    m->store = model::BuildModel(state.model_file, BuildOptionsOf(state));
   }
-  if (diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
-  return NotSolved(state, "solver stage");
+  ReadVariableClasses(state, m->store);
+  if (state.diaglevel >= 2) model::WriteByteCodeListing(m->store, "model_bytecode.txt");
+  m->access = std::make_unique<model::ModelAccess>(m->store);
+  state.files->set_model(m->access.get());
+  state.model = std::move(m);
+  const int imode = state.flags.imode;
+  if (imode == 2) return NotSolved(state, "data-set mode (IMODE 2, parameter estimation)");
+  if (imode >= 4) return NotSolved(state, "time horizon for dynamic modes");
+  return SolveSteadyState(state, *state.model);
 }
 
 }  // namespace kx::driver

@@ -1,14 +1,14 @@
 // The model stage of the run cycle: builds the model for the mode, checks the info file
-// against it, builds the solver-facing structures once and reports what a solve would start
-// from. Solving comes with the solver interface; until then the stage says so and the cycle
-// ends as a failed cycle, never reporting a solve it did not do.
+// against it, initialises it from the restart file and the DBS values, solves it and writes
+// the restart file of the mode. Steady-state modes (IMODE 1 and 3) are solved; the data-set
+// and dynamic modes say they are not available and end the cycle as a failed cycle.
 #pragma once
 
 #include "driver/cycle.h"
 
 namespace kx::driver {
 
-// Builds and checks the model; returns the solve status (non-zero: nothing was solved).
+// Builds, initialises and solves; returns the solve status (0 = success).
 int RunModelStage(CycleState& state);
 
 }  // namespace kx::driver

@@ -9,7 +9,9 @@
 #include "dbs/cycle_outcome.h"
 #include "dbs/dbs_file.h"
 #include "dbs/options_json.h"
+#include "files/dumps.h"
 #include "files/files_help.h"
+#include "files/restart.h"
 
 namespace kx::files {
 namespace {
@@ -74,9 +76,49 @@ int FileRoutine::Run(int imsg, std::string_view filename) {
     default:
       break;
   }
+  if ((imsg >= 1 && imsg <= 8) || imsg == 11 || imsg == 12 || (imsg >= 21 && imsg <= 28))
+    return RunModelRequest(imsg, filename);
   if (RequestText(imsg).empty())
     Fatal({fmt::format("ERROR: invalid option {} for zpm_files", imsg)});
   return SayNotAvailable(imsg);
+}
+
+int FileRoutine::RunModelRequest(int imsg, std::string_view filename) {
+  if (model_ == nullptr) {
+    Sayf("zpm_files: request {} needs a model, none is built", imsg);
+    return 1;
+  }
+  std::string path(Trim(filename));
+  if (path.empty()) {
+    if (imsg == 11) path = "warm.t0";
+    if (imsg == 12) path = "lam.t0";
+    if (imsg >= 21) path = std::string(DumpFileName(imsg));
+  }
+  model::ModelStore& store = model_->store();
+  switch (imsg) {
+    case 2:
+    case 3:
+      return WriteRestart(path, store, imsg == 3) ? 0 : 1;
+    case 12:
+      if (ReadMultipliers(path, *model_)) return 0;
+      Say("Warning: lam.t0 file load was unsuccessful");
+      return 1;
+    default:
+      break;
+  }
+  if (imsg >= 21) return WriteDump(imsg, path, store) ? 0 : 1;
+  static constexpr RestartRead kReads[] = {
+      RestartRead::kByName,           RestartRead::kByName,  RestartRead::kByName,
+      RestartRead::kByRoot,           RestartRead::kByPosition, RestartRead::kSpecsOnly,
+      RestartRead::kByRootWithSpecs,  RestartRead::kSmart};
+  RestartRead how = imsg == 11 ? RestartRead::kCalculatedOnly : kReads[imsg - 1];
+  RestartStats stats;
+  if (!ReadRestart(path, how, store, &stats)) return 1;
+  model_->Invalidate();
+  if (store_.Int("DIAGLEVEL") >= 1)
+    Sayf("Read restart file {}: {} values applied, {} names not in the model", path,
+         stats.matched, stats.unmatched);
+  return 0;
 }
 
 void FileRoutine::RegisterInfoOnce() {

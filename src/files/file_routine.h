@@ -2,11 +2,13 @@
 // goes through one entry point with an integer request code and a file name (request 0 prints
 // the help). Each call is timed under the "zpm_files" timer.
 //
-// Built requests: 0 help; 34 dummy sparsity.unt; 31 and 35 info file (variable classes into
-// the store); 51 read a DBS file; 52/53 write the application's DBS file after a good/bad
-// solution (with the cycle bookkeeping of dbs/cycle_outcome.h); 55 register the header
-// (variables of APP.info) and read a DBS file; 56 options.json. Codes 13 and 14 are not
-// supported; every other known code prints that it is not available yet and does nothing.
+// Built requests: 0 help; 1-8 restart reads and writes, 11 "warm.t0", 12 "lam.t0", 21-28 the
+// model listings (these need the model, see set_model); 34 dummy sparsity.unt; 31 and 35 info
+// file (variable classes into the store); 51 read a DBS file; 52/53 write the application's
+// DBS file after a good/bad solution (with the cycle bookkeeping of dbs/cycle_outcome.h); 55
+// register the header (variables of APP.info) and read a DBS file; 56 options.json. Codes 13
+// and 14 are not supported; every other known code prints that it is not available yet and
+// does nothing.
 #pragma once
 
 #include <string>
@@ -14,6 +16,7 @@
 
 #include "dbs/option_store.h"
 #include "files/info_file.h"
+#include "model/access.h"
 
 namespace kx::files {
 
@@ -24,6 +27,8 @@ class FileRoutine {
 
   // Validation of the info file against the model, installed once the model exists.
   void set_model_kind(ModelKindFn fn) { model_kind_ = std::move(fn); }
+  // The model the restart and listing requests work on; null when there is none (yet).
+  void set_model(model::ModelAccess* access) { model_ = access; }
   const std::string& app() const { return app_; }
 
   // Carries out request `imsg` on `filename`; returns 0 when done, 1 when the request did
@@ -35,10 +40,12 @@ class FileRoutine {
   int WriteDbs(std::string_view filename, bool good_solution);
   int ReadInfo(std::string_view filename);
   void RegisterInfoOnce();
+  int RunModelRequest(int imsg, std::string_view filename);
 
   dbs::OptionStore& store_;
   std::string app_;
   ModelKindFn model_kind_;        // empty until the model stage provides it
+  model::ModelAccess* model_ = nullptr;  // restart and listing requests; null: no model
   bool info_registered_ = false;  // APP.info read into the store by request 55
 };
 

@@ -16,6 +16,7 @@ enum VarType : char {
   kVarDeclared = 'v',   // declared in the Variables section
   kVarParameter = 'p',  // declared in the Parameters section (fixed unless freed)
   kVarSlack = 's',      // generated slack (name prefix "slk_")
+  kVarStepLength = 't', // generated, fixed: length of a horizon step (collocation rows)
 };
 
 // Spec code set by connections: 0 none, 1 fixed, 2 calculated, 3 value given.

@@ -64,7 +64,8 @@ struct SolverSettings {
   double max_time = 1e20;        // MAX_TIME, seconds of wall time for this solve
   int diaglevel = 0;             // DIAGLEVEL: 0 quiet ... 10 everything
   int imode = 3;                 // IMODE of the cycle (console mode name)
-  bool warm = false;             // a warm start: use StartMultipliers when there are some
+  bool warm = false;             // the start is a previous solution; StartMultipliers may
+                                 // offer its multipliers
 };
 
 // What every solver hands back. Codes follow the built-in solver's table (solvers/status.h):

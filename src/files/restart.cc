@@ -1,0 +1,165 @@
+#include "files/restart.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+#include <unordered_map>
+
+#include "base/text.h"
+#include "dbs/atomic_file.h"
+
+namespace kx::files {
+namespace {
+
+constexpr std::string_view kSteadyPrefix = "ss.";
+
+// "p(12)." or "n(3)." at the start of `s`: its length, else 0.
+size_t NodePrefixLength(std::string_view s) {
+  if (s.size() < 5 || (s[0] != 'p' && s[0] != 'n') || s[1] != '(') return 0;
+  size_t i = 2;
+  while (i < s.size() && s[i] >= '0' && s[i] <= '9') ++i;
+  if (i == 2 || i + 1 >= s.size() || s[i] != ')' || s[i + 1] != '.') return 0;
+  return i + 2;
+}
+
+// Splits "NAME = VALUE [*]" into an entry; false for anything else.
+bool ParseLine(std::string_view line, RestartEntry* e) {
+  std::string_view t = Trim(line);
+  if (t.empty() || t[0] == '!') return false;
+  size_t eq = t.rfind('=');
+  if (eq == std::string_view::npos) return false;
+  std::string_view rhs = Trim(t.substr(eq + 1));
+  e->calculated = !rhs.empty() && rhs.back() == '*';
+  if (e->calculated) rhs = Trim(rhs.substr(0, rhs.size() - 1));
+  std::optional<double> v = ParseNumber(rhs);
+  if (!v) return false;
+  e->name = ToLower(Trim(t.substr(0, eq)));
+  e->value = *v;
+  return !e->name.empty();
+}
+
+// Model variables by name (aliases included) -> number.
+std::unordered_map<std::string, int> NumbersByName(const model::ModelStore& store) {
+  std::unordered_map<std::string, int> map;
+  for (int n = 1; n <= store.nvar; ++n) {
+    const model::Variable& v = store.Var(n);
+    map.emplace(v.name, n);
+    for (const std::string& a : v.aliases) map.emplace(a, n);
+  }
+  return map;
+}
+
+void Apply(model::Variable& v, const RestartEntry& e, bool value, bool specs) {
+  if (value) v.val = e.value;
+  if (specs) v.fixed = !e.calculated;
+}
+
+// True when the file lists the model's variables in solver order.
+bool SameOrder(const std::vector<RestartEntry>& entries, const model::ModelStore& store) {
+  if (static_cast<int>(entries.size()) != store.nvar) return false;
+  for (int n = 1; n <= store.nvar; ++n)
+    if (RootName(entries[n - 1].name) != store.Var(n).name) return false;
+  return true;
+}
+
+void ReadByPosition(const std::vector<RestartEntry>& entries, model::ModelStore& store,
+                    RestartStats* stats) {
+  const int count = std::min<int>(store.nvar, static_cast<int>(entries.size()));
+  for (int n = 1; n <= count; ++n) Apply(store.Var(n), entries[n - 1], true, true);
+  stats->matched = count;
+  stats->unmatched = static_cast<int>(entries.size()) - count;
+}
+
+void ReadByName(const std::vector<RestartEntry>& entries, RestartRead how,
+                model::ModelStore& store, RestartStats* stats) {
+  const auto numbers = NumbersByName(store);
+  const bool specs = how == RestartRead::kSpecsOnly || how == RestartRead::kByRootWithSpecs ||
+                     how == RestartRead::kSmart;
+  const bool values = how != RestartRead::kSpecsOnly;
+  for (const RestartEntry& e : entries) {
+    std::string key;
+    if (how == RestartRead::kByName) {
+      if (StartsWith(e.name, kSteadyPrefix)) key = e.name.substr(kSteadyPrefix.size());
+    } else {
+      key = RootName(e.name);
+    }
+    auto it = numbers.find(key);
+    if (it == numbers.end()) {
+      ++stats->unmatched;
+      continue;
+    }
+    model::Variable& v = store.Var(it->second);
+    if (how == RestartRead::kCalculatedOnly && v.fixed) continue;
+    Apply(v, e, values, specs);
+    ++stats->matched;
+  }
+}
+
+}  // namespace
+
+std::string RootName(std::string_view name) {
+  for (;;) {
+    if (StartsWith(name, kSteadyPrefix)) {
+      name.remove_prefix(kSteadyPrefix.size());
+    } else if (size_t k = NodePrefixLength(name); k > 0) {
+      name.remove_prefix(k);
+    } else {
+      return std::string(name);
+    }
+  }
+}
+
+bool ReadRestartEntries(const std::string& path, std::vector<RestartEntry>* entries) {
+  std::ifstream in(path);
+  if (!in) return false;
+  std::string line;
+  RestartEntry e;
+  while (std::getline(in, line))
+    if (ParseLine(line, &e)) entries->push_back(e);
+  return true;
+}
+
+bool ReadRestart(const std::string& path, RestartRead how, model::ModelStore& store,
+                 RestartStats* stats) {
+  std::vector<RestartEntry> entries;
+  if (!ReadRestartEntries(path, &entries)) return false;
+  RestartStats local;
+  if (how == RestartRead::kByPosition ||
+      (how == RestartRead::kSmart && SameOrder(entries, store))) {
+    ReadByPosition(entries, store, &local);
+  } else {
+    ReadByName(entries, how, store, &local);
+  }
+  if (stats) *stats = local;
+  return true;
+}
+
+bool WriteRestart(const std::string& path, const model::ModelStore& store, bool calculated_only) {
+  std::string text = fmt::format("! restart file: model {}, {} variables{}\n", store.name,
+                                 store.nvar, calculated_only ? " (calculated only)" : "");
+  for (int n = 1; n <= store.nvar; ++n) {
+    const model::Variable& v = store.Var(n);
+    if (calculated_only && v.fixed) continue;
+    text += fmt::format("{}{} = {:.17g}{}\n", kSteadyPrefix, v.name, v.val, v.fixed ? "" : " *");
+  }
+  return dbs::WriteFileAtomically(path, text);
+}
+
+bool WriteMultipliers(const std::string& path, model::ModelAccess& access) {
+  std::string text = fmt::format("! multipliers: {} constraint rows\n", access.NumRows());
+  for (int r = 1; r <= access.NumRows(); ++r) {
+    const model::Equation& e = access.Row(r);
+    text += fmt::format("{} = {:.17g}\n", e.name, e.lambda);
+  }
+  return dbs::WriteFileAtomically(path, text);
+}
+
+bool ReadMultipliers(const std::string& path, model::ModelAccess& access) {
+  std::vector<RestartEntry> entries;
+  if (!ReadRestartEntries(path, &entries)) return false;
+  if (static_cast<int>(entries.size()) != access.NumRows()) return false;
+  for (int r = 1; r <= access.NumRows(); ++r) access.Row(r).lambda = entries[r - 1].value;
+  return true;
+}
+
+}  // namespace kx::files

@@ -1,0 +1,58 @@
+#include "files/results.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "dbs/atomic_file.h"
+
+namespace kx::files {
+namespace {
+
+// The record whose value a declared name reports: follows the merge chain to its end.
+const model::Variable& Survivor(const model::ModelStore& store, const model::Variable& v) {
+  const model::Variable* r = &v;
+  for (int guard = 0; r->forward >= 0 && guard < 1000000; ++guard) r = &store.vars[r->forward];
+  return *r;
+}
+
+// NaN and Inf have no JSON literal: they are written as null.
+nlohmann::json Number(double v) { return std::isfinite(v) ? nlohmann::json(v) : nlohmann::json(); }
+
+}  // namespace
+
+ResultsTable SteadyResults(const model::ModelStore& store) {
+  ResultsTable t;
+  t.time.push_back(0.0);
+  for (const model::Variable& v : store.vars) {
+    if (v.vtype == model::kVarSlack || v.slack) continue;
+    t.names.push_back(v.name);
+    t.values.push_back({Survivor(store, v).val});
+  }
+  return t;
+}
+
+bool WriteResultsCsv(const std::string& path, const ResultsTable& table) {
+  std::string text = "time";
+  for (const std::string& n : table.names) text += "," + n;
+  text += "\n";
+  for (size_t row = 0; row < table.time.size(); ++row) {
+    text += fmt::format("{:.17g}", table.time[row]);
+    for (const auto& column : table.values) text += fmt::format(",{:.17g}", column[row]);
+    text += "\n";
+  }
+  return dbs::WriteFileAtomically(path, text);
+}
+
+bool WriteResultsJson(const std::string& path, const ResultsTable& table) {
+  nlohmann::ordered_json j;
+  j["time"] = table.time;
+  for (size_t c = 0; c < table.names.size(); ++c) {
+    nlohmann::json column = nlohmann::json::array();
+    for (double v : table.values[c]) column.push_back(Number(v));
+    j[table.names[c]] = column;
+  }
+  return dbs::WriteFileAtomically(path, j.dump(1) + "\n");
+}
+
+}  // namespace kx::files

@@ -1,0 +1,88 @@
+#include "solvers/dispatch.h"
+
+#include <array>
+#include <string_view>
+
+#include "base/report.h"
+#include "solvers/ipopt_call.h"
+#include "solvers/status.h"
+
+#if __has_include("solvers/asopt.h")
+#include "solvers/asopt.h"
+#define KX_HAVE_ASOPT 1
+#endif
+#if __has_include("solvers/biopt.h")
+#include "solvers/biopt.h"
+#define KX_HAVE_BIOPT 1
+#endif
+
+namespace kx::solvers {
+namespace {
+
+// The display names are a first letter and eleven more characters, kept apart as the
+// benchmark table expects.
+struct DisplayName {
+  char first;
+  std::string_view rest;
+};
+constexpr std::array<DisplayName, 6> kNames = {{{'A', "SOPT (v1.0)"},
+                                                  {'B', "IOPT (v1.0)"},
+                                                  {'I', "POPT (v3.9)"},
+                                                  {'I', "POPT (v2.3)"},
+                                                  {'S', "NOPT (v6.1)"},
+                                                  {'M', "INOS (v5.5)"}}};
+
+SolverResult NotBuilt(Problem& problem, std::string_view solver) {
+  Sayf("{} is not part of this build", solver);
+  SolverResult r;
+  r.status = kSystemError;
+  return r;
+}
+
+SolverResult CallAsopt(Problem& problem, const SolverSettings& settings) {
+#ifdef KX_HAVE_ASOPT
+  return SolveAsopt(problem, settings);
+#else
+  return NotBuilt(problem, "ASOPT");
+#endif
+}
+
+SolverResult CallBiopt(Problem& problem, const SolverSettings& settings) {
+  if (!problem.has_hessian()) {
+    Say("BIOPT: l-BFGS not available");
+    SolverResult r;
+    r.status = kBadInputs;
+    return r;
+  }
+#ifdef KX_HAVE_BIOPT
+  return SolveBiopt(problem, settings);
+#else
+  return NotBuilt(problem, "BIOPT");
+#endif
+}
+
+}  // namespace
+
+std::string SolverDisplayName(int solver) {
+  if (solver < 1 || solver > 6) return "";
+  const DisplayName& n = kNames[solver - 1];
+  return std::string(1, n.first) + std::string(n.rest);
+}
+
+SolverResult DispatchSolver(int solver, Problem& problem, const SolverSettings& settings) {
+  switch (solver) {
+    case 1:
+      return CallAsopt(problem, settings);
+    case 2:
+      return CallBiopt(problem, settings);
+    case 3:
+    case 4:
+      return SolveIpopt(problem, settings);
+    default:
+      Sayf("solver {} not supported", solver);
+      Say("using default solver: ASOPT");
+      return CallAsopt(problem, settings);
+  }
+}
+
+}  // namespace kx::solvers

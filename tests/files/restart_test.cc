@@ -1,0 +1,154 @@
+#include "files/restart.h"
+
+#include <gtest/gtest.h>
+
+#include "base/report.h"
+#include "files/dumps.h"
+#include "files/file_routine.h"
+#include "model/builder.h"
+#include "testing/scratch_dir.h"
+
+namespace kx::files {
+namespace {
+
+using kx::testing::WorkingDir;
+
+// Parameter p, variables a and b (b with an alias c through a connection).
+constexpr const char* kModel =
+    "Model m\n  Parameters\n    p = 1\n  End Parameters\n"
+    "  Variables\n    a = 1\n    b = 2\n    c = 0\n  End Variables\n"
+    "  Connections\n    b = c\n  End Connections\n"
+    "  Equations\n    a + b = p\n  End Equations\nEnd Model\n";
+
+model::ModelStore Build() {
+  OutputCapture quiet;
+  return model::BuildModelFromText(kModel, model::BuildOptions{});
+}
+
+// Values and fixed marks of p, a, b after a read.
+struct State {
+  double p, a, b;
+  bool p_fixed, a_fixed;
+};
+
+State StateOf(const model::ModelStore& s) {
+  auto find = [&](const char* name) -> const model::Variable& {
+    for (int n = 1; n <= s.nvar; ++n)
+      if (s.Var(n).name == name) return s.Var(n);
+    throw std::runtime_error(name);
+  };
+  return {find("p").val, find("a").val, find("b").val, find("p").fixed, find("a").fixed};
+}
+
+TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"ss.x", "x"},           {"p(1).n(2).x", "x"},   {"p(12).n(3).tank.level", "tank.level"},
+      {"x", "x"},              {"ss.p(1).n(1).y", "y"}, {"p().x", "p().x"},
+      {"pump.speed", "pump.speed"}, {"n(2)x", "n(2)x"},
+  };
+  for (const auto& [name, root] : cases) EXPECT_EQ(RootName(name), root) << name;
+}
+
+TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
+  // The file lists b before a and p fixed; a line "q" names nothing in the model.
+  const char* kFile =
+      "! header line\n\nss.b = 20 *\np(1).n(1).a = 10\nss.p = 5\nq = 7 *\nnot a value line\n";
+  struct Case {
+    RestartRead how;
+    State want;
+    int matched;
+  };
+  const Case cases[] = {
+      // by name: only "ss." names match; no specs
+      {RestartRead::kByName, {5, 1, 20, true, false}, 2},
+      // by root: node prefixes stripped too
+      {RestartRead::kByRoot, {5, 10, 20, true, false}, 3},
+      // by position: line k is variable k (p, a, b, c absorbed), specs read
+      {RestartRead::kByPosition, {20, 10, 5, false, true}, 3},
+      // specs only: values kept, a becomes fixed (no "*"), p stays fixed
+      {RestartRead::kSpecsOnly, {1, 1, 2, true, true}, 3},
+      {RestartRead::kByRootWithSpecs, {5, 10, 20, true, true}, 3},
+      // smart: the order differs from the model's, so names are used
+      {RestartRead::kSmart, {5, 10, 20, true, true}, 3},
+      // calculated only: p is fixed and keeps its value
+      {RestartRead::kCalculatedOnly, {1, 10, 20, true, false}, 2},
+  };
+  WorkingDir dir("kx_restart_read");
+  dir.Write("r.t0", kFile);
+  for (const Case& c : cases) {
+    model::ModelStore store = Build();
+    RestartStats stats;
+    ASSERT_TRUE(ReadRestart("r.t0", c.how, store, &stats));
+    State s = StateOf(store);
+    SCOPED_TRACE(static_cast<int>(c.how));
+    EXPECT_EQ(s.p, c.want.p);
+    EXPECT_EQ(s.a, c.want.a);
+    EXPECT_EQ(s.b, c.want.b);
+    EXPECT_EQ(s.p_fixed, c.want.p_fixed);
+    EXPECT_EQ(s.a_fixed, c.want.a_fixed);
+    EXPECT_EQ(stats.matched, c.matched);
+  }
+}
+
+TEST(RestartRead, WrittenFileReadsBackExactlyByPositionAndSmartly) {
+  WorkingDir dir("kx_restart_round");
+  model::ModelStore store = Build();
+  store.Var(2).val = 0.1 + 1e-17;  // needs all 17 digits
+  store.Var(3).fixed = true;
+  ASSERT_TRUE(WriteRestart("w.t0", store, false));
+  for (RestartRead how : {RestartRead::kByPosition, RestartRead::kSmart}) {
+    model::ModelStore back = Build();
+    ASSERT_TRUE(ReadRestart("w.t0", how, back));
+    for (int n = 1; n <= store.nvar; ++n) {
+      EXPECT_EQ(back.Var(n).val, store.Var(n).val) << n;
+      EXPECT_EQ(back.Var(n).fixed, store.Var(n).fixed) << n;
+    }
+  }
+  ASSERT_TRUE(WriteRestart("calc.t0", store, true));
+  EXPECT_EQ(dir.Read("calc.t0").find("ss.p ="), std::string::npos);
+  EXPECT_FALSE(ReadRestart("missing.t0", RestartRead::kByName, store));
+}
+
+TEST(RestartRead, MultipliersNeedOneValuePerRow) {
+  WorkingDir dir("kx_restart_lam");
+  model::ModelStore store = Build();
+  model::ModelAccess access(store);
+  access.Row(1).lambda = -2.5;
+  ASSERT_TRUE(WriteMultipliers("lam.t0", access));
+  access.Row(1).lambda = 0;
+  EXPECT_TRUE(ReadMultipliers("lam.t0", access));
+  EXPECT_EQ(access.Row(1).lambda, -2.5);
+  dir.Write("lam.t0", "eqn 1 = 1\neqn 2 = 2\n");
+  EXPECT_FALSE(ReadMultipliers("lam.t0", access));
+  EXPECT_EQ(access.Row(1).lambda, -2.5);
+
+  dbs::OptionStore options;
+  FileRoutine routine(options, "m");
+  routine.set_model(&access);
+  OutputCapture out;
+  EXPECT_EQ(routine.Run(12, ""), 1);
+  EXPECT_TRUE(out.Contains("Warning: lam.t0 file load was unsuccessful\n"));
+}
+
+TEST(Infeasibilities, ViolatedRowsComeFirstWorstFirst) {
+  WorkingDir dir("kx_infeasible");
+  model::ModelStore store = Build();
+  store.eqns[0].residual = 1e-9;
+  model::Equation worse = store.eqns[0];
+  worse.name = "eqn 2";
+  worse.residual = -3;
+  model::Equation bad = worse;
+  bad.name = "eqn 3";
+  bad.residual = 0.5;
+  store.eqns.push_back(bad);
+  store.eqns.push_back(worse);
+  ASSERT_TRUE(WriteInfeasibilities("inf.txt", store, 1e-6));
+  std::string text = dir.Read("inf.txt");
+  EXPECT_NE(text.find("2 of 3 equations"), std::string::npos) << text;
+  size_t at2 = text.find("eqn 2"), at3 = text.find("eqn 3"), at1 = text.find("eqn 1");
+  EXPECT_LT(at2, at3);
+  EXPECT_LT(at3, at1);
+}
+
+}  // namespace
+}  // namespace kx::files
