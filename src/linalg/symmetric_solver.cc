@@ -95,16 +95,16 @@ class MultifrontalSolver : public SymmetricSolver {
   }
 
  private:
-  // No output from the library; null-pivot detection on so that singularity is reported.
+  // No output from the library. Singularity is the library's numerically-singular error: its
+  // null-pivot detection, relative to the matrix norm, would flag the badly scaled but regular
+  // matrices of late interior-point iterations.
   void Silence() {
     id_.icntl[0] = -1;
     id_.icntl[1] = -1;
     id_.icntl[2] = -1;
     id_.icntl[3] = 0;
     id_.icntl[13] = 100;  // ICNTL(14): 100% workspace slack
-    id_.icntl[23] = 1;    // ICNTL(24): detect null pivots
     id_.cntl[0] = 1e-6;   // CNTL(1): relative pivot threshold
-    id_.cntl[2] = 0.0;    // CNTL(3): null-pivot threshold, the library's norm-relative default
   }
 
   DMUMPS_STRUC_C id_{};

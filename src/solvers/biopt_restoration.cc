@@ -131,20 +131,13 @@ bool Solver::RestorationStep(double mu_r, double& step_norm) {
   return true;
 }
 
-// Returns to the regular iterations when the filter accepts the restored point: the row
-// multipliers start again from least squares, the bound multipliers near mu / gap.
+// Returns to the regular iterations when the filter accepts the restored point. The
+// multipliers are kept: the bound multipliers are brought back within their band around
+// mu / gap; the row multipliers of the last regular iterate remain the best estimate.
 bool Solver::LeaveRestoration() {
   phi_ = BarrierValue(f_, w_);
   if (theta_ > theta_max_ || !filter_.Accepts(theta_, phi_)) return false;
-  const std::vector<double>& lo = nlp_.lower();
-  const std::vector<double>& up = nlp_.upper();
-  for (int i = 0; i < nw_; ++i) {
-    if (IsFinite(lo[i])) zl_[i] = std::min(zl_[i], 1.0);
-    if (IsFinite(up[i])) zu_[i] = std::min(zu_[i], 1.0);
-  }
   ResetBoundMultipliers();
-  std::fill(y_.begin(), y_.end(), 0.0);
-  if (!LeastSquaresMultipliers()) std::fill(y_.begin(), y_.end(), 0.0);
   stall_count_ = 0;
   return true;
 }

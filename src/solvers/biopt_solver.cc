@@ -18,7 +18,7 @@ constexpr double kKappaMu = 0.2;         // linear decrease of mu
 constexpr double kThetaMu = 1.5;         // superlinear decrease of mu
 constexpr double kTauMin = 0.99;         // fraction-to-the-boundary parameter, lower limit
 constexpr double kKappaSigma = 1e10;     // bound multipliers stay within this factor of mu/slack
-constexpr double kDamping = 1e-4;        // linear damping of one-sided bounds in the barrier
+constexpr double kDamping = 1e-5;        // linear damping of one-sided bounds in the barrier
 constexpr double kHugeObjective = -1e20; // objective below this: unbounded
 constexpr double kHugeIterate = 1e15;    // iterate beyond this: diverging
 

@@ -228,51 +228,9 @@ TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
   EXPECT_NEAR(r.x[0], 1.0, 1e-6);
 }
 
-TEST(Biopt, EndsDegenerateInputsWithAStatus) {
-  struct Case {
-    const char* name;
-    DenseProblem problem;
-    SolverSettings settings;
-    int status;
-  };
-  DenseProblem crossed = FixedVariableProblem();
-  crossed.xl[1] = 3, crossed.xu[1] = 1;
-  DenseProblem crossed_rows = FixedVariableProblem();
-  crossed_rows.cl = {5}, crossed_rows.cu = {4};
-  DenseProblem no_hessian = FixedVariableProblem();
-  no_hessian.exact_hessian = false;
-  DenseProblem empty;
-  empty.f = [](const Vec&) { return 7.0; };
-  empty.grad = empty.cons = empty.jac = [](const Vec&) { return Vec{}; };
-  empty.hess = [](const Vec&, double, const Vec&) { return Vec{}; };
-  DenseProblem all_fixed = FixedVariableProblem();
-  all_fixed.xl = all_fixed.xu = all_fixed.x0 = {1, 1, 2};
-  DenseProblem all_fixed_bad = all_fixed;
-  all_fixed_bad.cl = all_fixed_bad.cu = {5};
-  SolverSettings few = Tight();
-  few.max_iter = 1;
-  SolverSettings no_time = Tight();
-  no_time.max_time = -1;
-  std::vector<Case> cases = {
-      {"lower bound above upper", crossed, Tight(), kInvalidBounds},
-      {"row lower above upper", crossed_rows, Tight(), kInvalidBounds},
-      {"no second derivatives", no_hessian, Tight(), kBadInputs},
-      {"no variables, no rows", empty, Tight(), kSuccess},
-      {"every variable fixed, row satisfied", all_fixed, Tight(), kSuccess},
-      {"every variable fixed, row violated", all_fixed_bad, Tight(), kNoFeasibleSolution},
-      {"iteration limit", FixedVariableProblem(), few, kMaxIterations},
-      {"time limit", FixedVariableProblem(), no_time, kExternalAbort},
-  };
-  for (Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const SolverResult r = Solve(c.problem, c.settings);
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_EQ(r.x.size(), static_cast<size_t>(c.problem.n));
-  }
-}
-
-TEST(Biopt, WarmStartReachesTheOptimumFaster) {
-  DenseProblem p;  // hs071 written out by hand
+// hs071 written out by hand: one inequality and one equality row, active bounds.
+DenseProblem Hs071() {
+  DenseProblem p;
   p.n = 4, p.m = 2;
   p.xl = Vec(4, 1), p.xu = Vec(4, 5), p.cl = {25, 40}, p.cu = {kInf, 40}, p.x0 = {1, 5, 5, 1};
   p.f = [](const Vec& x) { return x[0] * x[3] * (x[0] + x[1] + x[2]) + x[2]; };
@@ -298,6 +256,54 @@ TEST(Biopt, WarmStartReachesTheOptimumFaster) {
     for (int i = 0; i < 4; ++i) set(i, i, 2 * l[1]);
     return h;
   };
+  return p;
+}
+
+TEST(Biopt, EndsDegenerateInputsWithAStatus) {
+  struct Case {
+    const char* name;
+    DenseProblem problem;
+    SolverSettings settings;
+    int status;
+  };
+  DenseProblem crossed = FixedVariableProblem();
+  crossed.xl[1] = 3, crossed.xu[1] = 1;
+  DenseProblem crossed_rows = FixedVariableProblem();
+  crossed_rows.cl = {5}, crossed_rows.cu = {4};
+  DenseProblem no_hessian = FixedVariableProblem();
+  no_hessian.exact_hessian = false;
+  DenseProblem empty;
+  empty.f = [](const Vec&) { return 7.0; };
+  empty.grad = empty.cons = empty.jac = [](const Vec&) { return Vec{}; };
+  empty.hess = [](const Vec&, double, const Vec&) { return Vec{}; };
+  DenseProblem all_fixed = FixedVariableProblem();
+  all_fixed.xl = all_fixed.xu = all_fixed.x0 = {1, 1, 2};
+  DenseProblem all_fixed_bad = all_fixed;
+  all_fixed_bad.cl = all_fixed_bad.cu = {5};
+  SolverSettings few = Tight();
+  few.max_iter = 3;
+  SolverSettings no_time = Tight();
+  no_time.max_time = -1;
+  std::vector<Case> cases = {
+      {"lower bound above upper", crossed, Tight(), kInvalidBounds},
+      {"row lower above upper", crossed_rows, Tight(), kInvalidBounds},
+      {"no second derivatives", no_hessian, Tight(), kBadInputs},
+      {"no variables, no rows", empty, Tight(), kSuccess},
+      {"every variable fixed, row satisfied", all_fixed, Tight(), kSuccess},
+      {"every variable fixed, row violated", all_fixed_bad, Tight(), kNoFeasibleSolution},
+      {"iteration limit", Hs071(), few, kMaxIterations},
+      {"time limit", FixedVariableProblem(), no_time, kExternalAbort},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const SolverResult r = Solve(c.problem, c.settings);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.x.size(), static_cast<size_t>(c.problem.n));
+  }
+}
+
+TEST(Biopt, WarmStartReachesTheOptimumFaster) {
+  DenseProblem p = Hs071();
   const SolverResult cold = Solve(p);
   ASSERT_EQ(cold.status, kSuccess);
   EXPECT_NEAR(cold.objective, 17.0140172892, 1e-7);
