@@ -3,7 +3,8 @@
 // built afresh for each solver so both start from the model's own start point; the solvers
 // run quietly in a scratch directory (their log files land there).
 //
-//   bench_biopt [--small] [name ...]     --small leaves out the large problems
+//   bench_biopt [--small] [--adaptive] [name ...]
+// --small leaves out the large problems; --adaptive runs BIOPT with the adaptive barrier rule.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -67,10 +68,12 @@ std::string Mark(const Outcome& o) { return o.solved ? "ok" : fmt::format("F({})
 
 int Main(int argc, char** argv) {
   bool small_only = false;
+  solvers::biopt::BarrierRule rule = solvers::biopt::BarrierRule::kMonotone;
   std::vector<std::string> names;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--small") small_only = true;
+    else if (arg == "--adaptive") rule = solvers::biopt::BarrierRule::kAdaptive;
     else names.emplace_back(arg);
   }
   auto suite = kx::testing::NlpSuite(!small_only);
@@ -86,8 +89,10 @@ int Main(int argc, char** argv) {
   double large_b = 0, large_i = 0;
   std::vector<double> ratios;
   for (const auto& entry : suite) {
-    const Outcome b = Run(entry, [](solvers::Problem& p, const solvers::SolverSettings& s) {
-      return solvers::SolveBiopt(p, s);
+    const Outcome b = Run(entry, [rule](solvers::Problem& p, const solvers::SolverSettings& s) {
+      solvers::biopt::Options options;
+      options.barrier_rule = rule;
+      return solvers::SolveBiopt(p, s, options);
     }, false);
     const Outcome i = Run(entry, [](solvers::Problem& p, const solvers::SolverSettings& s) {
       return solvers::SolveIpopt(p, s);
