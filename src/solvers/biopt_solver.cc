@@ -53,16 +53,7 @@ int Solver::Run(SolverResult& result) {
 int Solver::Initialise() {
   if (nlp_.Prepare() != kSuccess) return kInvalidBounds;
   nx_ = nlp_.nx(), ns_ = nlp_.ns(), nw_ = nlp_.nw(), m_ = nlp_.m();
-  w_.assign(nw_, 0.0);
-  y_.assign(m_, 0.0);
-  zl_.assign(nw_, 0.0), zu_.assign(nw_, 0.0);
-  c_.assign(m_, 0.0), r_.assign(m_, 0.0), g_.assign(nx_, 0.0);
-  jac_.assign(nlp_.nnz_jac(), 0.0), hess_.assign(nlp_.nnz_hess(), 0.0);
-  dw_.assign(nw_, 0.0), dy_.assign(m_, 0.0), dzl_.assign(nw_, 0.0), dzu_.assign(nw_, 0.0);
-  rhs_.assign(nw_ + m_, 0.0), sol_.assign(nw_ + m_, 0.0);
-  sigma_.assign(nw_, 0.0), gb_.assign(nw_, 0.0);
-  w_trial_.assign(nw_, 0.0), c_trial_.assign(m_, 0.0), r_trial_.assign(m_, 0.0);
-  dw_soc_.assign(nw_, 0.0), dy_soc_.assign(m_, 0.0), c_soc_.assign(m_, 0.0);
+  Allocate();
 
   const bool warm = settings_.warm;
   nlp_.StartPoint(std::span(w_).first(nx_));
@@ -93,6 +84,20 @@ int Solver::Initialise() {
   theta_max_ = 1e4 * std::max(1.0, theta_);
   theta_min_ = 1e-4 * std::max(1.0, theta_);
   return kContinue;
+}
+
+// Sizes every work vector once; the iterations allocate nothing further.
+void Solver::Allocate() {
+  w_.assign(nw_, 0.0);
+  y_.assign(m_, 0.0);
+  zl_.assign(nw_, 0.0), zu_.assign(nw_, 0.0);
+  c_.assign(m_, 0.0), r_.assign(m_, 0.0), g_.assign(nx_, 0.0);
+  jac_.assign(nlp_.nnz_jac(), 0.0), hess_.assign(nlp_.nnz_hess(), 0.0);
+  dw_.assign(nw_, 0.0), dy_.assign(m_, 0.0), dzl_.assign(nw_, 0.0), dzu_.assign(nw_, 0.0);
+  rhs_.assign(nw_ + m_, 0.0), sol_.assign(nw_ + m_, 0.0);
+  sigma_.assign(nw_, 0.0), gb_.assign(nw_, 0.0), grad_lagrangian_.assign(nw_, 0.0);
+  w_trial_.assign(nw_, 0.0), c_trial_.assign(m_, 0.0), r_trial_.assign(m_, 0.0);
+  dw_soc_.assign(nw_, 0.0), dy_soc_.assign(m_, 0.0), c_soc_.assign(m_, 0.0);
 }
 
 // Moves v[begin..end) inside its bounds by a relative distance, never more than a share of
@@ -209,26 +214,7 @@ int Solver::CheckTermination(const Errors& e) {
 // that grows when the products are far apart.
 void Solver::UpdateBarrier(Errors& e) {
   if (options_.barrier_rule == BarrierRule::kAdaptive) {
-    double sum = 0.0, smallest = kInfinity;
-    int count = 0;
-    for (int i = 0; i < nw_; ++i) {
-      if (HasBound(nlp_.lower()[i])) {
-        const double p = (w_[i] - nlp_.lower()[i]) * zl_[i];
-        sum += p, smallest = std::min(smallest, p), ++count;
-      }
-      if (HasBound(nlp_.upper()[i])) {
-        const double p = (nlp_.upper()[i] - w_[i]) * zu_[i];
-        sum += p, smallest = std::min(smallest, p), ++count;
-      }
-    }
-    if (count == 0) return;
-    const double avg = sum / count;
-    const double xi = std::max(1e-12, smallest / avg);
-    const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
-    const double mu = std::clamp(sigma * avg, mu_min_, 1e5);
-    if (mu < mu_) filter_.Clear();
-    mu_ = std::min(mu, mu_);
-    tau_ = std::max(kTauMin, 1.0 - mu_);
+    UpdateBarrierAdaptive();
     return;
   }
   while (e.barrier <= kKappaEps * mu_ && mu_ > mu_min_) {
@@ -237,6 +223,29 @@ void Solver::UpdateBarrier(Errors& e) {
     filter_.Clear();
     e = ComputeErrors();
   }
+}
+
+void Solver::UpdateBarrierAdaptive() {
+  double sum = 0.0, smallest = kInfinity;
+  int count = 0;
+  for (int i = 0; i < nw_; ++i) {
+    if (HasBound(nlp_.lower()[i])) {
+      const double p = (w_[i] - nlp_.lower()[i]) * zl_[i];
+      sum += p, smallest = std::min(smallest, p), ++count;
+    }
+    if (HasBound(nlp_.upper()[i])) {
+      const double p = (nlp_.upper()[i] - w_[i]) * zu_[i];
+      sum += p, smallest = std::min(smallest, p), ++count;
+    }
+  }
+  if (count == 0) return;
+  const double avg = sum / count;
+  const double xi = std::max(1e-12, smallest / avg);
+  const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
+  const double mu = std::clamp(sigma * avg, mu_min_, 1e5);
+  if (mu < mu_) filter_.Clear();
+  mu_ = std::min(mu, mu_);
+  tau_ = std::max(kTauMin, 1.0 - mu_);
 }
 
 // The Newton step of the barrier problem. kContinue with a step, kBadDerivatives when the
@@ -306,7 +315,8 @@ Errors Solver::ComputeErrors() const {
     e.primal = std::max(e.primal, std::fabs(r_[i]));
     e.primal_unscaled = std::max(e.primal_unscaled, std::fabs(r_[i]) / nlp_.row_scale()[i]);
   }
-  std::vector<double> grad(nw_, 0.0);
+  std::vector<double>& grad = grad_lagrangian_;
+  std::fill(grad.begin(), grad.end(), 0.0);
   std::copy(g_.begin(), g_.end(), grad.begin());
   AddAT(y_, grad);
   double y1 = 0.0, z1 = 0.0, compl_mu = 0.0;

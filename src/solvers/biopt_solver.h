@@ -59,6 +59,7 @@ class Solver {
 
   // Setup and start (biopt_solver.cc).
   int Initialise();
+  void Allocate();
   void PushIntoBounds(std::vector<double>& v, int begin, int end, double push);
   bool InitialMultipliers();
   bool LeastSquaresMultipliers();
@@ -66,6 +67,7 @@ class Solver {
   int Iterate();
   int CheckTermination(const Errors& e);
   void UpdateBarrier(Errors& e);
+  void UpdateBarrierAdaptive();
   int ComputeDirection();
   bool SolveStep(std::span<const double> r_y, std::span<double> dw, std::span<double> dy);
   void ComputeBoundSteps();
@@ -135,6 +137,7 @@ class Solver {
   std::vector<double> rhs_, sol_;  // KKT right-hand side and solution; size nw + m
   std::vector<double> sigma_;      // diagonal of the bound terms; size nw
   std::vector<double> gb_;         // barrier gradient at w_; size nw
+  mutable std::vector<double> grad_lagrangian_;  // work vector of ComputeErrors; size nw
   // Trial point of the line search.
   std::vector<double> w_trial_;    // size nw
   std::vector<double> c_trial_;    // size m
