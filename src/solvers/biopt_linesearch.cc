@@ -66,6 +66,7 @@ double Solver::MinimumStep(double gd) const {
 
 Solver::StepOutcome Solver::LineSearch() {
   trials_ = 0;
+  tiny_steps_ = 0;
   const double alpha_max = PrimalStepToBoundary(w_, dw_, tau_);
   const double alpha_min = MinimumStep(gd_);
   double alpha = alpha_max;

@@ -21,6 +21,7 @@ constexpr double kKappaSigma = 1e10;     // bound multipliers stay within this f
 constexpr double kDamping = 1e-5;        // linear damping of one-sided bounds in the barrier
 constexpr double kHugeObjective = -1e20; // objective below this: unbounded
 constexpr double kHugeIterate = 1e15;    // iterate beyond this: diverging
+constexpr int kMaxTinySteps = 3;         // tiny steps in a row at the smallest mu: stall
 
 bool HasBound(double b) { return IsFinite(b); }
 
@@ -165,21 +166,10 @@ int Solver::Iterate() {
     const int direction = ComputeDirection();
     if (direction == kBadDerivatives) return kBadDerivatives;
     StepOutcome outcome = StepOutcome::kFailed;
-    if (direction == kContinue) {
-      if (IsTinyStep()) {
-        ++tiny_steps_;
-        const double alpha = PrimalStepToBoundary(w_, dw_, tau_);
-        if (TryPoint(alpha, dw_)) {
-          AcceptTrial(alpha, true);
-          outcome = StepOutcome::kAccepted;
-          if (mu_ > mu_min_) mu_ = std::max(mu_min_, kKappaMu * mu_), filter_.Clear();
-          else if (tiny_steps_ >= 2) return kAccuracyUnachievable;
-        }
-      } else {
-        tiny_steps_ = 0;
-        outcome = LineSearch();
-        if (outcome == StepOutcome::kAccepted) stall_count_ = 0;
-      }
+    if (direction == kContinue && IsTinyStep()) {
+      outcome = TakeTinyStep();
+    } else if (direction == kContinue && (outcome = LineSearch()) == StepOutcome::kAccepted) {
+      stall_count_ = 0;
     }
     if (outcome == StepOutcome::kAccepted) {
       if (!EvaluateDerivatives()) return kBadDerivatives;
@@ -190,15 +180,38 @@ int Solver::Iterate() {
   }
 }
 
+// A step too small for the line search to judge: the primal point barely moves but the bound
+// multipliers still follow mu, so the full step is taken and mu lowered. The termination test
+// of the next iteration sees the new multipliers; only repeated tiny steps at the smallest mu
+// that do not converge end the solve (CheckTermination).
+Solver::StepOutcome Solver::TakeTinyStep() {
+  trials_ = 0;
+  const double alpha = PrimalStepToBoundary(w_, dw_, tau_);
+  if (!TryPoint(alpha, dw_)) return StepOutcome::kFailed;
+  AcceptTrial(alpha, true);
+  ++tiny_steps_;
+  if (mu_ > mu_min_) {
+    mu_ = std::max(mu_min_, kKappaMu * mu_);
+    tau_ = std::max(kTauMin, 1.0 - mu_);
+    filter_.Clear();
+  }
+  return StepOutcome::kAccepted;
+}
+
+// Success when the scaled errors meet the tolerances, or when they have stayed within the
+// acceptable level for several iterations, or when the steps have become too small to change
+// the point at an acceptable level. Then the failure tests.
 int Solver::CheckTermination(const Errors& e) {
   const double otol = settings_.objective_tol, rtol = settings_.constraint_tol;
   const bool feasible = e.primal <= rtol && e.primal_unscaled <= std::max(rtol, 1e-4);
   if (feasible && e.dual <= otol && e.compl_ <= otol) return kSuccess;
   const double a = options_.acceptable_factor;
-  if (e.primal <= a * rtol && e.dual <= a * otol && e.compl_ <= a * otol) {
-    if (++acceptable_count_ >= options_.acceptable_iter) return kSuccess;
-  } else {
-    acceptable_count_ = 0;
+  const bool acceptable = e.primal <= a * rtol && e.primal_unscaled <= std::max(a * rtol, 1e-4) &&
+                          e.dual <= a * otol && e.compl_ <= a * otol;
+  acceptable_count_ = acceptable ? acceptable_count_ + 1 : 0;
+  if (acceptable_count_ >= options_.acceptable_iter) return kSuccess;
+  if (tiny_steps_ > kMaxTinySteps && mu_ <= mu_min_) {
+    return acceptable ? kSuccess : kAccuracyUnachievable;
   }
   if (f_ / nlp_.obj_scale() < kHugeObjective) return kUnbounded;
   for (int k = 0; k < nx_; ++k) {

@@ -95,6 +95,7 @@ class Solver {
   double MinimumStep(double gd) const;
   void AcceptTrial(double alpha, bool f_type);
   bool IsTinyStep() const;
+  StepOutcome TakeTinyStep();
 
   // Minimum-infeasibility phase (biopt_restoration.cc).
   int Restore();
