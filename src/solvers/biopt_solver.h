@@ -95,6 +95,7 @@ class Solver {
   double MinimumStep(double gd) const;
   void AcceptTrial(double alpha, bool f_type);
   bool IsTinyStep() const;
+  void CountFilterBlocks(bool blocked);
   StepOutcome TakeTinyStep();
 
   // Minimum-infeasibility phase (biopt_restoration.cc).
@@ -162,6 +163,8 @@ class Solver {
   int acceptable_count_ = 0;
   int tiny_steps_ = 0;
   int stall_count_ = 0;
+  int filter_blocks_ = 0;          // iterations in a row in which the filter refused a trial
+  int filter_resets_ = 0;
 };
 
 }  // namespace kx::solvers::biopt
