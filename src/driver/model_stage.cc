@@ -13,6 +13,7 @@
 #include "driver/stage_steps.h"
 #include "files/file_routine.h"
 #include "files/restart.h"
+#include "horizon/data_file.h"
 #include "model/access.h"
 #include "model/builder.h"
 #include "model/diagnostics.h"
@@ -71,9 +72,35 @@ bool ReadRestartFile(const CycleState& state) {
   return files::zpm_files(cold ? 4 : (specs ? 8 : 1), file) == 0 && !cold;
 }
 
+// The data file in steady state: its first row gives the parameters (and, with CSV_READ = 2,
+// the variables' starting values) that have a column. A column naming nothing in the model is
+// reported once.
+void ApplyDataRow(const CycleState& state, model::ModelStore& store) {
+  const int csv_read = state.store.Int("CSV_READ");
+  if (csv_read <= 0) return;
+  std::optional<horizon::DataFile> data = horizon::ReadDataFile(state.app + ".csv");
+  if (!data || data->num_rows == 0) return;
+  std::unordered_map<std::string, model::Variable*> by_name;
+  for (int n = 1; n <= store.nvar; ++n) by_name.emplace(store.Var(n).name, &store.Var(n));
+  for (int c = 0; c < data->num_columns(); ++c) {
+    const std::string& name = data->columns[c];
+    if (name == "time") continue;
+    auto it = by_name.find(name);
+    if (it == by_name.end()) {
+      Sayf("WARNING: data column \"{}\" is not a parameter or variable of the model: ignored",
+           name);
+      continue;
+    }
+    const double v = data->At(0, c);
+    const bool parameter = it->second->vtype == model::kVarParameter;
+    if (!horizon::DataFile::IsNoValue(v) && (parameter || csv_read >= 2)) it->second->val = v;
+  }
+}
+
 int SolveSteadyState(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
   const bool warm = ReadRestartFile(state);
+  ApplyDataRow(state, m.base);
   if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.base);
   model::ModelAccess& access = *m.access;
   access.Invalidate();

@@ -1,5 +1,7 @@
 // Steady-state cycles end to end: the solve, its report, the files a cycle leaves and what
 // the next cycle reads from them.
+#include <filesystem>
+
 #include <nlohmann/json.hpp>
 
 #include "driver/cycle_fixture.h"
@@ -136,6 +138,21 @@ TEST_F(SteadyCycle, ClassifiedVariablesTakeTheirDbsValuesAndReportTheSolution) {
   EXPECT_NEAR(DbsValue(dbs, "p.NEWVAL"), 4.0, 1e-9) << r.out;  // restart value 3 -> 0.5*5+0.5*3
   EXPECT_NEAR(DbsValue(dbs, "p.LSTVAL"), 3.0, 1e-6);
   EXPECT_NEAR(DbsValue(dbs, "y.MODEL"), 8.0, 1e-6);
+}
+
+TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
+  Write("app.zpm", kFvModel);
+  Write("app.csv", "p, y, nosuch\n4, 100, 1\n");
+  RunResult r = Run("app -ipopt -ss");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("WARNING: data column \"nosuch\" is not a parameter or variable of the "
+                    "model: ignored\n"));
+  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,4,8\n");
+
+  Write("overrides.dbs", "ZPM.CSV_READ = 0\n");
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "ss.t0");  // it holds p = 4
+  ASSERT_EQ(Run("app -ipopt -ss").status, 1);
+  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,1,2\n");
 }
 
 TEST_F(SteadyCycle, DiagnosticLevelTwoWritesTheWarmStartFilesAndListings) {

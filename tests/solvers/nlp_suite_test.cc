@@ -58,7 +58,10 @@ INSTANTIATE_TEST_SUITE_P(Suite, MinlpFileTest, ::testing::ValuesIn(testing::Minl
 
 TEST(NlpSuiteTest, HasTheSmallAndLargeProblems) {
   const auto small = testing::NlpSuite(false);
+  const auto all = testing::NlpSuite(true);
   EXPECT_GE(small.size(), 32u);
+  EXPECT_GE(all.size() - small.size(), 8u);
+  for (const auto& entry : all) EXPECT_TRUE(std::isfinite(entry.optimum)) << entry.name;
 }
 
 }  // namespace
