@@ -3,8 +3,8 @@
 // built afresh for each solver so both start from the model's own start point; the solvers
 // run quietly in a scratch directory (their log files land there).
 //
-//   bench_biopt [--small] [--monotone] [--generated N] [name ...]
-// --small leaves out the large problems; --monotone runs BIOPT with the monotone barrier rule;
+//   bench_biopt [--small] [--adaptive] [--generated N] [name ...]
+// --small leaves out the large problems; --adaptive runs BIOPT with the adaptive barrier rule;
 // --generated N adds two scalable models of about N variables (a chained Rosenbrock function
 // under ring constraints, a discretised control problem with an exponential source). Their
 // optimum is not known beforehand: a success status counts as solved, and the table notes
@@ -126,14 +126,14 @@ std::string Mark(const Outcome& o) { return o.solved ? "ok" : fmt::format("F({})
 
 int Main(int argc, char** argv) {
   bool small_only = false;
-  solvers::biopt::BarrierRule rule = solvers::biopt::BarrierRule::kAdaptive;
+  solvers::biopt::BarrierRule rule = solvers::biopt::BarrierRule::kMonotone;
   std::vector<std::string> names;
   int generated = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--generated" && i + 1 < argc) generated = std::atoi(argv[++i]);
     else if (arg == "--small") small_only = true;
-    else if (arg == "--monotone") rule = solvers::biopt::BarrierRule::kMonotone;
+    else if (arg == "--adaptive") rule = solvers::biopt::BarrierRule::kAdaptive;
     else names.emplace_back(arg);
   }
   auto suite = kx::testing::NlpSuite(!small_only);

@@ -19,6 +19,7 @@ constexpr double kKappaSigma = 1e10;     // bound multipliers stay within this f
 constexpr double kDamping = 1e-5;        // linear damping of one-sided bounds in the barrier
 constexpr double kHugeObjective = -1e20; // objective below this: unbounded
 constexpr double kHugeIterate = 1e15;    // iterate beyond this: diverging
+constexpr double kMuMinAdaptive = 1e-11; // smallest mu of the adaptive rule (at most)
 constexpr int kMaxTinySteps = 3;         // tiny steps in a row at the smallest mu: stall
 
 bool HasBound(double b) { return IsFinite(b); }
@@ -70,7 +71,11 @@ int Solver::Initialise() {
   if (!EvaluateDerivatives()) return kBadDerivatives;
 
   mu_ = warm ? options_.mu_init_warm : options_.mu_init;
+  // The monotone rule's last barrier problem is solved to a tenth of the tolerance. The
+  // adaptive rule may go below that: its mu follows the products, and with many bounds the
+  // objective error is their sum, not their largest.
   mu_min_ = std::min(settings_.objective_tol, settings_.constraint_tol) / 10.0;
+  if (options_.barrier_rule == BarrierRule::kAdaptive) mu_min_ = std::min(mu_min_, kMuMinAdaptive);
   mu_ = std::max(mu_, mu_min_);
   tau_ = std::max(kTauMin, 1.0 - mu_);
   for (int i = 0; i < nw_; ++i) {

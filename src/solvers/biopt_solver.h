@@ -29,7 +29,7 @@ enum class BarrierRule {
 };
 
 struct Options {
-  BarrierRule barrier_rule = BarrierRule::kAdaptive;
+  BarrierRule barrier_rule = BarrierRule::kMonotone;
   double mu_init = 0.1;          // first barrier parameter of a cold start
   double mu_init_warm = 1e-5;    // first barrier parameter of a warm start
   int acceptable_iter = 15;      // consecutive "acceptable" iterations that end the solve
