@@ -105,6 +105,10 @@ class MultifrontalSolver : public SymmetricSolver {
     id_.icntl[3] = 0;
     id_.icntl[13] = 100;  // ICNTL(14): 100% workspace slack
     id_.cntl[0] = 1e-6;   // CNTL(1): relative pivot threshold
+    // ICNTL(6): no maximum-transversal permutation. On interior-point KKT matrices (a
+    // regularised diagonal block beside the Jacobian) the ordering it leads to gives two to
+    // three times the factorisation and solve time, with no better pivots.
+    id_.icntl[5] = 0;
   }
 
   DMUMPS_STRUC_C id_{};

@@ -20,6 +20,8 @@ constexpr double kBacktrack = 0.5;     // step cut per trial
 constexpr int kMaxCorrections = 4;     // second-order corrections per iteration
 constexpr double kKappaSoc = 0.99;     // each correction must reduce the violation this much
 constexpr double kPhiRelaxation = 10.0;  // barrier comparisons allow this many epsilons
+constexpr int kFilterResetTrigger = 5;  // iterations in a row whose steps the filter cut back
+constexpr int kMaxFilterResets = 5;     // filter resets per solve
 
 // a <= b up to rounding in values of the size of reference.
 bool LessOrEqual(double a, double b, double reference) {
@@ -66,10 +68,12 @@ double Solver::MinimumStep(double gd) const {
 
 Solver::StepOutcome Solver::LineSearch() {
   trials_ = 0;
+  tiny_steps_ = 0;
   const double alpha_max = PrimalStepToBoundary(w_, dw_, tau_);
   const double alpha_min = MinimumStep(gd_);
   double alpha = alpha_max;
   bool first = true;
+  bool blocked = false;  // a trial the filter alone refused
   while (alpha >= alpha_min || first) {
     bool f_type = false;
     if (!TryPoint(alpha, dw_)) {  // evaluation failed: cut the step back
@@ -78,10 +82,13 @@ Solver::StepOutcome Solver::LineSearch() {
       continue;
     }
     const double theta_t = Theta(r_trial_);
-    if (IsAcceptable(alpha, theta_t, BarrierValue(f_trial_, w_trial_), f_type)) {
+    const double phi_t = BarrierValue(f_trial_, w_trial_);
+    if (IsAcceptable(alpha, theta_t, phi_t, f_type)) {
       AcceptTrial(alpha, f_type);
+      CountFilterBlocks(blocked);
       return StepOutcome::kAccepted;
     }
+    blocked = blocked || !filter_.Accepts(theta_t, phi_t);
     if (first && theta_t >= theta_ && m_ > 0 && TrySecondOrderCorrections(alpha, f_type)) {
       return StepOutcome::kAccepted;
     }
@@ -89,6 +96,18 @@ Solver::StepOutcome Solver::LineSearch() {
     alpha *= kBacktrack;
   }
   return StepOutcome::kFailed;
+}
+
+// A filter that keeps cutting the steps back holds on to entries of an earlier, worse region
+// of the problem: after kFilterResetTrigger such iterations in a row it starts afresh (at most
+// kMaxFilterResets times per solve).
+void Solver::CountFilterBlocks(bool blocked) {
+  filter_blocks_ = blocked ? filter_blocks_ + 1 : 0;
+  if (filter_blocks_ >= kFilterResetTrigger && filter_resets_ < kMaxFilterResets) {
+    filter_.Clear();
+    filter_blocks_ = 0;
+    ++filter_resets_;
+  }
 }
 
 // Corrects the full step for the curvature of the rows: solve again with the y rows replaced

@@ -13,14 +13,14 @@ constexpr double kPush = 1e-2;           // relative push of the start point int
 constexpr double kPushWarm = 1e-6;       // the same for a warm start
 constexpr double kMaxInitialMultiplier = 1e3;  // larger least-squares multipliers are dropped
 constexpr double kScaleMax = 100.0;      // s_max of the scaled dual and complementarity errors
-constexpr double kKappaEps = 10.0;       // barrier problem solved when its error <= this * mu
-constexpr double kKappaMu = 0.2;         // linear decrease of mu
-constexpr double kThetaMu = 1.5;         // superlinear decrease of mu
+constexpr double kKappaMu = 0.2;         // linear decrease of mu (tiny steps)
 constexpr double kTauMin = 0.99;         // fraction-to-the-boundary parameter, lower limit
 constexpr double kKappaSigma = 1e10;     // bound multipliers stay within this factor of mu/slack
 constexpr double kDamping = 1e-5;        // linear damping of one-sided bounds in the barrier
 constexpr double kHugeObjective = -1e20; // objective below this: unbounded
 constexpr double kHugeIterate = 1e15;    // iterate beyond this: diverging
+constexpr double kMuMinAdaptive = 1e-11; // smallest mu of the adaptive rule (at most)
+constexpr int kMaxTinySteps = 3;         // tiny steps in a row at the smallest mu: stall
 
 bool HasBound(double b) { return IsFinite(b); }
 
@@ -71,7 +71,11 @@ int Solver::Initialise() {
   if (!EvaluateDerivatives()) return kBadDerivatives;
 
   mu_ = warm ? options_.mu_init_warm : options_.mu_init;
+  // The monotone rule's last barrier problem is solved to a tenth of the tolerance. The
+  // adaptive rule may go below that: its mu follows the products, and with many bounds the
+  // objective error is their sum, not their largest.
   mu_min_ = std::min(settings_.objective_tol, settings_.constraint_tol) / 10.0;
+  if (options_.barrier_rule == BarrierRule::kAdaptive) mu_min_ = std::min(mu_min_, kMuMinAdaptive);
   mu_ = std::max(mu_, mu_min_);
   tau_ = std::max(kTauMin, 1.0 - mu_);
   for (int i = 0; i < nw_; ++i) {
@@ -165,40 +169,56 @@ int Solver::Iterate() {
     const int direction = ComputeDirection();
     if (direction == kBadDerivatives) return kBadDerivatives;
     StepOutcome outcome = StepOutcome::kFailed;
-    if (direction == kContinue) {
-      if (IsTinyStep()) {
-        ++tiny_steps_;
-        const double alpha = PrimalStepToBoundary(w_, dw_, tau_);
-        if (TryPoint(alpha, dw_)) {
-          AcceptTrial(alpha, true);
-          outcome = StepOutcome::kAccepted;
-          if (mu_ > mu_min_) mu_ = std::max(mu_min_, kKappaMu * mu_), filter_.Clear();
-          else if (tiny_steps_ >= 2) return kAccuracyUnachievable;
-        }
-      } else {
-        tiny_steps_ = 0;
-        outcome = LineSearch();
-        if (outcome == StepOutcome::kAccepted) stall_count_ = 0;
-      }
+    if (direction == kContinue && IsTinyStep()) {
+      outcome = TakeTinyStep();
+    } else if (direction == kContinue && (outcome = LineSearch()) == StepOutcome::kAccepted) {
+      stall_count_ = 0;
     }
     if (outcome == StepOutcome::kAccepted) {
       if (!EvaluateDerivatives()) return kBadDerivatives;
       continue;
     }
+    if (LeaveFreeMode()) continue;  // the adaptive rule retries with the monotone one first
     const int restored = Restore();
     if (restored != kContinue) return restored;
   }
 }
 
+// A step too small for the line search to judge: the primal point barely moves but the bound
+// multipliers still follow mu, so the full step is taken and mu lowered. The termination test
+// of the next iteration sees the new multipliers; only repeated tiny steps at the smallest mu
+// that do not converge end the solve (CheckTermination).
+Solver::StepOutcome Solver::TakeTinyStep() {
+  trials_ = 0;
+  const double alpha = PrimalStepToBoundary(w_, dw_, tau_);
+  if (!TryPoint(alpha, dw_)) return StepOutcome::kFailed;
+  AcceptTrial(alpha, true);
+  ++tiny_steps_;
+  if (mu_ > mu_min_) {
+    mu_ = std::max(mu_min_, kKappaMu * mu_);
+    tau_ = std::max(kTauMin, 1.0 - mu_);
+    filter_.Clear();
+  }
+  return StepOutcome::kAccepted;
+}
+
+// Success when the scaled errors meet the tolerances, or when they have stayed within the
+// acceptable level for several iterations, or when the steps have become too small to change
+// the point at an acceptable level. Then the failure tests.
 int Solver::CheckTermination(const Errors& e) {
+  // Complementarity decides both whether the bounds hold with their multipliers and how far
+  // the objective is from its stationary value, so it meets the tighter of the tolerances.
   const double otol = settings_.objective_tol, rtol = settings_.constraint_tol;
+  const double ctol = std::min(otol, rtol);
   const bool feasible = e.primal <= rtol && e.primal_unscaled <= std::max(rtol, 1e-4);
-  if (feasible && e.dual <= otol && e.compl_ <= otol) return kSuccess;
+  if (feasible && e.dual <= otol && e.compl_ <= ctol) return kSuccess;
   const double a = options_.acceptable_factor;
-  if (e.primal <= a * rtol && e.dual <= a * otol && e.compl_ <= a * otol) {
-    if (++acceptable_count_ >= options_.acceptable_iter) return kSuccess;
-  } else {
-    acceptable_count_ = 0;
+  const bool acceptable = e.primal <= a * rtol && e.primal_unscaled <= std::max(a * rtol, 1e-4) &&
+                          e.dual <= a * otol && e.compl_ <= a * ctol;
+  acceptable_count_ = acceptable ? acceptable_count_ + 1 : 0;
+  if (acceptable_count_ >= options_.acceptable_iter) return kSuccess;
+  if (tiny_steps_ > kMaxTinySteps && mu_ <= mu_min_) {
+    return acceptable ? kSuccess : kAccuracyUnachievable;
   }
   if (f_ / nlp_.obj_scale() < kHugeObjective) return kUnbounded;
   for (int k = 0; k < nx_; ++k) {
@@ -207,45 +227,6 @@ int Solver::CheckTermination(const Errors& e) {
   if (iterations_ >= settings_.max_iter) return kMaxIterations;
   if (TimeUp()) return kExternalAbort;
   return kContinue;
-}
-
-// Monotone rule: while the barrier problem is solved to kKappaEps * mu, lower mu and start a
-// new filter. Adaptive rule: mu follows the average complementarity, with a centring factor
-// that grows when the products are far apart.
-void Solver::UpdateBarrier(Errors& e) {
-  if (options_.barrier_rule == BarrierRule::kAdaptive) {
-    UpdateBarrierAdaptive();
-    return;
-  }
-  while (e.barrier <= kKappaEps * mu_ && mu_ > mu_min_) {
-    mu_ = std::max(mu_min_, std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
-    tau_ = std::max(kTauMin, 1.0 - mu_);
-    filter_.Clear();
-    e = ComputeErrors();
-  }
-}
-
-void Solver::UpdateBarrierAdaptive() {
-  double sum = 0.0, smallest = kInfinity;
-  int count = 0;
-  for (int i = 0; i < nw_; ++i) {
-    if (HasBound(nlp_.lower()[i])) {
-      const double p = (w_[i] - nlp_.lower()[i]) * zl_[i];
-      sum += p, smallest = std::min(smallest, p), ++count;
-    }
-    if (HasBound(nlp_.upper()[i])) {
-      const double p = (nlp_.upper()[i] - w_[i]) * zu_[i];
-      sum += p, smallest = std::min(smallest, p), ++count;
-    }
-  }
-  if (count == 0) return;
-  const double avg = sum / count;
-  const double xi = std::max(1e-12, smallest / avg);
-  const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
-  const double mu = std::clamp(sigma * avg, mu_min_, 1e5);
-  if (mu < mu_) filter_.Clear();
-  mu_ = std::min(mu, mu_);
-  tau_ = std::max(kTauMin, 1.0 - mu_);
 }
 
 // The Newton step of the barrier problem. kContinue with a step, kBadDerivatives when the

@@ -9,6 +9,7 @@
 //     (biopt_restoration.cc), which also detects local infeasibility.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -23,7 +24,8 @@ namespace kx::solvers::biopt {
 
 enum class BarrierRule {
   kMonotone,  // Fiacco-McCormick: mu falls once the barrier problem is solved well enough
-  kAdaptive,  // mu follows the average complementarity each iteration (safeguarded)
+  kAdaptive,  // mu follows the average complementarity while the optimality error falls
+              // fast enough, the monotone rule otherwise
 };
 
 struct Options {
@@ -66,8 +68,14 @@ class Solver {
   bool EvaluateDerivatives();
   int Iterate();
   int CheckTermination(const Errors& e);
+
+  // Barrier parameter (biopt_barrier.cc).
   void UpdateBarrier(Errors& e);
+  bool UpdateBarrierMonotone(Errors& e);
   void UpdateBarrierAdaptive();
+  bool AdaptiveProgress(const Errors& e);
+  bool LeaveFreeMode();
+  double AverageComplementarity(double& smallest) const;
   int ComputeDirection();
   bool SolveStep(std::span<const double> r_y, std::span<double> dw, std::span<double> dy);
   void ComputeBoundSteps();
@@ -95,6 +103,8 @@ class Solver {
   double MinimumStep(double gd) const;
   void AcceptTrial(double alpha, bool f_type);
   bool IsTinyStep() const;
+  void CountFilterBlocks(bool blocked);
+  StepOutcome TakeTinyStep();
 
   // Minimum-infeasibility phase (biopt_restoration.cc).
   int Restore();
@@ -161,6 +171,14 @@ class Solver {
   int acceptable_count_ = 0;
   int tiny_steps_ = 0;
   int stall_count_ = 0;
+  // Adaptive barrier rule.
+  bool free_mode_ = true;          // mu follows the complementarity (else: monotone rule)
+  double mu_max_ = 1e5;            // largest mu of the free mode
+  std::array<double, 4> references_{};  // optimality errors of the last free-mode iterates
+  int num_references_ = 0;
+  double error_at_switch_ = 0;     // optimality error when the monotone rule took over
+  int filter_blocks_ = 0;          // iterations in a row in which the filter refused a trial
+  int filter_resets_ = 0;
 };
 
 }  // namespace kx::solvers::biopt
