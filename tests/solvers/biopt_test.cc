@@ -212,7 +212,9 @@ TEST(Biopt, ConvergesOnSquareSystemsWithInactiveBounds) {
       for (size_t i = 0; i < c.size(); ++i) EXPECT_NEAR(c[i], cl[i], 10 * tol);
       // Parameters are fixed variables and carry sensitivities; the free ones sit inside.
       for (size_t j = 0; j < r.x.size(); ++j) {
-        if (xl[j] != xu[j]) EXPECT_LE(r.z_lower[j] + r.z_upper[j], tol);
+        if (xl[j] != xu[j]) {
+          EXPECT_LE(r.z_lower[j] + r.z_upper[j], tol);
+        }
       }
     }
   }
