@@ -1,0 +1,105 @@
+#include "solvers/dispatch.h"
+
+#include <gtest/gtest.h>
+
+#include "base/report.h"
+#include "solvers/status.h"
+#include "testing/nlp_suite.h"
+#include "testing/scratch_dir.h"
+
+namespace kx::solvers {
+namespace {
+
+constexpr const char* kModel =
+    "Model d\n  Variables\n    x = 3\n  End Variables\n  Equations\n"
+    "    x >= 1\n    minimize (x - 2)^2\n  End Equations\nEnd Model\n";
+
+// The model's problem, claiming to have no second derivatives.
+class NoHessian : public Problem {
+ public:
+  explicit NoHessian(Problem& p) : p_(p) {}
+  int num_vars() override { return p_.num_vars(); }
+  int num_cons() override { return p_.num_cons(); }
+  int nnz_jac() override { return p_.nnz_jac(); }
+  int nnz_hess() override { return p_.nnz_hess(); }
+  bool has_hessian() override { return false; }
+  void Bounds(std::span<double> l, std::span<double> u) override { p_.Bounds(l, u); }
+  void ConstraintBounds(std::span<double> l, std::span<double> u) override {
+    p_.ConstraintBounds(l, u);
+  }
+  void Start(std::span<double> x) override { p_.Start(x); }
+  void JacobianStructure(std::span<int> r, std::span<int> c) override {
+    p_.JacobianStructure(r, c);
+  }
+  void HessianStructure(std::span<int> r, std::span<int> c) override {
+    ADD_FAILURE() << "Hessian structure asked for";
+  }
+  bool Objective(std::span<const double> x, double& f) override { return p_.Objective(x, f); }
+  bool Gradient(std::span<const double> x, std::span<double> g) override {
+    return p_.Gradient(x, g);
+  }
+  bool Constraints(std::span<const double> x, std::span<double> c) override {
+    return p_.Constraints(x, c);
+  }
+  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
+    return p_.JacobianValues(x, v);
+  }
+  bool HessianValues(std::span<const double>, double, std::span<const double>,
+                     std::span<double>) override {
+    ADD_FAILURE() << "Hessian values asked for";
+    return false;
+  }
+
+ private:
+  Problem& p_;
+};
+
+TEST(Dispatch, EachNumberReachesItsSolverAndOthersFallBackToTheDefault) {
+  struct Case {
+    int solver;
+    const char* banner;    // line the called solver prints
+    const char* fallback;  // "" when the number is supported
+  };
+  const Case cases[] = {
+      {1, "Steady State Optimization with ASOPT Solver", ""},
+      {2, "Steady State Optimization with BIOPT Solver", ""},
+      {3, "Steady State Optimization with Interior Point Solver", ""},
+      {4, "Steady State Optimization with Interior Point Solver", ""},
+      {5, "Steady State Optimization with ASOPT Solver",
+       "solver 5 not supported\nusing default solver: ASOPT\n"},
+      {6, "Steady State Optimization with ASOPT Solver",
+       "solver 6 not supported\nusing default solver: ASOPT\n"},
+      {9, "Steady State Optimization with ASOPT Solver",
+       "solver 9 not supported\nusing default solver: ASOPT\n"},
+  };
+  testing::WorkingDir dir("kx_dispatch");
+  for (const Case& c : cases) {
+    auto m = testing::LoadModelText(kModel);
+    OutputCapture out;
+    SolverResult r = DispatchSolver(c.solver, *m->problem, SolverSettings{});
+    EXPECT_EQ(r.status, 0) << c.solver << out.text();
+    EXPECT_NEAR(r.objective, 0.0, 1e-6) << c.solver;
+    EXPECT_TRUE(out.Contains(c.banner)) << c.solver;
+    EXPECT_EQ(out.text().rfind(c.fallback, 0), 0u) << c.solver << out.text();
+  }
+}
+
+TEST(Dispatch, BioptWithoutSecondDerivativesDoesNotSolve) {
+  auto m = testing::LoadModelText(kModel);
+  NoHessian problem(*m->problem);
+  OutputCapture out;
+  SolverResult r = DispatchSolver(2, problem, SolverSettings{});
+  EXPECT_EQ(r.status, kBadInputs);
+  EXPECT_EQ(out.text(), "BIOPT: l-BFGS not available\n");
+}
+
+TEST(Dispatch, DisplayNamesAreTwelveCharacters) {
+  const char* names[] = {"ASOPT (v1.0)", "BIOPT (v1.0)", "IPOPT (v3.9)",
+                         "IPOPT (v2.3)", "SNOPT (v6.1)", "MINOS (v5.5)"};
+  for (int s = 1; s <= 6; ++s) EXPECT_EQ(SolverDisplayName(s), names[s - 1]);
+  EXPECT_EQ(SolverDisplayName(0), "");
+  EXPECT_EQ(SolverDisplayName(7), "");
+}
+
+}  // namespace
+}  // namespace kx::solvers
