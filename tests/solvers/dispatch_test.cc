@@ -4,6 +4,7 @@
 
 #include "base/report.h"
 #include "solvers/status.h"
+#include "testing/forwarding_problem.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
@@ -15,43 +16,18 @@ constexpr const char* kModel =
     "    x >= 1\n    minimize (x - 2)^2\n  End Equations\nEnd Model\n";
 
 // The model's problem, claiming to have no second derivatives.
-class NoHessian : public Problem {
+class NoHessian : public testing::ForwardingProblem {
  public:
-  explicit NoHessian(Problem& p) : p_(p) {}
-  int num_vars() override { return p_.num_vars(); }
-  int num_cons() override { return p_.num_cons(); }
-  int nnz_jac() override { return p_.nnz_jac(); }
-  int nnz_hess() override { return p_.nnz_hess(); }
+  using ForwardingProblem::ForwardingProblem;
   bool has_hessian() override { return false; }
-  void Bounds(std::span<double> l, std::span<double> u) override { p_.Bounds(l, u); }
-  void ConstraintBounds(std::span<double> l, std::span<double> u) override {
-    p_.ConstraintBounds(l, u);
-  }
-  void Start(std::span<double> x) override { p_.Start(x); }
-  void JacobianStructure(std::span<int> r, std::span<int> c) override {
-    p_.JacobianStructure(r, c);
-  }
-  void HessianStructure(std::span<int> r, std::span<int> c) override {
+  void HessianStructure(std::span<int>, std::span<int>) override {
     ADD_FAILURE() << "Hessian structure asked for";
-  }
-  bool Objective(std::span<const double> x, double& f) override { return p_.Objective(x, f); }
-  bool Gradient(std::span<const double> x, std::span<double> g) override {
-    return p_.Gradient(x, g);
-  }
-  bool Constraints(std::span<const double> x, std::span<double> c) override {
-    return p_.Constraints(x, c);
-  }
-  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
-    return p_.JacobianValues(x, v);
   }
   bool HessianValues(std::span<const double>, double, std::span<const double>,
                      std::span<double>) override {
     ADD_FAILURE() << "Hessian values asked for";
     return false;
   }
-
- private:
-  Problem& p_;
 };
 
 TEST(Dispatch, EachNumberReachesItsSolverAndOthersFallBackToTheDefault) {

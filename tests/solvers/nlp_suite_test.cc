@@ -10,6 +10,7 @@
 
 #include "base/report.h"
 #include "solvers/ipopt_call.h"
+#include "testing/forwarding_problem.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
@@ -61,51 +62,25 @@ INSTANTIATE_TEST_SUITE_P(Suite, MinlpFileTest, ::testing::ValuesIn(testing::Minl
 
 // The problem with its integer variables held at given values; multi-start support through a
 // replaceable starting point.
-class FixedIntegers : public Problem {
+class FixedIntegers : public testing::ForwardingProblem {
  public:
-  FixedIntegers(Problem& base, const std::vector<int>& vars) : base_(base), vars_(vars) {}
+  FixedIntegers(Problem& base, const std::vector<int>& vars)
+      : ForwardingProblem(base), vars_(vars) {}
   std::vector<double> values;  // one per integer variable
   std::vector<double> start;   // starting point; empty: the problem's own
 
-  int num_vars() override { return base_.num_vars(); }
-  int num_cons() override { return base_.num_cons(); }
-  int nnz_jac() override { return base_.nnz_jac(); }
-  int nnz_hess() override { return base_.nnz_hess(); }
   void Bounds(std::span<double> xl, std::span<double> xu) override {
     base_.Bounds(xl, xu);
     for (size_t k = 0; k < vars_.size(); ++k) xl[vars_[k]] = xu[vars_[k]] = values[k];
-  }
-  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
-    base_.ConstraintBounds(cl, cu);
   }
   void Start(std::span<double> x) override {
     if (start.empty()) base_.Start(x);
     else std::copy(start.begin(), start.end(), x.begin());
     for (size_t k = 0; k < vars_.size(); ++k) x[vars_[k]] = values[k];
   }
-  void JacobianStructure(std::span<int> r, std::span<int> c) override {
-    base_.JacobianStructure(r, c);
-  }
-  void HessianStructure(std::span<int> r, std::span<int> c) override {
-    base_.HessianStructure(r, c);
-  }
-  bool Objective(std::span<const double> x, double& f) override { return base_.Objective(x, f); }
-  bool Gradient(std::span<const double> x, std::span<double> g) override {
-    return base_.Gradient(x, g);
-  }
-  bool Constraints(std::span<const double> x, std::span<double> c) override {
-    return base_.Constraints(x, c);
-  }
-  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
-    return base_.JacobianValues(x, v);
-  }
-  bool HessianValues(std::span<const double> x, double of, std::span<const double> l,
-                     std::span<double> v) override {
-    return base_.HessianValues(x, of, l, v);
-  }
+  std::vector<int> IntegerVariables() override { return {}; }  // held: a plain NLP
 
  private:
-  Problem& base_;
   const std::vector<int>& vars_;
 };
 
