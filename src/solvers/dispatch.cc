@@ -26,6 +26,15 @@ constexpr std::array<DisplayName, 6> kNames = {{{'A', "SOPT (v1.0)"},
                                                   {'S', "NOPT (v6.1)"},
                                                   {'M', "INOS (v5.5)"}}};
 
+// Only ASOPT branches on integer variables; the others solve the relaxation and say so.
+void WarnRelaxation(Problem& problem, std::string_view solver) {
+  const size_t count = problem.IntegerVariables().size();
+  if (count > 0)
+    Sayf("WARNING: {} solves the continuous relaxation: its {} integer variables may end "
+         "between integers (only ASOPT branches on them)",
+         solver, count);
+}
+
 SolverResult CallBiopt(Problem& problem, const SolverSettings& settings) {
   if (!problem.has_hessian()) {
     Say("BIOPT: l-BFGS not available");
@@ -33,6 +42,7 @@ SolverResult CallBiopt(Problem& problem, const SolverSettings& settings) {
     r.status = kBadInputs;
     return r;
   }
+  WarnRelaxation(problem, "BIOPT");
   return SolveBiopt(problem, settings);
 }
 
@@ -52,6 +62,7 @@ SolverResult DispatchSolver(int solver, Problem& problem, const SolverSettings& 
       return CallBiopt(problem, settings);
     case 3:
     case 4:
+      WarnRelaxation(problem, "IPOPT");
       return SolveIpopt(problem, settings);
     default:
       Sayf("solver {} not supported", solver);

@@ -155,6 +155,31 @@ TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
   EXPECT_EQ(Read("results.csv"), "time,p,y\n0,1,2\n");
 }
 
+// Variables named int... are integers: the default solver branches on them, the others solve
+// the relaxation and say so.
+TEST_F(SteadyCycle, IntegerVariablesAreBranchedOnByTheDefaultSolverOnly) {
+  Write("app.zpm",
+        "Model app\n  Variables\n    int1 = 0, >= -5, <= 10\n    int2 = 0, >= -5, <= 10\n"
+        "    z = 0, >= -10, <= 10\n  End Variables\n  Equations\n    int1 + int2 + z >= 2.5\n"
+        "    minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2\n"
+        "  End Equations\nEnd Model\n");
+  RunResult r = Run("app");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("| MINLP Iter: 2\n")) << r.out;
+  EXPECT_TRUE(r.Has("--Integer Solution: "));
+  std::string csv = Read("results.csv");
+  EXPECT_EQ(csv.substr(0, csv.rfind(',')), "time,int1,int2,z\n0,4,-2");
+  EXPECT_NEAR(DbsValue(Read("app.dbs"), "NLC.OBJFCNVAL"), -2.77, 1e-6);
+
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "rto.t0");
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "lam.t0");
+  r = Run("app -ipopt");
+  EXPECT_TRUE(r.Has("WARNING: IPOPT solves the continuous relaxation: its 2 integer variables "
+                    "may end between integers (only ASOPT branches on them)\n"))
+      << r.out;
+  EXPECT_LT(DbsValue(Read("app.dbs"), "NLC.OBJFCNVAL"), -3.2);  // the relaxation's optimum
+}
+
 TEST_F(SteadyCycle, DiagnosticLevelTwoWritesTheWarmStartFilesAndListings) {
   Write("app.zpm", kHs071);
   Write("overrides.dbs", "ZPM.DIAGLEVEL = 2\n");
