@@ -174,6 +174,7 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
     access.EvaluateResiduals();
     ReportStartingPoint(access, /*dynamic=*/true, state.diaglevel);
   }
+  CheckSimulationDof(access, imode);
   DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, /*dynamic=*/true, state.app);
   ReadStartMultipliers(state, access, problem);

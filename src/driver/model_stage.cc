@@ -109,6 +109,7 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
     model::EvaluateInitialState(&m.base);
     ReportStartingPoint(access, /*dynamic=*/false, state.diaglevel);
   }
+  CheckSimulationDof(access, imode);
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
   DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);

@@ -17,6 +17,10 @@ void ReportStartingPoint(model::ModelAccess& access, bool dynamic, int diaglevel
   Sayf("Hessian non-zeros     : {}", model::zpm_nnzh(access, shape));
   Sayf("Objective at start    : {}", FormatReal(access.Objective(false)));
   if (diaglevel >= 1) model::zpm_dof(access, dynamic ? 12 : 2);
+}
+
+void CheckSimulationDof(model::ModelAccess& access, int imode) {
+  if (imode == 1 || imode == 4) model::zpm_dof(access, imode == 4 ? 13 : 3);
   const lang::DomainErrors& errors = access.store().start_errors;
   if (errors.Total() > 0) errors.Report();
 }

@@ -12,6 +12,10 @@ namespace kx::driver {
 // must be evaluated at the starting point.
 void ReportStartingPoint(model::ModelAccess& access, bool dynamic, int diaglevel);
 
+// A simulation (IMODE 1 or 4) must be square: otherwise the degrees of freedom are printed and
+// the run stops with "* Error: DOF must be zero for this mode".
+void CheckSimulationDof(model::ModelAccess& access, int imode);
+
 // Says that `what` is not built; the cycle ends as a failed cycle (returns -1).
 int NotSolved(CycleState& state, std::string_view what);
 

@@ -78,6 +78,16 @@ TEST_F(DynamicCycle, HorizonFromTheOptionsWithoutADataFile) {
   EXPECT_EQ(Lines(Read("results.csv")).size(), 12u);
 }
 
+TEST_F(DynamicCycle, ASimulationMustBeSquare) {
+  std::string model = Read("tank.zpm");
+  model.insert(model.find("  End Variables"), "    spare = 0\n");  // in no equation
+  Write("tank.zpm", model);
+  RunResult r = Run("tank");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.Has("* Error: DOF must be zero for this mode\nSTOPPING...\n")) << r.out;
+  EXPECT_FALSE(r.Has("Solver         :"));
+}
+
 // Inputs that stop the cycle before anything is replicated, grouped by cause.
 TEST_F(DynamicCycle, BadHorizonInputsStopTheCycle) {
   struct Case {
