@@ -90,7 +90,8 @@ void WriteDatabase(const CycleState& state, int solve_status) {
 // "results.csv" (unless CSV_WRITE is 0) and "results.json" from the model of the cycle.
 void WriteResults(const CycleState& state) {
   if (!state.model) return;
-  files::ResultsTable table = files::SteadyResults(state.model->store);
+  files::ResultsTable table = state.model->horizon ? files::DynamicResults(*state.model->horizon, state.model->base)
+                                                    : files::SteadyResults(state.model->base);
   if (state.store.Int("CSV_WRITE") != 0) files::WriteResultsCsv("results.csv", table);
   files::WriteResultsJson("results.json", table);
 }
@@ -98,7 +99,7 @@ void WriteResults(const CycleState& state) {
 // The diagnostic files of DIAGLEVEL >= 2: the warm-start files and the model listings.
 void WriteDiagnosticFiles(const CycleState& state) {
   if (!state.model) return;
-  model::ModelStore& store = state.model->store;
+  model::ModelStore& store = state.model->solved();
   files::WriteRestart("warm.t0", store, /*calculated_only=*/true);
   files::WriteMultipliers("lam.t0", *state.model->access);
   for (int imsg = 21; imsg <= 28; ++imsg)

@@ -12,14 +12,19 @@
 #include "dbs/option_store.h"
 #include "driver/command_line.h"
 #include "files/file_routine.h"
+#include "horizon/replicate.h"
 #include "model/access.h"
 
 namespace kx::driver {
 
 // The model of the cycle, kept by the cycle so the epilogue can write its files.
 struct CycleModel {
-  model::ModelStore store;
-  std::unique_ptr<model::ModelAccess> access;  // over `store`
+  model::ModelStore base;                      // the model as built: one copy of everything
+  std::unique_ptr<horizon::Horizon> horizon;   // dynamic modes: the model over the horizon
+  std::unique_ptr<model::ModelAccess> access;  // over solved()
+
+  // The store the solver works on: the replicated one in the dynamic modes.
+  model::ModelStore& solved() { return horizon ? horizon->store : base; }
 };
 
 // What the prologue hands to the model stage.

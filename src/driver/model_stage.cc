@@ -108,12 +108,12 @@ void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
 int SolveSteadyState(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
   const bool warm = ReadRestartFile(state);
-  if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.store);
+  if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.base);
   model::ModelAccess& access = *m.access;
   access.Invalidate();
   {
     ScopedTimer timer("Structure and starting point");
-    model::EvaluateInitialState(&m.store);
+    model::EvaluateInitialState(&m.base);
     ReportStartingPoint(access, state.diaglevel);
   }
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
@@ -121,7 +121,7 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
   solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
   ReadStartMultipliers(state, access, problem);
   const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
-  WriteModelToClasses(m.store, state.store);
+  WriteModelToClasses(m.base, state.store);
   // The restart file and the multipliers in "lam.t0" carry a good solution to the next
   // cycle's warm start; at DIAGLEVEL >= 2 the restart file is written after a failed solve
   // too, so the last iterate can be inspected.
@@ -136,11 +136,11 @@ int RunModelStage(CycleState& state) {
   auto m = std::make_unique<CycleModel>();
   {
     ScopedTimer timer("Model build");
-    m->store = model::BuildModel(state.model_file, BuildOptionsOf(state));
+    m->base = model::BuildModel(state.model_file, BuildOptionsOf(state));
   }
-  ReadVariableClasses(state, m->store);
-  if (state.diaglevel >= 2) model::WriteByteCodeListing(m->store, "model_bytecode.txt");
-  m->access = std::make_unique<model::ModelAccess>(m->store);
+  ReadVariableClasses(state, m->base);
+  if (state.diaglevel >= 2) model::WriteByteCodeListing(m->base, "model_bytecode.txt");
+  m->access = std::make_unique<model::ModelAccess>(m->base);
   state.files->set_model(m->access.get());
   state.model = std::move(m);
   const int imode = state.flags.imode;

@@ -22,6 +22,12 @@ size_t NodePrefixLength(std::string_view s) {
   return i + 2;
 }
 
+// The name a variable has in a restart file: "ss.NAME" in steady state; copies over a horizon
+// carry their "p(k).n(j)." names already.
+std::string WrittenName(const model::Variable& v) {
+  return v.number_h > 0 ? v.name : std::string(kSteadyPrefix) + v.name;
+}
+
 // Splits "NAME = VALUE [*]" into an entry; false for anything else.
 bool ParseLine(std::string_view line, RestartEntry* e) {
   std::string_view t = Trim(line);
@@ -38,13 +44,16 @@ bool ParseLine(std::string_view line, RestartEntry* e) {
   return !e->name.empty();
 }
 
-// Model variables by name (aliases included) -> number.
-std::unordered_map<std::string, int> NumbersByName(const model::ModelStore& store) {
-  std::unordered_map<std::string, int> map;
+// Model variables by name (aliases included) -> numbers. By root, every copy of a variable
+// over a horizon answers to its root name.
+std::unordered_map<std::string, std::vector<int>> NumbersByName(const model::ModelStore& store,
+                                                                bool by_root) {
+  std::unordered_map<std::string, std::vector<int>> map;
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
-    map.emplace(v.name, n);
-    for (const std::string& a : v.aliases) map.emplace(a, n);
+    if (v.vtype == model::kVarStepLength) continue;
+    map[by_root ? RootName(v.name) : v.name].push_back(n);
+    for (const std::string& a : v.aliases) map[by_root ? RootName(a) : a].push_back(n);
   }
   return map;
 }
@@ -55,11 +64,16 @@ void Apply(model::Variable& v, const RestartEntry& e, bool value, bool specs) {
 }
 
 // True when the file lists the model's variables in solver order.
+// (Step lengths of a horizon come after every other variable and are never written.)
 bool SameOrder(const std::vector<RestartEntry>& entries, const model::ModelStore& store) {
-  if (static_cast<int>(entries.size()) != store.nvar) return false;
-  for (int n = 1; n <= store.nvar; ++n)
-    if (RootName(entries[n - 1].name) != store.Var(n).name) return false;
-  return true;
+  if (static_cast<int>(entries.size()) > store.nvar) return false;
+  for (int n = 1; n <= store.nvar; ++n) {
+    const model::Variable& v = store.Var(n);
+    if (v.vtype == model::kVarStepLength) return n - 1 == static_cast<int>(entries.size());
+    if (n > static_cast<int>(entries.size()) || entries[n - 1].name != WrittenName(v))
+      return false;
+  }
+  return static_cast<int>(entries.size()) == store.nvar;
 }
 
 void ReadByPosition(const std::vector<RestartEntry>& entries, model::ModelStore& store,
@@ -72,26 +86,30 @@ void ReadByPosition(const std::vector<RestartEntry>& entries, model::ModelStore&
 
 void ReadByName(const std::vector<RestartEntry>& entries, RestartRead how,
                 model::ModelStore& store, RestartStats* stats) {
-  const auto numbers = NumbersByName(store);
+  const auto numbers = NumbersByName(store, how != RestartRead::kByName);
   const bool specs = how == RestartRead::kSpecsOnly || how == RestartRead::kByRootWithSpecs ||
                      how == RestartRead::kSmart;
   const bool values = how != RestartRead::kSpecsOnly;
   for (const RestartEntry& e : entries) {
-    std::string key;
-    if (how == RestartRead::kByName) {
-      if (StartsWith(e.name, kSteadyPrefix)) key = e.name.substr(kSteadyPrefix.size());
-    } else {
+    std::string key = e.name;
+    if (how != RestartRead::kByName) {
       key = RootName(e.name);
+    } else if (StartsWith(e.name, kSteadyPrefix)) {
+      key = e.name.substr(kSteadyPrefix.size());
     }
     auto it = numbers.find(key);
     if (it == numbers.end()) {
       ++stats->unmatched;
       continue;
     }
-    model::Variable& v = store.Var(it->second);
-    if (how == RestartRead::kCalculatedOnly && v.fixed) continue;
-    Apply(v, e, values, specs);
-    ++stats->matched;
+    bool applied = false;
+    for (int n : it->second) {
+      model::Variable& v = store.Var(n);
+      if (how == RestartRead::kCalculatedOnly && v.fixed) continue;
+      Apply(v, e, values, specs);
+      applied = true;
+    }
+    stats->matched += applied;
   }
 }
 
@@ -139,8 +157,8 @@ bool WriteRestart(const std::string& path, const model::ModelStore& store, bool 
                                  store.nvar, calculated_only ? " (calculated only)" : "");
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
-    if (calculated_only && v.fixed) continue;
-    text += fmt::format("{}{} = {:.17g}{}\n", kSteadyPrefix, v.name, v.val, v.fixed ? "" : " *");
+    if ((calculated_only && v.fixed) || v.vtype == model::kVarStepLength) continue;
+    text += fmt::format("{} = {:.17g}{}\n", WrittenName(v), v.val, v.fixed ? "" : " *");
   }
   return dbs::WriteFileAtomically(path, text);
 }

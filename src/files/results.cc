@@ -32,6 +32,23 @@ ResultsTable SteadyResults(const model::ModelStore& store) {
   return t;
 }
 
+ResultsTable DynamicResults(const horizon::Horizon& horizon, const model::ModelStore& base) {
+  ResultsTable t;
+  const horizon::TimeGrid& grid = horizon.grid;
+  std::vector<int> points;
+  for (int k = 0; k <= grid.num_steps(); ++k) points.push_back(k * (grid.nodes - 1));
+  for (int p : points) t.time.push_back(grid.times[p]);
+  for (const model::Variable& v : base.vars) {
+    if (v.vtype == model::kVarSlack || v.slack) continue;
+    const int number = Survivor(base, v).number;
+    std::vector<double> column;
+    for (int p : points) column.push_back(horizon.store.Var(horizon.Number(p, number)).val);
+    t.names.push_back(v.name);
+    t.values.push_back(std::move(column));
+  }
+  return t;
+}
+
 bool WriteResultsCsv(const std::string& path, const ResultsTable& table) {
   std::string text = "time";
   for (const std::string& n : table.names) text += "," + n;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "horizon/replicate.h"
 #include "model/records.h"
 
 namespace kx::files {
@@ -20,6 +21,10 @@ struct ResultsTable {
 // One row at time 0 with the current values; a name absorbed by a connection reports the
 // value of the variable it was merged into.
 ResultsTable SteadyResults(const model::ModelStore& store);
+
+// One row per step boundary of the horizon (the horizon start and the end of every step),
+// the values taken from the replicated model.
+ResultsTable DynamicResults(const horizon::Horizon& horizon, const model::ModelStore& base);
 
 bool WriteResultsCsv(const std::string& path, const ResultsTable& table);
 bool WriteResultsJson(const std::string& path, const ResultsTable& table);
