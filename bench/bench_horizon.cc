@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "reactor_model.h"
 #include "horizon/horizon.h"
 #include "model/access.h"
 #include "model/builder.h"
@@ -32,34 +33,6 @@ namespace {
 constexpr int kNodes = 3;
 constexpr double kStepLength = 0.05;
 
-const char* const kReactorModel = R"(Model cstr
-  Parameters
-    q = 100
-    v = 100
-    rho = 1000
-    cp = 0.239
-    mdelh = 5e4
-    er = 8750
-    k0 = 7.2e10
-    ua = 5e4
-    tf = 350
-    caf = 1
-    tc = 300
-  End Parameters
-  Variables
-    ca = 0.87, >= 0
-    t = 324.5, >= 250, <= 500
-    rate = 0
-    qgen = 0
-  End Variables
-  Equations
-    rate = k0*exp(-er/t)*ca
-    qgen = mdelh*v*rate
-    v*$ca = q*(caf - ca) - v*rate
-    rho*cp*v*$t = q*rho*cp*(tf - t) + qgen + ua*(tc - t)
-  End Equations
-End Model
-)";
 
 const model::ModelStore& Reactor() {
   static const model::ModelStore store = [] {

@@ -6,7 +6,7 @@ packages=(
   build-essential cmake pkg-config
   libgtest-dev googletest libbenchmark-dev
   coinor-libipopt-dev libmumps-seq-dev libsuitesparse-dev
-  nlohmann-json3-dev libfmt-dev
+  nlohmann-json3-dev libfmt-dev libsundials-dev
 )
 
 missing=()

@@ -39,6 +39,7 @@ void ApplyOne(const dbs::OptionStore& o, const dbs::Variable& cv, int imode, mod
 }  // namespace
 
 void ApplyClassesToModel(const dbs::OptionStore& options, int imode, model::ModelStore& store) {
+  if (options.variables().empty()) return;
   auto records = RecordsByName(store);
   for (const dbs::Variable& cv : options.variables()) {
     auto it = records.find(cv.name);
@@ -47,6 +48,7 @@ void ApplyClassesToModel(const dbs::OptionStore& options, int imode, model::Mode
 }
 
 void WriteModelToClasses(const model::ModelStore& store, dbs::OptionStore& options) {
+  if (options.variables().empty()) return;
   auto records = RecordsByName(const_cast<model::ModelStore&>(store));
   for (const dbs::Variable& cv : options.variables()) {
     auto it = records.find(cv.name);

@@ -9,8 +9,11 @@
 #include "base/timers.h"
 #include "driver/classes.h"
 #include "driver/solve_stage.h"
+#include "driver/dynamic_stage.h"
+#include "driver/stage_steps.h"
 #include "files/file_routine.h"
 #include "files/restart.h"
+#include "horizon/data_file.h"
 #include "model/access.h"
 #include "model/builder.h"
 #include "model/diagnostics.h"
@@ -55,26 +58,6 @@ void ReadVariableClasses(CycleState& state, const model::ModelStore& store) {
   if (std::filesystem::exists(info)) files::zpm_files(35, info);
 }
 
-// Sizes and values a solver starts from. The builder has evaluated the residuals already.
-void ReportStartingPoint(model::ModelAccess& access, int diaglevel) {
-  Sayf("Number of variables   : {}", access.nvar());
-  Sayf("Number of constraints : {}", access.NumRows());
-  Sayf("Jacobian non-zeros    : {}", model::zpm_nnz(access, 1));
-  Sayf("Hessian non-zeros     : {}", model::zpm_nnzh(access, 1));
-  Sayf("Objective at start    : {}", FormatReal(access.Objective(false)));
-  if (diaglevel >= 1) model::zpm_dof(access, 2);
-  const lang::DomainErrors& errors = access.store().start_errors;
-  if (errors.Total() > 0) errors.Report();
-}
-
-int NotSolved(CycleState& state, std::string_view what) {
-  Sayf("The {} is not available yet: the model was built and checked, nothing was solved.",
-       what);
-  state.store.SetGlobal("APPSTATUS", 0);
-  state.store.SetGlobal("SOLVESTATUS", 0);
-  return -1;
-}
-
 // The steady-state initial condition: "rto.t0" when it exists, else "ss.t0". A warm start
 // reads values and, with SPECS, the fixed/calculated marks (smart read); a cold start reads
 // the values by root name only. True when a warm start read a file.
@@ -89,33 +72,44 @@ bool ReadRestartFile(const CycleState& state) {
   return files::zpm_files(cold ? 4 : (specs ? 8 : 1), file) == 0 && !cold;
 }
 
-// Derivative verification runs by DIAGLEVEL before the solve; it is not built yet.
-void DerivativeChecks(int diaglevel) {
-  if (diaglevel >= 5)
-    Sayf("Derivative checks (DIAGLEVEL {}) are not available yet: no check was run", diaglevel);
-}
-
-// Multipliers of a warm start from "lam.t0", when that file exists.
-void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
-                          solvers::ModelProblem& problem) {
-  if (state.store.Int("COLDSTART") > 0 || !std::filesystem::exists("lam.t0")) return;
-  if (files::zpm_files(12, "lam.t0") != 0) return;
-  problem.start_multipliers.resize(access.NumRows());
-  for (int r = 1; r <= access.NumRows(); ++r)
-    problem.start_multipliers[r - 1] = access.Row(r).lambda;
+// The data file in steady state: its first row gives the parameters (and, with CSV_READ = 2,
+// the variables' starting values) that have a column. A column naming nothing in the model is
+// reported once.
+void ApplyDataRow(const CycleState& state, model::ModelStore& store) {
+  const int csv_read = state.store.Int("CSV_READ");
+  if (csv_read <= 0) return;
+  std::optional<horizon::DataFile> data = horizon::ReadDataFile(state.app + ".csv");
+  if (!data || data->num_rows == 0) return;
+  std::unordered_map<std::string, model::Variable*> by_name;
+  for (int n = 1; n <= store.nvar; ++n) by_name.emplace(store.Var(n).name, &store.Var(n));
+  for (int c = 0; c < data->num_columns(); ++c) {
+    const std::string& name = data->columns[c];
+    if (name == "time") continue;
+    auto it = by_name.find(name);
+    if (it == by_name.end()) {
+      Sayf("WARNING: data column \"{}\" is not a parameter or variable of the model: ignored",
+           name);
+      continue;
+    }
+    const double v = data->At(0, c);
+    const bool parameter = it->second->vtype == model::kVarParameter;
+    if (!horizon::DataFile::IsNoValue(v) && (parameter || csv_read >= 2)) it->second->val = v;
+  }
 }
 
 int SolveSteadyState(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
   const bool warm = ReadRestartFile(state);
+  ApplyDataRow(state, m.base);
   if (state.flags.dbs_read != 0) ApplyClassesToModel(state.store, imode, m.base);
   model::ModelAccess& access = *m.access;
   access.Invalidate();
   {
     ScopedTimer timer("Structure and starting point");
     model::EvaluateInitialState(&m.base);
-    ReportStartingPoint(access, state.diaglevel);
+    ReportStartingPoint(access, /*dynamic=*/false, state.diaglevel);
   }
+  CheckSimulationDof(access, imode);
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
   DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
@@ -145,7 +139,7 @@ int RunModelStage(CycleState& state) {
   state.model = std::move(m);
   const int imode = state.flags.imode;
   if (imode == 2) return NotSolved(state, "data-set mode (IMODE 2, parameter estimation)");
-  if (imode >= 4) return NotSolved(state, "time horizon for dynamic modes");
+  if (imode >= 4) return SolveDynamic(state, *state.model);
   return SolveSteadyState(state, *state.model);
 }
 

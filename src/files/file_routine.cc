@@ -11,6 +11,7 @@
 #include "dbs/options_json.h"
 #include "files/dumps.h"
 #include "files/files_help.h"
+#include "files/horizon_files.h"
 #include "files/restart.h"
 
 namespace kx::files {
@@ -75,6 +76,14 @@ int FileRoutine::Run(int imsg, std::string_view filename) {
                  : 1;
     default:
       break;
+  }
+  if ((imsg == 66 || imsg == 83) && horizon_ != nullptr) {
+    if (imsg == 66)
+      return WriteInitialConditions(filename.empty() ? "ic.t0" : std::string(Trim(filename)),
+                                    *horizon_, *base_)
+                 ? 0
+                 : 1;
+    return WriteDerivatives(std::string(Trim(filename)), *horizon_) ? 0 : 1;
   }
   if ((imsg >= 1 && imsg <= 8) || imsg == 11 || imsg == 12 || (imsg >= 21 && imsg <= 28))
     return RunModelRequest(imsg, filename);

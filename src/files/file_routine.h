@@ -3,7 +3,8 @@
 // the help). Each call is timed under the "zpm_files" timer.
 //
 // Built requests: 0 help; 1-8 restart reads and writes, 11 "warm.t0", 12 "lam.t0", 21-28 the
-// model listings (these need the model, see set_model); 34 dummy sparsity.unt; 31 and 35 info
+// model listings (these need the model, see set_model); 66 "ic.t0" and 83 derivatives (these
+// need a horizon, see set_horizon); 34 dummy sparsity.unt; 31 and 35 info
 // file (variable classes into the store); 51 read a DBS file; 52/53 write the application's
 // DBS file after a good/bad solution (with the cycle bookkeeping of dbs/cycle_outcome.h); 55
 // register the header (variables of APP.info) and read a DBS file; 56 options.json. Codes 13
@@ -16,6 +17,7 @@
 
 #include "dbs/option_store.h"
 #include "files/info_file.h"
+#include "horizon/replicate.h"
 #include "model/access.h"
 
 namespace kx::files {
@@ -29,6 +31,11 @@ class FileRoutine {
   void set_model_kind(ModelKindFn fn) { model_kind_ = std::move(fn); }
   // The model the restart and listing requests work on; null when there is none (yet).
   void set_model(model::ModelAccess* access) { model_ = access; }
+  // The horizon of a dynamic solve and the model it replicates (requests 66 and 83).
+  void set_horizon(const horizon::Horizon* horizon, const model::ModelStore* base) {
+    horizon_ = horizon;
+    base_ = base;
+  }
   const std::string& app() const { return app_; }
 
   // Carries out request `imsg` on `filename`; returns 0 when done, 1 when the request did
@@ -46,6 +53,8 @@ class FileRoutine {
   std::string app_;
   ModelKindFn model_kind_;        // empty until the model stage provides it
   model::ModelAccess* model_ = nullptr;  // restart and listing requests; null: no model
+  const horizon::Horizon* horizon_ = nullptr;  // requests 66 and 83; null: no horizon
+  const model::ModelStore* base_ = nullptr;    // the model the horizon replicates
   bool info_registered_ = false;  // APP.info read into the store by request 55
 };
 

@@ -17,7 +17,9 @@ const model::Variable& Survivor(const model::ModelStore& store, const model::Var
 }
 
 // NaN and Inf have no JSON literal: they are written as null.
-nlohmann::json Number(double v) { return std::isfinite(v) ? nlohmann::json(v) : nlohmann::json(); }
+nlohmann::ordered_json Number(double v) {
+  return std::isfinite(v) ? nlohmann::ordered_json(v) : nlohmann::ordered_json();
+}
 
 }  // namespace
 
@@ -62,12 +64,16 @@ bool WriteResultsCsv(const std::string& path, const ResultsTable& table) {
 }
 
 bool WriteResultsJson(const std::string& path, const ResultsTable& table) {
-  nlohmann::ordered_json j;
-  j["time"] = table.time;
+  // The columns go straight onto the ordered object's list: keyed insertion searches the
+  // keys already there, which is quadratic in the number of columns. Names are unique.
+  nlohmann::ordered_json j = nlohmann::ordered_json::object();
+  auto& members = j.get_ref<nlohmann::ordered_json::object_t&>();
+  members.reserve(table.names.size() + 1);
+  members.emplace_back("time", table.time);
   for (size_t c = 0; c < table.names.size(); ++c) {
-    nlohmann::json column = nlohmann::json::array();
+    nlohmann::ordered_json column = nlohmann::ordered_json::array();
     for (double v : table.values[c]) column.push_back(Number(v));
-    j[table.names[c]] = column;
+    members.emplace_back(table.names[c], std::move(column));
   }
   return dbs::WriteFileAtomically(path, j.dump(1) + "\n");
 }

@@ -108,6 +108,8 @@ class ModelAccess {
   // ----- residuals and multipliers (access_eqns.cc) -----
   // Evaluates every equation that has a program; stores the residuals in the records.
   void EvaluateResiduals();
+  // The same for the constraint rows only (the solvers' residual callback).
+  void EvaluateConstraintRows();
   // Residuals of the constraint rows (active) or of all equations, from the records.
   void GetResiduals(bool active_only, bool scaled, std::span<double> y);
   void SetMultipliers(std::span<const double> y);  // multipliers of the scaled rows

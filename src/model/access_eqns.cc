@@ -61,6 +61,17 @@ void ModelAccess::EvaluateResiduals() {
   }
 }
 
+void ModelAccess::EvaluateConstraintRows() {
+  EnsureLayout();
+  for (int e : layout_->constraint_eqns) {
+    Equation& eqn = store_.eqns[e];
+    if (eqn.program < 0) continue;
+    GatherInputs(*layout_, e, scratch_.in.data());
+    eqn.residual = store_.programs[eqn.program].Residual(scratch_.in.data(),
+                                                         scratch_.work.data(), &scratch_.errors);
+  }
+}
+
 void ModelAccess::GetResiduals(bool active_only, bool scaled, std::span<double> y) {
   EnsureLayout();
   if (active_only) {

@@ -1,6 +1,7 @@
 #include "model/nlp.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "base/check.h"
 #include "base/timers.h"
@@ -53,6 +54,9 @@ void Nlp::GetStart(std::span<double> x) {
 }
 
 void Nlp::SetX(std::span<const double> x) {
+  // A solver asks for several quantities at one point: write the point once.
+  if (x.size() == last_x_.size() && std::equal(x.begin(), x.end(), last_x_.begin())) return;
+  last_x_.assign(x.begin(), x.end());
   if (dynamic_) {
     access_.SetCondensed(scaled_, x);
   } else {
@@ -76,7 +80,7 @@ void Nlp::Gradient(std::span<const double> x, std::span<double> g) {
 void Nlp::Constraints(std::span<const double> x, std::span<double> c) {
   ScopedTimer timer("Constraint Calc: zpm_c");
   SetX(x);
-  access_.EvaluateResiduals();
+  access_.EvaluateConstraintRows();
   access_.GetResiduals(true, scaled_, c);
 }
 

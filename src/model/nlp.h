@@ -17,6 +17,7 @@
 #pragma once
 
 #include <span>
+#include <vector>
 
 #include "model/access.h"
 
@@ -34,7 +35,10 @@ class Nlp {
   void GetBounds(std::span<double> xl, std::span<double> xu);
   void GetConstraintBounds(std::span<double> gl, std::span<double> gu);
   void GetStart(std::span<double> x);
+  // Writes x into the store; a point equal to the last one written is not written again (call
+  // Forget() after changing the store's values some other way).
   void SetX(std::span<const double> x);
+  void Forget() { last_x_.clear(); }
   double Objective(std::span<const double> x);
   void Gradient(std::span<const double> x, std::span<double> g);
   void Constraints(std::span<const double> x, std::span<double> c);
@@ -50,6 +54,7 @@ class Nlp {
   bool scaled_;         // the scaled problem
   Shape jac_shape_;     // kReduced when dynamic, else kSteady
   int num_vars_;        // nvar, or nvar + ndiff when dynamic
+  std::vector<double> last_x_;  // the point last written into the store
 };
 
 }  // namespace kx::model

@@ -4,17 +4,11 @@
 #include <string_view>
 
 #include "base/report.h"
+#include "solvers/asopt.h"
+#include "solvers/biopt.h"
 #include "solvers/ipopt_call.h"
 #include "solvers/status.h"
 
-#if __has_include("solvers/asopt.h")
-#include "solvers/asopt.h"
-#define KX_HAVE_ASOPT 1
-#endif
-#if __has_include("solvers/biopt.h")
-#include "solvers/biopt.h"
-#define KX_HAVE_BIOPT 1
-#endif
 
 namespace kx::solvers {
 namespace {
@@ -32,19 +26,13 @@ constexpr std::array<DisplayName, 6> kNames = {{{'A', "SOPT (v1.0)"},
                                                   {'S', "NOPT (v6.1)"},
                                                   {'M', "INOS (v5.5)"}}};
 
-SolverResult NotBuilt(Problem& problem, std::string_view solver) {
-  Sayf("{} is not part of this build", solver);
-  SolverResult r;
-  r.status = kSystemError;
-  return r;
-}
-
-SolverResult CallAsopt(Problem& problem, const SolverSettings& settings) {
-#ifdef KX_HAVE_ASOPT
-  return SolveAsopt(problem, settings);
-#else
-  return NotBuilt(problem, "ASOPT");
-#endif
+// Only ASOPT branches on integer variables; the others solve the relaxation and say so.
+void WarnRelaxation(Problem& problem, std::string_view solver) {
+  const size_t count = problem.IntegerVariables().size();
+  if (count > 0)
+    Sayf("WARNING: {} solves the continuous relaxation: its {} integer variables may end "
+         "between integers (only ASOPT branches on them)",
+         solver, count);
 }
 
 SolverResult CallBiopt(Problem& problem, const SolverSettings& settings) {
@@ -54,11 +42,8 @@ SolverResult CallBiopt(Problem& problem, const SolverSettings& settings) {
     r.status = kBadInputs;
     return r;
   }
-#ifdef KX_HAVE_BIOPT
+  WarnRelaxation(problem, "BIOPT");
   return SolveBiopt(problem, settings);
-#else
-  return NotBuilt(problem, "BIOPT");
-#endif
 }
 
 }  // namespace
@@ -72,16 +57,17 @@ std::string SolverDisplayName(int solver) {
 SolverResult DispatchSolver(int solver, Problem& problem, const SolverSettings& settings) {
   switch (solver) {
     case 1:
-      return CallAsopt(problem, settings);
+      return SolveAsopt(problem, settings);
     case 2:
       return CallBiopt(problem, settings);
     case 3:
     case 4:
+      WarnRelaxation(problem, "IPOPT");
       return SolveIpopt(problem, settings);
     default:
       Sayf("solver {} not supported", solver);
       Say("using default solver: ASOPT");
-      return CallAsopt(problem, settings);
+      return SolveAsopt(problem, settings);
   }
 }
 

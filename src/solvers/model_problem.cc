@@ -26,7 +26,6 @@ void ModelProblem::ConstraintBounds(std::span<double> cl, std::span<double> cu) 
   nlp_.GetConstraintBounds(cl, cu);
 }
 
-void ModelProblem::Start(std::span<double> x) { nlp_.GetStart(x); }
 
 bool ModelProblem::StartMultipliers(std::span<double> lambda) {
   if (start_multipliers.size() != lambda.size()) return false;
@@ -83,7 +82,13 @@ bool ModelProblem::HessianValues(std::span<const double> x, double obj_factor,
   return AllFinite(values);
 }
 
+void ModelProblem::Start(std::span<double> x) {
+  nlp_.Forget();  // the store may have been changed since the last point was written
+  nlp_.GetStart(x);
+}
+
 void ModelProblem::Store(std::span<const double> x, std::span<const double> lambda) {
+  nlp_.Forget();
   nlp_.SetX(x);
   if (!lambda.empty()) {
     for (int r = 1; r <= nlp_.num_cons(); ++r) access_.Row(r).lambda = lambda[r - 1];

@@ -242,12 +242,13 @@ TEST_F(CycleE2e, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
   EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
 }
 
-TEST_F(CycleE2e, DynamicModesSayTheHorizonIsNotAvailable) {
-  RunResult r = Run("app -sim");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
-  EXPECT_TRUE(r.Has("time horizon for dynamic modes is not available yet")) << r.out;
-  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 1\n"), std::string::npos);
+TEST_F(CycleE2e, EstimationAndControlSayTheyAreNotAvailable) {
+  for (const char* mode : {"-est", "-ctl"}) {
+    RunResult r = Run(std::string("app ") + mode);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.Has("dynamic estimation and control (IMODE 5, 6, 8, 9)")) << r.out;
+  }
+  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 2\n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Steady-state cycles end to end: the solve, its report, the files a cycle leaves and what
 // the next cycle reads from them.
+#include <filesystem>
+
 #include <nlohmann/json.hpp>
 
 #include "driver/cycle_fixture.h"
@@ -136,6 +138,46 @@ TEST_F(SteadyCycle, ClassifiedVariablesTakeTheirDbsValuesAndReportTheSolution) {
   EXPECT_NEAR(DbsValue(dbs, "p.NEWVAL"), 4.0, 1e-9) << r.out;  // restart value 3 -> 0.5*5+0.5*3
   EXPECT_NEAR(DbsValue(dbs, "p.LSTVAL"), 3.0, 1e-6);
   EXPECT_NEAR(DbsValue(dbs, "y.MODEL"), 8.0, 1e-6);
+}
+
+TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
+  Write("app.zpm", kFvModel);
+  Write("app.csv", "p, y, nosuch\n4, 100, 1\n");
+  RunResult r = Run("app -ipopt -ss");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("WARNING: data column \"nosuch\" is not a parameter or variable of the "
+                    "model: ignored\n"));
+  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,4,8\n");
+
+  Write("overrides.dbs", "ZPM.CSV_READ = 0\n");
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "ss.t0");  // it holds p = 4
+  ASSERT_EQ(Run("app -ipopt -ss").status, 1);
+  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,1,2\n");
+}
+
+// Variables named int... are integers: the default solver branches on them, the others solve
+// the relaxation and say so.
+TEST_F(SteadyCycle, IntegerVariablesAreBranchedOnByTheDefaultSolverOnly) {
+  Write("app.zpm",
+        "Model app\n  Variables\n    int1 = 0, >= -5, <= 10\n    int2 = 0, >= -5, <= 10\n"
+        "    z = 0, >= -10, <= 10\n  End Variables\n  Equations\n    int1 + int2 + z >= 2.5\n"
+        "    minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2\n"
+        "  End Equations\nEnd Model\n");
+  RunResult r = Run("app");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("| MINLP Iter: 2\n")) << r.out;
+  EXPECT_TRUE(r.Has("--Integer Solution: "));
+  std::string csv = Read("results.csv");
+  EXPECT_EQ(csv.substr(0, csv.rfind(',')), "time,int1,int2,z\n0,4,-2");
+  EXPECT_NEAR(DbsValue(Read("app.dbs"), "NLC.OBJFCNVAL"), -2.77, 1e-6);
+
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "rto.t0");
+  std::filesystem::remove(std::filesystem::path(dir_.str()) / "lam.t0");
+  r = Run("app -ipopt");
+  EXPECT_TRUE(r.Has("WARNING: IPOPT solves the continuous relaxation: its 2 integer variables "
+                    "may end between integers (only ASOPT branches on them)\n"))
+      << r.out;
+  EXPECT_LT(DbsValue(Read("app.dbs"), "NLC.OBJFCNVAL"), -3.2);  // the relaxation's optimum
 }
 
 TEST_F(SteadyCycle, DiagnosticLevelTwoWritesTheWarmStartFilesAndListings) {

@@ -1,0 +1,15 @@
+// The dynamic branch of the model stage: lays the model over the time horizon, starts it from
+// the previous cycle (shifted one step on when TIME_SHIFT is on) or from a steady-state
+// solution, applies the DBS values to every copy, solves, and writes the mode's restart file,
+// "ic.t0", the derivative file and the outputs of the classified variables. Simulation
+// (IMODE 4) is built; estimation and control say they are not available.
+#pragma once
+
+#include "driver/cycle.h"
+
+namespace kx::driver {
+
+// Returns the solve status (0 = success).
+int SolveDynamic(CycleState& state, CycleModel& m);
+
+}  // namespace kx::driver

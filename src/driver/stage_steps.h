@@ -1,0 +1,29 @@
+// Steps the steady-state and the dynamic branches of the model stage share.
+#pragma once
+
+#include <string_view>
+
+#include "driver/cycle.h"
+#include "solvers/model_problem.h"
+
+namespace kx::driver {
+
+// Sizes and values a solver starts from (degrees of freedom at DIAGLEVEL >= 1). The residuals
+// must be evaluated at the starting point.
+void ReportStartingPoint(model::ModelAccess& access, bool dynamic, int diaglevel);
+
+// A simulation (IMODE 1 or 4) must be square: otherwise the degrees of freedom are printed and
+// the run stops with "* Error: DOF must be zero for this mode".
+void CheckSimulationDof(model::ModelAccess& access, int imode);
+
+// Says that `what` is not built; the cycle ends as a failed cycle (returns -1).
+int NotSolved(CycleState& state, std::string_view what);
+
+// Derivative verification by DIAGLEVEL before the solve.
+void DerivativeChecks(int diaglevel);
+
+// Multipliers of a warm start from "lam.t0", when that file exists.
+void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
+                          solvers::ModelProblem& problem);
+
+}  // namespace kx::driver

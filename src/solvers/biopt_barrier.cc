@@ -1,0 +1,135 @@
+// BIOPT's barrier parameter.
+//
+// Monotone rule: mu stays until the barrier problem is solved to kKappaEps * mu, then falls to
+// max(mu_min, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
+//
+// Adaptive rule: in the free mode mu follows the average complementarity products, scaled by a
+// centring factor that grows when the products are far apart (small xi = min / average):
+//   mu = sigma * average,  sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3,
+// and may rise as well as fall. The free mode lasts while the optimality error keeps falling:
+// each iterate must come below kProgress times one of the errors of the last few free-mode
+// iterates. Otherwise, and when the line search fails in the free mode, the monotone rule takes
+// over from mu = kFallback * average; once it has solved a barrier problem to an optimality
+// error below kProgress times the error at the switch, the free mode resumes.
+#include <algorithm>
+#include <cmath>
+
+#include "solvers/biopt_solver.h"
+
+namespace kx::solvers::biopt {
+namespace {
+
+constexpr double kKappaEps = 10.0;      // barrier problem solved when its error <= this * mu
+constexpr double kKappaMu = 0.2;        // linear decrease of mu
+constexpr double kThetaMu = 1.5;        // superlinear decrease of mu
+constexpr double kTauMin = 0.99;        // fraction-to-the-boundary parameter, lower limit
+constexpr double kProgress = 0.9999;    // required decrease of the optimality error
+constexpr double kFallback = 0.8;       // monotone start relative to the average products
+constexpr double kMuMaxFactor = 1e3;    // mu_max relative to the first average product
+
+double OptimalityError(const Errors& e) { return std::max({e.primal, e.dual, e.compl_}); }
+
+}  // namespace
+
+void Solver::UpdateBarrier(Errors& e) {
+  if (options_.barrier_rule == BarrierRule::kMonotone) {
+    UpdateBarrierMonotone(e);
+    return;
+  }
+  if (iterations_ == 0 && num_references_ == 0) {
+    double smallest = 0.0;
+    const double avg = AverageComplementarity(smallest);
+    if (avg > 0.0) mu_max_ = kMuMaxFactor * avg;
+  }
+  if (free_mode_ && AdaptiveProgress(e)) {
+    UpdateBarrierAdaptive();
+    e = ComputeErrors();
+    return;
+  }
+  if (free_mode_) {
+    LeaveFreeMode();
+    e = ComputeErrors();
+  }
+  if (UpdateBarrierMonotone(e) && OptimalityError(e) <= kProgress * error_at_switch_) {
+    free_mode_ = true;
+    num_references_ = 0;
+  }
+}
+
+// True when mu was lowered.
+bool Solver::UpdateBarrierMonotone(Errors& e) {
+  bool lowered = false;
+  while (e.barrier <= kKappaEps * mu_ && mu_ > mu_min_) {
+    mu_ = std::max(mu_min_, std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
+    tau_ = std::max(kTauMin, 1.0 - mu_);
+    filter_.Clear();
+    e = ComputeErrors();
+    lowered = true;
+  }
+  return lowered;
+}
+
+// Sufficient decrease of the optimality error against the recent free-mode iterates; the
+// current error joins them (the oldest leaves).
+bool Solver::AdaptiveProgress(const Errors& e) {
+  const double error = OptimalityError(e);
+  bool progress = num_references_ == 0;
+  for (int k = 0; k < num_references_; ++k) {
+    progress = progress || error <= kProgress * references_[k];
+  }
+  if (!progress) return false;
+  const int size = static_cast<int>(references_.size());
+  if (num_references_ < size) {
+    references_[num_references_++] = error;
+  } else {
+    std::rotate(references_.begin(), references_.begin() + 1, references_.end());
+    references_[size - 1] = error;
+  }
+  return true;
+}
+
+void Solver::UpdateBarrierAdaptive() {
+  double smallest = 0.0;
+  const double avg = AverageComplementarity(smallest);
+  if (avg <= 0.0) return;
+  const double xi = std::max(1e-12, smallest / avg);
+  const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
+  const double mu = std::clamp(sigma * avg, mu_min_, std::max(mu_min_, mu_max_));
+  if (mu != mu_) filter_.Clear();  // a new barrier function: old entries do not compare
+  mu_ = mu;
+  tau_ = std::max(kTauMin, 1.0 - mu_);
+}
+
+// Switches the adaptive rule to its monotone mode. False when that was already the case (or
+// the rule is monotone), so that the caller goes on to other remedies.
+bool Solver::LeaveFreeMode() {
+  if (options_.barrier_rule != BarrierRule::kAdaptive || !free_mode_) return false;
+  free_mode_ = false;
+  error_at_switch_ = OptimalityError(ComputeErrors());
+  double smallest = 0.0;
+  const double avg = AverageComplementarity(smallest);
+  mu_ = std::clamp(kFallback * avg, mu_min_, std::max(mu_min_, mu_max_));
+  tau_ = std::max(kTauMin, 1.0 - mu_);
+  filter_.Clear();
+  return true;
+}
+
+// Average of the complementarity products (gap * z) over all bounds; 0 without bounds.
+double Solver::AverageComplementarity(double& smallest) const {
+  double sum = 0.0;
+  smallest = kInfinity;
+  int count = 0;
+  for (int i = 0; i < nw_; ++i) {
+    if (IsFinite(nlp_.lower()[i])) {
+      const double p = (w_[i] - nlp_.lower()[i]) * zl_[i];
+      sum += p, smallest = std::min(smallest, p), ++count;
+    }
+    if (IsFinite(nlp_.upper()[i])) {
+      const double p = (nlp_.upper()[i] - w_[i]) * zu_[i];
+      sum += p, smallest = std::min(smallest, p), ++count;
+    }
+  }
+  return count == 0 ? 0.0 : sum / count;
+}
+
+}  // namespace kx::solvers::biopt

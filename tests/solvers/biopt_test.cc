@@ -1,0 +1,441 @@
+#include "solvers/biopt.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "base/report.h"
+#include "solvers/biopt_testing.h"
+#include "solvers/status.h"
+#include "testing/nlp_suite.h"
+#include "testing/scratch_dir.h"
+
+namespace kx::solvers {
+namespace {
+
+using testing::DenseProblem;
+using Vec = std::vector<double>;
+
+constexpr double kInf = kInfinity;
+
+SolverSettings Tight() {
+  SolverSettings s;
+  s.objective_tol = 1e-8;
+  s.constraint_tol = 1e-8;
+  return s;
+}
+
+// Solves quietly; the log goes to the scratch directory of the test.
+SolverResult Solve(Problem& p, const SolverSettings& s = Tight(),
+                   biopt::BarrierRule rule = biopt::Options{}.barrier_rule) {
+  biopt::Options options;
+  options.log_file = "";
+  options.barrier_rule = rule;
+  OutputCapture quiet;
+  return SolveBiopt(p, s, options);
+}
+
+struct ModelCase {
+  const char* name;
+  const char* text;
+  int status;
+  double optimum;  // checked on success
+};
+
+// Models written in the modelling language, with exact derivatives from the compiler.
+const ModelCase kModelCases[] = {
+    {"hs071 (inequality and equality rows, active bounds)", R"(Model hs071
+  Variables
+    x1 = 1, >= 1, <= 5
+    x2 = 5, >= 1, <= 5
+    x3 = 5, >= 1, <= 5
+    x4 = 1, >= 1, <= 5
+  End Variables
+  Equations
+    x1*x2*x3*x4 >= 25
+    x1^2 + x2^2 + x3^2 + x4^2 = 40
+    minimize x1*x4*(x1 + x2 + x3) + x3
+  End Equations
+End Model)", kSuccess, 17.0140172892},
+    {"linear program", R"(Model lp
+  Variables
+    x = 0, >= 0
+    y = 0, >= 0
+  End Variables
+  Equations
+    x + 2*y <= 4
+    3*x + y <= 6
+    maximize x + y
+  End Equations
+End Model)", kSuccess, -2.8},
+    {"QP with both bounds active", R"(Model qp
+  Variables
+    x = 1, >= 0, <= 2
+    y = 1, >= 0, <= 5
+  End Variables
+  Equations
+    minimize (x - 3)^2 + (y + 1)^2
+  End Equations
+End Model)", kSuccess, 2.0},
+    {"equality rows only", R"(Model eq
+  Variables
+    x = 0
+    y = 0
+    z = 0
+  End Variables
+  Equations
+    x + y + z = 3
+    x - y = 1
+    minimize x^2 + y^2 + z^2
+  End Equations
+End Model)", kSuccess, 3.5},
+    {"rank-deficient Jacobian (repeated rows)", R"(Model rank
+  Variables
+    x = 0
+    y = 2
+    z = 0
+  End Variables
+  Equations
+    x + y + z = 3
+    2*x + 2*y + 2*z = 6
+    x + y + z = 3
+    minimize x^2 + y^2 + z^2
+  End Equations
+End Model)", kSuccess, 3.0},
+    {"Rosenbrock without rows", R"(Model rosen
+  Variables
+    x = -1.2
+    y = 1
+  End Variables
+  Equations
+    minimize 100*(y - x^2)^2 + (1 - x)^2
+  End Equations
+End Model)", kSuccess, 0.0},
+    {"nonconvex with a range row", R"(Model range
+  Variables
+    x = 0.6, >= -2, <= 2
+    y = 0.2, >= -2, <= 2
+  End Variables
+  Equations
+    x^2 + y^2 >= 1
+    x^2 + y^2 <= 2
+    minimize x*y
+  End Equations
+End Model)", kSuccess, -1.0},
+    {"infeasible rows", R"(Model infeas
+  Variables
+    x = 0
+    y = 0
+  End Variables
+  Equations
+    x^2 + y^2 <= 1
+    x + y >= 3
+    minimize x + y
+  End Equations
+End Model)", kNoFeasibleSolution, 0.0},
+    {"unbounded objective", R"(Model unb
+  Variables
+    x = 1, >= 0
+    y = 1
+  End Variables
+  Equations
+    y = 2*x
+    minimize -x - y
+  End Equations
+End Model)", kUnbounded, 0.0},
+};
+
+TEST(Biopt, SolvesModelsToKnownOutcomesUnderBothBarrierRules) {
+  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
+    for (const ModelCase& c : kModelCases) {
+      SCOPED_TRACE(c.name);
+      SCOPED_TRACE(rule == biopt::BarrierRule::kMonotone ? "monotone" : "adaptive");
+      auto model = kx::testing::LoadModelText(c.text);
+      const SolverResult r = Solve(*model->problem, Tight(), rule);
+      EXPECT_EQ(r.status, c.status);
+      if (c.status == kSuccess) {
+        EXPECT_NEAR(r.objective, c.optimum, 1e-6 * (1 + std::fabs(c.optimum)));
+      }
+      EXPECT_GT(r.residual_evals, 0);
+    }
+  }
+}
+
+// A simulation step written out: implicit Euler of a draining tank over a horizon, as many
+// equations as variables, no objective, and lower bounds on the levels that stay far from
+// active. Only the barrier terms keep the multipliers away from zero, so the solve ends by
+// steps that move the multipliers but hardly the point.
+constexpr const char* kTankHorizon = R"(Model tank
+  Constants
+    n = 20
+  End Constants
+  Parameters
+    qin = 1
+    k = 0.5
+    dt = 0.25
+    h0 = 1
+  End Parameters
+  Variables
+    h[1:n] = 1, >= 0
+    q[1:n] = 0, >= -100, <= 100
+  End Variables
+  Equations
+    q[1:n] = k*sqrt(h[1:n])
+    h[1] = h0 + dt*(qin - q[1])
+    h[2:n] = h[1:n-1] + dt*(qin - q[2:n])
+  End Equations
+End Model)";
+
+TEST(Biopt, ConvergesOnSquareSystemsWithInactiveBounds) {
+  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
+    for (double tol : {1e-6, 1e-8, 1e-10}) {
+      SCOPED_TRACE(fmt::format("tolerance {} rule {}", tol, static_cast<int>(rule)));
+      auto model = kx::testing::LoadModelText(kTankHorizon);
+      SolverSettings s;
+      s.objective_tol = s.constraint_tol = tol;
+      const SolverResult r = Solve(*model->problem, s, rule);
+      ASSERT_EQ(r.status, kSuccess);
+      EXPECT_LE(r.iterations, 12);
+      // The level rises from 1 towards the steady state (qin / k)^2 = 4.
+      Vec c(model->problem->num_cons());
+      ASSERT_TRUE(model->problem->Constraints(r.x, c));
+      Vec cl(c.size()), cu(c.size()), xl(r.x.size()), xu(r.x.size());
+      model->problem->ConstraintBounds(cl, cu);
+      model->problem->Bounds(xl, xu);
+      for (size_t i = 0; i < c.size(); ++i) EXPECT_NEAR(c[i], cl[i], 10 * tol);
+      // Parameters are fixed variables and carry sensitivities; the free ones sit inside.
+      for (size_t j = 0; j < r.x.size(); ++j) {
+        if (xl[j] != xu[j]) {
+          EXPECT_LE(r.z_lower[j] + r.z_upper[j], tol);
+        }
+      }
+    }
+  }
+}
+
+// min x1^2 + x2^2 + x3^2  s.t.  x1 + x2 + x3 = 4 (one row), x3 fixed at 2 by its bounds.
+DenseProblem FixedVariableProblem() {
+  DenseProblem p;
+  p.n = 3, p.m = 1;
+  p.xl = {-kInf, -kInf, 2}, p.xu = {kInf, kInf, 2}, p.cl = {4}, p.cu = {4};
+  p.x0 = {0, 0, 2};
+  p.f = [](const Vec& x) { return x[0] * x[0] + x[1] * x[1] + x[2] * x[2]; };
+  p.grad = [](const Vec& x) { return Vec{2 * x[0], 2 * x[1], 2 * x[2]}; };
+  p.cons = [](const Vec& x) { return Vec{x[0] + x[1] + x[2]}; };
+  p.jac = [](const Vec&) { return Vec{1, 1, 1}; };
+  p.hess = [](const Vec&, double s, const Vec&) {
+    return Vec{2 * s, 0, 0, 0, 2 * s, 0, 0, 0, 2 * s};
+  };
+  return p;
+}
+
+TEST(Biopt, KeepsFixedVariablesAndReportsTheirMultipliers) {
+  DenseProblem p = FixedVariableProblem();
+  const SolverResult r = Solve(p);
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_EQ(r.x[2], 2.0);
+  EXPECT_NEAR(r.x[0], 1.0, 1e-7);
+  EXPECT_NEAR(r.objective, 6.0, 1e-7);
+  // grad f + lambda * grad c = 0 on the free variables: lambda = -2; the fixed one needs
+  // a lower-bound multiplier 4 - 2 = 2.
+  EXPECT_NEAR(r.lambda[0], -2.0, 1e-6);
+  EXPECT_NEAR(r.z_lower[2], 2.0, 1e-6);
+  EXPECT_NEAR(r.z_upper[2], 0.0, 1e-12);
+}
+
+// Largest |grad f + J^T lambda - z_lower + z_upper| at the result, relative to the largest
+// gradient entry (the solver measures it on the scaled objective).
+double Stationarity(Problem& p, const SolverResult& r) {
+  std::vector<double> g(p.num_vars()), jv(p.nnz_jac());
+  std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());
+  p.JacobianStructure(rows, cols);
+  if (!p.Gradient(r.x, g) || !p.JacobianValues(r.x, jv)) return kInf;
+  double gmax = 1;
+  for (double v : g) gmax = std::max(gmax, std::fabs(v));
+  for (size_t k = 0; k < jv.size(); ++k) g[cols[k]] += jv[k] * r.lambda[rows[k]];
+  double worst = 0;
+  for (size_t j = 0; j < g.size(); ++j) {
+    worst = std::max(worst, std::fabs(g[j] - r.z_lower[j] + r.z_upper[j]));
+  }
+  return worst / gmax;
+}
+
+// Multiplier signs follow L = f + lambda^T c, bound multipliers are nonnegative.
+TEST(Biopt, ReturnsMultipliersInTheLagrangianConvention) {
+  auto model = kx::testing::LoadModelText(kModelCases[0].text);
+  const SolverResult r = Solve(*model->problem);
+  ASSERT_EQ(r.status, kSuccess);
+  for (size_t j = 0; j < r.x.size(); ++j) {
+    EXPECT_GE(r.z_lower[j], 0.0);
+    EXPECT_GE(r.z_upper[j], 0.0);
+  }
+  EXPECT_LE(Stationarity(*model->problem, r), 1e-6);
+  // The product row is active at its lower bound 25: its multiplier opposes the gradient.
+  EXPECT_LT(r.lambda[0], 0.0);
+}
+
+// min x - ln(x) from x = 10 without bounds: the first Newton step lands at x < 0, where the
+// objective cannot be evaluated; the step must be cut back.
+TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
+  DenseProblem p;
+  p.n = 1;
+  p.xl = {-kInf}, p.xu = {kInf}, p.x0 = {10};
+  p.f = [](const Vec& x) { return x[0] - std::log(x[0]); };
+  p.grad = [](const Vec& x) { return Vec{1 - 1 / x[0]}; };
+  p.cons = [](const Vec&) { return Vec{}; };
+  p.jac = [](const Vec&) { return Vec{}; };
+  p.hess = [](const Vec& x, double s, const Vec&) { return Vec{s / (x[0] * x[0])}; };
+  const SolverResult r = Solve(p);
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_NEAR(r.x[0], 1.0, 1e-6);
+}
+
+// hs071 written out by hand: one inequality and one equality row, active bounds.
+DenseProblem Hs071() {
+  DenseProblem p;
+  p.n = 4, p.m = 2;
+  p.xl = Vec(4, 1), p.xu = Vec(4, 5), p.cl = {25, 40}, p.cu = {kInf, 40}, p.x0 = {1, 5, 5, 1};
+  p.f = [](const Vec& x) { return x[0] * x[3] * (x[0] + x[1] + x[2]) + x[2]; };
+  p.grad = [](const Vec& x) {
+    return Vec{x[3] * (2 * x[0] + x[1] + x[2]), x[0] * x[3], x[0] * x[3] + 1,
+               x[0] * (x[0] + x[1] + x[2])};
+  };
+  p.cons = [](const Vec& x) {
+    return Vec{x[0] * x[1] * x[2] * x[3], x[0] * x[0] + x[1] * x[1] + x[2] * x[2] + x[3] * x[3]};
+  };
+  p.jac = [](const Vec& x) {
+    return Vec{x[1] * x[2] * x[3], x[0] * x[2] * x[3], x[0] * x[1] * x[3], x[0] * x[1] * x[2],
+               2 * x[0],           2 * x[1],           2 * x[2],           2 * x[3]};
+  };
+  p.hess = [](const Vec& x, double s, const Vec& l) {
+    Vec h(16, 0.0);
+    auto set = [&](int i, int j, double v) { h[i * 4 + j] += v, h[j * 4 + i] += i == j ? 0 : v; };
+    set(0, 0, s * 2 * x[3]);
+    set(1, 0, s * x[3]), set(2, 0, s * x[3]), set(3, 0, s * (2 * x[0] + x[1] + x[2]));
+    set(3, 1, s * x[0]), set(3, 2, s * x[0]);
+    set(1, 0, l[0] * x[2] * x[3]), set(2, 0, l[0] * x[1] * x[3]), set(3, 0, l[0] * x[1] * x[2]);
+    set(2, 1, l[0] * x[0] * x[3]), set(3, 1, l[0] * x[0] * x[2]), set(3, 2, l[0] * x[0] * x[1]);
+    for (int i = 0; i < 4; ++i) set(i, i, 2 * l[1]);
+    return h;
+  };
+  return p;
+}
+
+TEST(Biopt, EndsDegenerateInputsWithAStatus) {
+  struct Case {
+    const char* name;
+    DenseProblem problem;
+    SolverSettings settings;
+    int status;
+  };
+  DenseProblem crossed = FixedVariableProblem();
+  crossed.xl[1] = 3, crossed.xu[1] = 1;
+  DenseProblem crossed_rows = FixedVariableProblem();
+  crossed_rows.cl = {5}, crossed_rows.cu = {4};
+  DenseProblem no_hessian = FixedVariableProblem();
+  no_hessian.exact_hessian = false;
+  DenseProblem empty;
+  empty.f = [](const Vec&) { return 7.0; };
+  empty.grad = empty.cons = empty.jac = [](const Vec&) { return Vec{}; };
+  empty.hess = [](const Vec&, double, const Vec&) { return Vec{}; };
+  DenseProblem all_fixed = FixedVariableProblem();
+  all_fixed.xl = all_fixed.xu = all_fixed.x0 = {1, 1, 2};
+  DenseProblem all_fixed_bad = all_fixed;
+  all_fixed_bad.cl = all_fixed_bad.cu = {5};
+  SolverSettings few = Tight();
+  few.max_iter = 3;
+  SolverSettings no_time = Tight();
+  no_time.max_time = -1;
+  std::vector<Case> cases = {
+      {"lower bound above upper", crossed, Tight(), kInvalidBounds},
+      {"row lower above upper", crossed_rows, Tight(), kInvalidBounds},
+      {"no second derivatives", no_hessian, Tight(), kBadInputs},
+      {"no variables, no rows", empty, Tight(), kSuccess},
+      {"every variable fixed, row satisfied", all_fixed, Tight(), kSuccess},
+      {"every variable fixed, row violated", all_fixed_bad, Tight(), kNoFeasibleSolution},
+      {"iteration limit", Hs071(), few, kMaxIterations},
+      {"time limit", FixedVariableProblem(), no_time, kExternalAbort},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const SolverResult r = Solve(c.problem, c.settings);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.x.size(), static_cast<size_t>(c.problem.n));
+  }
+}
+
+TEST(Biopt, WarmStartReachesTheOptimumFaster) {
+  DenseProblem p = Hs071();
+  const SolverResult cold = Solve(p);
+  ASSERT_EQ(cold.status, kSuccess);
+  EXPECT_NEAR(cold.objective, 17.0140172892, 1e-7);
+  p.x0 = cold.x;
+  p.lambda0 = cold.lambda;
+  SolverSettings warm = Tight();
+  warm.warm = true;
+  const SolverResult again = Solve(p, warm);
+  ASSERT_EQ(again.status, kSuccess);
+  EXPECT_NEAR(again.objective, 17.0140172892, 1e-7);
+  EXPECT_LT(again.iterations, cold.iterations);
+}
+
+TEST(Biopt, PrintsBannerSummaryAndWritesItsLog) {
+  kx::testing::WorkingDir dir("biopt_log");
+  DenseProblem p = FixedVariableProblem();
+  OutputCapture out;
+  const SolverResult r = SolveBiopt(p, Tight());
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_TRUE(out.Contains(" with BIOPT Solver"));
+  EXPECT_TRUE(out.Contains("BIOPT Solver v1.0.5"));
+  EXPECT_TRUE(out.Contains(std::string(OutcomeText(kSuccess))));
+  std::ifstream log("biopt.out");
+  ASSERT_TRUE(log.good());
+  std::string line;
+  int iteration_lines = 0;
+  bool header = false, outcome = false;
+  while (std::getline(log, line)) {
+    header = header || line.find("alpha_pr") != std::string::npos;
+    outcome = outcome || line.rfind("Outcome: 0", 0) == 0;
+    int iter = -1;
+    if (header && std::sscanf(line.c_str(), "%d", &iter) == 1 && iter == iteration_lines) {
+      ++iteration_lines;
+    }
+  }
+  EXPECT_TRUE(header);
+  EXPECT_TRUE(outcome);
+  EXPECT_EQ(iteration_lines, r.iterations + 1);
+}
+
+// Nonconvex suite problems on which BIOPT stops at a different local minimum than the known
+// optimum from the suite's start point. They must still end at a KKT point.
+const char* const kOtherLocalMinimum[] = {"hs044", "hs108"};
+
+class BioptSuite : public ::testing::TestWithParam<kx::testing::SuiteEntry> {};
+
+TEST_P(BioptSuite, ReachesTheKnownOptimum) {
+  const kx::testing::SuiteEntry& entry = GetParam();
+  auto model = kx::testing::LoadModelFile(entry.path);
+  const SolverResult r = Solve(*model->problem);
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_LE(Stationarity(*model->problem, r), 1e-5);
+  if (std::find(std::begin(kOtherLocalMinimum), std::end(kOtherLocalMinimum), entry.name) !=
+      std::end(kOtherLocalMinimum)) {
+    EXPECT_GT(r.objective, entry.optimum);
+    return;
+  }
+  EXPECT_LE(kx::testing::RelativeError(r.objective, entry.optimum), 1e-6)
+      << "objective " << r.objective << " optimum " << entry.optimum;
+}
+
+INSTANTIATE_TEST_SUITE_P(Small, BioptSuite, ::testing::ValuesIn(kx::testing::NlpSuite(false)),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace kx::solvers

@@ -1,0 +1,49 @@
+// A problem that hands every call to another one: tests derive from it and override only what
+// they change (bounds held at other values, no second derivatives, ...).
+#pragma once
+
+#include "solvers/problem.h"
+
+namespace kx::testing {
+
+class ForwardingProblem : public solvers::Problem {
+ public:
+  explicit ForwardingProblem(solvers::Problem& base) : base_(base) {}
+
+  int num_vars() override { return base_.num_vars(); }
+  int num_cons() override { return base_.num_cons(); }
+  int nnz_jac() override { return base_.nnz_jac(); }
+  int nnz_hess() override { return base_.nnz_hess(); }
+  bool has_hessian() override { return base_.has_hessian(); }
+  void Bounds(std::span<double> l, std::span<double> u) override { base_.Bounds(l, u); }
+  void ConstraintBounds(std::span<double> l, std::span<double> u) override {
+    base_.ConstraintBounds(l, u);
+  }
+  void Start(std::span<double> x) override { base_.Start(x); }
+  std::vector<int> IntegerVariables() override { return base_.IntegerVariables(); }
+  void JacobianStructure(std::span<int> r, std::span<int> c) override {
+    base_.JacobianStructure(r, c);
+  }
+  void HessianStructure(std::span<int> r, std::span<int> c) override {
+    base_.HessianStructure(r, c);
+  }
+  bool Objective(std::span<const double> x, double& f) override { return base_.Objective(x, f); }
+  bool Gradient(std::span<const double> x, std::span<double> g) override {
+    return base_.Gradient(x, g);
+  }
+  bool Constraints(std::span<const double> x, std::span<double> c) override {
+    return base_.Constraints(x, c);
+  }
+  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
+    return base_.JacobianValues(x, v);
+  }
+  bool HessianValues(std::span<const double> x, double of, std::span<const double> l,
+                     std::span<double> v) override {
+    return base_.HessianValues(x, of, l, v);
+  }
+
+ protected:
+  solvers::Problem& base_;
+};
+
+}  // namespace kx::testing
