@@ -8,6 +8,7 @@ namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
+constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 
 enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 
@@ -15,12 +16,14 @@ enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 // elastic variable per row that was violated at the starting point.
 class ActiveSetQp {
  public:
-  explicit ActiveSetQp(const QpProblem& qp) : qp_(qp), n_(qp.num_vars), m_(qp.num_rows) {}
+  ActiveSetQp(const QpProblem& qp, KktFactor* factor)
+      : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {}
   QpResult Run(const QpWorkingSet& guess);
 
  private:
   void BuildRows();
   void Initialize(const QpWorkingSet& guess);
+  void Crash();
   void RepairStart(bool have_guess, const QpWorkingSet& guess);
   void AddElastic(int row, double sign, double value);
   bool HasLower(double v) const { return v > -qp_.infinity; }
@@ -53,7 +56,9 @@ class ActiveSetQp {
   std::vector<double> y_;                // last EQP row multipliers; size m_
   double elastic_curvature_ = 0.0;       // small Hessian diagonal of the elastic variables
   bool smallest_index_ = false;          // anti-cycling rule in force
-  KktFactor kkt_;
+  KktFactor own_kkt_;                    // the factorisation when the caller keeps none
+  KktFactor* kkt_;                       // the factorisation in use
+  int factorizations_before_ = 0;        // its count when this solve began
   int iterations_ = 0;
 };
 
@@ -111,7 +116,6 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
   const bool have_guess = static_cast<int>(guess.vars.size()) == n_ &&
                           static_cast<int>(guess.rows.size()) == m_;
   if (have_guess) {
-    // Warm start: the minimiser on the previous working set is the first candidate point.
     for (int j = 0; j < n_; ++j) {
       if (guess.vars[j] == Activity::kLower && HasLower(qp_.xl[j])) {
         var_state_[j] = Activity::kLower;
@@ -128,13 +132,70 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
         row_state_[i] = a;
       }
     }
-    r_.assign(m_, 0.0);
-    for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
-    if (SolveEqp() == EqpOutcome::kSolved) {
-      for (int j = 0; j < n_; ++j) x_[j] += p_[j];
+  } else {
+    for (int i = 0; i < m_; ++i) {
+      if (qp_.rl[i] == qp_.ru[i] && HasLower(qp_.rl[i])) row_state_[i] = Activity::kLower;
     }
   }
-  RepairStart(have_guess, guess);
+  for (int j = 0; j < n_; ++j) {
+    x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
+                       HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
+  }
+  Crash();
+  QpWorkingSet start{var_state_, row_state_};
+  RepairStart(true, start);
+}
+
+// Guesses the working set before the active-set iterations: each pass goes to the minimiser
+// on the current working set, puts every bound and inequality row that point violates into
+// the working set and takes out every one whose multiplier has the wrong sign. On problems
+// whose solution has many active constraints this finds most of them in a few passes instead
+// of one working-set change each; the active-set iterations that follow still decide
+// optimality, so a poor guess costs time, never the answer.
+void ActiveSetQp::Crash() {
+  for (int pass = 0; pass < kCrashPasses && iterations_ < qp_.max_iterations; ++pass) {
+    ++iterations_;  // each pass is one factorisation, counted like an iteration
+    r_.assign(m_, 0.0);
+    for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
+    if (SolveEqp() != EqpOutcome::kSolved) return;
+    for (int j = 0; j < n_; ++j) x_[j] += p_[j];
+    for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
+    std::vector<double> z = Gradient();
+    for (int i = 0; i < m_; ++i) {
+      if (row_state_[i] == Activity::kFree) continue;
+      for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
+    }
+    double gmax = 1.0;
+    for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
+    const double tol = qp_.tolerance * gmax;
+    bool changed = false;
+    auto update = [&](Activity& state, double value, double lo, double hi, double multiplier,
+                      bool fixed) {
+      Activity next = state;
+      if (state == Activity::kFree) {
+        if (HasLower(lo) && value < lo - FeasTol(lo)) next = Activity::kLower;
+        if (HasUpper(hi) && value > hi + FeasTol(hi)) next = Activity::kUpper;
+      } else if (!fixed && (state == Activity::kLower ? multiplier < -tol : multiplier > tol)) {
+        next = Activity::kFree;
+      }
+      changed |= next != state;
+      state = next;
+    };
+    for (int j = 0; j < n_; ++j) {
+      update(var_state_[j], x_[j], qp_.xl[j], qp_.xu[j], z[j], qp_.xl[j] == qp_.xu[j]);
+      if (var_state_[j] == Activity::kLower) x_[j] = qp_.xl[j];
+      if (var_state_[j] == Activity::kUpper) x_[j] = qp_.xu[j];
+      if (var_state_[j] == Activity::kFree) {
+        x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
+                           HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
+      }
+    }
+    for (int i = 0; i < m_; ++i) {
+      // Row multipliers y follow c + Hx + A'y - z = 0: a lower row wants y <= 0.
+      update(row_state_[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i], qp_.rl[i] == qp_.ru[i]);
+    }
+    if (!changed) return;
+  }
 }
 
 // Moves the candidate point onto the variable bounds and gives every violated row an elastic
@@ -173,72 +234,70 @@ void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
 }
 
 // Solves the equality-constrained QP of the working set for the step p_ and the multipliers
-// y_ of the working rows.
+// y_ of the working rows. The KKT matrix keeps one slot for every variable and every row,
+// whatever the working set: a variable on a bound becomes the equation p_j = 0 (diagonal 1),
+// a row outside the working set the equation y_i = 0 (diagonal -1). Its structure is then
+// the same for every working set, so the sparse factorisation analyses it once and each
+// working-set change costs one numerical factorisation. The inertia is right when the
+// negative pivots are exactly the rows.
 EqpOutcome ActiveSetQp::SolveEqp() {
   const int nt = static_cast<int>(x_.size());
-  std::vector<int> index(nt, -1);
-  int dim = 0;
-  for (int j = 0; j < nt; ++j) {
-    if (var_state_[j] == Activity::kFree) index[j] = dim++;
-  }
-  const int num_free = dim;
-  std::vector<int> row_index(m_, -1);
-  for (int i = 0; i < m_; ++i) {
-    if (row_state_[i] != Activity::kFree) row_index[i] = dim++;
-  }
+  const int dim = nt + m_;
+  auto is_free = [&](int j) { return var_state_[j] == Activity::kFree; };
+  auto in_working_set = [&](int i) { return row_state_[i] != Activity::kFree; };
   std::vector<int> kr, kc;
   std::vector<double> kv;
+  kr.reserve(qp_.h_rows.size() + row_col_.size() + 2 * dim);
+  kc.reserve(kr.capacity());
+  kv.reserve(kr.capacity());
   auto add = [&](int r, int c, double v) {
     kr.push_back(r);
     kc.push_back(c);
     kv.push_back(v);
   };
   for (size_t k = 0; k < qp_.h_rows.size(); ++k) {
-    const int r = index[qp_.h_rows[k]], c = index[qp_.h_cols[k]];
-    if (r >= 0 && c >= 0) add(r, c, qp_.h_vals[k]);
+    const int r = qp_.h_rows[k], c = qp_.h_cols[k];
+    add(r, c, is_free(r) && is_free(c) ? qp_.h_vals[k] : 0.0);
   }
-  for (int j = 0; j < nt; ++j) {
-    if (index[j] >= 0) add(index[j], index[j], j < n_ ? qp_.delta : elastic_curvature_);
-  }
+  for (int j = 0; j < nt; ++j) add(j, j, !is_free(j) ? 1.0 : j < n_ ? qp_.delta : elastic_curvature_);
+  const size_t first_row_diagonal = kr.size();
   for (int i = 0; i < m_; ++i) {
-    if (row_index[i] < 0) continue;
-    add(row_index[i], row_index[i], 0.0);  // -eps when the working rows are dependent
+    const bool working = in_working_set(i);
+    add(nt + i, nt + i, working ? 0.0 : -1.0);  // -eps when the working rows are dependent
     for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
-      if (index[row_col_[k]] >= 0) add(row_index[i], index[row_col_[k]], row_val_[k]);
+      add(nt + i, row_col_[k], working && is_free(row_col_[k]) ? row_val_[k] : 0.0);
     }
     const int e = row_elastic_[i];
-    if (e >= 0 && index[n_ + e] >= 0) add(row_index[i], index[n_ + e], elastic_sign_[e]);
+    if (e >= 0) add(nt + i, n_ + e, working && is_free(n_ + e) ? elastic_sign_[e] : 0.0);
   }
-  if (!kkt_.Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
-  if (kkt_.num_null() > 0 && dim > num_free) {
+  if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+  if (kkt_->num_null() > 0) {
     // Dependent working rows make the matrix singular: regularise the row block, which
     // leaves a null-space Hessian that is not positive definite still visible.
     double scale = 1.0;
-    for (size_t k = 0; k < kr.size(); ++k) {
-      if (kr[k] < num_free && kc[k] < num_free) scale = std::max(scale, std::abs(kv[k]));
+    for (size_t k = 0; k < first_row_diagonal; ++k) scale = std::max(scale, std::abs(kv[k]));
+    for (size_t k = first_row_diagonal; k < kr.size(); ++k) {
+      if (kr[k] == kc[k] && in_working_set(kr[k] - nt)) kv[k] = -kRowRegularization * scale;
     }
-    for (size_t k = 0; k < kr.size(); ++k) {
-      if (kr[k] == kc[k] && kr[k] >= num_free) kv[k] = -kRowRegularization * scale;
-    }
-    if (!kkt_.Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+    if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
   }
-  if (kkt_.num_negative() > dim - num_free || kkt_.num_null() > 0) return EqpOutcome::kNonconvex;
+  if (kkt_->num_negative() > m_ || kkt_->num_null() > 0) return EqpOutcome::kNonconvex;
   const std::vector<double> g = Gradient();
-  std::vector<double> rhs(dim);
+  std::vector<double> rhs(dim, 0.0);
   for (int j = 0; j < nt; ++j) {
-    if (index[j] >= 0) rhs[index[j]] = -g[j];
+    if (is_free(j)) rhs[j] = -g[j];
   }
   for (int i = 0; i < m_; ++i) {
-    if (row_index[i] >= 0) rhs[row_index[i]] = Bound(i) - r_[i];
+    if (in_working_set(i)) rhs[nt + i] = Bound(i) - r_[i];
   }
-  if (!kkt_.Solve(rhs)) return EqpOutcome::kFailed;
-  p_.assign(nt, 0.0);
-  y_.assign(m_, 0.0);
+  if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
+  p_.assign(rhs.begin(), rhs.begin() + nt);
+  y_.assign(rhs.begin() + nt, rhs.end());
   for (int j = 0; j < nt; ++j) {
-    if (index[j] >= 0) p_[j] = rhs[index[j]];
+    if (!is_free(j)) p_[j] = 0.0;
   }
   for (int i = 0; i < m_; ++i) {
-    if (row_index[i] >= 0) y_[i] = rhs[row_index[i]];
+    if (!in_working_set(i)) y_[i] = 0.0;
   }
   return EqpOutcome::kSolved;
 }
@@ -321,7 +380,7 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   QpResult result;
   result.status = status;
   result.iterations = iterations_;
-  result.factorizations = kkt_.factorizations();
+  result.factorizations = kkt_->factorizations() - factorizations_before_;
   result.x.assign(x_.begin(), x_.begin() + n_);
   result.lambda.assign(m_, 0.0);
   result.z.assign(n_, 0.0);
@@ -354,6 +413,7 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
 }
 
 QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
+  factorizations_before_ = kkt_->factorizations();
   BuildRows();
   Initialize(guess);
   int degenerate = 0;
@@ -386,8 +446,8 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
 
 }  // namespace
 
-QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess) {
-  ActiveSetQp solver(qp);
+QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess, KktFactor* factor) {
+  ActiveSetQp solver(qp, factor);
   return solver.Run(guess);
 }
 

@@ -7,7 +7,7 @@
 // `elastic_weight` (an l1 penalty), so the QP always has a feasible starting point; a QP
 // whose constraints are inconsistent ends with the least-violation point and kInfeasible.
 // Every working-set change refactorises the KKT matrix [H_FF + delta I, A_WF'; A_WF, -eps I]
-// of the free variables F and working rows W; its inertia tells whether the Hessian is
+// of the free variables F and working rows W (kept at full size, see SolveEqp); its inertia tells whether the Hessian is
 // positive definite on the null space of the working set (otherwise kNonconvex, and the caller
 // raises delta). Degenerate steps switch to the smallest-index rule, and an iteration limit
 // ends every solve.
@@ -59,6 +59,8 @@ struct QpResult {
 
 // Solves the QP, starting from the working set `guess` when it has the right sizes (a warm
 // start: its equality-constrained minimiser is the starting point when that is feasible).
-QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess);
+// `factor`, when given, is a factorisation kept across calls: QPs of the same structure (the
+// subproblems of successive SQP iterations) then share one symbolic analysis.
+QpResult SolveQp(const QpProblem& qp, const QpWorkingSet& guess, KktFactor* factor = nullptr);
 
 }  // namespace kx::solvers

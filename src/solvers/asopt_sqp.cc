@@ -88,6 +88,7 @@ class SqpSolver {
   int iteration_ = 0;
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
+  KktFactor kkt_;                       // shared by every QP of this solve (one analysis)
 };
 
 SqpSolver::SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
@@ -255,7 +256,7 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
   const double rho_max = 1e10 * gmax;
   QpWorkingSet guess = state_.active;
   while (true) {
-    qp = SolveQp(BuildQp(p, nullptr), guess);
+    qp = SolveQp(BuildQp(p, nullptr), guess, &kkt_);
     qp_iterations_ += qp.iterations;
     if (qp.status == QpStatus::kNonconvex || qp.status == QpStatus::kFactorFailed) {
       double hmax = 1.0;
@@ -299,7 +300,10 @@ bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
     return false;
   }
   if (t.f - p.f > Opt(kFeasiblePathObjectiveChange)) return false;
-  const double slack = 10.0 * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p)));
+  // Rounding in f and in the row sums grows with the number of terms; a merit change below
+  // that level is noise, not an increase.
+  const double terms = static_cast<double>(nlp_.n + nlp_.m);
+  const double slack = 10.0 * terms * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p)));
   return Merit(t) <= Merit(p) - Opt(kLineSearchTolerance) * alpha * pred + slack;
 }
 
@@ -312,7 +316,7 @@ bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, 
     for (size_t k = 0; k < p.jac.size(); ++k) {
       shift[nlp_.jac_rows[k]] -= p.jac[k] * d[nlp_.jac_cols[k]];
     }
-    const QpResult soc = SolveQp(BuildQp(p, &shift), qp.active);
+    const QpResult soc = SolveQp(BuildQp(p, &shift), qp.active, &kkt_);
     qp_iterations_ += soc.iterations;
     if (soc.status != QpStatus::kOptimal) return false;
     Point t;
