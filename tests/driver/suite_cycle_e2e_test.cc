@@ -1,5 +1,5 @@
 // Every small test problem of the solver suite run as a user runs it, once with each NLP
-// solver: `kestrix app -ipopt` / `-biopt` in a fresh directory must reach the known optimum,
+// solver: `kestrix app -asopt` / `-ipopt` / `-biopt` in a fresh directory must reach the known optimum,
 // report it in the DBS file and leave a restart file from which the next cycle converges in
 // fewer iterations.
 #include <algorithm>
@@ -70,7 +70,7 @@ std::string Name(const ::testing::TestParamInfo<Param>& info) {
 
 INSTANTIATE_TEST_SUITE_P(Small, SuiteCycle,
                          ::testing::Combine(::testing::ValuesIn(testing::NlpSuite(false)),
-                                            ::testing::Values("ipopt", "biopt")),
+                                            ::testing::Values("asopt", "ipopt", "biopt")),
                          Name);
 
 }  // namespace
