@@ -38,6 +38,7 @@ class ActiveSetQp {
   bool DropWorstMultiplier(const std::vector<double>& g);
   double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
   QpResult Finish(QpStatus status);
+  bool PastDeadline() const { return std::chrono::steady_clock::now() > qp_.deadline; }
 
   const QpProblem& qp_;
   const int n_;                          // real variables
@@ -154,6 +155,7 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
 // optimality, so a poor guess costs time, never the answer.
 void ActiveSetQp::Crash() {
   for (int pass = 0; pass < kCrashPasses && iterations_ < qp_.max_iterations; ++pass) {
+    if (PastDeadline()) return;
     ++iterations_;  // each pass is one factorisation, counted like an iteration
     r_.assign(m_, 0.0);
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
@@ -418,6 +420,7 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
   Initialize(guess);
   int degenerate = 0;
   while (iterations_ < qp_.max_iterations) {
+    if (PastDeadline()) return Finish(QpStatus::kTimeLimit);
     ++iterations_;
     const EqpOutcome outcome = SolveEqp();
     if (outcome == EqpOutcome::kNonconvex) return Finish(QpStatus::kNonconvex);

@@ -13,6 +13,7 @@
 // ends every solve.
 #pragma once
 
+#include <chrono>
 #include <vector>
 
 #include "solvers/asopt_kkt.h"
@@ -37,9 +38,11 @@ struct QpProblem {
   double infinity = 1e20;           // bound magnitude treated as absent
   double tolerance = 1e-9;          // relative feasibility and multiplier tolerance
   int max_iterations = 1000;
+  // The solve stops with kTimeLimit at the first iteration that begins past this point.
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
-enum class QpStatus { kOptimal, kInfeasible, kNonconvex, kIterationLimit, kFactorFailed };
+enum class QpStatus { kOptimal, kInfeasible, kNonconvex, kIterationLimit, kFactorFailed, kTimeLimit };
 
 struct QpWorkingSet {
   std::vector<Activity> vars;  // size num_vars; empty means no guess

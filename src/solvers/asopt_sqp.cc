@@ -71,12 +71,19 @@ class SqpSolver {
   bool LineSearch(const Point& p, const QpResult& qp, Point& trial, double& alpha);
   void LogIteration(int k, const Point& p, double dual, double step, double alpha, int qp_its);
   SqpOutcome Finish(int status, const Point& p, int iterations);
+  // True once the MAX_TIME deadline has passed; remembered so that the loop can tell a
+  // failed step from an interrupted one.
+  bool PastDeadline() {
+    timed_out_ = timed_out_ || std::chrono::steady_clock::now() > control_.deadline;
+    return timed_out_;
+  }
 
   NlpData& nlp_;
   std::span<const double> xl_, xu_;     // the bounds of this solve
   SqpState& state_;
   const SqpControl& control_;
   double infinity_;                     // bound magnitude treated as absent
+  bool timed_out_ = false;              // the deadline passed inside a subproblem or search
   std::vector<double> row_scale_;       // factor of each row (1 without dynamic scaling)
   std::vector<double> cl_, cu_;         // scaled row bounds
   std::vector<double> lambda_;          // scaled row multipliers
@@ -243,6 +250,7 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.tolerance = std::max(1e3 * Opt(kQpTolerance), 1e-12);
   const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
+  qp.deadline = control_.deadline;
   return qp;
 }
 
@@ -258,6 +266,10 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
   while (true) {
     qp = SolveQp(BuildQp(p, nullptr), guess, &kkt_);
     qp_iterations_ += qp.iterations;
+    if (qp.status == QpStatus::kTimeLimit) {
+      timed_out_ = true;
+      return false;
+    }
     if (qp.status == QpStatus::kNonconvex || qp.status == QpStatus::kFactorFailed) {
       double hmax = 1.0;
       for (double v : hess_) hmax = std::max(hmax, std::abs(v));
@@ -341,6 +353,7 @@ bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, dou
   if (iteration_ < control_.options->Int(kDampedIterations)) alpha = std::min(alpha, 0.5);
   used_second_order_ = false;
   for (int cut = 0; cut <= control_.options->Int(kMoveSuppressionLevel); ++cut) {
+    if (PastDeadline()) return false;
     trial.x.resize(nlp_.n);
     for (int j = 0; j < nlp_.n; ++j) {
       trial.x[j] = std::clamp(p.x[j] + alpha * qp.x[j], xl_[j], xu_[j]);
@@ -445,9 +458,7 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
   int failures = 0, feasibility_iterations = 0;
   double alpha_prev = 1.0;
   for (iteration_ = 0;; ++iteration_) {
-    if (std::chrono::steady_clock::now() > control_.deadline) {
-      return Finish(kExternalAbort, p, iteration_);
-    }
+    if (PastDeadline()) return Finish(kExternalAbort, p, iteration_);
     if (iteration_ >= max_iter) return Finish(kMaxIterations, p, iteration_);
     if (iteration_ == 0 && reuse_hessian) {
       hess_ = state_.hess;
@@ -456,7 +467,9 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
     }
     qp_iterations_ = 0;
     QpResult qp;
-    if (!SolveSubproblem(p, qp)) return Finish(kAccuracyUnachievable, p, iteration_);
+    if (!SolveSubproblem(p, qp)) {
+      return Finish(timed_out_ ? kExternalAbort : kAccuracyUnachievable, p, iteration_);
+    }
     const double dual = DualError(p, qp.lambda);
     double step = 0.0;
     for (double v : qp.x) step = std::max(step, std::abs(v));
@@ -492,6 +505,7 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
     Point trial;
     if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
       LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+      if (timed_out_) return Finish(kExternalAbort, p, iteration_);
       // No descent for the violation from a point where the rows cannot be met: infeasible.
       if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
       if (++failures > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);

@@ -131,5 +131,13 @@ TEST(AsoptQpTest, IterationLimitEndsTheSolve) {
   EXPECT_EQ(r.iterations, 1);
 }
 
+TEST(AsoptQpTest, PassedDeadlineEndsTheSolveBeforeAnyIteration) {
+  QpProblem qp = MakeQp({1.0, 1.0}, {-5.0, -5.0}, {{1.0, 1.0}}, {-kNone}, {1.0});
+  qp.deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+  const QpResult r = SolveQp(qp, {});
+  EXPECT_EQ(r.status, QpStatus::kTimeLimit);
+  EXPECT_EQ(r.iterations, 0);
+}
+
 }  // namespace
 }  // namespace kx::solvers
