@@ -34,7 +34,7 @@ enum class RestartRead {
   kByRoot,          // 4: root names, last occurrence wins, no specs
   kByPosition,      // 5: line k is variable k; specs too
   kSpecsOnly,       // 6: "*" = calculated, otherwise fixed; values untouched
-  kByRootWithSpecs, // 7: 4 with the specifications
+  kByRootWithSpecs, // 7: 4 with the fixed/calculated marks
   kSmart,           // 8: position when the file matches the model's order, else 7
   kCalculatedOnly,  // 11: root names, values of calculated variables only
 };
