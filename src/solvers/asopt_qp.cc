@@ -9,6 +9,7 @@ namespace {
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
+constexpr int kBounceLimit = 4;                // constraints dropped right after a tiny addition
 
 enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 
@@ -61,6 +62,8 @@ class ActiveSetQp {
   KktFactor* kkt_;                       // the factorisation in use
   int factorizations_before_ = 0;        // its count when this solve began
   int iterations_ = 0;
+  int dropped_var_ = -1, dropped_row_ = -1;  // constraint released by the last drop
+  bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
 };
 
 void ActiveSetQp::BuildRows() {
@@ -290,7 +293,10 @@ EqpOutcome ActiveSetQp::SolveEqp() {
     if (is_free(j)) rhs[j] = -g[j];
   }
   for (int i = 0; i < m_; ++i) {
-    if (in_working_set(i)) rhs[nt + i] = Bound(i) - r_[i];
+    const double residual = Bound(i) - r_[i];
+    if (in_working_set(i) && (!keep_residuals_ || std::abs(residual) > FeasTol(Bound(i)))) {
+      rhs[nt + i] = residual;
+    }
   }
   if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
@@ -375,6 +381,8 @@ bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
   }
   if (var >= 0) var_state_[var] = Activity::kFree;
   if (row >= 0) row_state_[row] = Activity::kFree;
+  dropped_var_ = var;
+  dropped_row_ = row;
   return var >= 0 || row >= 0;
 }
 
@@ -414,11 +422,25 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   return result;
 }
 
+// Largest step component, for telling real progress from rounding-level moves.
+double MaxAbs(const std::vector<double>& v) {
+  double m = 0.0;
+  for (double a : v) m = std::max(m, std::abs(a));
+  return m;
+}
+
+// The active-set iterations. A constraint added by a step of rounding size whose multiplier
+// then asks to release it again, with only rounding-size steps in between, means a working set
+// that is dependent within the tolerance: the iterations would bounce between equivalent
+// working sets, each correcting the same rounding-size row residual differently. After a few
+// such bounces the residuals within the tolerance are left alone, which ends the bouncing.
 QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
   factorizations_before_ = kkt_->factorizations();
   BuildRows();
   Initialize(guess);
-  int degenerate = 0;
+  int degenerate = 0, bounces = 0;
+  int added_var = -1, added_row = -1;
+  bool tiny_since_add = false;
   while (iterations_ < qp_.max_iterations) {
     if (PastDeadline()) return Finish(QpStatus::kTimeLimit);
     ++iterations_;
@@ -427,15 +449,24 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     if (outcome == EqpOutcome::kFailed) return Finish(QpStatus::kFactorFailed);
     int var = -1, row = -1;
     const double alpha = RatioTest(var, row);
+    const bool tiny = alpha * MaxAbs(p_) <= 10.0 * FeasTol(MaxAbs(x_));
+    tiny_since_add = tiny_since_add && tiny;
+    if (!tiny) bounces = 0;
     for (size_t j = 0; j < x_.size(); ++j) x_[j] += alpha * p_[j];
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
       // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
       if (!DropWorstMultiplier(Gradient())) return Finish(QpStatus::kOptimal);
+      const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
+                                              (dropped_row_ >= 0 && dropped_row_ == added_row));
+      if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
       continue;
     }
     degenerate = alpha > 0 ? 0 : degenerate + 1;
     smallest_index_ = degenerate >= kDegenerateLimit;
+    added_var = var;
+    added_row = row;
+    tiny_since_add = tiny;
     if (var >= 0) {
       const bool lower = p_[var] < 0;
       var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
