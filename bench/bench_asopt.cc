@@ -25,6 +25,7 @@
 #include "base/base.h"
 #include "solvers/asopt.h"
 #include "solvers/ipopt_call.h"
+#include "testing/forwarding_problem.h"
 #include "testing/nlp_suite.h"
 
 namespace kx::bench {
@@ -179,14 +180,9 @@ void PrintSummary(const std::vector<Row>& rows) {
 }
 
 // The problem handed to the second solve: the wrapped one with one bound moved.
-class MovedBound : public solvers::Problem {
+class MovedBound : public testing::ForwardingProblem {
  public:
-  explicit MovedBound(Problem& base) : base_(base) {}
-  int num_vars() override { return base_.num_vars(); }
-  int num_cons() override { return base_.num_cons(); }
-  int nnz_jac() override { return base_.nnz_jac(); }
-  int nnz_hess() override { return base_.nnz_hess(); }
-  bool has_hessian() override { return base_.has_hessian(); }
+  using ForwardingProblem::ForwardingProblem;
   void Bounds(std::span<double> xl, std::span<double> xu) override {
     base_.Bounds(xl, xu);
     if (var >= 0) (upper ? xu : xl)[var] = value;
@@ -199,33 +195,10 @@ class MovedBound : public solvers::Problem {
     if (start.empty()) return base_.Start(x);
     std::copy(start.begin(), start.end(), x.begin());
   }
-  void JacobianStructure(std::span<int> r, std::span<int> c) override {
-    base_.JacobianStructure(r, c);
-  }
-  void HessianStructure(std::span<int> r, std::span<int> c) override {
-    base_.HessianStructure(r, c);
-  }
-  bool Objective(std::span<const double> x, double& f) override { return base_.Objective(x, f); }
-  bool Gradient(std::span<const double> x, std::span<double> g) override {
-    return base_.Gradient(x, g);
-  }
-  bool Constraints(std::span<const double> x, std::span<double> c) override {
-    return base_.Constraints(x, c);
-  }
-  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
-    return base_.JacobianValues(x, v);
-  }
-  bool HessianValues(std::span<const double> x, double o, std::span<const double> l,
-                     std::span<double> v) override {
-    return base_.HessianValues(x, o, l, v);
-  }
   int var = -1, row = -1;     // the moved bound: a variable's or a row's
   bool upper = false;         // which side
   double value = 0.0;         // its new value
   std::vector<double> start;  // the start point; empty for the base problem's
-
- private:
-  Problem& base_;
 };
 
 // Picks the bound to move: a variable bound other than 0 that is active at the solution x

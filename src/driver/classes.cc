@@ -3,6 +3,7 @@
 #include <unordered_map>
 
 #include "base/sentinels.h"
+#include "model/checks.h"
 
 namespace kx::driver {
 namespace {
@@ -10,9 +11,9 @@ namespace {
 // Model record of each name (aliases included), following merges to the survivor.
 std::unordered_map<std::string, model::Variable*> RecordsByName(model::ModelStore& store) {
   std::unordered_map<std::string, model::Variable*> map;
-  for (model::Variable& v : store.vars) {
-    model::Variable* r = &v;
-    for (int guard = 0; r->forward >= 0 && guard < 1000000; ++guard) r = &store.vars[r->forward];
+  for (size_t i = 0; i < store.vars.size(); ++i) {
+    const model::Variable& v = store.vars[i];
+    model::Variable* r = &store.vars[model::ResolveForward(store, static_cast<int>(i))];
     map.emplace(v.name, r);
     for (const std::string& a : v.aliases) map.emplace(a, r);
   }

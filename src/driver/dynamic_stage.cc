@@ -11,6 +11,7 @@
 #include "driver/stage_steps.h"
 #include "files/restart.h"
 #include "horizon/horizon.h"
+#include "model/checks.h"
 
 namespace kx::driver {
 namespace {
@@ -18,11 +19,11 @@ namespace {
 // Base-model record number of each name (aliases included, merges followed); 0 when unknown.
 std::unordered_map<std::string, int> BaseNumbers(const model::ModelStore& base) {
   std::unordered_map<std::string, int> map;
-  for (const model::Variable& v : base.vars) {
-    const model::Variable* r = &v;
-    for (int guard = 0; r->forward >= 0 && guard < 1000000; ++guard) r = &base.vars[r->forward];
-    map.emplace(v.name, r->number);
-    for (const std::string& a : v.aliases) map.emplace(a, r->number);
+  for (size_t i = 0; i < base.vars.size(); ++i) {
+    const model::Variable& v = base.vars[i];
+    const int number = base.vars[model::ResolveForward(base, static_cast<int>(i))].number;
+    map.emplace(v.name, number);
+    for (const std::string& a : v.aliases) map.emplace(a, number);
   }
   return map;
 }

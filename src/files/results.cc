@@ -5,15 +5,14 @@
 #include <nlohmann/json.hpp>
 
 #include "dbs/atomic_file.h"
+#include "model/checks.h"
 
 namespace kx::files {
 namespace {
 
-// The record whose value a declared name reports: follows the merge chain to its end.
+// The record whose value a declared name reports: the end of its merge chain.
 const model::Variable& Survivor(const model::ModelStore& store, const model::Variable& v) {
-  const model::Variable* r = &v;
-  for (int guard = 0; r->forward >= 0 && guard < 1000000; ++guard) r = &store.vars[r->forward];
-  return *r;
+  return store.vars[model::ResolveForward(store, static_cast<int>(&v - store.vars.data()))];
 }
 
 // NaN and Inf have no JSON literal: they are written as null.

@@ -5,6 +5,7 @@
 #include "base/check.h"
 #include "base/report.h"
 #include "horizon/collocation.h"
+#include "model/builder.h"
 #include "model/checks.h"
 
 namespace kx::horizon {
@@ -264,16 +265,7 @@ void Replicator::FinishCounts() {
     v.number_d = v.idiff > 0 ? s.nvar + v.idiff : 0;
     if (v.integer) ++s.num_integer;
   }
-  s.num_diff_eqns = s.num_alg_eqns = s.num_obj_eqns = 0;
-  for (const Equation& q : s.eqns) {
-    if (q.obj_eqn) {
-      ++s.num_obj_eqns;
-    } else if (q.differential) {
-      ++s.num_diff_eqns;
-    } else {
-      ++s.num_alg_eqns;
-    }
-  }
+  model::CountEquationKinds(&s);
 }
 
 }  // namespace

@@ -371,16 +371,7 @@ void Builder::FinishCounts() {
     v.idiff = v.diff ? ++store_.ndiff : 0;
     if (v.integer) ++store_.num_integer;
   }
-  store_.num_diff_eqns = store_.num_alg_eqns = store_.num_obj_eqns = 0;
-  for (const Equation& q : store_.eqns) {
-    if (q.obj_eqn) {
-      ++store_.num_obj_eqns;
-    } else if (q.differential) {
-      ++store_.num_diff_eqns;
-    } else {
-      ++store_.num_alg_eqns;
-    }
-  }
+  CountEquationKinds(&store_);
 }
 
 std::string WorkDirOf(const std::string& model_file, const BuildOptions& options) {
@@ -396,6 +387,19 @@ ModelStore BuildModel(const std::string& model_file, const BuildOptions& options
   o.work_dir = WorkDirOf(model_file, options);
   Builder b(o);
   return b.Run([&](lang::ModelFileReader* r) { r->Read(model_file); });
+}
+
+void CountEquationKinds(ModelStore* store) {
+  store->num_diff_eqns = store->num_alg_eqns = store->num_obj_eqns = 0;
+  for (const Equation& q : store->eqns) {
+    if (q.obj_eqn) {
+      ++store->num_obj_eqns;
+    } else if (q.differential) {
+      ++store->num_diff_eqns;
+    } else {
+      ++store->num_alg_eqns;
+    }
+  }
 }
 
 ModelStore BuildModelFromText(std::string_view text, const BuildOptions& options) {

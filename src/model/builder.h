@@ -38,6 +38,9 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
 // the current variable values; domain errors met are kept in store->start_errors.
 void EvaluateInitialState(ModelStore* store);
 
+// Counts the differential, algebraic and objective equations into the store's counters.
+void CountEquationKinds(ModelStore* store);
+
 // Prints the model size report ("--------- ZPM Model Size ------------").
 void PrintSizeReport(const ModelStore& store, const lang::ModelCounts& counts);
 
