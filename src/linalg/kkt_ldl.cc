@@ -55,6 +55,7 @@ bool KktLdl::Factor(int dim, std::span<const int> rows, std::span<const int> col
     for (int i = 0; i < 4; ++i) id.icntl[i] = -1;  // no output at all
     id.icntl[23] = 1;                              // detect null pivots
     id.icntl[13] = 50;                             // working memory margin, percent
+    id.icntl[9] = 2;                               // up to two steps of iterative refinement
   }
   const size_t nnz = rows.size();
   bool same = analysed_ && dim == dim_ && irn_.size() == nnz;
