@@ -35,7 +35,6 @@ namespace {
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
-constexpr double kMultiplierScale = 100.0; // mean multiplier size that starts to scale it
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -198,19 +197,15 @@ double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) 
 
 // Scaled first-order optimality error at p with the row multipliers: stationarity with the
 // bound multipliers that the bounds allow, the sign of inequality multipliers and
-// complementarity, divided by max(dual_scale_, largest gradient entry, mean multiplier size /
-// kMultiplierScale). dual_scale_ is the starting gradient's size within [1e-6, 1], so an
-// objective whose gradient is small everywhere (a cost weighted by a mesh width, say) is
-// judged relative to its own size instead of passing an absolute test far from its optimum.
-// Large multipliers make the cancelling terms of J'lambda large, and with them the rounding
-// left in the stationarity residual: the last term keeps the test within reach then.
+// complementarity, divided by max(dual_scale_, largest gradient entry). dual_scale_ is the
+// starting gradient's size within [1e-6, 1], so an objective whose gradient is small
+// everywhere (a cost weighted by a mesh width, say) is judged relative to its own size
+// instead of passing an absolute test far from its optimum.
 double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) const {
   std::vector<double> r(p.g);
   for (size_t k = 0; k < p.jac.size(); ++k) r[nlp_.jac_cols[k]] += p.jac[k] * lambda[nlp_.jac_rows[k]];
-  double gmax = dual_scale_, err = 0.0, lsum = 0.0;
+  double gmax = dual_scale_, err = 0.0;
   for (double v : p.g) gmax = std::max(gmax, std::abs(v));
-  for (double l : lambda) lsum += std::abs(l);
-  if (nlp_.m > 0) gmax = std::max(gmax, lsum / nlp_.m / kMultiplierScale);
   for (int j = 0; j < nlp_.n; ++j) {
     if (xl_[j] == xu_[j]) continue;
     const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
