@@ -196,6 +196,30 @@ TEST(AsoptSqpTest, SquareSimulationSystemConvergesLikeNewton) {
   }
 }
 
+// A hanging chain of rigid links between two fixed supports, started from a V shape: the
+// Hessian at the start is nearly zero and the supports are fixed variables. ASOPT must reach
+// the interior-point solver's optimum in a modest number of iterations.
+TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
+  const std::string text =
+      "Model chain\n  Constants\n    m = 200\n    len = 1.5/m\n  End Constants\n"
+      "  Variables\n    dx[1:m] = 0.8*len\n    dy[1:m/2] = -0.6*len\n    dy[m/2+1:m] = 0.6*len\n"
+      "    y[1] = 0, >= 0, <= 0\n    y[2:m+1] = 0\n    sx[1] = 0, >= 0, <= 0\n    sx[2:m] = 0\n"
+      "    sx[m+1] = 1, >= 1, <= 1\n  End Variables\n"
+      "  Equations\n    dx[1:m]^2 + dy[1:m]^2 = len^2\n    y[2:m+1] = y[1:m] + dy[1:m]\n"
+      "    sx[2:m+1] = sx[1:m] + dx[1:m]\n    y[m+1] = 0\n"
+      "    minimize len*(y[1:m] + y[2:m+1])/2\n  End Equations\nEnd Model\n";
+  const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 500};
+  auto asopt_model = testing::LoadModelText(text);
+  auto ipopt_model = testing::LoadModelText(text);
+  const SolverResult a = SolveModel(*asopt_model, settings);
+  const SolverResult b = SolveModel(*ipopt_model, settings, true);
+  ASSERT_EQ(a.status, kSuccess);
+  ASSERT_EQ(b.status, kSuccess);
+  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective))
+      << "ASOPT " << a.objective << ", interior point " << b.objective;
+  EXPECT_LE(a.iterations, 60);
+}
+
 TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
   auto model = testing::LoadModelText(
       Model("    x[1:4] = 1, >= 1, <= 5\n",
