@@ -122,6 +122,16 @@ SolverResult FailedSetup(int info, const NlpData& nlp, const std::vector<double>
   return failed;
 }
 
+// The problem's start point moved inside its bounds (where they are in order).
+std::vector<double> StartPoint(NlpData& nlp) {
+  std::vector<double> x(nlp.n);
+  nlp.problem.Start(x);
+  for (int j = 0; j < nlp.n; ++j) {
+    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
+  }
+  return x;
+}
+
 SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
   SolverResult result;
   result.status = out.best.status;
@@ -149,11 +159,7 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
   const AsoptOptions options = LoadOptions(settings);
   if (settings.diaglevel >= 1) options.Write("asopt_current_options.opt");
   NlpData nlp(problem);
-  std::vector<double> x(nlp.n);
-  problem.Start(x);
-  for (int j = 0; j < nlp.n; ++j) {
-    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
-  }
+  const std::vector<double> x = StartPoint(nlp);
   if (settings.warm && mode >= 3 && state.lambda.size() != static_cast<size_t>(nlp.m)) {
     std::vector<double> lambda(nlp.m);
     if (problem.StartMultipliers(lambda)) state.lambda = lambda;
