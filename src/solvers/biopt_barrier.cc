@@ -26,6 +26,8 @@ constexpr double kTauMin = 0.99;        // fraction-to-the-boundary parameter, l
 constexpr double kProgress = 0.9999;    // required decrease of the optimality error
 constexpr double kFallback = 0.8;       // monotone start relative to the average products
 constexpr double kMuMaxFactor = 1e3;    // mu_max relative to the first average product
+constexpr double kMuFloor = 1e-16;      // mu never goes below this
+constexpr double kGapShare = 0.5;       // share of the gap tolerance the products aim at
 
 double OptimalityError(const Errors& e) { return std::max({e.primal, e.dual, e.compl_}); }
 
@@ -42,7 +44,7 @@ void Solver::UpdateBarrier(Errors& e) {
     if (avg > 0.0) mu_max_ = kMuMaxFactor * avg;
   }
   if (free_mode_ && AdaptiveProgress(e)) {
-    UpdateBarrierAdaptive();
+    UpdateBarrierAdaptive(e);
     e = ComputeErrors();
     return;
   }
@@ -56,11 +58,20 @@ void Solver::UpdateBarrier(Errors& e) {
   }
 }
 
+// The smallest barrier parameter for the current iterate: mu_min, or lower while the products
+// of all bounds together exceed the gap tolerance. Every product settles near mu, so the sum
+// meets its share of the tolerance once mu is that share divided among the bounds.
+double Solver::MuFloor(const Errors& e) const {
+  const double target = kGapShare * GapTolerance();
+  if (e.gap <= target || num_bounds_ == 0) return mu_min_;
+  return std::clamp(target * nlp_.obj_scale() / num_bounds_, kMuFloor, mu_min_);
+}
+
 // True when mu was lowered.
 bool Solver::UpdateBarrierMonotone(Errors& e) {
   bool lowered = false;
-  while (e.barrier <= kKappaEps * mu_ && mu_ > mu_min_) {
-    mu_ = std::max(mu_min_, std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
+  while (e.barrier <= kKappaEps * mu_ && mu_ > MuFloor(e)) {
+    mu_ = std::max(MuFloor(e), std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
     tau_ = std::max(kTauMin, 1.0 - mu_);
     filter_.Clear();
     e = ComputeErrors();
@@ -88,13 +99,14 @@ bool Solver::AdaptiveProgress(const Errors& e) {
   return true;
 }
 
-void Solver::UpdateBarrierAdaptive() {
+void Solver::UpdateBarrierAdaptive(const Errors& e) {
   double smallest = 0.0;
   const double avg = AverageComplementarity(smallest);
   if (avg <= 0.0) return;
   const double xi = std::max(1e-12, smallest / avg);
   const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
-  const double mu = std::clamp(sigma * avg, mu_min_, std::max(mu_min_, mu_max_));
+  const double floor = MuFloor(e);
+  const double mu = std::clamp(sigma * avg, floor, std::max(floor, mu_max_));
   if (mu != mu_) filter_.Clear();  // a new barrier function: old entries do not compare
   mu_ = mu;
   tau_ = std::max(kTauMin, 1.0 - mu_);

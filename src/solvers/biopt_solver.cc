@@ -54,6 +54,9 @@ int Solver::Initialise() {
   if (nlp_.Prepare() != kSuccess) return kInvalidBounds;
   nx_ = nlp_.nx(), ns_ = nlp_.ns(), nw_ = nlp_.nw(), m_ = nlp_.m();
   Allocate();
+  for (int i = 0; i < nw_; ++i) {
+    num_bounds_ += HasBound(nlp_.lower()[i]) + HasBound(nlp_.upper()[i]);
+  }
 
   const bool warm = settings_.warm;
   nlp_.StartPoint(std::span(w_).first(nx_));
@@ -194,8 +197,9 @@ Solver::StepOutcome Solver::TakeTinyStep() {
   if (!TryPoint(alpha, dw_)) return StepOutcome::kFailed;
   AcceptTrial(alpha, true);
   ++tiny_steps_;
-  if (mu_ > mu_min_) {
-    mu_ = std::max(mu_min_, kKappaMu * mu_);
+  const double floor = MuFloor(ComputeErrors());
+  if (mu_ > floor) {
+    mu_ = std::max(floor, kKappaMu * mu_);
     tau_ = std::max(kTauMin, 1.0 - mu_);
     filter_.Clear();
   }
@@ -211,13 +215,14 @@ int Solver::CheckTermination(const Errors& e) {
   const double otol = settings_.objective_tol, rtol = settings_.constraint_tol;
   const double ctol = std::min(otol, rtol);
   const bool feasible = e.primal <= rtol && e.primal_unscaled <= std::max(rtol, 1e-4);
-  if (feasible && e.dual <= otol && e.compl_ <= ctol) return kSuccess;
+  const double gap_tol = GapTolerance();
+  if (feasible && e.dual <= otol && e.compl_ <= ctol && e.gap <= gap_tol) return kSuccess;
   const double a = options_.acceptable_factor;
   const bool acceptable = e.primal <= a * rtol && e.primal_unscaled <= std::max(a * rtol, 1e-4) &&
-                          e.dual <= a * otol && e.compl_ <= a * ctol;
+                          e.dual <= a * otol && e.compl_ <= a * ctol && e.gap <= a * gap_tol;
   acceptable_count_ = acceptable ? acceptable_count_ + 1 : 0;
   if (acceptable_count_ >= options_.acceptable_iter) return kSuccess;
-  if (tiny_steps_ > kMaxTinySteps && mu_ <= mu_min_) {
+  if (tiny_steps_ > kMaxTinySteps && mu_ <= MuFloor(e)) {
     return acceptable ? kSuccess : kAccuracyUnachievable;
   }
   if (f_ / nlp_.obj_scale() < kHugeObjective) return kUnbounded;
@@ -227,6 +232,13 @@ int Solver::CheckTermination(const Errors& e) {
   if (iterations_ >= settings_.max_iter) return kMaxIterations;
   if (TimeUp()) return kExternalAbort;
   return kContinue;
+}
+
+// The largest sum of complementarity products (objective units) at a solution: the objective
+// tolerance relative to the objective's size. Each product alone may meet the tolerance while
+// thousands of active bounds together still hold the objective visibly off its optimum.
+double Solver::GapTolerance() const {
+  return settings_.objective_tol * std::max(1.0, std::fabs(f_ / nlp_.obj_scale()));
 }
 
 // The Newton step of the barrier problem. kContinue with a step, kBadDerivatives when the
@@ -310,18 +322,19 @@ Errors Solver::ComputeErrors() const {
     if (HasBound(lo[i])) {
       const double p = (w_[i] - lo[i]) * zl_[i];
       e.compl_ = std::max(e.compl_, p), compl_mu = std::max(compl_mu, std::fabs(p - mu_));
-      z1 += zl_[i], ++bounds;
+      e.gap += p, z1 += zl_[i], ++bounds;
     }
     if (HasBound(up[i])) {
       const double p = (up[i] - w_[i]) * zu_[i];
       e.compl_ = std::max(e.compl_, p), compl_mu = std::max(compl_mu, std::fabs(p - mu_));
-      z1 += zu_[i], ++bounds;
+      e.gap += p, z1 += zu_[i], ++bounds;
     }
   }
   const double s_d = std::max(kScaleMax, (y1 + z1) / std::max(1, m_ + bounds)) / kScaleMax;
   const double s_c = std::max(kScaleMax, z1 / std::max(1, bounds)) / kScaleMax;
   e.dual /= s_d;
   e.compl_ /= s_c;
+  e.gap /= nlp_.obj_scale();
   e.barrier = std::max({e.primal, e.dual, compl_mu / s_c});
   return e;
 }

@@ -43,6 +43,8 @@ struct Errors {
   double dual = 0;      // max |grad L| / s_d
   double compl_ = 0;    // max |(w - l) z| / s_c, complementarity for mu = 0
   double barrier = 0;   // max(primal, dual, complementarity for the current mu)
+  double gap = 0;       // sum of (w - l) z over all bounds in objective units: how far the
+                        // objective may still be from its value at the solution
   double primal_unscaled = 0;  // max |c(x) - t| in problem units
 };
 
@@ -68,11 +70,13 @@ class Solver {
   bool EvaluateDerivatives();
   int Iterate();
   int CheckTermination(const Errors& e);
+  double GapTolerance() const;
 
   // Barrier parameter (biopt_barrier.cc).
   void UpdateBarrier(Errors& e);
+  double MuFloor(const Errors& e) const;
   bool UpdateBarrierMonotone(Errors& e);
-  void UpdateBarrierAdaptive();
+  void UpdateBarrierAdaptive(const Errors& e);
   bool AdaptiveProgress(const Errors& e);
   bool LeaveFreeMode();
   double AverageComplementarity(double& smallest) const;
@@ -131,6 +135,7 @@ class Solver {
 
   // Sizes.
   int nx_ = 0, ns_ = 0, nw_ = 0, m_ = 0;
+  int num_bounds_ = 0;             // finite bounds of w
   // Current iterate.
   std::vector<double> w_;          // free x then slacks; size nw
   std::vector<double> y_;          // row multipliers; size m

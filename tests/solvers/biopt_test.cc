@@ -168,6 +168,29 @@ TEST(Biopt, SolvesModelsToKnownOutcomesUnderBothBarrierRules) {
   }
 }
 
+// Thousands of active bounds with small multipliers, each product within the tolerance: the
+// sum of the products is the objective's distance from its optimum (0), and that must meet the
+// tolerance as well. (Small multipliers keep the points clear of the bounds' relaxation.)
+constexpr const char* kManyActiveBounds = R"(Model lpbox
+  Variables
+    x[1:3000] = 1, >= 0, <= 2
+  End Variables
+  Equations
+    minimize 1e-3*x[1:3000]
+  End Equations
+End Model)";
+
+TEST(Biopt, ManyActiveBoundsTogetherMeetTheObjectiveTolerance) {
+  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
+    SCOPED_TRACE(rule == biopt::BarrierRule::kMonotone ? "monotone" : "adaptive");
+    auto model = kx::testing::LoadModelText(kManyActiveBounds);
+    const SolverResult r = Solve(*model->problem, Tight(), rule);
+    ASSERT_EQ(r.status, kSuccess);
+    EXPECT_GE(r.objective, 0.0);
+    EXPECT_LE(r.objective, 2 * Tight().objective_tol);
+  }
+}
+
 // A simulation step written out: implicit Euler of a draining tank over a horizon, as many
 // equations as variables, no objective, and lower bounds on the levels that stay far from
 // active. Only the barrier terms keep the multipliers away from zero, so the solve ends by
