@@ -3,7 +3,7 @@
 // Monotone rule: mu stays until the barrier problem is solved to kKappaEps * mu, then falls to
 // max(mu_min, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
 //
-// Adaptive rule: in the free mode mu follows the average complementarity products, scaled by a
+// Adaptive rule (for problems with bounds): in the free mode mu follows the average complementarity products, scaled by a
 // centring factor that grows when the products are far apart (small xi = min / average):
 //   mu = sigma * average,  sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3,
 // and may rise as well as fall. The free mode lasts while the optimality error keeps falling:
@@ -33,8 +33,14 @@ double OptimalityError(const Errors& e) { return std::max({e.primal, e.dual, e.c
 
 }  // namespace
 
+// Without bounds there are no products for the adaptive rule to follow; mu then only sets the
+// constraint regularisation and the filter's life, and the monotone rule governs it.
+bool Solver::IsAdaptive() const {
+  return options_.barrier_rule == BarrierRule::kAdaptive && num_bounds_ > 0;
+}
+
 void Solver::UpdateBarrier(Errors& e) {
-  if (options_.barrier_rule == BarrierRule::kMonotone) {
+  if (!IsAdaptive()) {
     UpdateBarrierMonotone(e);
     return;
   }
@@ -115,7 +121,7 @@ void Solver::UpdateBarrierAdaptive(const Errors& e) {
 // Switches the adaptive rule to its monotone mode. False when that was already the case (or
 // the rule is monotone), so that the caller goes on to other remedies.
 bool Solver::LeaveFreeMode() {
-  if (options_.barrier_rule != BarrierRule::kAdaptive || !free_mode_) return false;
+  if (!IsAdaptive() || !free_mode_) return false;
   free_mode_ = false;
   error_at_switch_ = OptimalityError(ComputeErrors());
   double smallest = 0.0;

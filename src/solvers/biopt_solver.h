@@ -29,7 +29,7 @@ enum class BarrierRule {
 };
 
 struct Options {
-  BarrierRule barrier_rule = BarrierRule::kMonotone;
+  BarrierRule barrier_rule = BarrierRule::kAdaptive;
   double mu_init = 0.1;          // first barrier parameter of a cold start
   double mu_init_warm = 1e-5;    // first barrier parameter of a warm start
   int acceptable_iter = 15;      // consecutive "acceptable" iterations that end the solve
@@ -73,6 +73,7 @@ class Solver {
   double GapTolerance() const;
 
   // Barrier parameter (biopt_barrier.cc).
+  bool IsAdaptive() const;
   void UpdateBarrier(Errors& e);
   double MuFloor(const Errors& e) const;
   bool UpdateBarrierMonotone(Errors& e);
