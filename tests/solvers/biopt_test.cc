@@ -306,6 +306,20 @@ TEST(Biopt, ReturnsMultipliersInTheLagrangianConvention) {
 
 // min x - ln(x) from x = 10 without bounds: the first Newton step lands at x < 0, where the
 // objective cannot be evaluated; the step must be cut back.
+// The suite's hanging chain (20000 variables, equality rows only): once the supports, fixed
+// variables, are taken out it has no bounds, so the adaptive rule has no products to follow.
+TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
+  const auto suite = kx::testing::NlpSuite(true);
+  const auto chain = std::find_if(suite.begin(), suite.end(),
+                                  [](const auto& e) { return e.name == "hanging_chain"; });
+  ASSERT_NE(chain, suite.end());
+  auto model = kx::testing::LoadModelFile(chain->path);
+  const SolverResult r = Solve(*model->problem, Tight(), biopt::BarrierRule::kAdaptive);
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_LE(r.iterations, 40);
+  EXPECT_LE(kx::testing::RelativeError(r.objective, chain->optimum), 1e-6);
+}
+
 TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
   DenseProblem p;
   p.n = 1;
