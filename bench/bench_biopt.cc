@@ -3,9 +3,11 @@
 // built afresh for each solver so both start from the model's own start point; the solvers
 // run quietly in a scratch directory (their log files land there).
 //
-//   bench_biopt [--small] [--monotone | --adaptive] [--mu-init MU] [--logs DIR] [--generated N]
-//               [name ...]
-// --small leaves out the large problems; --monotone / --adaptive pick BIOPT's barrier rule;
+//   bench_biopt [--small] [--monotone | --adaptive] [--probing] [--mu-init MU] [--logs DIR]
+//               [--generated N] [name ...]
+// --small leaves out the large problems; --monotone / --adaptive pick BIOPT's barrier rule,
+// --probing the adaptive rule's centring from an affine-scaling probe (instead of the spread
+// of the products);
 // --mu-init sets BIOPT's first barrier parameter; --logs DIR runs in DIR (kept afterwards, so
 // that the solvers' log files of the last problem can be read) instead of a scratch directory;
 // --generated N adds two scalable models of about N variables (a chained Rosenbrock function
@@ -140,6 +142,7 @@ int Main(int argc, char** argv) {
     else if (arg == "--small") small_only = true;
     else if (arg == "--adaptive") options.barrier_rule = solvers::biopt::BarrierRule::kAdaptive;
     else if (arg == "--monotone") options.barrier_rule = solvers::biopt::BarrierRule::kMonotone;
+    else if (arg == "--probing") options.mu_oracle = solvers::biopt::MuOracle::kProbing;
     else if (arg == "--mu-init" && i + 1 < argc) options.mu_init = std::atof(argv[++i]);
     else if (arg == "--logs" && i + 1 < argc) logs = argv[++i];
     else names.emplace_back(arg);

@@ -107,15 +107,54 @@ bool Solver::AdaptiveProgress(const Errors& e) {
 
 void Solver::UpdateBarrierAdaptive(const Errors& e) {
   double smallest = 0.0;
-  const double avg = AverageComplementarity(smallest);
+  double avg = AverageComplementarity(smallest);
   if (avg <= 0.0) return;
-  const double xi = std::max(1e-12, smallest / avg);
-  const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
+  double sigma = 0.0;
+  if (options_.mu_oracle == MuOracle::kProbing) {
+    const double affine = ProbeAffineProducts(avg);
+    if (affine < 0.0) return;  // no step matrix: the caller's own factorisation decides
+    sigma = std::min(1.0, std::pow(affine / avg, 3));
+  } else {
+    const double xi = std::max(1e-12, smallest / avg);
+    sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
+  }
   const double floor = MuFloor(e);
   const double mu = std::clamp(sigma * avg, floor, std::max(floor, mu_max_));
   if (mu != mu_) filter_.Clear();  // a new barrier function: old entries do not compare
   mu_ = mu;
   tau_ = std::max(kTauMin, 1.0 - mu_);
+}
+
+// The average product an affine-scaling step (the Newton step for mu = 0, taken to the
+// boundary) would reach; `average` receives the current one. Factorises the step matrix of
+// this iterate, which the step that follows reuses. Negative when that fails.
+double Solver::ProbeAffineProducts(double& average) {
+  const auto x = std::span<const double>(w_).first(nx_);
+  if (!nlp_.Hessian(x, 1.0, y_, hess_) || !FactoriseStepMatrix()) return -1.0;
+  factorised_ = true;
+  BarrierGradient(w_, 0.0, gb_);
+  for (int i = 0; i < m_; ++i) c_soc_[i] = -r_[i];
+  if (!SolveStep(c_soc_, dw_, dy_)) return -1.0;
+  ComputeBoundSteps(0.0);
+  const double alpha_p = PrimalStepToBoundary(w_, dw_, 1.0);
+  const double alpha_d = DualStepToBoundary(1.0);
+  const std::vector<double>& lo = nlp_.lower();
+  const std::vector<double>& up = nlp_.upper();
+  double sum = 0.0, now = 0.0;
+  for (int i = 0; i < nw_; ++i) {
+    if (IsFinite(lo[i])) {
+      const double gap = w_[i] - lo[i];
+      now += gap * zl_[i];
+      sum += (gap + alpha_p * dw_[i]) * (zl_[i] + alpha_d * dzl_[i]);
+    }
+    if (IsFinite(up[i])) {
+      const double gap = up[i] - w_[i];
+      now += gap * zu_[i];
+      sum += (gap - alpha_p * dw_[i]) * (zu_[i] + alpha_d * dzu_[i]);
+    }
+  }
+  average = now / num_bounds_;
+  return std::max(0.0, sum / num_bounds_);
 }
 
 // Switches the adaptive rule to its monotone mode. False when that was already the case (or

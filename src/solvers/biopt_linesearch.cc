@@ -132,7 +132,7 @@ bool Solver::TrySecondOrderCorrections(double alpha_max, bool& f_type) {
     if (IsAcceptable(alpha_max, theta_t, BarrierValue(f_trial_, w_trial_), f_type)) {
       std::swap(dw_, dw_soc_);
       std::swap(dy_, dy_soc_);
-      ComputeBoundSteps();
+      ComputeBoundSteps(mu_);
       step_tag_ = 's';
       AcceptTrial(alpha, f_type);
       return true;

@@ -244,17 +244,26 @@ double Solver::GapTolerance() const {
 // The Newton step of the barrier problem. kContinue with a step, kBadDerivatives when the
 // Hessian cannot be evaluated, kAccuracyUnachievable when no regularisation factorises.
 int Solver::ComputeDirection() {
-  const auto x = std::span<const double>(w_).first(nx_);
-  if (!nlp_.Hessian(x, 1.0, y_, hess_)) return kBadDerivatives;
+  if (!factorised_) {
+    const auto x = std::span<const double>(w_).first(nx_);
+    if (!nlp_.Hessian(x, 1.0, y_, hess_)) return kBadDerivatives;
+    if (!FactoriseStepMatrix()) return kAccuracyUnachievable;
+  }
+  factorised_ = false;
   BarrierGradient(w_, mu_, gb_);
-  ComputeSigma(sigma_);
-  if (!kkt_.FactoriseCorrected(hess_, jac_, sigma_, mu_)) return kAccuracyUnachievable;
   for (int i = 0; i < m_; ++i) c_soc_[i] = -r_[i];
   if (!SolveStep(c_soc_, dw_, dy_)) return kAccuracyUnachievable;
-  ComputeBoundSteps();
+  ComputeBoundSteps(mu_);
   gd_ = 0.0;
   for (int i = 0; i < nw_; ++i) gd_ += gb_[i] * dw_[i];
   return kContinue;
+}
+
+// Factorises the step matrix at the current iterate (Hessian in hess_) with inertia
+// correction. The matrix does not depend on mu beyond the constraint regularisation.
+bool Solver::FactoriseStepMatrix() {
+  ComputeSigma(sigma_);
+  return kkt_.FactoriseCorrected(hess_, jac_, sigma_, mu_);
 }
 
 // Solves for (dw, dy) with the w rows -(barrier gradient + A^T y) and the given y rows.
@@ -269,18 +278,18 @@ bool Solver::SolveStep(std::span<const double> r_y, std::span<double> dw, std::s
   return true;
 }
 
-void Solver::ComputeBoundSteps() {
+void Solver::ComputeBoundSteps(double mu) {
   const std::vector<double>& lo = nlp_.lower();
   const std::vector<double>& up = nlp_.upper();
   for (int i = 0; i < nw_; ++i) {
     dzl_[i] = dzu_[i] = 0.0;
     if (HasBound(lo[i])) {
       const double gap = w_[i] - lo[i];
-      dzl_[i] = (mu_ - zl_[i] * gap - zl_[i] * dw_[i]) / gap;
+      dzl_[i] = (mu - zl_[i] * gap - zl_[i] * dw_[i]) / gap;
     }
     if (HasBound(up[i])) {
       const double gap = up[i] - w_[i];
-      dzu_[i] = (mu_ - zu_[i] * gap + zu_[i] * dw_[i]) / gap;
+      dzu_[i] = (mu - zu_[i] * gap + zu_[i] * dw_[i]) / gap;
     }
   }
 }

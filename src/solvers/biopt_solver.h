@@ -28,8 +28,15 @@ enum class BarrierRule {
               // fast enough, the monotone rule otherwise
 };
 
+// How the adaptive rule's free mode picks mu from the complementarity products.
+enum class MuOracle {
+  kProbing,    // centring factor from the products an affine-scaling step (mu = 0) would reach
+  kSpread,     // centring factor from the spread of the current products (min / average)
+};
+
 struct Options {
   BarrierRule barrier_rule = BarrierRule::kAdaptive;
+  MuOracle mu_oracle = MuOracle::kSpread;
   double mu_init = 0.1;          // first barrier parameter of a cold start
   double mu_init_warm = 1e-5;    // first barrier parameter of a warm start
   int acceptable_iter = 15;      // consecutive "acceptable" iterations that end the solve
@@ -78,12 +85,14 @@ class Solver {
   double MuFloor(const Errors& e) const;
   bool UpdateBarrierMonotone(Errors& e);
   void UpdateBarrierAdaptive(const Errors& e);
+  double ProbeAffineProducts(double& average);
+  bool FactoriseStepMatrix();
   bool AdaptiveProgress(const Errors& e);
   bool LeaveFreeMode();
   double AverageComplementarity(double& smallest) const;
   int ComputeDirection();
   bool SolveStep(std::span<const double> r_y, std::span<double> dw, std::span<double> dy);
-  void ComputeBoundSteps();
+  void ComputeBoundSteps(double mu);
   void ResetBoundMultipliers();
   void FillResult(int status, SolverResult& result);
 
@@ -185,6 +194,7 @@ class Solver {
   double error_at_switch_ = 0;     // optimality error when the monotone rule took over
   int filter_blocks_ = 0;          // iterations in a row in which the filter refused a trial
   int filter_resets_ = 0;
+  bool factorised_ = false;        // the step matrix of this iterate is already factorised
 };
 
 }  // namespace kx::solvers::biopt

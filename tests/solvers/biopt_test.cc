@@ -32,12 +32,27 @@ SolverSettings Tight() {
   return s;
 }
 
+// A choice of barrier rule and, for the adaptive rule, of its centring oracle.
+struct Rule {
+  const char* name;
+  biopt::BarrierRule rule;
+  biopt::MuOracle oracle;
+};
+
+constexpr Rule kDefaultRule = {"default", biopt::Options{}.barrier_rule,
+                               biopt::Options{}.mu_oracle};
+constexpr Rule kRules[] = {
+    {"monotone", biopt::BarrierRule::kMonotone, biopt::MuOracle::kSpread},
+    {"adaptive, spread", biopt::BarrierRule::kAdaptive, biopt::MuOracle::kSpread},
+    {"adaptive, probing", biopt::BarrierRule::kAdaptive, biopt::MuOracle::kProbing},
+};
+
 // Solves quietly; the log goes to the scratch directory of the test.
-SolverResult Solve(Problem& p, const SolverSettings& s = Tight(),
-                   biopt::BarrierRule rule = biopt::Options{}.barrier_rule) {
+SolverResult Solve(Problem& p, const SolverSettings& s = Tight(), const Rule& rule = kDefaultRule) {
   biopt::Options options;
   options.log_file = "";
-  options.barrier_rule = rule;
+  options.barrier_rule = rule.rule;
+  options.mu_oracle = rule.oracle;
   OutputCapture quiet;
   return SolveBiopt(p, s, options);
 }
@@ -152,11 +167,11 @@ End Model)", kNoFeasibleSolution, 0.0},
 End Model)", kUnbounded, 0.0},
 };
 
-TEST(Biopt, SolvesModelsToKnownOutcomesUnderBothBarrierRules) {
-  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
+TEST(Biopt, SolvesModelsToKnownOutcomesUnderEveryBarrierRule) {
+  for (const Rule& rule : kRules) {
     for (const ModelCase& c : kModelCases) {
       SCOPED_TRACE(c.name);
-      SCOPED_TRACE(rule == biopt::BarrierRule::kMonotone ? "monotone" : "adaptive");
+      SCOPED_TRACE(rule.name);
       auto model = kx::testing::LoadModelText(c.text);
       const SolverResult r = Solve(*model->problem, Tight(), rule);
       EXPECT_EQ(r.status, c.status);
@@ -181,8 +196,8 @@ constexpr const char* kManyActiveBounds = R"(Model lpbox
 End Model)";
 
 TEST(Biopt, ManyActiveBoundsTogetherMeetTheObjectiveTolerance) {
-  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
-    SCOPED_TRACE(rule == biopt::BarrierRule::kMonotone ? "monotone" : "adaptive");
+  for (const Rule& rule : kRules) {
+    SCOPED_TRACE(rule.name);
     auto model = kx::testing::LoadModelText(kManyActiveBounds);
     const SolverResult r = Solve(*model->problem, Tight(), rule);
     ASSERT_EQ(r.status, kSuccess);
@@ -217,9 +232,9 @@ constexpr const char* kTankHorizon = R"(Model tank
 End Model)";
 
 TEST(Biopt, ConvergesOnSquareSystemsWithInactiveBounds) {
-  for (auto rule : {biopt::BarrierRule::kMonotone, biopt::BarrierRule::kAdaptive}) {
+  for (const Rule& rule : kRules) {
     for (double tol : {1e-6, 1e-8, 1e-10}) {
-      SCOPED_TRACE(fmt::format("tolerance {} rule {}", tol, static_cast<int>(rule)));
+      SCOPED_TRACE(fmt::format("tolerance {} rule {}", tol, rule.name));
       auto model = kx::testing::LoadModelText(kTankHorizon);
       SolverSettings s;
       s.objective_tol = s.constraint_tol = tol;
@@ -314,7 +329,7 @@ TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
                                   [](const auto& e) { return e.name == "hanging_chain"; });
   ASSERT_NE(chain, suite.end());
   auto model = kx::testing::LoadModelFile(chain->path);
-  const SolverResult r = Solve(*model->problem, Tight(), biopt::BarrierRule::kAdaptive);
+  const SolverResult r = Solve(*model->problem, Tight(), kRules[1]);
   ASSERT_EQ(r.status, kSuccess);
   EXPECT_LE(r.iterations, 40);
   EXPECT_LE(kx::testing::RelativeError(r.objective, chain->optimum), 1e-6);
