@@ -1,16 +1,21 @@
 // BIOPT's barrier parameter.
 //
 // Monotone rule: mu stays until the barrier problem is solved to kKappaEps * mu, then falls to
-// max(mu_min, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
+// max(mu_floor, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
 //
-// Adaptive rule (for problems with bounds): in the free mode mu follows the average complementarity products, scaled by a
-// centring factor that grows when the products are far apart (small xi = min / average):
-//   mu = sigma * average,  sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3,
-// and may rise as well as fall. The free mode lasts while the optimality error keeps falling:
-// each iterate must come below kProgress times one of the errors of the last few free-mode
-// iterates. Otherwise, and when the line search fails in the free mode, the monotone rule takes
-// over from mu = kFallback * average; once it has solved a barrier problem to an optimality
-// error below kProgress times the error at the switch, the free mode resumes.
+// Adaptive rule (for problems with bounds): in the free mode mu follows the average
+// complementarity product times a centring factor sigma, and may rise as well as fall. The
+// spread oracle makes sigma grow when the products are far apart (small xi = min / average):
+//   sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3;
+// the probing oracle measures how far an affine-scaling step (mu = 0) would bring the
+// products down: sigma = (average after that step / average now)^3. The free mode lasts while
+// the optimality error keeps falling: each iterate must come below kProgress times one of the
+// errors of the last few free-mode iterates. Otherwise, and when the line search fails in the
+// free mode, the monotone rule takes over from mu = kFallback * average; once it has solved a
+// barrier problem to an optimality error below kProgress times the error at the switch, the
+// free mode resumes.
+//
+// mu_floor is mu_min, or lower while the sum of all products exceeds its tolerance (MuFloor).
 #include <algorithm>
 #include <cmath>
 
