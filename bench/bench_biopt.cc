@@ -3,8 +3,13 @@
 // built afresh for each solver so both start from the model's own start point; the solvers
 // run quietly in a scratch directory (their log files land there).
 //
-//   bench_biopt [--small] [--adaptive] [--generated N] [name ...]
-// --small leaves out the large problems; --adaptive runs BIOPT with the adaptive barrier rule;
+//   bench_biopt [--small] [--monotone | --adaptive] [--probing] [--mu-init MU] [--logs DIR]
+//               [--generated N] [name ...]
+// --small leaves out the large problems; --monotone / --adaptive pick BIOPT's barrier rule,
+// --probing the adaptive rule's centring from an affine-scaling probe (instead of the spread
+// of the products);
+// --mu-init sets BIOPT's first barrier parameter; --logs DIR runs in DIR (kept afterwards, so
+// that the solvers' log files of the last problem can be read) instead of a scratch directory;
 // --generated N adds two scalable models of about N variables (a chained Rosenbrock function
 // under ring constraints, a discretised control problem with an exponential source). Their
 // optimum is not known beforehand: a success status counts as solved, and the table notes
@@ -15,6 +20,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -126,14 +132,19 @@ std::string Mark(const Outcome& o) { return o.solved ? "ok" : fmt::format("F({})
 
 int Main(int argc, char** argv) {
   bool small_only = false;
-  solvers::biopt::BarrierRule rule = solvers::biopt::BarrierRule::kMonotone;
+  solvers::biopt::Options options;
   std::vector<std::string> names;
   int generated = 0;
+  std::string logs;
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
     if (arg == "--generated" && i + 1 < argc) generated = std::atoi(argv[++i]);
     else if (arg == "--small") small_only = true;
-    else if (arg == "--adaptive") rule = solvers::biopt::BarrierRule::kAdaptive;
+    else if (arg == "--adaptive") options.barrier_rule = solvers::biopt::BarrierRule::kAdaptive;
+    else if (arg == "--monotone") options.barrier_rule = solvers::biopt::BarrierRule::kMonotone;
+    else if (arg == "--probing") options.mu_oracle = solvers::biopt::MuOracle::kProbing;
+    else if (arg == "--mu-init" && i + 1 < argc) options.mu_init = std::atof(argv[++i]);
+    else if (arg == "--logs" && i + 1 < argc) logs = argv[++i];
     else names.emplace_back(arg);
   }
   auto suite = kx::testing::NlpSuite(!small_only);
@@ -142,7 +153,13 @@ int Main(int argc, char** argv) {
       return std::find(names.begin(), names.end(), e.name) == names.end();
     });
   }
-  kx::testing::WorkingDir scratch("bench_biopt");
+  std::optional<kx::testing::WorkingDir> scratch;
+  if (logs.empty()) {
+    scratch.emplace("bench_biopt");
+  } else {
+    std::filesystem::create_directories(logs);
+    std::filesystem::current_path(logs);
+  }
   if (generated > 0) {
     for (auto& e : GeneratedModels(generated)) suite.push_back(std::move(e));
   }
@@ -152,9 +169,7 @@ int Main(int argc, char** argv) {
   double large_b = 0, large_i = 0;
   std::vector<double> ratios;
   for (const auto& entry : suite) {
-    Outcome b = Run(entry, [rule](solvers::Problem& p, const solvers::SolverSettings& s) {
-      solvers::biopt::Options options;
-      options.barrier_rule = rule;
+    Outcome b = Run(entry, [&options](solvers::Problem& p, const solvers::SolverSettings& s) {
       return solvers::SolveBiopt(p, s, options);
     }, false);
     Outcome i = Run(entry, [](solvers::Problem& p, const solvers::SolverSettings& s) {

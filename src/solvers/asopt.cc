@@ -7,6 +7,7 @@
 #include "base/base.h"
 #include "solvers/asopt_minlp.h"
 #include "solvers/banner.h"
+#include "solvers/residual_dump.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -37,24 +38,10 @@ void DumpVector(const char* title, const char* name, const std::vector<double>& 
   }
 }
 
-// Checks bounds and the first derivatives at the start; prints the solver dump and returns
-// the failure code, or 0.
-int CheckSetup(NlpData& nlp, const std::vector<double>& x, int mode) {
-  int info = kSuccess;
-  for (int j = 0; j < nlp.n; ++j) {
-    if (nlp.xl[j] > nlp.xu[j]) info = kInvalidBounds;
-  }
-  for (int i = 0; i < nlp.m; ++i) {
-    if (nlp.cl[i] > nlp.cu[i]) info = kInvalidBounds;
-  }
-  std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
-  const bool g_ok = nlp.problem.Gradient(x, g);
-  const bool a_ok = nlp.problem.JacobianValues(x, a);
-  const auto finite = [](const std::vector<double>& v) {
-    return std::all_of(v.begin(), v.end(), [](double e) { return std::isfinite(e); });
-  };
-  if (info == kSuccess && !(g_ok && a_ok && finite(g) && finite(a))) info = kBadInputs;
-  if (info == kSuccess) return kSuccess;
+// The solver dump of a failed setup: the sizes, the mode, the objective gradient and the
+// Jacobian values at the start point, and the failure code.
+void PrintSolverDump(const NlpData& nlp, int info, int mode, const std::vector<double>& g,
+                     const std::vector<double>& a) {
   Say("***** Solver Dump *****");
   Sayf("info : {}", info);
   Sayf("n    : {}", nlp.n);
@@ -65,7 +52,84 @@ int CheckSetup(NlpData& nlp, const std::vector<double>& x, int mode) {
   DumpVector("       g", "g", g);
   DumpVector("       a", "a", a);
   Sayf("Error: Problems with Setup.  info = {}", info);
+}
+
+bool AllFinite(const std::vector<double>& v) {
+  return std::all_of(v.begin(), v.end(), [](double e) { return std::isfinite(e); });
+}
+
+// The inputs a solve cannot start from: a bound or start value that is not a number, or a
+// Jacobian position outside the problem. Returns kBadInputs or 0.
+int CheckInputs(const NlpData& nlp, const std::vector<double>& x) {
+  const auto nan = [](double v) { return std::isnan(v); };
+  if (std::any_of(nlp.xl.begin(), nlp.xl.end(), nan) ||
+      std::any_of(nlp.xu.begin(), nlp.xu.end(), nan) ||
+      std::any_of(nlp.cl.begin(), nlp.cl.end(), nan) ||
+      std::any_of(nlp.cu.begin(), nlp.cu.end(), nan) || !AllFinite(x)) {
+    return kBadInputs;
+  }
+  for (size_t k = 0; k < nlp.jac_rows.size(); ++k) {
+    if (nlp.jac_rows[k] < 0 || nlp.jac_rows[k] >= nlp.m || nlp.jac_cols[k] < 0 ||
+        nlp.jac_cols[k] >= nlp.n) {
+      return kBadInputs;
+    }
+  }
+  return kSuccess;
+}
+
+// Checks the inputs, the bounds and the first derivatives at the start; prints the solver
+// dump and returns the failure code, or 0.
+int CheckSetup(NlpData& nlp, const std::vector<double>& x, int mode) {
+  int info = CheckInputs(nlp, x);
+  for (int j = 0; j < nlp.n && info == kSuccess; ++j) {
+    if (nlp.xl[j] > nlp.xu[j]) info = kInvalidBounds;
+  }
+  for (int i = 0; i < nlp.m && info == kSuccess; ++i) {
+    if (nlp.cl[i] > nlp.cu[i]) info = kInvalidBounds;
+  }
+  std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
+  const bool g_ok = nlp.problem.Gradient(x, g);
+  const bool a_ok = nlp.problem.JacobianValues(x, a);
+  if (info == kSuccess && !(g_ok && a_ok && AllFinite(g) && AllFinite(a))) {
+    info = kBadDerivatives;
+  }
+  if (info != kSuccess) PrintSolverDump(nlp, info, mode, g, a);
   return info;
+}
+
+// The parameter tables in force, for the debug listing of the log.
+void LogParameters(const AsoptOptions& options, AsoptLog& log) {
+  const AsoptParameters p = MapParameters(options);
+  log.Line("  Integer Parameters  ", false);
+  for (int i = 0; i < AsoptParameters::kNumInteger; ++i) {
+    log.Line(fmt::format("{:>4} {:<36} {}", i + 1, IntegerParameterLabel(i), p.integers[i]),
+             false);
+  }
+  log.Line("  Real Parameters  ", false);
+  for (int i = 0; i < AsoptParameters::kNumReal; ++i) {
+    log.Line(fmt::format("{:>4} {:<36} {}", i + 1, RealParameterLabel(i), FormatReal(p.reals[i])),
+             false);
+  }
+}
+
+SolverResult FailedSetup(int info, const NlpData& nlp, const std::vector<double>& x) {
+  SolverResult failed;
+  failed.status = info;
+  failed.x = x;
+  failed.lambda.assign(nlp.m, 0.0);
+  failed.z_lower.assign(nlp.n, 0.0);
+  failed.z_upper.assign(nlp.n, 0.0);
+  return failed;
+}
+
+// The problem's start point moved inside its bounds (where they are in order).
+std::vector<double> StartPoint(NlpData& nlp) {
+  std::vector<double> x(nlp.n);
+  nlp.problem.Start(x);
+  for (int j = 0; j < nlp.n; ++j) {
+    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
+  }
+  return x;
 }
 
 SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
@@ -95,25 +159,20 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
   const AsoptOptions options = LoadOptions(settings);
   if (settings.diaglevel >= 1) options.Write("asopt_current_options.opt");
   NlpData nlp(problem);
-  std::vector<double> x(nlp.n);
-  problem.Start(x);
-  for (int j = 0; j < nlp.n; ++j) {
-    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
-  }
+  const std::vector<double> x = StartPoint(nlp);
   if (settings.warm && mode >= 3 && state.lambda.size() != static_cast<size_t>(nlp.m)) {
     std::vector<double> lambda(nlp.m);
     if (problem.StartMultipliers(lambda)) state.lambda = lambda;
   }
-  if (const int info = CheckSetup(nlp, x, mode); info != kSuccess) {
-    SolverResult failed;
-    failed.status = info;
-    failed.x = x;
-    failed.lambda.assign(nlp.m, 0.0);
-    failed.z_lower.assign(nlp.n, 0.0);
-    failed.z_upper.assign(nlp.n, 0.0);
-    return failed;
-  }
   AsoptLog log("ASOPT.out");
+  if (options.Int(kNlpDebugLevel) >= 1) {
+    LogParameters(options, log);
+    PrintResidualDump(problem, x);
+  }
+  if (const int info = CheckSetup(nlp, x, mode); info != kSuccess) {
+    log.Line(fmt::format(" ASOPT setup failed: status {} {}", info, StatusWord(info)), false);
+    return FailedSetup(info, nlp, x);
+  }
   SqpControl control;
   control.options = &options;
   control.mode = mode;
@@ -124,6 +183,13 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
                          std::chrono::duration<double>(seconds));
   const MinlpOutcome out = Ace_MINLP_solve(nlp, x, control);
   if (nodes) *nodes = out.nodes;
+  if (out.setup_failed) {
+    std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
+    problem.Gradient(x, g);
+    problem.JacobianValues(x, a);
+    PrintSolverDump(nlp, out.best.status, mode, g, a);
+    return FailedSetup(out.best.status, nlp, x);
+  }
   log.Line(fmt::format(" ASOPT status {} {}: {} after {} iterations", out.best.status,
                        StatusWord(out.best.status), OutcomeText(out.best.status),
                        out.nlp_iterations),

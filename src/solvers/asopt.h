@@ -6,8 +6,11 @@
 // defaults of objective_convergence_tolerance, constraint_convergence_tolerance and
 // nlp_maximum_iterations unless the file sets them), writes "asopt_current_options.opt" at
 // DIAGLEVEL 1 and above, logs its iterations to "ASOPT.out", and returns the status codes of
-// solvers/status.h. A setup that fails (inverted bounds, an evaluation that fails at the
-// start) prints the solver dump.
+// solvers/status.h. A setup that fails (a bound or start value that is not a number, inverted
+// bounds, derivatives that cannot be evaluated at the start, too many degrees of freedom)
+// prints the solver dump. With nlp_debug_level 1 or more in "asopt.opt" the residual
+// evaluation dump of the start point goes to the console and the parameter tables to
+// "ASOPT.out" before the solve.
 #pragma once
 
 #include "solvers/asopt_sqp.h"

@@ -27,11 +27,14 @@ class BranchAndBound {
   MinlpOutcome Run(std::vector<double> x);
 
  private:
+  // A step of the trace (console at print level 2) and an event of the search (level 1).
   void Step(const std::string& text) { Trace(text, options_.Int(kMinlpPrintLevel) >= 2); }
+  void Event(const std::string& text) { Trace(text, options_.Int(kMinlpPrintLevel) >= 1); }
   void Trace(const std::string& text, bool console) {
     if (control_.log) control_.log->Line(text, console);
   }
   bool CheckInputs();
+  void ListInputs(const std::vector<double>& x);
   int NextLeaf() const;
   double LowestOpenBound() const;
   double Gap() const;
@@ -72,6 +75,41 @@ bool BranchAndBound::CheckInputs() {
   Step("* Step: Partition workspace");
   Step("* Step: Save initial values");
   return true;
+}
+
+constexpr const char* kModeTexts[] = {
+    "cold start, use identity basis initially.",
+    "Equalities in initial active set.",
+    "User supplied active set.",
+    "Active set from previous call.",
+    "Use Jacobian from previous call.",
+    "Use Hessian from previous call.",
+    "Use Jacobian, Hessian from previous call.",
+    "Only bounds on inactive constraints were changed."};
+
+// The inputs of the search: sizes, mode, start point with bounds, integer variables and row
+// bounds (information_messages 1 and more).
+void BranchAndBound::ListInputs(const std::vector<double>& x) {
+  const auto say = [&](const std::string& text) { Trace(text, true); };
+  const int mode = std::clamp(control_.mode, 0, 7);
+  say("  Subroutine Ace_MINLP_solve Inputs  ");
+  say(fmt::format("{:10d} number of variables (n).", nlp_.n));
+  say(fmt::format("{:10d} number of general constraints (m).", nlp_.m));
+  say(fmt::format("{:10d} number of integer variables (ni).", integers_.size()));
+  say(fmt::format("{:10d} number of zeros in the constraint derivative matrix (nz).",
+                  nlp_.jac_rows.size()));
+  say(fmt::format("{:10d} parametric mode with: {}", mode, kModeTexts[mode]));
+  say("Initial Variable Values with Bounds");
+  say(fmt::format("{:>8} {:>14} {:>14} {:>14}", "Index", "Lower", "Value", "Upper"));
+  for (int j = 0; j < nlp_.n; ++j) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e} {:>14.6e}", j + 1, nlp_.xl[j], x[j], nlp_.xu[j]));
+  }
+  say("Integer Variables");
+  for (int j : integers_) say(fmt::format("{:>8}", j + 1));
+  say("Constraint Bounds");
+  for (int i = 0; i < nlp_.m; ++i) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e}", i + 1, nlp_.cl[i], nlp_.cu[i]));
+  }
 }
 
 // The open leaf to solve next: lowest bound (branch method 1), deepest (2) or shallowest (3);
@@ -147,9 +185,9 @@ bool BranchAndBound::IsIntegral(const std::vector<double>& x) const {
 }
 
 void BranchAndBound::RecordInteger(const SqpOutcome& out, bool root) {
-  Step(root ? "Found integer solution on root node" : "Integer solution found");
+  Event(root ? "Found integer solution on root node" : "Integer solution found");
   if (have_integer_ && out.objective >= best_.objective) return;
-  Step(have_integer_ ? "New best integer solution" : "First integer solution");
+  Event(have_integer_ ? "New best integer solution" : "First integer solution");
   Step("Check that integer solution is unique");
   best_ = out;
   have_integer_ = true;
@@ -159,8 +197,7 @@ void BranchAndBound::RecordInteger(const SqpOutcome& out, bool root) {
 bool BranchAndBound::AddLeaf(Leaf leaf, bool upper_side, int var) {
   const char* side = upper_side ? "upper" : "lower";
   if (leaf.xl[var] > nlp_.xu[var] || leaf.xu[var] < nlp_.xl[var] || leaf.xl[var] > leaf.xu[var]) {
-    Trace(fmt::format("The {} leaf violated an absolute bound and was eliminated", side),
-          options_.Int(kMinlpPrintLevel) >= 2);
+    Event(fmt::format("The {} leaf violated an absolute bound and was eliminated", side));
     return false;
   }
   for (const Leaf& other : leaves_) {
@@ -169,10 +206,9 @@ bool BranchAndBound::AddLeaf(Leaf leaf, bool upper_side, int var) {
       same = same && other.xl[j] == leaf.xl[j] && other.xu[j] == leaf.xu[j];
     }
     if (same) {
-      Trace(fmt::format("The {} leaf of this branch is already in the list of potential or "
+      Event(fmt::format("The {} leaf of this branch is already in the list of potential or "
                         "solved problems",
-                        side),
-            options_.Int(kMinlpPrintLevel) >= 2);
+                        side));
       return false;
     }
   }
@@ -248,12 +284,14 @@ void BranchAndBound::ListFinal(const SqpOutcome& out) {
 
 MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
   MinlpOutcome result;
+  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
+  if (options_.Int(kInformationMessages) >= 1) ListInputs(x);
   if (!CheckInputs()) {
     result.best.status = kBadInputs;
     result.best.x = x;
+    result.setup_failed = true;
     return result;
   }
-  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
   Leaf root;
   root.xl = nlp_.xl;
   root.xu = nlp_.xu;
@@ -317,7 +355,7 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
     result.nlp_iterations += nlp_its;
     if (have_integer_) ++since_integer;
     if (out.status != kSuccess) {
-      Step("Unsuccessful - terminate leaf with no branching");
+      Event("Unsuccessful - terminate leaf with no branching");
     } else {
       leaves_[index].bound = out.objective;
       Step("Check if solution qualifies as integer");

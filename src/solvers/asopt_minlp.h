@@ -13,6 +13,7 @@ struct MinlpOutcome {
   SqpOutcome best;        // the returned solution (best integer solution, or the NLP)
   int nodes = 0;          // leaves solved
   int nlp_iterations = 0; // SQP iterations over all leaves
+  bool setup_failed = false;  // the inputs were refused before any leaf was solved
 };
 
 // Solves from x with the problem's bounds; `control.mode` is the parametric mode of the root.

@@ -1,16 +1,21 @@
 // BIOPT's barrier parameter.
 //
 // Monotone rule: mu stays until the barrier problem is solved to kKappaEps * mu, then falls to
-// max(mu_min, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
+// max(mu_floor, min(kKappaMu mu, mu^kThetaMu)) and the filter starts afresh.
 //
-// Adaptive rule: in the free mode mu follows the average complementarity products, scaled by a
-// centring factor that grows when the products are far apart (small xi = min / average):
-//   mu = sigma * average,  sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3,
-// and may rise as well as fall. The free mode lasts while the optimality error keeps falling:
-// each iterate must come below kProgress times one of the errors of the last few free-mode
-// iterates. Otherwise, and when the line search fails in the free mode, the monotone rule takes
-// over from mu = kFallback * average; once it has solved a barrier problem to an optimality
-// error below kProgress times the error at the switch, the free mode resumes.
+// Adaptive rule (for problems with bounds): in the free mode mu follows the average
+// complementarity product times a centring factor sigma, and may rise as well as fall. The
+// spread oracle makes sigma grow when the products are far apart (small xi = min / average):
+//   sigma = 0.1 min(0.05 (1 - xi) / xi, 2)^3;
+// the probing oracle measures how far an affine-scaling step (mu = 0) would bring the
+// products down: sigma = (average after that step / average now)^3. The free mode lasts while
+// the optimality error keeps falling: each iterate must come below kProgress times one of the
+// errors of the last few free-mode iterates. Otherwise, and when the line search fails in the
+// free mode, the monotone rule takes over from mu = kFallback * average; once it has solved a
+// barrier problem to an optimality error below kProgress times the error at the switch, the
+// free mode resumes.
+//
+// mu_floor is mu_min, or lower while the sum of all products exceeds its tolerance (MuFloor).
 #include <algorithm>
 #include <cmath>
 
@@ -26,13 +31,21 @@ constexpr double kTauMin = 0.99;        // fraction-to-the-boundary parameter, l
 constexpr double kProgress = 0.9999;    // required decrease of the optimality error
 constexpr double kFallback = 0.8;       // monotone start relative to the average products
 constexpr double kMuMaxFactor = 1e3;    // mu_max relative to the first average product
+constexpr double kMuFloor = 1e-16;      // mu never goes below this
+constexpr double kGapShare = 0.5;       // share of the gap tolerance the products aim at
 
 double OptimalityError(const Errors& e) { return std::max({e.primal, e.dual, e.compl_}); }
 
 }  // namespace
 
+// Without bounds there are no products for the adaptive rule to follow; mu then only sets the
+// constraint regularisation and the filter's life, and the monotone rule governs it.
+bool Solver::IsAdaptive() const {
+  return options_.barrier_rule == BarrierRule::kAdaptive && num_bounds_ > 0;
+}
+
 void Solver::UpdateBarrier(Errors& e) {
-  if (options_.barrier_rule == BarrierRule::kMonotone) {
+  if (!IsAdaptive()) {
     UpdateBarrierMonotone(e);
     return;
   }
@@ -42,7 +55,7 @@ void Solver::UpdateBarrier(Errors& e) {
     if (avg > 0.0) mu_max_ = kMuMaxFactor * avg;
   }
   if (free_mode_ && AdaptiveProgress(e)) {
-    UpdateBarrierAdaptive();
+    UpdateBarrierAdaptive(e);
     e = ComputeErrors();
     return;
   }
@@ -56,11 +69,20 @@ void Solver::UpdateBarrier(Errors& e) {
   }
 }
 
+// The smallest barrier parameter for the current iterate: mu_min, or lower while the products
+// of all bounds together exceed the gap tolerance. Every product settles near mu, so the sum
+// meets its share of the tolerance once mu is that share divided among the bounds.
+double Solver::MuFloor(const Errors& e) const {
+  const double target = kGapShare * GapTolerance();
+  if (e.gap <= target || num_bounds_ == 0) return mu_min_;
+  return std::clamp(target * nlp_.obj_scale() / num_bounds_, kMuFloor, mu_min_);
+}
+
 // True when mu was lowered.
 bool Solver::UpdateBarrierMonotone(Errors& e) {
   bool lowered = false;
-  while (e.barrier <= kKappaEps * mu_ && mu_ > mu_min_) {
-    mu_ = std::max(mu_min_, std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
+  while (e.barrier <= kKappaEps * mu_ && mu_ > MuFloor(e)) {
+    mu_ = std::max(MuFloor(e), std::min(kKappaMu * mu_, std::pow(mu_, kThetaMu)));
     tau_ = std::max(kTauMin, 1.0 - mu_);
     filter_.Clear();
     e = ComputeErrors();
@@ -88,22 +110,62 @@ bool Solver::AdaptiveProgress(const Errors& e) {
   return true;
 }
 
-void Solver::UpdateBarrierAdaptive() {
+void Solver::UpdateBarrierAdaptive(const Errors& e) {
   double smallest = 0.0;
-  const double avg = AverageComplementarity(smallest);
+  double avg = AverageComplementarity(smallest);
   if (avg <= 0.0) return;
-  const double xi = std::max(1e-12, smallest / avg);
-  const double sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
-  const double mu = std::clamp(sigma * avg, mu_min_, std::max(mu_min_, mu_max_));
+  double sigma = 0.0;
+  if (options_.mu_oracle == MuOracle::kProbing) {
+    const double affine = ProbeAffineProducts(avg);
+    if (affine < 0.0) return;  // no step matrix: the caller's own factorisation decides
+    sigma = std::min(1.0, std::pow(affine / avg, 3));
+  } else {
+    const double xi = std::max(1e-12, smallest / avg);
+    sigma = 0.1 * std::pow(std::min(0.05 * (1.0 - xi) / xi, 2.0), 3);
+  }
+  const double floor = MuFloor(e);
+  const double mu = std::clamp(sigma * avg, floor, std::max(floor, mu_max_));
   if (mu != mu_) filter_.Clear();  // a new barrier function: old entries do not compare
   mu_ = mu;
   tau_ = std::max(kTauMin, 1.0 - mu_);
 }
 
+// The average product an affine-scaling step (the Newton step for mu = 0, taken to the
+// boundary) would reach; `average` receives the current one. Factorises the step matrix of
+// this iterate, which the step that follows reuses. Negative when that fails.
+double Solver::ProbeAffineProducts(double& average) {
+  const auto x = std::span<const double>(w_).first(nx_);
+  if (!nlp_.Hessian(x, 1.0, y_, hess_) || !FactoriseStepMatrix()) return -1.0;
+  factorised_ = true;
+  BarrierGradient(w_, 0.0, gb_);
+  for (int i = 0; i < m_; ++i) c_soc_[i] = -r_[i];
+  if (!SolveStep(c_soc_, dw_, dy_)) return -1.0;
+  ComputeBoundSteps(0.0);
+  const double alpha_p = PrimalStepToBoundary(w_, dw_, 1.0);
+  const double alpha_d = DualStepToBoundary(1.0);
+  const std::vector<double>& lo = nlp_.lower();
+  const std::vector<double>& up = nlp_.upper();
+  double sum = 0.0, now = 0.0;
+  for (int i = 0; i < nw_; ++i) {
+    if (IsFinite(lo[i])) {
+      const double gap = w_[i] - lo[i];
+      now += gap * zl_[i];
+      sum += (gap + alpha_p * dw_[i]) * (zl_[i] + alpha_d * dzl_[i]);
+    }
+    if (IsFinite(up[i])) {
+      const double gap = up[i] - w_[i];
+      now += gap * zu_[i];
+      sum += (gap - alpha_p * dw_[i]) * (zu_[i] + alpha_d * dzu_[i]);
+    }
+  }
+  average = now / num_bounds_;
+  return std::max(0.0, sum / num_bounds_);
+}
+
 // Switches the adaptive rule to its monotone mode. False when that was already the case (or
 // the rule is monotone), so that the caller goes on to other remedies.
 bool Solver::LeaveFreeMode() {
-  if (options_.barrier_rule != BarrierRule::kAdaptive || !free_mode_) return false;
+  if (!IsAdaptive() || !free_mode_) return false;
   free_mode_ = false;
   error_at_switch_ = OptimalityError(ComputeErrors());
   double smallest = 0.0;

@@ -43,13 +43,18 @@ bool Solver::TryPoint(double alpha, std::span<const double> dw) {
 }
 
 // Filter acceptance of the trial (theta_t, phi_t) for step alpha along the current
-// direction; f_type tells whether the Armijo condition decided it (no filter entry then).
+// direction. At a nearly feasible point where the switching condition holds (the step promises
+// more barrier decrease than violation), the Armijo condition decides; otherwise sufficient
+// decrease in one of the two measures. f_type: the switching and Armijo conditions both hold,
+// so the step needs no filter entry, whichever test accepted it.
 bool Solver::IsAcceptable(double alpha, double theta_t, double phi_t, bool& f_type) const {
   if (!std::isfinite(phi_t) || theta_t > theta_max_) return false;
   if (!filter_.Accepts(theta_t, phi_t)) return false;
-  f_type = theta_ <= theta_min_ && gd_ < 0.0 &&
-           alpha * std::pow(-gd_, kSPhi) > kDelta * std::pow(theta_, kSTheta);
-  if (f_type) return LessOrEqual(phi_t, phi_ + kEtaPhi * alpha * gd_, phi_);
+  const bool switching =
+      gd_ < 0.0 && alpha * std::pow(-gd_, kSPhi) > kDelta * std::pow(theta_, kSTheta);
+  const bool armijo = LessOrEqual(phi_t, phi_ + kEtaPhi * alpha * gd_, phi_);
+  f_type = switching && armijo;
+  if (switching && theta_ <= theta_min_) return armijo;
   return theta_t <= (1.0 - kGammaTheta) * theta_ ||
          LessOrEqual(phi_t, phi_ - kGammaPhi * theta_, phi_);
 }
@@ -127,7 +132,7 @@ bool Solver::TrySecondOrderCorrections(double alpha_max, bool& f_type) {
     if (IsAcceptable(alpha_max, theta_t, BarrierValue(f_trial_, w_trial_), f_type)) {
       std::swap(dw_, dw_soc_);
       std::swap(dy_, dy_soc_);
-      ComputeBoundSteps();
+      ComputeBoundSteps(mu_);
       step_tag_ = 's';
       AcceptTrial(alpha, f_type);
       return true;

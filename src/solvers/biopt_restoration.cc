@@ -131,13 +131,16 @@ bool Solver::RestorationStep(double mu_r, double& step_norm) {
   return true;
 }
 
-// Returns to the regular iterations when the filter accepts the restored point. The
-// multipliers are kept: the bound multipliers are brought back within their band around
-// mu / gap; the row multipliers of the last regular iterate remain the best estimate.
+// Returns to the regular iterations when the filter accepts the restored point. The bound
+// multipliers are kept, brought back within their band around mu / gap; the row multipliers
+// of the last regular iterate belong to a point the line search could not leave, so they are
+// estimated afresh by least squares at the restored point (0 when that estimate is large).
 bool Solver::LeaveRestoration() {
   phi_ = BarrierValue(f_, w_);
   if (theta_ > theta_max_ || !filter_.Accepts(theta_, phi_)) return false;
   ResetBoundMultipliers();
+  std::fill(y_.begin(), y_.end(), 0.0);
+  LeastSquaresMultipliers();
   stall_count_ = 0;
   return true;
 }

@@ -54,6 +54,9 @@ int Solver::Initialise() {
   if (nlp_.Prepare() != kSuccess) return kInvalidBounds;
   nx_ = nlp_.nx(), ns_ = nlp_.ns(), nw_ = nlp_.nw(), m_ = nlp_.m();
   Allocate();
+  for (int i = 0; i < nw_; ++i) {
+    num_bounds_ += HasBound(nlp_.lower()[i]) + HasBound(nlp_.upper()[i]);
+  }
 
   const bool warm = settings_.warm;
   nlp_.StartPoint(std::span(w_).first(nx_));
@@ -194,8 +197,9 @@ Solver::StepOutcome Solver::TakeTinyStep() {
   if (!TryPoint(alpha, dw_)) return StepOutcome::kFailed;
   AcceptTrial(alpha, true);
   ++tiny_steps_;
-  if (mu_ > mu_min_) {
-    mu_ = std::max(mu_min_, kKappaMu * mu_);
+  const double floor = MuFloor(ComputeErrors());
+  if (mu_ > floor) {
+    mu_ = std::max(floor, kKappaMu * mu_);
     tau_ = std::max(kTauMin, 1.0 - mu_);
     filter_.Clear();
   }
@@ -211,13 +215,14 @@ int Solver::CheckTermination(const Errors& e) {
   const double otol = settings_.objective_tol, rtol = settings_.constraint_tol;
   const double ctol = std::min(otol, rtol);
   const bool feasible = e.primal <= rtol && e.primal_unscaled <= std::max(rtol, 1e-4);
-  if (feasible && e.dual <= otol && e.compl_ <= ctol) return kSuccess;
+  const double gap_tol = GapTolerance();
+  if (feasible && e.dual <= otol && e.compl_ <= ctol && e.gap <= gap_tol) return kSuccess;
   const double a = options_.acceptable_factor;
   const bool acceptable = e.primal <= a * rtol && e.primal_unscaled <= std::max(a * rtol, 1e-4) &&
-                          e.dual <= a * otol && e.compl_ <= a * ctol;
+                          e.dual <= a * otol && e.compl_ <= a * ctol && e.gap <= a * gap_tol;
   acceptable_count_ = acceptable ? acceptable_count_ + 1 : 0;
   if (acceptable_count_ >= options_.acceptable_iter) return kSuccess;
-  if (tiny_steps_ > kMaxTinySteps && mu_ <= mu_min_) {
+  if (tiny_steps_ > kMaxTinySteps && mu_ <= MuFloor(e)) {
     return acceptable ? kSuccess : kAccuracyUnachievable;
   }
   if (f_ / nlp_.obj_scale() < kHugeObjective) return kUnbounded;
@@ -229,20 +234,36 @@ int Solver::CheckTermination(const Errors& e) {
   return kContinue;
 }
 
+// The largest sum of complementarity products (objective units) at a solution: the objective
+// tolerance relative to the objective's size. Each product alone may meet the tolerance while
+// thousands of active bounds together still hold the objective visibly off its optimum.
+double Solver::GapTolerance() const {
+  return settings_.objective_tol * std::max(1.0, std::fabs(f_ / nlp_.obj_scale()));
+}
+
 // The Newton step of the barrier problem. kContinue with a step, kBadDerivatives when the
 // Hessian cannot be evaluated, kAccuracyUnachievable when no regularisation factorises.
 int Solver::ComputeDirection() {
-  const auto x = std::span<const double>(w_).first(nx_);
-  if (!nlp_.Hessian(x, 1.0, y_, hess_)) return kBadDerivatives;
+  if (!factorised_) {
+    const auto x = std::span<const double>(w_).first(nx_);
+    if (!nlp_.Hessian(x, 1.0, y_, hess_)) return kBadDerivatives;
+    if (!FactoriseStepMatrix()) return kAccuracyUnachievable;
+  }
+  factorised_ = false;
   BarrierGradient(w_, mu_, gb_);
-  ComputeSigma(sigma_);
-  if (!kkt_.FactoriseCorrected(hess_, jac_, sigma_, mu_)) return kAccuracyUnachievable;
   for (int i = 0; i < m_; ++i) c_soc_[i] = -r_[i];
   if (!SolveStep(c_soc_, dw_, dy_)) return kAccuracyUnachievable;
-  ComputeBoundSteps();
+  ComputeBoundSteps(mu_);
   gd_ = 0.0;
   for (int i = 0; i < nw_; ++i) gd_ += gb_[i] * dw_[i];
   return kContinue;
+}
+
+// Factorises the step matrix at the current iterate (Hessian in hess_) with inertia
+// correction. The matrix does not depend on mu beyond the constraint regularisation.
+bool Solver::FactoriseStepMatrix() {
+  ComputeSigma(sigma_);
+  return kkt_.FactoriseCorrected(hess_, jac_, sigma_, mu_);
 }
 
 // Solves for (dw, dy) with the w rows -(barrier gradient + A^T y) and the given y rows.
@@ -257,18 +278,18 @@ bool Solver::SolveStep(std::span<const double> r_y, std::span<double> dw, std::s
   return true;
 }
 
-void Solver::ComputeBoundSteps() {
+void Solver::ComputeBoundSteps(double mu) {
   const std::vector<double>& lo = nlp_.lower();
   const std::vector<double>& up = nlp_.upper();
   for (int i = 0; i < nw_; ++i) {
     dzl_[i] = dzu_[i] = 0.0;
     if (HasBound(lo[i])) {
       const double gap = w_[i] - lo[i];
-      dzl_[i] = (mu_ - zl_[i] * gap - zl_[i] * dw_[i]) / gap;
+      dzl_[i] = (mu - zl_[i] * gap - zl_[i] * dw_[i]) / gap;
     }
     if (HasBound(up[i])) {
       const double gap = up[i] - w_[i];
-      dzu_[i] = (mu_ - zu_[i] * gap + zu_[i] * dw_[i]) / gap;
+      dzu_[i] = (mu - zu_[i] * gap + zu_[i] * dw_[i]) / gap;
     }
   }
 }
@@ -310,18 +331,19 @@ Errors Solver::ComputeErrors() const {
     if (HasBound(lo[i])) {
       const double p = (w_[i] - lo[i]) * zl_[i];
       e.compl_ = std::max(e.compl_, p), compl_mu = std::max(compl_mu, std::fabs(p - mu_));
-      z1 += zl_[i], ++bounds;
+      e.gap += p, z1 += zl_[i], ++bounds;
     }
     if (HasBound(up[i])) {
       const double p = (up[i] - w_[i]) * zu_[i];
       e.compl_ = std::max(e.compl_, p), compl_mu = std::max(compl_mu, std::fabs(p - mu_));
-      z1 += zu_[i], ++bounds;
+      e.gap += p, z1 += zu_[i], ++bounds;
     }
   }
   const double s_d = std::max(kScaleMax, (y1 + z1) / std::max(1, m_ + bounds)) / kScaleMax;
   const double s_c = std::max(kScaleMax, z1 / std::max(1, bounds)) / kScaleMax;
   e.dual /= s_d;
   e.compl_ /= s_c;
+  e.gap /= nlp_.obj_scale();
   e.barrier = std::max({e.primal, e.dual, compl_mu / s_c});
   return e;
 }

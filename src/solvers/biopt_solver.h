@@ -28,8 +28,15 @@ enum class BarrierRule {
               // fast enough, the monotone rule otherwise
 };
 
+// How the adaptive rule's free mode picks mu from the complementarity products.
+enum class MuOracle {
+  kProbing,    // centring factor from the products an affine-scaling step (mu = 0) would reach
+  kSpread,     // centring factor from the spread of the current products (min / average)
+};
+
 struct Options {
-  BarrierRule barrier_rule = BarrierRule::kMonotone;
+  BarrierRule barrier_rule = BarrierRule::kAdaptive;
+  MuOracle mu_oracle = MuOracle::kSpread;
   double mu_init = 0.1;          // first barrier parameter of a cold start
   double mu_init_warm = 1e-5;    // first barrier parameter of a warm start
   int acceptable_iter = 15;      // consecutive "acceptable" iterations that end the solve
@@ -43,6 +50,8 @@ struct Errors {
   double dual = 0;      // max |grad L| / s_d
   double compl_ = 0;    // max |(w - l) z| / s_c, complementarity for mu = 0
   double barrier = 0;   // max(primal, dual, complementarity for the current mu)
+  double gap = 0;       // sum of (w - l) z over all bounds in objective units: how far the
+                        // objective may still be from its value at the solution
   double primal_unscaled = 0;  // max |c(x) - t| in problem units
 };
 
@@ -68,17 +77,22 @@ class Solver {
   bool EvaluateDerivatives();
   int Iterate();
   int CheckTermination(const Errors& e);
+  double GapTolerance() const;
 
   // Barrier parameter (biopt_barrier.cc).
+  bool IsAdaptive() const;
   void UpdateBarrier(Errors& e);
+  double MuFloor(const Errors& e) const;
   bool UpdateBarrierMonotone(Errors& e);
-  void UpdateBarrierAdaptive();
+  void UpdateBarrierAdaptive(const Errors& e);
+  double ProbeAffineProducts(double& average);
+  bool FactoriseStepMatrix();
   bool AdaptiveProgress(const Errors& e);
   bool LeaveFreeMode();
   double AverageComplementarity(double& smallest) const;
   int ComputeDirection();
   bool SolveStep(std::span<const double> r_y, std::span<double> dw, std::span<double> dy);
-  void ComputeBoundSteps();
+  void ComputeBoundSteps(double mu);
   void ResetBoundMultipliers();
   void FillResult(int status, SolverResult& result);
 
@@ -131,6 +145,7 @@ class Solver {
 
   // Sizes.
   int nx_ = 0, ns_ = 0, nw_ = 0, m_ = 0;
+  int num_bounds_ = 0;             // finite bounds of w
   // Current iterate.
   std::vector<double> w_;          // free x then slacks; size nw
   std::vector<double> y_;          // row multipliers; size m
@@ -179,6 +194,7 @@ class Solver {
   double error_at_switch_ = 0;     // optimality error when the monotone rule took over
   int filter_blocks_ = 0;          // iterations in a row in which the filter refused a trial
   int filter_resets_ = 0;
+  bool factorised_ = false;        // the step matrix of this iterate is already factorised
 };
 
 }  // namespace kx::solvers::biopt

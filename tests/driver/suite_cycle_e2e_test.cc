@@ -21,7 +21,7 @@ double DbsValue(const std::string& dbs, const std::string& key) {
 // Nonconvex problems on which the built-in interior-point solver ends at another local
 // minimum than the known optimum from the suite's start point (a worse one).
 bool OtherLocalMinimum(const std::string& solver, const std::string& problem) {
-  return solver == "biopt" && (problem == "hs044" || problem == "hs108");
+  return solver == "biopt" && problem == "hs108";
 }
 
 using Param = std::tuple<testing::SuiteEntry, std::string>;

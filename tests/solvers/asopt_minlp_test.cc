@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 
 #include "base/base.h"
@@ -70,16 +71,45 @@ TEST(AsoptMinlpTest, BranchAndBoundCases) {
   }
 }
 
-TEST(AsoptMinlpTest, IterationLimitReturnsTheBestIntegerSolution) {
-  const Solved s = Solve("    int_x = 0, >= 0, <= 10\n    int_y = 0, >= 0, <= 10\n",
-                         "    minimize (int_x-2.6)^2 + (int_y-3.3)^2\n",
-                         "minlp_maximum_iterations 3\nminlp_print_level 0\n");
-  EXPECT_NE(s.output.find("Warning: reached maximum MINLP iterations, returning best solution"),
-            std::string::npos)
-      << s.output;
-  EXPECT_NE(s.output.find("Adjust minlp_maximum_iterations 3 in asopt.opt to change limit"),
-            std::string::npos);
-  EXPECT_EQ(s.nodes, 3);
+TEST(AsoptMinlpTest, LimitsEndTheSearch) {
+  const std::string variables = "    int_x = 0, >= 0, <= 10\n    int_y = 0, >= 0, <= 10\n";
+  const std::string equations = "    minimize (int_x-2.6)^2 + (int_y-3.3)^2\n";
+  // A negative gap tolerance turns the gap test off.
+  const Solved full = Solve(variables, equations, "minlp_gap_tol -1\n");
+  const Solved iterations = Solve(variables, equations, "minlp_maximum_iterations 3\n");
+  const Solved gap = Solve(variables, equations, "minlp_gap_tol 10\n");
+  const Solved with_int = Solve(variables, equations, "minlp_gap_tol -1\nminlp_max_iter_with_int_sol 1\n");
+  const struct {
+    const char* name;
+    const Solved& s;
+    std::vector<std::string> messages;
+  } cases[] = {
+      {"leaf limit", iterations,
+       {"Warning: reached maximum MINLP iterations, returning best solution",
+        "Adjust minlp_maximum_iterations 3 in asopt.opt to change limit"}},
+      {"gap", gap, {"within minlp_gap_tol, returning the best integer solution"}},
+      {"leaves after an integer solution", with_int,
+       {"Warning: best integer solution returned after maximum MINLP iterations",
+        "Adjust minlp_max_iter_with_int_sol 1 in asopt.opt to change limit"}},
+  };
+  for (const auto& c : cases) {
+    for (const std::string& m : c.messages) {
+      EXPECT_NE(c.s.output.find(m), std::string::npos) << c.name << ": " << m << "\n"
+                                                       << c.s.output;
+    }
+  }
+  EXPECT_EQ(iterations.nodes, 3);
+  // The gap test stops at the first integer solution, the other limit one leaf later; both
+  // return an integer solution before the full search has finished.
+  ASSERT_EQ(gap.result.status, kSuccess);
+  ASSERT_EQ(with_int.result.status, kSuccess);
+  EXPECT_EQ(with_int.nodes, gap.nodes + 1);
+  EXPECT_LT(with_int.nodes, full.nodes);
+  EXPECT_NEAR(full.result.objective, 0.25, 1e-6);
+  for (const Solved* s : {&gap, &with_int}) {
+    EXPECT_NEAR(s->result.x[0], std::round(s->result.x[0]), 1e-2);
+    EXPECT_NEAR(s->result.x[1], std::round(s->result.x[1]), 1e-2);
+  }
 }
 
 }  // namespace
