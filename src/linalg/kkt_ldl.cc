@@ -9,6 +9,7 @@ namespace {
 
 constexpr int kUseCommWorld = -987654;
 constexpr int kMaxMemoryRetries = 4;
+constexpr int kRefinementRounds = 1;
 
 }  // namespace
 
@@ -94,8 +95,27 @@ bool KktLdl::Factor(int dim, std::span<const int> rows, std::span<const int> col
 
 bool KktLdl::Solve(std::span<double> rhs) {
   if (handle_ == nullptr || static_cast<int>(rhs.size()) != dim_) return false;
+  const std::vector<double> b(rhs.begin(), rhs.end());
+  if (!SolveOnce(rhs.data())) return false;
+  // Iterative refinement against the stored matrix: KKT matrices of badly scaled problems
+  // leave residuals far above rounding after one solve.
+  std::vector<double> r(dim_);
+  for (int round = 0; round < kRefinementRounds; ++round) {
+    r = b;
+    for (size_t k = 0; k < a_.size(); ++k) {
+      const int i = irn_[k] - 1, j = jcn_[k] - 1;
+      r[i] -= a_[k] * rhs[j];
+      if (i != j) r[j] -= a_[k] * rhs[i];
+    }
+    if (!SolveOnce(r.data())) return false;
+    for (int i = 0; i < dim_; ++i) rhs[i] += r[i];
+  }
+  return true;
+}
+
+bool KktLdl::SolveOnce(double* rhs) {
   DMUMPS_STRUC_C& id = handle_->id;
-  id.rhs = rhs.data();
+  id.rhs = rhs;
   id.nrhs = 1;
   id.lrhs = dim_;
   return Run(3);

@@ -30,6 +30,7 @@ class KktLdl {
 
  private:
   bool Run(int job);
+  bool SolveOnce(double* rhs);
   void Release();
 
   struct Handle;

@@ -10,6 +10,7 @@ constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are d
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kBounceLimit = 4;                // constraints dropped right after a tiny addition
+constexpr double kActivityTolerance = 1e-12;   // row rounding relative to its largest term
 
 enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 
@@ -38,6 +39,7 @@ class ActiveSetQp {
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
   double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
+  double RowTol(int i, double b) const;
   QpResult Finish(QpStatus status);
   bool PastDeadline() const { return std::chrono::steady_clock::now() > qp_.deadline; }
 
@@ -80,6 +82,17 @@ void ActiveSetQp::BuildRows() {
   }
   row_elastic_.assign(m_, -1);
   elastic_curvature_ = std::max(1e-10, qp_.elastic_weight * 1e-10);
+}
+
+// Feasibility tolerance of row i at bound b: the row's value a'x sums terms that can be far
+// larger than the value itself, and the factorisation's solution error grows with them, so
+// the tolerance grows with the largest term as well.
+double ActiveSetQp::RowTol(int i, double b) const {
+  double term = 0.0;
+  for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
+    term = std::max(term, std::abs(row_val_[k] * x_[row_col_[k]]));
+  }
+  return FeasTol(b) + kActivityTolerance * term;
 }
 
 double ActiveSetQp::RowTimes(int i, const std::vector<double>& v) const {
@@ -144,6 +157,8 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
   for (int j = 0; j < n_; ++j) {
     x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
                        HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
+    // A fixed variable is in the working set from the start, whatever the guess.
+    if (qp_.xl[j] == qp_.xu[j] && HasLower(qp_.xl[j])) var_state_[j] = Activity::kLower;
   }
   Crash();
   QpWorkingSet start{var_state_, row_state_};
@@ -170,7 +185,7 @@ void ActiveSetQp::Crash() {
       if (row_state_[i] == Activity::kFree) continue;
       for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
     }
-    double gmax = 1.0;
+    double gmax = qp_.multiplier_scale;
     for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
     const double tol = qp_.tolerance * gmax;
     bool changed = false;
@@ -221,18 +236,19 @@ void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
   for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
   for (int i = 0; i < m_; ++i) {
     const double lo = qp_.rl[i], hi = qp_.ru[i], r = r_[i];
+    const double tol_lo = RowTol(i, lo), tol_hi = RowTol(i, hi);
     const Activity wanted = have_guess ? guess.rows[i] : Activity::kFree;
     row_state_[i] = Activity::kFree;
-    if (HasLower(lo) && (r < lo - FeasTol(lo) || lo == hi)) {
+    if (HasLower(lo) && (r < lo - tol_lo || lo == hi)) {
       row_state_[i] = Activity::kLower;
-      if (r < lo - FeasTol(lo)) AddElastic(i, 1.0, lo - r);
-      if (r > hi + FeasTol(hi)) AddElastic(i, -1.0, r - hi);
-    } else if (HasUpper(hi) && r > hi + FeasTol(hi)) {
+      if (r < lo - tol_lo) AddElastic(i, 1.0, lo - r);
+      if (r > hi + tol_hi) AddElastic(i, -1.0, r - hi);
+    } else if (HasUpper(hi) && r > hi + tol_hi) {
       row_state_[i] = Activity::kUpper;
       AddElastic(i, -1.0, r - hi);
-    } else if (wanted == Activity::kLower && HasLower(lo) && r <= lo + FeasTol(lo)) {
+    } else if (wanted == Activity::kLower && HasLower(lo) && r <= lo + tol_lo) {
       row_state_[i] = Activity::kLower;
-    } else if (wanted == Activity::kUpper && HasUpper(hi) && r >= hi - FeasTol(hi)) {
+    } else if (wanted == Activity::kUpper && HasUpper(hi) && r >= hi - tol_hi) {
       row_state_[i] = Activity::kUpper;
     }
   }
@@ -357,7 +373,7 @@ bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
     for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
     if (row_elastic_[i] >= 0) z[n_ + row_elastic_[i]] += elastic_sign_[row_elastic_[i]] * y_[i];
   }
-  double gmax = 1.0;
+  double gmax = qp_.multiplier_scale;
   for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(g[j]));
   const double tol = qp_.tolerance * gmax;
   double worst = tol;

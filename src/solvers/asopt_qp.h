@@ -37,6 +37,9 @@ struct QpProblem {
   double elastic_weight = 1e6;      // cost of one unit of row violation
   double infinity = 1e20;           // bound magnitude treated as absent
   double tolerance = 1e-9;          // relative feasibility and multiplier tolerance
+  // Multipliers are compared with tolerance * max(multiplier_scale, largest gradient entry):
+  // below 1 for an objective whose gradient is small everywhere.
+  double multiplier_scale = 1.0;
   int max_iterations = 1000;
   // The solve stops with kTimeLimit at the first iteration that begins past this point.
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();

@@ -34,6 +34,7 @@ namespace {
 
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
+constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -64,7 +65,11 @@ class SqpSolver {
   double DualError(const Point& p, const std::vector<double>& lambda) const;
   QpProblem BuildQp(const Point& p, const std::vector<double>* row_shift) const;
   bool SolveSubproblem(const Point& p, QpResult& qp);
-  double Merit(const Point& p) const { return p.f + nu_ * p.theta; }
+  bool SolveNewton(const Point& p, QpResult& qp);
+  bool IsSquare() const;
+  double RelativeStep(const Point& p, const std::vector<double>& d) const;
+  // A Newton step is judged by the row violation alone: the rows fix the point.
+  double Merit(const Point& p) const { return newton_ ? p.theta : p.f + nu_ * p.theta; }
   double Predicted(const Point& p, const QpResult& qp) const;
   bool AcceptableTrial(const Point& p, const Point& t, double alpha, double pred) const;
   bool TrySecondOrder(const Point& p, const QpResult& qp, double pred, Point& trial);
@@ -91,7 +96,11 @@ class SqpSolver {
   double delta_ = 0.0;                  // current Hessian shift
   double nu_ = 0.0;                     // merit penalty
   double rho_ = 0.0;                    // QP elastic weight
+  double dual_scale_ = 1.0;             // least size the dual error is measured against
   bool feasibility_mode_ = false;       // the last QP could not satisfy the rows
+  bool square_ = false;                 // as many free variables as rows, all equalities
+  bool newton_ = false;                 // this iteration takes a Newton step
+  bool newton_blocked_ = false;         // the last Newton step failed its line search
   int iteration_ = 0;
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
@@ -188,11 +197,14 @@ double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) 
 
 // Scaled first-order optimality error at p with the row multipliers: stationarity with the
 // bound multipliers that the bounds allow, the sign of inequality multipliers and
-// complementarity, relative to the size of the gradient.
+// complementarity, divided by max(dual_scale_, largest gradient entry). dual_scale_ is the
+// starting gradient's size within [1e-6, 1], so an objective whose gradient is small
+// everywhere (a cost weighted by a mesh width, say) is judged relative to its own size
+// instead of passing an absolute test far from its optimum.
 double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) const {
   std::vector<double> r(p.g);
   for (size_t k = 0; k < p.jac.size(); ++k) r[nlp_.jac_cols[k]] += p.jac[k] * lambda[nlp_.jac_rows[k]];
-  double gmax = 1.0, err = 0.0;
+  double gmax = dual_scale_, err = 0.0;
   for (double v : p.g) gmax = std::max(gmax, std::abs(v));
   for (int j = 0; j < nlp_.n; ++j) {
     if (xl_[j] == xu_[j]) continue;
@@ -248,6 +260,7 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.elastic_weight = rho_;
   qp.infinity = kInfinity;
   qp.tolerance = std::max(1e3 * Opt(kQpTolerance), 1e-12);
+  qp.multiplier_scale = dual_scale_;
   const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
   qp.deadline = control_.deadline;
@@ -258,6 +271,8 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
 // set's null space and the elastic weight until the rows are met (or it is large enough that
 // the step is a feasibility step). False when no step can be had.
 bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
+  newton_ = square_ && !newton_blocked_ && SolveNewton(p, qp);
+  if (newton_ || timed_out_) return newton_;
   double gmax = 1.0;
   for (double v : p.g) gmax = std::max(gmax, std::abs(v));
   rho_ = std::max(1e4 * gmax, 10.0 * nu_);
@@ -288,9 +303,49 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
   }
 }
 
+// True for a system of equations: every row an equality and as many free variables as rows.
+bool SqpSolver::IsSquare() const {
+  int free = 0;
+  for (int j = 0; j < nlp_.n; ++j) free += xl_[j] != xu_[j];
+  if (free != nlp_.m) return false;
+  for (int i = 0; i < nlp_.m; ++i) {
+    if (cl_[i] != cu_[i] || !HasBound(cl_[i])) return false;
+  }
+  return true;
+}
+
+// Largest step component relative to its variable.
+double SqpSolver::RelativeStep(const Point& p, const std::vector<double>& d) const {
+  double rel = 0.0;
+  for (int j = 0; j < nlp_.n; ++j) rel = std::max(rel, std::abs(d[j]) / (1.0 + std::abs(p.x[j])));
+  return rel;
+}
+
+// A square system of equations (simulation) is solved by damped Newton steps: the step of the
+// linearised equations alone, without the variable bounds, which the line search enforces by
+// projecting each trial point onto them. The bounded QP of such a system is infeasible as soon
+// as the Newton step crosses a bound, and its elastic solve would cost one factorisation per
+// row. False when the linearised equations have no exact solution (singular Jacobian).
+bool SqpSolver::SolveNewton(const Point& p, QpResult& qp) {
+  QpProblem newton = BuildQp(p, nullptr);
+  for (int j = 0; j < nlp_.n; ++j) {
+    if (xl_[j] == xu_[j]) continue;
+    newton.xl[j] = -kInfinity;
+    newton.xu[j] = kInfinity;
+  }
+  newton.elastic_weight = 1.0;
+  qp = SolveQp(newton, QpWorkingSet{}, &kkt_);
+  qp_iterations_ += qp.iterations;
+  if (qp.status == QpStatus::kTimeLimit) timed_out_ = true;
+  if (qp.status != QpStatus::kOptimal) return false;
+  feasibility_mode_ = false;
+  return true;
+}
+
 // Decrease of the merit model that the QP step predicts (positive for a useful step).
 double SqpSolver::Predicted(const Point& p, const QpResult& qp) const {
   const std::vector<double>& d = qp.x;
+  if (newton_) return std::max(p.theta - LinearViolation(p, d), 0.0);
   double gd = 0.0, dhd = delta_ * 0.0;
   for (int j = 0; j < nlp_.n; ++j) {
     gd += p.g[j] * d[j];
@@ -360,7 +415,7 @@ bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, dou
     }
     const bool evaluated = EvalFunctions(trial);
     if (evaluated && AcceptableTrial(p, trial, alpha, pred)) return true;
-    if (evaluated && cut == 0 && alpha == 1.0 && trial.theta > p.theta &&
+    if (evaluated && !newton_ && cut == 0 && alpha == 1.0 && trial.theta > p.theta &&
         TrySecondOrder(p, qp, pred, trial)) {
       return true;
     }
@@ -447,6 +502,11 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
     if (!EvalDerivatives(p)) return Finish(kBadInputs, p, 0);
   }
   if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
+  double g0 = 0.0;
+  for (double v : p.g) g0 = std::max(g0, std::abs(v));
+  // An objective flat at the start gives no scale: measure against 1 as for a large one.
+  dual_scale_ = g0 > 0.0 ? std::clamp(g0, kLeastDualScale, 1.0) : 1.0;
+  square_ = IsSquare();
   if (mode == 0 || mode == 1) state_.active = {};
   if (mode >= 3 && state_.lambda.size() == static_cast<size_t>(nlp_.m)) lambda_ = state_.lambda;
   const bool reuse_hessian = same_point && (mode == 5 || mode == 6 || mode == 7) &&
@@ -473,8 +533,12 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
     const double dual = DualError(p, qp.lambda);
     double step = 0.0;
     for (double v : qp.x) step = std::max(step, std::abs(v));
-    if (!feasibility_mode_ && p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
-        dual <= Opt(kObjectiveConvergenceTolerance)) {
+    // A square system has no freedom left to optimise: the rows and the size of the Newton
+    // step (relative to the variables) decide convergence.
+    const bool feasible = p.max_violation <= Opt(kConstraintConvergenceTolerance);
+    if (!feasibility_mode_ && feasible &&
+        (square_ ? RelativeStep(p, qp.x) <= Opt(kObjectiveConvergenceTolerance)
+                 : dual <= Opt(kObjectiveConvergenceTolerance))) {
       lambda_ = qp.lambda;
       LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
       return Finish(kSuccess, p, iteration_);
@@ -508,6 +572,14 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
       if (timed_out_) return Finish(kExternalAbort, p, iteration_);
       // No descent for the violation from a point where the rows cannot be met: infeasible.
       if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
+      // A square system that meets its rows but whose last correction cannot be taken has
+      // converged as far as rounding allows.
+      if (square_ && feasible) return Finish(kSuccess, p, iteration_);
+      if (newton_) {
+        // Projection onto the bounds spoilt the Newton step: take a bounded QP step instead.
+        newton_blocked_ = true;
+        continue;
+      }
       if (++failures > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
       double hmax = 1.0;
       for (double v : hess_) hmax = std::max(hmax, std::abs(v));
@@ -515,14 +587,19 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
       continue;
     }
     failures = 0;
+    newton_blocked_ = false;
     alpha_prev = alpha;
     LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
     p = std::move(trial);
     // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
     if (!feasibility_mode_) lambda_ = qp.lambda;
     delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / 4.0);
+    // Only a variable free to run off (not fixed, not bounded on both sides) can show an
+    // unbounded problem; a large constant held in a fixed variable does not.
     double xmax = 0.0;
-    for (double v : p.x) xmax = std::max(xmax, std::abs(v));
+    for (int j = 0; j < nlp_.n; ++j) {
+      if (!HasBound(xl_[j]) || !HasBound(xu_[j])) xmax = std::max(xmax, std::abs(p.x[j]));
+    }
     if (p.f < Opt(kObjectiveFunctionLowerLimit) ||
         (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
          (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/base.h"
+#include "solvers/ipopt_call.h"
 #include "solvers/status.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
@@ -117,6 +118,106 @@ TEST(AsoptSqpTest, IterationLimitFromTheOptionsFile) {
                 "nlp_maximum_iterations 2\n");
   EXPECT_EQ(s.result.status, kMaxIterations);
   EXPECT_EQ(s.result.iterations, 2);
+}
+
+// Solves a loaded model in a scratch directory with the given settings.
+SolverResult SolveModel(testing::LoadedModel& model, const SolverSettings& settings,
+                        bool ipopt = false) {
+  testing::ScratchDir dir("asopt");
+  const auto cwd = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  SolverResult r;
+  {
+    OutputCapture capture;
+    r = ipopt ? SolveIpopt(*model.problem, settings) : SolveAsopt(*model.problem, settings);
+  }
+  std::filesystem::current_path(cwd);
+  return r;
+}
+
+// A control problem whose cost is weighted by the mesh width and a small factor: every
+// gradient entry is below 1e-6, so an absolute stationarity test at the default tolerance
+// passes after the first step, far from the optimum. The objective itself is about 1.6e-6:
+// compare it relative to its own size.
+TEST(AsoptSqpTest, SmallGradientObjectiveReachesItsOptimum) {
+  const std::string text =
+      "Model control\n  Constants\n    n = 400\n    h = 1/(n + 1)\n  End Constants\n"
+      "  Variables\n    u[1:n] = 0\n    f[1:n] = 0, >= -10, <= 10\n  End Variables\n"
+      "  Equations\n"
+      "    -2*u[1] + u[2] + h^2*(2*exp(u[1]) + f[1]) = 0\n"
+      "    u[1:n-2] - 2*u[2:n-1] + u[3:n] + h^2*(2*exp(u[2:n-1]) + f[2:n-1]) = 0\n"
+      "    u[n-1] - 2*u[n] + h^2*(2*exp(u[n]) + f[n]) = 0\n"
+      "    minimize 1e-4*h*((u[1:n] - 0.3)^2 + 0.01*f[1:n]^2)\n"
+      "  End Equations\nEnd Model\n";
+  const SolverSettings settings{.constraint_tol = 1e-10, .max_iter = 200};
+  auto asopt_model = testing::LoadModelText(text);
+  auto ipopt_model = testing::LoadModelText(text);
+  const SolverResult a = SolveModel(*asopt_model, settings);
+  const SolverResult b = SolveModel(*ipopt_model, settings, true);
+  ASSERT_EQ(a.status, kSuccess);
+  ASSERT_EQ(b.status, kSuccess);
+  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective))
+      << "ASOPT " << a.objective << ", interior point " << b.objective;
+}
+
+// An implicit-Euler simulation of an exothermic stirred tank: a square system (fixed initial
+// state, one equation per unknown) whose first Newton step leaves the variable bounds. It
+// must be solved like a damped Newton method, in a few iterations.
+TEST(AsoptSqpTest, SquareSimulationSystemConvergesLikeNewton) {
+  const std::string text =
+      "Model tank\n  Constants\n    n = 60\n    dt = 0.05\n  End Constants\n"
+      "  Parameters\n    q = 100\n    v = 100\n    rho = 1000\n    cp = 0.239\n"
+      "    mdelh = 5e4\n    er = 8750\n    k0 = 7.2e10\n    ua = 5e4\n    tf = 350\n"
+      "    caf = 1\n    tc = 300\n  End Parameters\n"
+      "  Variables\n    ca[1] = 0.8, >= 0.8, <= 0.8\n    ca[2:n+1] = 0.8, >= 0\n"
+      "    t[1] = 335, >= 335, <= 335\n    t[2:n+1] = 335, >= 250, <= 500\n"
+      "    rate[1:n+1] = 0\n    qgen[1:n+1] = 0\n  End Variables\n"
+      "  Equations\n"
+      "    rate[1:n+1] = k0*exp(-er/t[1:n+1])*ca[1:n+1]\n"
+      "    qgen[1:n+1] = mdelh*v*rate[1:n+1]\n"
+      "    v*(ca[2:n+1] - ca[1:n]) = dt*(q*(caf - ca[2:n+1]) - v*rate[2:n+1])\n"
+      "    rho*cp*v*(t[2:n+1] - t[1:n]) = dt*(q*rho*cp*(tf - t[2:n+1]) + qgen[2:n+1] + "
+      "ua*(tc - t[2:n+1]))\n"
+      "  End Equations\nEnd Model\n";
+  auto model = testing::LoadModelText(text);
+  const SolverResult r = SolveModel(*model, SolverSettings{.constraint_tol = 1e-8});
+  ASSERT_EQ(r.status, kSuccess);
+  EXPECT_LE(r.iterations, 25);
+  Problem& p = *model->problem;
+  std::vector<double> c(p.num_cons()), cl(p.num_cons()), cu(p.num_cons());
+  ASSERT_TRUE(p.Constraints(r.x, c));
+  p.ConstraintBounds(cl, cu);
+  for (int i = 0; i < p.num_cons(); ++i) EXPECT_NEAR(c[i], cl[i], 1e-8) << "row " << i;
+  std::vector<double> xl(p.num_vars()), xu(p.num_vars());
+  p.Bounds(xl, xu);
+  for (int j = 0; j < p.num_vars(); ++j) {
+    EXPECT_GE(r.x[j], xl[j]) << j;
+    EXPECT_LE(r.x[j], xu[j]) << j;
+  }
+}
+
+// A hanging chain of rigid links between two fixed supports, started from a V shape: the
+// Hessian at the start is nearly zero and the supports are fixed variables. ASOPT must reach
+// the interior-point solver's optimum in a modest number of iterations.
+TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
+  const std::string text =
+      "Model chain\n  Constants\n    m = 200\n    len = 1.5/m\n  End Constants\n"
+      "  Variables\n    dx[1:m] = 0.8*len\n    dy[1:m/2] = -0.6*len\n    dy[m/2+1:m] = 0.6*len\n"
+      "    y[1] = 0, >= 0, <= 0\n    y[2:m+1] = 0\n    sx[1] = 0, >= 0, <= 0\n    sx[2:m] = 0\n"
+      "    sx[m+1] = 1, >= 1, <= 1\n  End Variables\n"
+      "  Equations\n    dx[1:m]^2 + dy[1:m]^2 = len^2\n    y[2:m+1] = y[1:m] + dy[1:m]\n"
+      "    sx[2:m+1] = sx[1:m] + dx[1:m]\n    y[m+1] = 0\n"
+      "    minimize len*(y[1:m] + y[2:m+1])/2\n  End Equations\nEnd Model\n";
+  const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 500};
+  auto asopt_model = testing::LoadModelText(text);
+  auto ipopt_model = testing::LoadModelText(text);
+  const SolverResult a = SolveModel(*asopt_model, settings);
+  const SolverResult b = SolveModel(*ipopt_model, settings, true);
+  ASSERT_EQ(a.status, kSuccess);
+  ASSERT_EQ(b.status, kSuccess);
+  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective))
+      << "ASOPT " << a.objective << ", interior point " << b.objective;
+  EXPECT_LE(a.iterations, 60);
 }
 
 TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
