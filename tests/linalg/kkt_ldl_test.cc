@@ -11,6 +11,7 @@ namespace {
 
 // A symmetric matrix as lower-triangle triplets (a position may repeat: the values add).
 struct Triplets {
+  explicit Triplets(int size) : n(size) {}
   int n = 0;
   std::vector<int> rows, cols;
   std::vector<double> values;
