@@ -3,14 +3,23 @@
 #include <algorithm>
 #include <cmath>
 
+#include <fmt/format.h>
+
 namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
-constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
+constexpr int kDegenerateLimit = 8;           // drops at a standing point before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kBounceLimit = 4;                // constraints dropped right after a tiny addition
 constexpr double kActivityTolerance = 1e-12;   // row rounding relative to its largest term
+
+// Largest step component, for telling real progress from rounding-level moves.
+double MaxAbs(const std::vector<double>& v) {
+  double m = 0.0;
+  for (double a : v) m = std::max(m, std::abs(a));
+  return m;
+}
 
 enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 
@@ -19,7 +28,9 @@ enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 class ActiveSetQp {
  public:
   ActiveSetQp(const QpProblem& qp, KktFactor* factor)
-      : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {}
+      : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {
+    kkt_->SetTrace(qp.factor_print_level, qp.log);
+  }
   QpResult Run(const QpWorkingSet& guess);
 
  private:
@@ -38,9 +49,14 @@ class ActiveSetQp {
   EqpOutcome SolveEqp();
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
+  int AddBlockingAtZeroStep();
   double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
   double RowTol(int i, double b) const;
   QpResult Finish(QpStatus status);
+  bool Tracing() const { return qp_.print_level >= 1 && qp_.log; }
+  int WorkingSetSize() const;
+  std::string ConstraintName(int var, int row) const;
+  void TraceStep(double step, double alpha, const std::string& change) const;
   bool PastDeadline() const { return std::chrono::steady_clock::now() > qp_.deadline; }
 
   const QpProblem& qp_;
@@ -93,6 +109,24 @@ double ActiveSetQp::RowTol(int i, double b) const {
     term = std::max(term, std::abs(row_val_[k] * x_[row_col_[k]]));
   }
   return FeasTol(b) + kActivityTolerance * term;
+}
+
+int ActiveSetQp::WorkingSetSize() const {
+  int size = 0;
+  for (Activity a : var_state_) size += a != Activity::kFree;
+  for (Activity a : row_state_) size += a != Activity::kFree;
+  return size;
+}
+
+// "x12" for a variable (elastic variables count on after the real ones), "r7" for a row.
+std::string ActiveSetQp::ConstraintName(int var, int row) const {
+  return var >= 0 ? fmt::format("x{}", var + 1) : fmt::format("r{}", row + 1);
+}
+
+void ActiveSetQp::TraceStep(double step, double alpha, const std::string& change) const {
+  if (!Tracing()) return;
+  qp_.log(fmt::format("   qp {:6d}  working set {:8d}  step {:10.3e}  alpha {:9.2e}  {}",
+                      iterations_, WorkingSetSize(), step, alpha, change));
 }
 
 double ActiveSetQp::RowTimes(int i, const std::vector<double>& v) const {
@@ -188,7 +222,7 @@ void ActiveSetQp::Crash() {
     double gmax = qp_.multiplier_scale;
     for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
     const double tol = qp_.tolerance * gmax;
-    bool changed = false;
+    int added = 0, dropped = 0;
     auto update = [&](Activity& state, double value, double lo, double hi, double multiplier,
                       bool fixed) {
       Activity next = state;
@@ -198,7 +232,8 @@ void ActiveSetQp::Crash() {
       } else if (!fixed && (state == Activity::kLower ? multiplier < -tol : multiplier > tol)) {
         next = Activity::kFree;
       }
-      changed |= next != state;
+      added += state == Activity::kFree && next != state;
+      dropped += next == Activity::kFree && next != state;
       state = next;
     };
     for (int j = 0; j < n_; ++j) {
@@ -214,7 +249,11 @@ void ActiveSetQp::Crash() {
       // Row multipliers y follow c + Hx + A'y - z = 0: a lower row wants y <= 0.
       update(row_state_[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i], qp_.rl[i] == qp_.ru[i]);
     }
-    if (!changed) return;
+    if (Tracing()) {
+      qp_.log(fmt::format("   qp start pass {:3d}  working set {:8d}  added {:7d}  dropped {:7d}",
+                          pass + 1, WorkingSetSize(), added, dropped));
+    }
+    if (added + dropped == 0) return;
   }
 }
 
@@ -363,6 +402,44 @@ double ActiveSetQp::RatioTest(int& blocking_var, int& blocking_row) const {
   return alpha;
 }
 
+// After a step of rounding length, puts every other constraint that the step direction p_
+// runs into within the same rounding length into the working set as well. Each of them would
+// otherwise block the next step at length zero and cost a factorisation of its own; one that
+// the minimiser does not need leaves again through its multiplier. Returns how many it added.
+int ActiveSetQp::AddBlockingAtZeroStep() {
+  const double reach = 10.0 * FeasTol(MaxAbs(x_)) / std::max(MaxAbs(p_), 1e-300);
+  const double tiny = 1e-14 * std::max(1.0, MaxAbs(p_));
+  auto blocks = [&](double slack, double rate) { return std::max(0.0, slack / rate) <= reach; };
+  int added = 0;
+  for (size_t j = 0; j < x_.size(); ++j) {
+    const int jj = static_cast<int>(j);
+    if (var_state_[j] != Activity::kFree) continue;
+    if (p_[j] < -tiny && HasLower(Lower(jj)) && blocks(Lower(jj) - x_[j], p_[j])) {
+      var_state_[j] = Activity::kLower;
+      x_[j] = Lower(jj);
+    } else if (p_[j] > tiny && HasUpper(Upper(jj)) && blocks(Upper(jj) - x_[j], p_[j])) {
+      var_state_[j] = Activity::kUpper;
+      x_[j] = Upper(jj);
+    } else {
+      continue;
+    }
+    ++added;
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_state_[i] != Activity::kFree) continue;
+    const double ap = RowTimes(i, p_);
+    if (ap < -tiny && HasLower(qp_.rl[i]) && blocks(qp_.rl[i] - r_[i], ap)) {
+      row_state_[i] = Activity::kLower;
+    } else if (ap > tiny && HasUpper(qp_.ru[i]) && blocks(qp_.ru[i] - r_[i], ap)) {
+      row_state_[i] = Activity::kUpper;
+    } else {
+      continue;
+    }
+    ++added;
+  }
+  return added;
+}
+
 // Multipliers of the working set at the EQP minimiser; releases the constraint whose
 // multiplier has the wrong sign by the most (the lowest index under the anti-cycling rule).
 // False when every sign is right.
@@ -438,13 +515,6 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   return result;
 }
 
-// Largest step component, for telling real progress from rounding-level moves.
-double MaxAbs(const std::vector<double>& v) {
-  double m = 0.0;
-  for (double a : v) m = std::max(m, std::abs(a));
-  return m;
-}
-
 // The active-set iterations. A constraint added by a step of rounding size whose multiplier
 // then asks to release it again, with only rounding-size steps in between, means a working set
 // that is dependent within the tolerance: the iterations would bounce between equivalent
@@ -472,13 +542,20 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
       // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
-      if (!DropWorstMultiplier(Gradient())) return Finish(QpStatus::kOptimal);
+      if (!DropWorstMultiplier(Gradient())) {
+        TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
+        return Finish(QpStatus::kOptimal);
+      }
+      TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
+      // Only drops at a standing point can cycle; a run of them turns the smallest-index rule on.
+      degenerate = tiny ? degenerate + 1 : 0;
+      smallest_index_ = degenerate >= kDegenerateLimit;
       const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
                                               (dropped_row_ >= 0 && dropped_row_ == added_row));
       if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
       continue;
     }
-    degenerate = alpha > 0 ? 0 : degenerate + 1;
+    if (!tiny) degenerate = 0;
     smallest_index_ = degenerate >= kDegenerateLimit;
     added_var = var;
     added_row = row;
@@ -490,6 +567,9 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     } else {
       row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
     }
+    const int more = tiny && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
+    TraceStep(alpha * MaxAbs(p_), alpha,
+              "add " + ConstraintName(var, row) + (more > 0 ? fmt::format(" and {} more", more) : ""));
   }
   return Finish(QpStatus::kIterationLimit);
 }

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "solvers/asopt_kkt.h"
@@ -43,6 +45,12 @@ struct QpProblem {
   int max_iterations = 1000;
   // The solve stops with kTimeLimit at the first iteration that begins past this point.
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+  // Trace: print_level >= 1 writes one line per iteration (working-set size, step, the
+  // constraint added or dropped) and per start-up pass; factor_print_level >= 1 one line per
+  // factorisation (size, non-zeros, inertia, time). Lines go to `log` when it is set.
+  int print_level = 0;
+  int factor_print_level = 0;
+  std::function<void(const std::string&)> log;
 };
 
 enum class QpStatus { kOptimal, kInfeasible, kNonconvex, kIterationLimit, kFactorFailed, kTimeLimit };
