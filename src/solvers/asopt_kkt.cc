@@ -27,7 +27,8 @@ bool KktFactor::Factor(int dim, std::span<const int> rows, std::span<const int> 
   const auto start = std::chrono::steady_clock::now();
   const bool ok = FactorAny(dim, rows, cols, values);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  trace_(fmt::format("   factor {:6d}  {}  n {:8d}  nnz {:9d}  negative {:8d}  null {:6d}  {:9.4f} s{}",
+  trace_(fmt::format("   factor {:6d}  {}  n {:8d}  nnz {:9d}  negative {:8d}  null {:6d}  "
+                     "{:9.4f} s{}",
                      factorizations_, dense_ ? "dense " : "sparse", dim, rows.size(),
                      num_negative_, num_null_, took.count(), ok ? "" : "  FAILED"));
   return ok;

@@ -9,10 +9,11 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
-constexpr int kDegenerateLimit = 8;           // drops at a standing point before the smallest-index rule
+constexpr int kDegenerateLimit = 8;           // standing drops before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
-constexpr int kBounceLimit = 4;                // constraints dropped right after a tiny addition
-constexpr double kActivityTolerance = 1e-12;   // row rounding relative to its largest term
+constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
+constexpr int kBounceLimit = 4;               // constraints dropped right after a tiny addition
+constexpr double kActivityTolerance = 1e-12;  // row rounding relative to its largest term
 
 // Largest step component, for telling real progress from rounding-level moves.
 double MaxAbs(const std::vector<double>& v) {
@@ -81,6 +82,8 @@ class ActiveSetQp {
   int factorizations_before_ = 0;        // its count when this solve began
   int iterations_ = 0;
   int dropped_var_ = -1, dropped_row_ = -1;  // constraint released by the last drop
+  std::vector<bool> released_var_;       // variables released by a multiplier in this solve
+  std::vector<bool> released_row_;       // rows released by a multiplier in this solve
   bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
 };
 
@@ -204,8 +207,11 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
 // the working set and takes out every one whose multiplier has the wrong sign. On problems
 // whose solution has many active constraints this finds most of them in a few passes instead
 // of one working-set change each; the active-set iterations that follow still decide
-// optimality, so a poor guess costs time, never the answer.
+// optimality, so a poor guess costs time, never the answer. A constraint that has gone in and
+// out again keeps its state for the remaining passes: without that the passes can swap the
+// same few constraints back and forth until the pass limit.
 void ActiveSetQp::Crash() {
+  std::vector<unsigned char> var_flips(n_, 0), row_flips(m_, 0);
   for (int pass = 0; pass < kCrashPasses && iterations_ < qp_.max_iterations; ++pass) {
     if (PastDeadline()) return;
     ++iterations_;  // each pass is one factorisation, counted like an iteration
@@ -223,10 +229,12 @@ void ActiveSetQp::Crash() {
     for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
     const double tol = qp_.tolerance * gmax;
     int added = 0, dropped = 0;
-    auto update = [&](Activity& state, double value, double lo, double hi, double multiplier,
-                      bool fixed) {
+    auto update = [&](Activity& state, unsigned char& flips, double value, double lo, double hi,
+                      double multiplier, bool fixed) {
       Activity next = state;
-      if (state == Activity::kFree) {
+      if (flips >= kCrashFlipLimit) {
+        // Left as it is: the passes disagree about this constraint.
+      } else if (state == Activity::kFree) {
         if (HasLower(lo) && value < lo - FeasTol(lo)) next = Activity::kLower;
         if (HasUpper(hi) && value > hi + FeasTol(hi)) next = Activity::kUpper;
       } else if (!fixed && (state == Activity::kLower ? multiplier < -tol : multiplier > tol)) {
@@ -234,10 +242,12 @@ void ActiveSetQp::Crash() {
       }
       added += state == Activity::kFree && next != state;
       dropped += next == Activity::kFree && next != state;
+      flips += next != state;
       state = next;
     };
     for (int j = 0; j < n_; ++j) {
-      update(var_state_[j], x_[j], qp_.xl[j], qp_.xu[j], z[j], qp_.xl[j] == qp_.xu[j]);
+      update(var_state_[j], var_flips[j], x_[j], qp_.xl[j], qp_.xu[j], z[j],
+             qp_.xl[j] == qp_.xu[j]);
       if (var_state_[j] == Activity::kLower) x_[j] = qp_.xl[j];
       if (var_state_[j] == Activity::kUpper) x_[j] = qp_.xu[j];
       if (var_state_[j] == Activity::kFree) {
@@ -247,10 +257,12 @@ void ActiveSetQp::Crash() {
     }
     for (int i = 0; i < m_; ++i) {
       // Row multipliers y follow c + Hx + A'y - z = 0: a lower row wants y <= 0.
-      update(row_state_[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i], qp_.rl[i] == qp_.ru[i]);
+      update(row_state_[i], row_flips[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i],
+             qp_.rl[i] == qp_.ru[i]);
     }
     if (Tracing()) {
-      qp_.log(fmt::format("   qp start pass {:3d}  working set {:8d}  added {:7d}  dropped {:7d}",
+      qp_.log(fmt::format("   qp start pass {:3d}  working set {:8d}  added {:7d}  "
+                          "dropped {:7d}",
                           pass + 1, WorkingSetSize(), added, dropped));
     }
     if (added + dropped == 0) return;
@@ -402,40 +414,46 @@ double ActiveSetQp::RatioTest(int& blocking_var, int& blocking_row) const {
   return alpha;
 }
 
-// After a step of rounding length, puts every other constraint that the step direction p_
-// runs into within the same rounding length into the working set as well. Each of them would
-// otherwise block the next step at length zero and cost a factorisation of its own; one that
-// the minimiser does not need leaves again through its multiplier. Returns how many it added.
+// After a step of rounding length, puts into the working set as well every other constraint
+// that the step direction p_ runs into within the same rounding length, and every constraint
+// sitting on its bound that this solve has not released before. Each of them would otherwise
+// be likely to block a later step at length zero and cost a factorisation of its own; one that
+// the minimiser does not need leaves again through its multiplier, and a released constraint
+// comes back only when the direction runs into it, so the batch cannot undo a drop. Returns
+// how many it added.
 int ActiveSetQp::AddBlockingAtZeroStep() {
   const double reach = 10.0 * FeasTol(MaxAbs(x_)) / std::max(MaxAbs(p_), 1e-300);
   const double tiny = 1e-14 * std::max(1.0, MaxAbs(p_));
-  auto blocks = [&](double slack, double rate) { return std::max(0.0, slack / rate) <= reach; };
+  // The side of the constraint to activate: rate is its change along p_, slack_lo/slack_hi the
+  // distances of its value to the two bounds (positive inside), tol its feasibility tolerance.
+  auto side = [&](double rate, double slack_lo, double slack_hi, bool lo, bool hi, double tol,
+                  bool released) {
+    if (lo && rate < -tiny && std::max(0.0, slack_lo / -rate) <= reach) return Activity::kLower;
+    if (hi && rate > tiny && std::max(0.0, slack_hi / rate) <= reach) return Activity::kUpper;
+    if (released) return Activity::kFree;
+    if (lo && std::abs(slack_lo) <= tol) return Activity::kLower;
+    if (hi && std::abs(slack_hi) <= tol) return Activity::kUpper;
+    return Activity::kFree;
+  };
   int added = 0;
   for (size_t j = 0; j < x_.size(); ++j) {
     const int jj = static_cast<int>(j);
     if (var_state_[j] != Activity::kFree) continue;
-    if (p_[j] < -tiny && HasLower(Lower(jj)) && blocks(Lower(jj) - x_[j], p_[j])) {
-      var_state_[j] = Activity::kLower;
-      x_[j] = Lower(jj);
-    } else if (p_[j] > tiny && HasUpper(Upper(jj)) && blocks(Upper(jj) - x_[j], p_[j])) {
-      var_state_[j] = Activity::kUpper;
-      x_[j] = Upper(jj);
-    } else {
-      continue;
-    }
+    const double lo = Lower(jj), hi = Upper(jj);
+    const Activity a = side(p_[j], x_[j] - lo, hi - x_[j], HasLower(lo), HasUpper(hi),
+                            FeasTol(HasLower(lo) ? lo : hi), released_var_[j]);
+    if (a == Activity::kFree) continue;
+    var_state_[j] = a;
+    x_[j] = a == Activity::kLower ? lo : hi;
     ++added;
   }
   for (int i = 0; i < m_; ++i) {
     if (row_state_[i] != Activity::kFree) continue;
-    const double ap = RowTimes(i, p_);
-    if (ap < -tiny && HasLower(qp_.rl[i]) && blocks(qp_.rl[i] - r_[i], ap)) {
-      row_state_[i] = Activity::kLower;
-    } else if (ap > tiny && HasUpper(qp_.ru[i]) && blocks(qp_.ru[i] - r_[i], ap)) {
-      row_state_[i] = Activity::kUpper;
-    } else {
-      continue;
-    }
-    ++added;
+    const double lo = qp_.rl[i], hi = qp_.ru[i];
+    const double tol = RowTol(i, HasLower(lo) ? lo : hi);
+    row_state_[i] = side(RowTimes(i, p_), r_[i] - lo, hi - r_[i], HasLower(lo), HasUpper(hi),
+                         tol, released_row_[i]);
+    added += row_state_[i] != Activity::kFree;
   }
   return added;
 }
@@ -472,8 +490,14 @@ bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
     if (row_state_[i] == Activity::kFree || qp_.rl[i] == qp_.ru[i]) continue;
     consider(row_state_[i] == Activity::kLower ? y_[i] : -y_[i], -1, i);
   }
-  if (var >= 0) var_state_[var] = Activity::kFree;
-  if (row >= 0) row_state_[row] = Activity::kFree;
+  if (var >= 0) {
+    var_state_[var] = Activity::kFree;
+    released_var_[var] = true;
+  }
+  if (row >= 0) {
+    row_state_[row] = Activity::kFree;
+    released_row_[row] = true;
+  }
   dropped_var_ = var;
   dropped_row_ = row;
   return var >= 0 || row >= 0;
@@ -524,6 +548,8 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
   factorizations_before_ = kkt_->factorizations();
   BuildRows();
   Initialize(guess);
+  released_var_.assign(x_.size(), false);
+  released_row_.assign(m_, false);
   int degenerate = 0, bounces = 0;
   int added_var = -1, added_row = -1;
   bool tiny_since_add = false;
@@ -568,8 +594,8 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
       row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
     }
     const int more = tiny && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
-    TraceStep(alpha * MaxAbs(p_), alpha,
-              "add " + ConstraintName(var, row) + (more > 0 ? fmt::format(" and {} more", more) : ""));
+    const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
+    TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
   }
   return Finish(QpStatus::kIterationLimit);
 }

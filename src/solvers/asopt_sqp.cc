@@ -266,7 +266,9 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.deadline = control_.deadline;
   qp.print_level = control_.options->Int(kQpPrintLevel);
   qp.factor_print_level = control_.options->Int(kLinearSolverPrintLevel);
-  if (control_.log != nullptr) qp.log = [log = control_.log](const std::string& line) { log->Line(line, false); };
+  if (control_.log != nullptr) {
+    qp.log = [log = control_.log](const std::string& line) { log->Line(line, false); };
+  }
   return qp;
 }
 
