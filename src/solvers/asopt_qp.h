@@ -7,10 +7,12 @@
 // `elastic_weight` (an l1 penalty), so the QP always has a feasible starting point; a QP
 // whose constraints are inconsistent ends with the least-violation point and kInfeasible.
 // Every working-set change refactorises the KKT matrix [H_FF + delta I, A_WF'; A_WF, -eps I]
-// of the free variables F and working rows W (kept at full size, see SolveEqp); its inertia tells whether the Hessian is
-// positive definite on the null space of the working set (otherwise kNonconvex, and the caller
-// raises delta). Degenerate steps switch to the smallest-index rule, and an iteration limit
-// ends every solve.
+// of the free variables F and working rows W (kept at full size, see SolveEqp); its inertia
+// tells whether the Hessian is positive definite on the null space of the working set
+// (otherwise kNonconvex, and the caller raises delta). Start-up passes guess the working set;
+// a step that cannot move takes every constraint it runs into (and every unreleased one on its
+// bound) into the working set at once, one factorisation for the lot. Repeated drops at a
+// standing point switch to the smallest-index rule, and an iteration limit ends every solve.
 #pragma once
 
 #include <chrono>
