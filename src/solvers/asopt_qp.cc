@@ -9,7 +9,7 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
-constexpr int kDegenerateLimit = 8;           // standing drops before the smallest-index rule
+constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
 constexpr int kBounceLimit = 4;               // constraints dropped right after a tiny addition
@@ -414,7 +414,7 @@ double ActiveSetQp::RatioTest(int& blocking_var, int& blocking_row) const {
   return alpha;
 }
 
-// After a step of rounding length, puts into the working set as well every other constraint
+// After a step of length zero, puts into the working set as well every other constraint
 // that the step direction p_ runs into within the same rounding length, and every constraint
 // sitting on its bound that this solve has not released before. Each of them would otherwise
 // be likely to block a later step at length zero and cost a factorisation of its own; one that
@@ -573,15 +573,12 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
         return Finish(QpStatus::kOptimal);
       }
       TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
-      // Only drops at a standing point can cycle; a run of them turns the smallest-index rule on.
-      degenerate = tiny ? degenerate + 1 : 0;
-      smallest_index_ = degenerate >= kDegenerateLimit;
       const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
                                               (dropped_row_ >= 0 && dropped_row_ == added_row));
       if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
       continue;
     }
-    if (!tiny) degenerate = 0;
+    degenerate = alpha > 0 ? 0 : degenerate + 1;
     smallest_index_ = degenerate >= kDegenerateLimit;
     added_var = var;
     added_row = row;
@@ -593,7 +590,10 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     } else {
       row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
     }
-    const int more = tiny && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
+    // Only a step that did not move at all: after a short real step the constraints near the
+    // new point are no evidence of a degenerate vertex, and taking them in has made working
+    // sets repeat on small integer problems.
+    const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
     const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
     TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
   }
