@@ -11,8 +11,8 @@
 // tells whether the Hessian is positive definite on the null space of the working set
 // (otherwise kNonconvex, and the caller raises delta). Start-up passes guess the working set;
 // a step that cannot move takes every constraint it runs into (and every unreleased one on its
-// bound) into the working set at once, one factorisation for the lot. Repeated drops at a
-// standing point switch to the smallest-index rule, and an iteration limit ends every solve.
+// bound) into the working set at once, one factorisation for the lot. Runs of degenerate
+// steps switch to the smallest-index rule, and an iteration limit ends every solve.
 #pragma once
 
 #include <chrono>
