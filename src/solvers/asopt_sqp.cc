@@ -35,6 +35,8 @@ namespace {
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
+constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
+constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -375,10 +377,16 @@ bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
 }
 
 // Second-order corrections: the QP again with the rows linearised from the values at the
-// trial point, which bends the step back onto curved constraints.
+// trial point, which bends the step back onto curved constraints. `backtrack_frequency`
+// corrections are always allowed; further ones (up to kMaxCorrections) only while each cuts
+// the violation at least tenfold, as on a long step across strongly curved rows where every
+// correction gains a fixed factor.
 bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, Point& trial) {
   std::vector<double> d = qp.x;
-  for (int attempt = 0; attempt < control_.options->Int(kBacktrackFrequency); ++attempt) {
+  const int attempts = control_.options->Int(kBacktrackFrequency);
+  double before = kInfinity;  // violation before the last correction
+  for (int attempt = 0; attempt < std::max(attempts, kMaxCorrections); ++attempt) {
+    if (attempt >= attempts && (attempts == 0 || trial.theta > kCorrectionGain * before)) break;
     std::vector<double> shift(trial.c);
     for (size_t k = 0; k < p.jac.size(); ++k) {
       shift[nlp_.jac_rows[k]] -= p.jac[k] * d[nlp_.jac_cols[k]];
@@ -396,6 +404,7 @@ bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, 
       return true;
     }
     d = soc.x;
+    before = trial.theta;
     trial = std::move(t);
   }
   return false;
