@@ -35,6 +35,11 @@ namespace {
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
+constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / constraint tolerance
+constexpr int kStallWindow = 15;           // iterations over which progress is judged
+constexpr double kStallMerit = 1e-8;       // least relative merit decrease over a window
+constexpr double kStallMove = 1e-6;        // least relative move of the iterate over a window
+constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point may still meet
 constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
 constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
 
@@ -65,6 +70,7 @@ class SqpSolver {
   void Violation(Point& p) const;
   double LinearViolation(const Point& p, const std::vector<double>& d) const;
   double DualError(const Point& p, const std::vector<double>& lambda) const;
+  double QpTolerance(const Point& p) const;
   QpProblem BuildQp(const Point& p, const std::vector<double>* row_shift) const;
   bool SolveSubproblem(const Point& p, QpResult& qp);
   bool SolveNewton(const Point& p, QpResult& qp);
@@ -78,6 +84,8 @@ class SqpSolver {
   bool LineSearch(const Point& p, const QpResult& qp, Point& trial, double& alpha);
   void LogIteration(int k, const Point& p, double dual, double step, double alpha, int qp_its);
   SqpOutcome Finish(int status, const Point& p, int iterations);
+  bool Stalled(const Point& p);
+  int StallStatus(const Point& p) const;
   // True once the MAX_TIME deadline has passed; remembered so that the loop can tell a
   // failed step from an interrupted one.
   bool PastDeadline() {
@@ -106,6 +114,9 @@ class SqpSolver {
   int iteration_ = 0;
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
+  int window_start_ = 0;                // iteration at which the progress window opened
+  std::vector<double> window_x_;        // iterate then
+  double window_f_ = 0.0, window_theta_ = 0.0;  // its objective and row violation
   KktFactor kkt_;                       // shared by every QP of this solve (one analysis)
 };
 
@@ -228,6 +239,20 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
   return err / gmax;
 }
 
+// Feasibility tolerance of the QP. The QP must not call a row met that the convergence test
+// calls violated, so once the point violates its rows the tolerance drops to a hundredth of
+// the largest violation (not below a tenth of the constraint tolerance): the step then
+// corrects the rows that matter. A tighter tolerance throughout would make the QP chase
+// rounding in rows that are far from met anyway.
+double SqpSolver::QpTolerance(const Point& p) const {
+  double tol = 1e3 * Opt(kQpTolerance);
+  if (p.max_violation > 0.0) {
+    tol = std::min(tol, std::max(kQpToleranceShare * p.max_violation,
+                                 0.1 * Opt(kConstraintConvergenceTolerance)));
+  }
+  return std::max(tol, 1e-12);
+}
+
 // The QP in the step d; `row_shift`, for a second-order correction, replaces the row values.
 QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shift) const {
   QpProblem qp;
@@ -261,7 +286,7 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.delta = delta_;
   qp.elastic_weight = rho_;
   qp.infinity = kInfinity;
-  qp.tolerance = std::max(1e3 * Opt(kQpTolerance), 1e-12);
+  qp.tolerance = QpTolerance(p);
   qp.multiplier_scale = dual_scale_;
   const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
@@ -488,6 +513,39 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
   return out;
 }
 
+// True when the accepted steps of the last kStallWindow iterations have neither lowered the
+// merit function (at the current penalty) nor moved the iterate measurably: the iteration is
+// crawling with steps that change nothing. Each window is judged once, then a new one opens.
+bool SqpSolver::Stalled(const Point& p) {
+  if (window_x_.empty() || iteration_ < window_start_) {
+    window_start_ = iteration_;
+    window_x_ = p.x;
+    window_f_ = p.f;
+    window_theta_ = p.theta;
+    return false;
+  }
+  if (iteration_ - window_start_ < kStallWindow) return false;
+  const double then = newton_ ? window_theta_ : window_f_ + nu_ * window_theta_;
+  bool stalled = then - Merit(p) <= kStallMerit * std::max(1.0, std::abs(then));
+  for (int j = 0; j < nlp_.n && stalled; ++j) {
+    stalled = std::abs(p.x[j] - window_x_[j]) <= kStallMove * (1.0 + std::abs(window_x_[j]));
+  }
+  window_start_ = iteration_;
+  window_x_ = p.x;
+  window_f_ = p.f;
+  window_theta_ = p.theta;
+  return stalled;
+}
+
+// The status of a stalled solve: success when the point meets both convergence tolerances
+// within the factor kStallSlack (rounding keeps the last digits out of reach), otherwise the
+// requested accuracy is not achievable from here.
+int SqpSolver::StallStatus(const Point& p) const {
+  const bool feasible = p.max_violation <= kStallSlack * Opt(kConstraintConvergenceTolerance);
+  const bool optimal = square_ || DualError(p, lambda_) <= kStallSlack * Opt(kObjectiveConvergenceTolerance);
+  return feasible && optimal ? kSuccess : kAccuracyUnachievable;
+}
+
 SqpOutcome SqpSolver::Run(std::vector<double> x) {
   Point p;
   p.x = std::move(x);
@@ -614,6 +672,7 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
          (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {
       return Finish(kUnbounded, p, iteration_ + 1);
     }
+    if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
   }
 }
 

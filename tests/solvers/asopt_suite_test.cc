@@ -128,11 +128,6 @@ class AsoptMinlpSuiteTest : public ::testing::TestWithParam<SuiteEntry> {};
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(AsoptMinlpSuiteTest);
 
 TEST_P(AsoptMinlpSuiteTest, ReachesTheKnownOptimum) {
-  // At the constraint tolerance of this test (1e-9) branch and bound on unit_commitment does
-  // not finish in minutes; at the run default it takes well under a second.
-  if (GetParam().name == "unit_commitment") {
-    GTEST_SKIP() << "unit_commitment: branch and bound too slow at constraint_tol 1e-9";
-  }
   ExpectKnownOptimum(GetParam());
 }
 
