@@ -21,6 +21,12 @@ NlpData::NlpData(Problem& p) : problem(p), n(p.num_vars()), m(p.num_cons()) {
     hess_rows.resize(p.nnz_hess());
     hess_cols.resize(p.nnz_hess());
     p.HessianStructure(hess_rows, hess_cols);
+  } else {
+    // Without second derivatives the solver keeps a diagonal estimate of the Hessian.
+    for (int j = 0; j < n; ++j) {
+      hess_rows.push_back(j);
+      hess_cols.push_back(j);
+    }
   }
   xl.resize(n);
   xu.resize(n);
@@ -62,6 +68,9 @@ class SqpSolver {
 
  private:
   double Opt(AsoptOption o) const { return (*control_.options)[o]; }
+  std::vector<double> LagrangianGradient(const std::vector<double>& g,
+                                         const std::vector<double>& jac) const;
+  void EstimateHessian(const Point& p);
   bool HasBound(double b) const { return std::abs(b) < infinity_; }
   bool EvalFunctions(Point& p);
   bool EvalDerivatives(Point& p);
@@ -118,6 +127,9 @@ class SqpSolver {
   std::vector<double> window_x_;        // iterate then
   double window_f_ = 0.0, window_theta_ = 0.0;  // its objective and row violation
   KktFactor kkt_;                       // shared by every QP of this solve (one analysis)
+  // The point of the last Hessian estimate (problems without second derivatives).
+  std::vector<double> estimate_x_, estimate_g_, estimate_jac_;
+  double estimate_scale_ = 1.0;         // scale of the identity estimate
 };
 
 SqpSolver::SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
@@ -158,7 +170,10 @@ bool SqpSolver::EvalDerivatives(Point& p) {
 
 bool SqpSolver::EvalHessian(const Point& p) {
   hess_.assign(nlp_.hess_rows.size(), 0.0);
-  if (!nlp_.problem.has_hessian()) return true;
+  if (!nlp_.problem.has_hessian()) {
+    EstimateHessian(p);
+    return true;
+  }
   std::vector<double> lambda(nlp_.m);
   for (int i = 0; i < nlp_.m; ++i) lambda[i] = lambda_[i] * row_scale_[i];
   if (!nlp_.problem.HessianValues(p.x, 1.0, lambda, hess_)) return false;
@@ -166,6 +181,54 @@ bool SqpSolver::EvalHessian(const Point& p) {
     if (!std::isfinite(v)) return false;
   }
   return true;
+}
+
+// Gradient of the Lagrangian at p with the current multipliers (both in row-scaled terms).
+std::vector<double> SqpSolver::LagrangianGradient(const std::vector<double>& g,
+                                                  const std::vector<double>& jac) const {
+  std::vector<double> r(g);
+  for (size_t k = 0; k < jac.size(); ++k) r[nlp_.jac_cols[k]] += jac[k] * lambda_[nlp_.jac_rows[k]];
+  return r;
+}
+
+// The diagonal Hessian estimate of a problem without second derivatives, chosen by
+// initial_hessian_estimate_option: 0 the identity; 1 the identity scaled by s'y / s's of the
+// last step (s the step, y the change of the Lagrangian gradient; 1 before the first step
+// and whenever s'y is not positive); 2 or more the diagonal of the Lagrangian gradient's
+// finite differences (each entry kept within the Hessian eigenvalue limits, so the estimate is
+// positive definite), one evaluation of the gradient and the Jacobian per variable.
+void SqpSolver::EstimateHessian(const Point& p) {
+  const int option = control_.options->Int(kInitialHessianEstimateOption);
+  const double low = Opt(kMinimumHessianEigenvalue), high = Opt(kMaximumHessianEigenvalue);
+  std::vector<double> gl = LagrangianGradient(p.g, p.jac);
+  if (option == 1 && estimate_x_.size() == p.x.size()) {
+    const std::vector<double> before = LagrangianGradient(estimate_g_, estimate_jac_);
+    double sy = 0.0, ss = 0.0;
+    for (int j = 0; j < nlp_.n; ++j) {
+      const double sj = p.x[j] - estimate_x_[j];
+      sy += sj * (gl[j] - before[j]);
+      ss += sj * sj;
+    }
+    if (sy > 0.0 && ss > 0.0) estimate_scale_ = std::clamp(sy / ss, low, high);
+  }
+  estimate_x_ = p.x;
+  estimate_g_ = p.g;
+  estimate_jac_ = p.jac;
+  if (option <= 1) {
+    hess_.assign(nlp_.n, option == 0 ? 1.0 : estimate_scale_);
+    return;
+  }
+  const double h0 = std::sqrt(Opt(kMachinePrecision));
+  Point q;
+  for (int j = 0; j < nlp_.n; ++j) {
+    q.x = p.x;
+    const double h = h0 * std::max(1.0, std::abs(p.x[j]));
+    q.x[j] += h;
+    hess_[j] = 1.0;
+    if (EvalDerivatives(q)) {
+      hess_[j] = std::clamp((LagrangianGradient(q.g, q.jac)[j] - gl[j]) / h, low, high);
+    }
+  }
 }
 
 // Dynamic scaling divides each row by its largest Jacobian entry at the start (at least 1).
