@@ -187,7 +187,9 @@ bool SqpSolver::EvalHessian(const Point& p) {
 std::vector<double> SqpSolver::LagrangianGradient(const std::vector<double>& g,
                                                   const std::vector<double>& jac) const {
   std::vector<double> r(g);
-  for (size_t k = 0; k < jac.size(); ++k) r[nlp_.jac_cols[k]] += jac[k] * lambda_[nlp_.jac_rows[k]];
+  for (size_t k = 0; k < jac.size(); ++k) {
+    r[nlp_.jac_cols[k]] += jac[k] * lambda_[nlp_.jac_rows[k]];
+  }
   return r;
 }
 
@@ -605,7 +607,8 @@ bool SqpSolver::Stalled(const Point& p) {
 // requested accuracy is not achievable from here.
 int SqpSolver::StallStatus(const Point& p) const {
   const bool feasible = p.max_violation <= kStallSlack * Opt(kConstraintConvergenceTolerance);
-  const bool optimal = square_ || DualError(p, lambda_) <= kStallSlack * Opt(kObjectiveConvergenceTolerance);
+  const bool optimal =
+      square_ || DualError(p, lambda_) <= kStallSlack * Opt(kObjectiveConvergenceTolerance);
   return feasible && optimal ? kSuccess : kAccuracyUnachievable;
 }
 
