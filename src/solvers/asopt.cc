@@ -181,7 +181,7 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
   control.deadline = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                          std::chrono::duration<double>(seconds));
-  const MinlpOutcome out = Ace_MINLP_solve(nlp, x, control);
+  const MinlpOutcome out = Ace_MINLP_solve(nlp, x, control, state);
   if (nodes) *nodes = out.nodes;
   if (out.setup_failed) {
     std::vector<double> g(nlp.n), a(nlp.jac_rows.size());

@@ -24,7 +24,7 @@ class BranchAndBound {
  public:
   BranchAndBound(NlpData& nlp, const SqpControl& control)
       : nlp_(nlp), control_(control), options_(*control.options) {}
-  MinlpOutcome Run(std::vector<double> x);
+  MinlpOutcome Run(std::vector<double> x, SqpState& state);
 
  private:
   // A step of the trace (console at print level 2) and an event of the search (level 1).
@@ -282,7 +282,7 @@ void BranchAndBound::ListFinal(const SqpOutcome& out) {
   }
 }
 
-MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
+MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
   MinlpOutcome result;
   if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
   if (options_.Int(kInformationMessages) >= 1) ListInputs(x);
@@ -295,9 +295,11 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
   Leaf root;
   root.xl = nlp_.xl;
   root.xu = nlp_.xu;
+  root.start = std::move(state);
   if (integers_.empty()) {
     int its = 0;
     result.best = SolveLeaf(root, x, its);
+    state = std::move(root.start);
     result.nodes = 1;
     result.nlp_iterations = its;
     Trace("No integer variables - completed branching", options_.Int(kMinlpPrintLevel) >= 1);
@@ -348,9 +350,11 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
     Trace("+--------------------------------------------", print);
     leaves_[index].solved = true;
     Leaf leaf = leaves_[index];
-    const std::vector<double> start = leaf.start.x.empty() ? x : leaf.start.x;
+    // The root starts from the caller's point; a child from its parent's solution.
+    const std::vector<double> start = leaf.depth == 0 || leaf.start.x.empty() ? x : leaf.start.x;
     int nlp_its = 0;
     SqpOutcome out = SolveLeaf(leaf, start, nlp_its);
+    if (leaf.depth == 0) state = leaf.start;
     ++result.nodes;
     result.nlp_iterations += nlp_its;
     if (have_integer_) ++since_integer;
@@ -389,9 +393,10 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x) {
 
 }  // namespace
 
-MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control) {
+MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control,
+                             SqpState& state) {
   BranchAndBound bb(nlp, control);
-  return bb.Run(std::move(x));
+  return bb.Run(std::move(x), state);
 }
 
 }  // namespace kx::solvers

@@ -9,6 +9,7 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
+constexpr int kRefinePasses = 2;              // corrections of a regularised row block
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
@@ -343,7 +344,8 @@ EqpOutcome ActiveSetQp::SolveEqp() {
     if (e >= 0) add(nt + i, n_ + e, working && is_free(n_ + e) ? elastic_sign_[e] : 0.0);
   }
   if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
-  if (kkt_->num_null() > 0) {
+  const bool regularised = kkt_->num_null() > 0;
+  if (regularised) {
     // Dependent working rows make the matrix singular: regularise the row block, which
     // leaves a null-space Hessian that is not positive definite still visible.
     double scale = 1.0;
@@ -365,9 +367,21 @@ EqpOutcome ActiveSetQp::SolveEqp() {
       rhs[nt + i] = residual;
     }
   }
+  std::vector<double> row_target(rhs.begin() + nt, rhs.end());
   if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
   y_.assign(rhs.begin() + nt, rhs.end());
+  // The regularised row block misses each working row by eps * y_i; correct the step against
+  // the rows themselves (consistent dependent rows converge in a pass or two).
+  for (int pass = 0; pass < kRefinePasses && regularised; ++pass) {
+    std::vector<double> fix(dim, 0.0);
+    for (int i = 0; i < m_; ++i) {
+      if (in_working_set(i)) fix[nt + i] = row_target[i] - RowTimes(i, p_);
+    }
+    if (!kkt_->Solve(fix)) return EqpOutcome::kFailed;
+    for (int j = 0; j < nt; ++j) p_[j] += fix[j];
+    for (int i = 0; i < m_; ++i) y_[i] += fix[nt + i];
+  }
   for (int j = 0; j < nt; ++j) {
     if (!is_free(j)) p_[j] = 0.0;
   }

@@ -21,6 +21,12 @@ NlpData::NlpData(Problem& p) : problem(p), n(p.num_vars()), m(p.num_cons()) {
     hess_rows.resize(p.nnz_hess());
     hess_cols.resize(p.nnz_hess());
     p.HessianStructure(hess_rows, hess_cols);
+  } else {
+    // Without second derivatives the solver keeps a diagonal estimate of the Hessian.
+    for (int j = 0; j < n; ++j) {
+      hess_rows.push_back(j);
+      hess_cols.push_back(j);
+    }
   }
   xl.resize(n);
   xu.resize(n);
@@ -35,6 +41,13 @@ namespace {
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
+constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / constraint tolerance
+constexpr int kStallWindow = 15;           // iterations over which progress is judged
+constexpr double kStallMerit = 1e-8;       // least relative merit decrease over a window
+constexpr double kStallMove = 1e-6;        // least relative move of the iterate over a window
+constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point may still meet
+constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
+constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -55,6 +68,9 @@ class SqpSolver {
 
  private:
   double Opt(AsoptOption o) const { return (*control_.options)[o]; }
+  std::vector<double> LagrangianGradient(const std::vector<double>& g,
+                                         const std::vector<double>& jac) const;
+  void EstimateHessian(const Point& p);
   bool HasBound(double b) const { return std::abs(b) < infinity_; }
   bool EvalFunctions(Point& p);
   bool EvalDerivatives(Point& p);
@@ -63,6 +79,7 @@ class SqpSolver {
   void Violation(Point& p) const;
   double LinearViolation(const Point& p, const std::vector<double>& d) const;
   double DualError(const Point& p, const std::vector<double>& lambda) const;
+  double QpTolerance(const Point& p) const;
   QpProblem BuildQp(const Point& p, const std::vector<double>* row_shift) const;
   bool SolveSubproblem(const Point& p, QpResult& qp);
   bool SolveNewton(const Point& p, QpResult& qp);
@@ -76,6 +93,8 @@ class SqpSolver {
   bool LineSearch(const Point& p, const QpResult& qp, Point& trial, double& alpha);
   void LogIteration(int k, const Point& p, double dual, double step, double alpha, int qp_its);
   SqpOutcome Finish(int status, const Point& p, int iterations);
+  bool Stalled(const Point& p);
+  int StallStatus(const Point& p) const;
   // True once the MAX_TIME deadline has passed; remembered so that the loop can tell a
   // failed step from an interrupted one.
   bool PastDeadline() {
@@ -104,7 +123,13 @@ class SqpSolver {
   int iteration_ = 0;
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
+  int window_start_ = 0;                // iteration at which the progress window opened
+  std::vector<double> window_x_;        // iterate then
+  double window_f_ = 0.0, window_theta_ = 0.0;  // its objective and row violation
   KktFactor kkt_;                       // shared by every QP of this solve (one analysis)
+  // The point of the last Hessian estimate (problems without second derivatives).
+  std::vector<double> estimate_x_, estimate_g_, estimate_jac_;
+  double estimate_scale_ = 1.0;         // scale of the identity estimate
 };
 
 SqpSolver::SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
@@ -145,7 +170,10 @@ bool SqpSolver::EvalDerivatives(Point& p) {
 
 bool SqpSolver::EvalHessian(const Point& p) {
   hess_.assign(nlp_.hess_rows.size(), 0.0);
-  if (!nlp_.problem.has_hessian()) return true;
+  if (!nlp_.problem.has_hessian()) {
+    EstimateHessian(p);
+    return true;
+  }
   std::vector<double> lambda(nlp_.m);
   for (int i = 0; i < nlp_.m; ++i) lambda[i] = lambda_[i] * row_scale_[i];
   if (!nlp_.problem.HessianValues(p.x, 1.0, lambda, hess_)) return false;
@@ -153,6 +181,56 @@ bool SqpSolver::EvalHessian(const Point& p) {
     if (!std::isfinite(v)) return false;
   }
   return true;
+}
+
+// Gradient of the Lagrangian at p with the current multipliers (both in row-scaled terms).
+std::vector<double> SqpSolver::LagrangianGradient(const std::vector<double>& g,
+                                                  const std::vector<double>& jac) const {
+  std::vector<double> r(g);
+  for (size_t k = 0; k < jac.size(); ++k) {
+    r[nlp_.jac_cols[k]] += jac[k] * lambda_[nlp_.jac_rows[k]];
+  }
+  return r;
+}
+
+// The diagonal Hessian estimate of a problem without second derivatives, chosen by
+// initial_hessian_estimate_option: 0 the identity; 1 the identity scaled by s'y / s's of the
+// last step (s the step, y the change of the Lagrangian gradient; 1 before the first step
+// and whenever s'y is not positive); 2 or more the diagonal of the Lagrangian gradient's
+// finite differences (each entry kept within the Hessian eigenvalue limits, so the estimate is
+// positive definite), one evaluation of the gradient and the Jacobian per variable.
+void SqpSolver::EstimateHessian(const Point& p) {
+  const int option = control_.options->Int(kInitialHessianEstimateOption);
+  const double low = Opt(kMinimumHessianEigenvalue), high = Opt(kMaximumHessianEigenvalue);
+  std::vector<double> gl = LagrangianGradient(p.g, p.jac);
+  if (option == 1 && estimate_x_.size() == p.x.size()) {
+    const std::vector<double> before = LagrangianGradient(estimate_g_, estimate_jac_);
+    double sy = 0.0, ss = 0.0;
+    for (int j = 0; j < nlp_.n; ++j) {
+      const double sj = p.x[j] - estimate_x_[j];
+      sy += sj * (gl[j] - before[j]);
+      ss += sj * sj;
+    }
+    if (sy > 0.0 && ss > 0.0) estimate_scale_ = std::clamp(sy / ss, low, high);
+  }
+  estimate_x_ = p.x;
+  estimate_g_ = p.g;
+  estimate_jac_ = p.jac;
+  if (option <= 1) {
+    hess_.assign(nlp_.n, option == 0 ? 1.0 : estimate_scale_);
+    return;
+  }
+  const double h0 = std::sqrt(Opt(kMachinePrecision));
+  Point q;
+  for (int j = 0; j < nlp_.n; ++j) {
+    q.x = p.x;
+    const double h = h0 * std::max(1.0, std::abs(p.x[j]));
+    q.x[j] += h;
+    hess_[j] = 1.0;
+    if (EvalDerivatives(q)) {
+      hess_[j] = std::clamp((LagrangianGradient(q.g, q.jac)[j] - gl[j]) / h, low, high);
+    }
+  }
 }
 
 // Dynamic scaling divides each row by its largest Jacobian entry at the start (at least 1).
@@ -226,6 +304,20 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
   return err / gmax;
 }
 
+// Feasibility tolerance of the QP. The QP must not call a row met that the convergence test
+// calls violated, so once the point violates its rows the tolerance drops to a hundredth of
+// the largest violation (not below a tenth of the constraint tolerance): the step then
+// corrects the rows that matter. A tighter tolerance throughout would make the QP chase
+// rounding in rows that are far from met anyway.
+double SqpSolver::QpTolerance(const Point& p) const {
+  double tol = 1e3 * Opt(kQpTolerance);
+  if (p.max_violation > 0.0) {
+    tol = std::min(tol, std::max(kQpToleranceShare * p.max_violation,
+                                 0.1 * Opt(kConstraintConvergenceTolerance)));
+  }
+  return std::max(tol, 1e-12);
+}
+
 // The QP in the step d; `row_shift`, for a second-order correction, replaces the row values.
 QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shift) const {
   QpProblem qp;
@@ -259,7 +351,7 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.delta = delta_;
   qp.elastic_weight = rho_;
   qp.infinity = kInfinity;
-  qp.tolerance = std::max(1e3 * Opt(kQpTolerance), 1e-12);
+  qp.tolerance = QpTolerance(p);
   qp.multiplier_scale = dual_scale_;
   const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
@@ -380,10 +472,16 @@ bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
 }
 
 // Second-order corrections: the QP again with the rows linearised from the values at the
-// trial point, which bends the step back onto curved constraints.
+// trial point, which bends the step back onto curved constraints. `backtrack_frequency`
+// corrections are always allowed; further ones (up to kMaxCorrections) only while each cuts
+// the violation at least tenfold, as on a long step across strongly curved rows where every
+// correction gains a fixed factor.
 bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, Point& trial) {
   std::vector<double> d = qp.x;
-  for (int attempt = 0; attempt < control_.options->Int(kBacktrackFrequency); ++attempt) {
+  const int attempts = control_.options->Int(kBacktrackFrequency);
+  double before = kInfinity;  // violation before the last correction
+  for (int attempt = 0; attempt < std::max(attempts, kMaxCorrections); ++attempt) {
+    if (attempt >= attempts && (attempts == 0 || trial.theta > kCorrectionGain * before)) break;
     std::vector<double> shift(trial.c);
     for (size_t k = 0; k < p.jac.size(); ++k) {
       shift[nlp_.jac_rows[k]] -= p.jac[k] * d[nlp_.jac_cols[k]];
@@ -401,6 +499,7 @@ bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, 
       return true;
     }
     d = soc.x;
+    before = trial.theta;
     trial = std::move(t);
   }
   return false;
@@ -482,6 +581,40 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
   state_.lambda = lambda_;
   state_.delta = delta_;
   return out;
+}
+
+// True when the accepted steps of the last kStallWindow iterations have neither lowered the
+// merit function (at the current penalty) nor moved the iterate measurably: the iteration is
+// crawling with steps that change nothing. Each window is judged once, then a new one opens.
+bool SqpSolver::Stalled(const Point& p) {
+  if (window_x_.empty() || iteration_ < window_start_) {
+    window_start_ = iteration_;
+    window_x_ = p.x;
+    window_f_ = p.f;
+    window_theta_ = p.theta;
+    return false;
+  }
+  if (iteration_ - window_start_ < kStallWindow) return false;
+  const double then = newton_ ? window_theta_ : window_f_ + nu_ * window_theta_;
+  bool stalled = then - Merit(p) <= kStallMerit * std::max(1.0, std::abs(then));
+  for (int j = 0; j < nlp_.n && stalled; ++j) {
+    stalled = std::abs(p.x[j] - window_x_[j]) <= kStallMove * (1.0 + std::abs(window_x_[j]));
+  }
+  window_start_ = iteration_;
+  window_x_ = p.x;
+  window_f_ = p.f;
+  window_theta_ = p.theta;
+  return stalled;
+}
+
+// The status of a stalled solve: success when the point meets both convergence tolerances
+// within the factor kStallSlack (rounding keeps the last digits out of reach), otherwise the
+// requested accuracy is not achievable from here.
+int SqpSolver::StallStatus(const Point& p) const {
+  const bool feasible = p.max_violation <= kStallSlack * Opt(kConstraintConvergenceTolerance);
+  const bool optimal =
+      square_ || DualError(p, lambda_) <= kStallSlack * Opt(kObjectiveConvergenceTolerance);
+  return feasible && optimal ? kSuccess : kAccuracyUnachievable;
 }
 
 SqpOutcome SqpSolver::Run(std::vector<double> x) {
@@ -610,6 +743,7 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
          (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {
       return Finish(kUnbounded, p, iteration_ + 1);
     }
+    if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
   }
 }
 

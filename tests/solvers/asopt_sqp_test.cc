@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
+#include <utility>
 #include <string>
 
 #include "base/base.h"
 #include "solvers/ipopt_call.h"
 #include "solvers/status.h"
+#include "testing/forwarding_problem.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
@@ -243,6 +246,46 @@ TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
   p.JacobianStructure(rows, cols);
   for (int k = 0; k < p.nnz_jac(); ++k) g[cols[k]] += jac[k] * r.lambda[rows[k]];
   for (int j = 0; j < 4; ++j) EXPECT_NEAR(g[j] - r.z_lower[j] + r.z_upper[j], 0.0, 1e-5) << j;
+}
+
+// A problem that supplies no second derivatives: the solver keeps its own diagonal estimate,
+// chosen by initial_hessian_estimate_option (0 identity, 1 scaled identity, 2 finite
+// differences). Every choice must still reach the optimum.
+class NoSecondDerivatives : public testing::ForwardingProblem {
+ public:
+  using ForwardingProblem::ForwardingProblem;
+  bool has_hessian() override { return false; }
+  int nnz_hess() override { return 0; }
+  bool HessianValues(std::span<const double>, double, std::span<const double>,
+                     std::span<double>) override {
+    ADD_FAILURE() << "second derivatives asked for";
+    return false;
+  }
+};
+
+TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
+  const std::string hs071 =
+      Model("    x[1:4] = 1, >= 1, <= 5\n",
+            "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
+            "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n");
+  const std::string hs035 =
+      Model("    x[1:3] = 0.5, >= 0\n",
+            "    x[1] + x[2] + 2*x[3] <= 3\n"
+            "    minimize 9 - 8*x[1] - 6*x[2] - 4*x[3] + 2*x[1]^2 + 2*x[2]^2 + x[3]^2"
+            " + 2*x[1]*x[2] + 2*x[1]*x[3]\n");
+  for (int option : {0, 1, 2}) {
+    for (const auto& [text, optimum] : {std::pair{hs071, 17.0140172891563}, {hs035, 1.0 / 9.0}}) {
+      SCOPED_TRACE(::testing::Message() << "option " << option << ", optimum " << optimum);
+      testing::WorkingDir dir("asopt_estimate");
+      std::ofstream("asopt.opt") << "initial_hessian_estimate_option " << option << "\n";
+      auto model = testing::LoadModelText(text);
+      NoSecondDerivatives problem(*model->problem);
+      OutputCapture out;
+      const SolverResult r = SolveAsopt(problem, SolverSettings{.max_iter = 500});
+      ASSERT_EQ(r.status, 0) << out.text();
+      EXPECT_NEAR(r.objective, optimum, 1e-5);
+    }
+  }
 }
 
 }  // namespace

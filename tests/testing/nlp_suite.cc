@@ -72,7 +72,8 @@ std::vector<SuiteEntry> NlpSuite(bool include_large) { return Scan("nlp", includ
 std::vector<SuiteEntry> MinlpSuite() { return Scan("minlp", true); }
 
 double RelativeError(double f, double optimum) {
-  return std::abs(f - optimum) / std::max(1.0, std::abs(optimum));
+  if (optimum == 0.0) return std::abs(f);
+  return std::abs(f - optimum) / std::max(std::abs(optimum), 1e-8);
 }
 
 }  // namespace kx::testing

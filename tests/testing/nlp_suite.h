@@ -39,7 +39,8 @@ struct SuiteEntry {
 std::vector<SuiteEntry> NlpSuite(bool include_large);
 std::vector<SuiteEntry> MinlpSuite();  // tests/models/minlp/*.zpm, same header
 
-// |f - optimum| / max(1, |optimum|).
+// |f - optimum| / max(|optimum|, 1e-8): relative to the optimum's own size, so an objective
+// of order 1e-2 is judged as strictly as one of order 1e2; |f| when the optimum is 0.
 double RelativeError(double f, double optimum);
 
 }  // namespace kx::testing
