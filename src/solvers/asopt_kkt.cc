@@ -1,7 +1,10 @@
 #include "solvers/asopt_kkt.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+
+#include <fmt/format.h>
 
 extern "C" {
 void dsytrf_(const char* uplo, const int* n, double* a, const int* lda, int* ipiv,
@@ -12,9 +15,27 @@ void dsytrs_(const char* uplo, const int* n, const int* nrhs, const double* a, c
 
 namespace kx::solvers {
 
+void KktFactor::SetTrace(int level, std::function<void(const std::string&)> log) {
+  trace_level_ = level;
+  trace_ = std::move(log);
+}
+
 bool KktFactor::Factor(int dim, std::span<const int> rows, std::span<const int> cols,
                        std::span<const double> values) {
   ++factorizations_;
+  if (trace_level_ < 1 || !trace_) return FactorAny(dim, rows, cols, values);
+  const auto start = std::chrono::steady_clock::now();
+  const bool ok = FactorAny(dim, rows, cols, values);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  trace_(fmt::format("   factor {:6d}  {}  n {:8d}  nnz {:9d}  negative {:8d}  null {:6d}  "
+                     "{:9.4f} s{}",
+                     factorizations_, dense_ ? "dense " : "sparse", dim, rows.size(),
+                     num_negative_, num_null_, took.count(), ok ? "" : "  FAILED"));
+  return ok;
+}
+
+bool KktFactor::FactorAny(int dim, std::span<const int> rows, std::span<const int> cols,
+                          std::span<const double> values) {
   dim_ = dim;
   dense_ = dim <= kDenseLimit;
   if (dense_) return FactorDense(dim, rows, cols, values);

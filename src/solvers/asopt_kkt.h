@@ -3,7 +3,9 @@
 // factorisation of linalg/kkt_ldl; both report the inertia.
 #pragma once
 
+#include <functional>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "linalg/kkt_ldl.h"
@@ -22,8 +24,13 @@ class KktFactor {
   int num_null() const { return num_null_; }
   bool Solve(std::span<double> rhs);
   int factorizations() const { return factorizations_; }
+  // With level >= 1 every Factor call writes one line (dimension, non-zeros, kind, inertia,
+  // time) to `log`; level 0 or an empty log writes nothing.
+  void SetTrace(int level, std::function<void(const std::string&)> log);
 
  private:
+  bool FactorAny(int dim, std::span<const int> rows, std::span<const int> cols,
+                 std::span<const double> values);
   bool FactorDense(int dim, std::span<const int> rows, std::span<const int> cols,
                    std::span<const double> values);
   void CountDenseInertia();
@@ -36,6 +43,8 @@ class KktFactor {
   int num_negative_ = 0;
   int num_null_ = 0;
   int factorizations_ = 0;        // Factor calls so far
+  int trace_level_ = 0;           // factorisation statistics wanted
+  std::function<void(const std::string&)> trace_;  // where they go
 };
 
 }  // namespace kx::solvers

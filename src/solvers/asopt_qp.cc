@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <fmt/format.h>
+
 namespace kx::solvers {
 namespace {
 
@@ -10,8 +12,16 @@ constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are d
 constexpr int kRefinePasses = 2;              // corrections of a regularised row block
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
-constexpr int kBounceLimit = 4;                // constraints dropped right after a tiny addition
-constexpr double kActivityTolerance = 1e-12;   // row rounding relative to its largest term
+constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
+constexpr int kBounceLimit = 4;               // constraints dropped right after a tiny addition
+constexpr double kActivityTolerance = 1e-12;  // row rounding relative to its largest term
+
+// Largest step component, for telling real progress from rounding-level moves.
+double MaxAbs(const std::vector<double>& v) {
+  double m = 0.0;
+  for (double a : v) m = std::max(m, std::abs(a));
+  return m;
+}
 
 enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 
@@ -20,7 +30,9 @@ enum class EqpOutcome { kSolved, kNonconvex, kFailed };
 class ActiveSetQp {
  public:
   ActiveSetQp(const QpProblem& qp, KktFactor* factor)
-      : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {}
+      : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {
+    kkt_->SetTrace(qp.factor_print_level, qp.log);
+  }
   QpResult Run(const QpWorkingSet& guess);
 
  private:
@@ -39,9 +51,14 @@ class ActiveSetQp {
   EqpOutcome SolveEqp();
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
+  int AddBlockingAtZeroStep();
   double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
   double RowTol(int i, double b) const;
   QpResult Finish(QpStatus status);
+  bool Tracing() const { return qp_.print_level >= 1 && qp_.log; }
+  int WorkingSetSize() const;
+  std::string ConstraintName(int var, int row) const;
+  void TraceStep(double step, double alpha, const std::string& change) const;
   bool PastDeadline() const { return std::chrono::steady_clock::now() > qp_.deadline; }
 
   const QpProblem& qp_;
@@ -66,6 +83,8 @@ class ActiveSetQp {
   int factorizations_before_ = 0;        // its count when this solve began
   int iterations_ = 0;
   int dropped_var_ = -1, dropped_row_ = -1;  // constraint released by the last drop
+  std::vector<bool> released_var_;       // variables released by a multiplier in this solve
+  std::vector<bool> released_row_;       // rows released by a multiplier in this solve
   bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
 };
 
@@ -94,6 +113,24 @@ double ActiveSetQp::RowTol(int i, double b) const {
     term = std::max(term, std::abs(row_val_[k] * x_[row_col_[k]]));
   }
   return FeasTol(b) + kActivityTolerance * term;
+}
+
+int ActiveSetQp::WorkingSetSize() const {
+  int size = 0;
+  for (Activity a : var_state_) size += a != Activity::kFree;
+  for (Activity a : row_state_) size += a != Activity::kFree;
+  return size;
+}
+
+// "x12" for a variable (elastic variables count on after the real ones), "r7" for a row.
+std::string ActiveSetQp::ConstraintName(int var, int row) const {
+  return var >= 0 ? fmt::format("x{}", var + 1) : fmt::format("r{}", row + 1);
+}
+
+void ActiveSetQp::TraceStep(double step, double alpha, const std::string& change) const {
+  if (!Tracing()) return;
+  qp_.log(fmt::format("   qp {:6d}  working set {:8d}  step {:10.3e}  alpha {:9.2e}  {}",
+                      iterations_, WorkingSetSize(), step, alpha, change));
 }
 
 double ActiveSetQp::RowTimes(int i, const std::vector<double>& v) const {
@@ -171,8 +208,11 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
 // the working set and takes out every one whose multiplier has the wrong sign. On problems
 // whose solution has many active constraints this finds most of them in a few passes instead
 // of one working-set change each; the active-set iterations that follow still decide
-// optimality, so a poor guess costs time, never the answer.
+// optimality, so a poor guess costs time, never the answer. A constraint that has gone in and
+// out again keeps its state for the remaining passes: without that the passes can swap the
+// same few constraints back and forth until the pass limit.
 void ActiveSetQp::Crash() {
+  std::vector<unsigned char> var_flips(n_, 0), row_flips(m_, 0);
   for (int pass = 0; pass < kCrashPasses && iterations_ < qp_.max_iterations; ++pass) {
     if (PastDeadline()) return;
     ++iterations_;  // each pass is one factorisation, counted like an iteration
@@ -189,21 +229,26 @@ void ActiveSetQp::Crash() {
     double gmax = qp_.multiplier_scale;
     for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
     const double tol = qp_.tolerance * gmax;
-    bool changed = false;
-    auto update = [&](Activity& state, double value, double lo, double hi, double multiplier,
-                      bool fixed) {
+    int added = 0, dropped = 0;
+    auto update = [&](Activity& state, unsigned char& flips, double value, double lo, double hi,
+                      double multiplier, bool fixed) {
       Activity next = state;
-      if (state == Activity::kFree) {
+      if (flips >= kCrashFlipLimit) {
+        // Left as it is: the passes disagree about this constraint.
+      } else if (state == Activity::kFree) {
         if (HasLower(lo) && value < lo - FeasTol(lo)) next = Activity::kLower;
         if (HasUpper(hi) && value > hi + FeasTol(hi)) next = Activity::kUpper;
       } else if (!fixed && (state == Activity::kLower ? multiplier < -tol : multiplier > tol)) {
         next = Activity::kFree;
       }
-      changed |= next != state;
+      added += state == Activity::kFree && next != state;
+      dropped += next == Activity::kFree && next != state;
+      flips += next != state;
       state = next;
     };
     for (int j = 0; j < n_; ++j) {
-      update(var_state_[j], x_[j], qp_.xl[j], qp_.xu[j], z[j], qp_.xl[j] == qp_.xu[j]);
+      update(var_state_[j], var_flips[j], x_[j], qp_.xl[j], qp_.xu[j], z[j],
+             qp_.xl[j] == qp_.xu[j]);
       if (var_state_[j] == Activity::kLower) x_[j] = qp_.xl[j];
       if (var_state_[j] == Activity::kUpper) x_[j] = qp_.xu[j];
       if (var_state_[j] == Activity::kFree) {
@@ -213,9 +258,15 @@ void ActiveSetQp::Crash() {
     }
     for (int i = 0; i < m_; ++i) {
       // Row multipliers y follow c + Hx + A'y - z = 0: a lower row wants y <= 0.
-      update(row_state_[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i], qp_.rl[i] == qp_.ru[i]);
+      update(row_state_[i], row_flips[i], r_[i], qp_.rl[i], qp_.ru[i], -y_[i],
+             qp_.rl[i] == qp_.ru[i]);
     }
-    if (!changed) return;
+    if (Tracing()) {
+      qp_.log(fmt::format("   qp start pass {:3d}  working set {:8d}  added {:7d}  "
+                          "dropped {:7d}",
+                          pass + 1, WorkingSetSize(), added, dropped));
+    }
+    if (added + dropped == 0) return;
   }
 }
 
@@ -377,6 +428,50 @@ double ActiveSetQp::RatioTest(int& blocking_var, int& blocking_row) const {
   return alpha;
 }
 
+// After a step of length zero, puts into the working set as well every other constraint
+// that the step direction p_ runs into within the same rounding length, and every constraint
+// sitting on its bound that this solve has not released before. Each of them would otherwise
+// be likely to block a later step at length zero and cost a factorisation of its own; one that
+// the minimiser does not need leaves again through its multiplier, and a released constraint
+// comes back only when the direction runs into it, so the batch cannot undo a drop. Returns
+// how many it added.
+int ActiveSetQp::AddBlockingAtZeroStep() {
+  const double reach = 10.0 * FeasTol(MaxAbs(x_)) / std::max(MaxAbs(p_), 1e-300);
+  const double tiny = 1e-14 * std::max(1.0, MaxAbs(p_));
+  // The side of the constraint to activate: rate is its change along p_, slack_lo/slack_hi the
+  // distances of its value to the two bounds (positive inside), tol its feasibility tolerance.
+  auto side = [&](double rate, double slack_lo, double slack_hi, bool lo, bool hi, double tol,
+                  bool released) {
+    if (lo && rate < -tiny && std::max(0.0, slack_lo / -rate) <= reach) return Activity::kLower;
+    if (hi && rate > tiny && std::max(0.0, slack_hi / rate) <= reach) return Activity::kUpper;
+    if (released) return Activity::kFree;
+    if (lo && std::abs(slack_lo) <= tol) return Activity::kLower;
+    if (hi && std::abs(slack_hi) <= tol) return Activity::kUpper;
+    return Activity::kFree;
+  };
+  int added = 0;
+  for (size_t j = 0; j < x_.size(); ++j) {
+    const int jj = static_cast<int>(j);
+    if (var_state_[j] != Activity::kFree) continue;
+    const double lo = Lower(jj), hi = Upper(jj);
+    const Activity a = side(p_[j], x_[j] - lo, hi - x_[j], HasLower(lo), HasUpper(hi),
+                            FeasTol(HasLower(lo) ? lo : hi), released_var_[j]);
+    if (a == Activity::kFree) continue;
+    var_state_[j] = a;
+    x_[j] = a == Activity::kLower ? lo : hi;
+    ++added;
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (row_state_[i] != Activity::kFree) continue;
+    const double lo = qp_.rl[i], hi = qp_.ru[i];
+    const double tol = RowTol(i, HasLower(lo) ? lo : hi);
+    row_state_[i] = side(RowTimes(i, p_), r_[i] - lo, hi - r_[i], HasLower(lo), HasUpper(hi),
+                         tol, released_row_[i]);
+    added += row_state_[i] != Activity::kFree;
+  }
+  return added;
+}
+
 // Multipliers of the working set at the EQP minimiser; releases the constraint whose
 // multiplier has the wrong sign by the most (the lowest index under the anti-cycling rule).
 // False when every sign is right.
@@ -409,8 +504,14 @@ bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
     if (row_state_[i] == Activity::kFree || qp_.rl[i] == qp_.ru[i]) continue;
     consider(row_state_[i] == Activity::kLower ? y_[i] : -y_[i], -1, i);
   }
-  if (var >= 0) var_state_[var] = Activity::kFree;
-  if (row >= 0) row_state_[row] = Activity::kFree;
+  if (var >= 0) {
+    var_state_[var] = Activity::kFree;
+    released_var_[var] = true;
+  }
+  if (row >= 0) {
+    row_state_[row] = Activity::kFree;
+    released_row_[row] = true;
+  }
   dropped_var_ = var;
   dropped_row_ = row;
   return var >= 0 || row >= 0;
@@ -452,13 +553,6 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   return result;
 }
 
-// Largest step component, for telling real progress from rounding-level moves.
-double MaxAbs(const std::vector<double>& v) {
-  double m = 0.0;
-  for (double a : v) m = std::max(m, std::abs(a));
-  return m;
-}
-
 // The active-set iterations. A constraint added by a step of rounding size whose multiplier
 // then asks to release it again, with only rounding-size steps in between, means a working set
 // that is dependent within the tolerance: the iterations would bounce between equivalent
@@ -468,6 +562,8 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
   factorizations_before_ = kkt_->factorizations();
   BuildRows();
   Initialize(guess);
+  released_var_.assign(x_.size(), false);
+  released_row_.assign(m_, false);
   int degenerate = 0, bounces = 0;
   int added_var = -1, added_row = -1;
   bool tiny_since_add = false;
@@ -486,7 +582,11 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
       // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
-      if (!DropWorstMultiplier(Gradient())) return Finish(QpStatus::kOptimal);
+      if (!DropWorstMultiplier(Gradient())) {
+        TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
+        return Finish(QpStatus::kOptimal);
+      }
+      TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
       const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
                                               (dropped_row_ >= 0 && dropped_row_ == added_row));
       if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
@@ -504,6 +604,12 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     } else {
       row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
     }
+    // Only a step that did not move at all: after a short real step the constraints near the
+    // new point are no evidence of a degenerate vertex, and taking them in has made working
+    // sets repeat on small integer problems.
+    const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
+    const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
+    TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
   }
   return Finish(QpStatus::kIterationLimit);
 }

@@ -7,13 +7,17 @@
 // `elastic_weight` (an l1 penalty), so the QP always has a feasible starting point; a QP
 // whose constraints are inconsistent ends with the least-violation point and kInfeasible.
 // Every working-set change refactorises the KKT matrix [H_FF + delta I, A_WF'; A_WF, -eps I]
-// of the free variables F and working rows W (kept at full size, see SolveEqp); its inertia tells whether the Hessian is
-// positive definite on the null space of the working set (otherwise kNonconvex, and the caller
-// raises delta). Degenerate steps switch to the smallest-index rule, and an iteration limit
-// ends every solve.
+// of the free variables F and working rows W (kept at full size, see SolveEqp); its inertia
+// tells whether the Hessian is positive definite on the null space of the working set
+// (otherwise kNonconvex, and the caller raises delta). Start-up passes guess the working set;
+// a step that cannot move takes every constraint it runs into (and every unreleased one on its
+// bound) into the working set at once, one factorisation for the lot. Runs of degenerate
+// steps switch to the smallest-index rule, and an iteration limit ends every solve.
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "solvers/asopt_kkt.h"
@@ -43,6 +47,12 @@ struct QpProblem {
   int max_iterations = 1000;
   // The solve stops with kTimeLimit at the first iteration that begins past this point.
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+  // Trace: print_level >= 1 writes one line per iteration (working-set size, step, the
+  // constraint added or dropped) and per start-up pass; factor_print_level >= 1 one line per
+  // factorisation (size, non-zeros, inertia, time). Lines go to `log` when it is set.
+  int print_level = 0;
+  int factor_print_level = 0;
+  std::function<void(const std::string&)> log;
 };
 
 enum class QpStatus { kOptimal, kInfeasible, kNonconvex, kIterationLimit, kFactorFailed, kTimeLimit };

@@ -356,6 +356,11 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
   qp.deadline = control_.deadline;
+  qp.print_level = control_.options->Int(kQpPrintLevel);
+  qp.factor_print_level = control_.options->Int(kLinearSolverPrintLevel);
+  if (control_.log != nullptr) {
+    qp.log = [log = control_.log](const std::string& line) { log->Line(line, false); };
+  }
   return qp;
 }
 

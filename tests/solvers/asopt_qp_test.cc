@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
+#include <string>
 #include <vector>
 
 namespace kx::solvers {
@@ -118,6 +120,160 @@ TEST(AsoptQpTest, WarmStartFromTheFinalWorkingSetNeedsFewerIterations) {
   EXPECT_LT(warm.iterations, cold.iterations);
   EXPECT_LE(warm.iterations, 2);
   for (int j = 0; j < n; ++j) EXPECT_NEAR(warm.x[j], cold.x[j], 1e-9);
+}
+
+// Optimality of r for qp: feasibility, stationarity c + H x + A' lambda - z = 0, and every
+// multiplier on the side its constraint is on and zero away from it.
+void ExpectOptimal(const QpProblem& qp, const QpResult& r, double tol, const std::string& name) {
+  ASSERT_EQ(r.status, QpStatus::kOptimal) << name;
+  std::vector<double> res(qp.grad), ax(qp.num_rows, 0.0);
+  for (size_t k = 0; k < qp.h_rows.size(); ++k) {
+    const int i = qp.h_rows[k], j = qp.h_cols[k];
+    res[i] += qp.h_vals[k] * r.x[j];
+    if (i != j) res[j] += qp.h_vals[k] * r.x[i];
+  }
+  for (size_t k = 0; k < qp.a_rows.size(); ++k) {
+    res[qp.a_cols[k]] += qp.a_vals[k] * r.lambda[qp.a_rows[k]];
+    ax[qp.a_rows[k]] += qp.a_vals[k] * r.x[qp.a_cols[k]];
+  }
+  for (int j = 0; j < qp.num_vars; ++j) {
+    EXPECT_NEAR(res[j] - r.z[j], 0.0, tol) << name << " stationarity of x" << j;
+    EXPECT_GE(r.x[j], qp.xl[j] - tol) << name;
+    EXPECT_LE(r.x[j], qp.xu[j] + tol) << name;
+    if (r.z[j] > tol) {
+      EXPECT_NEAR(r.x[j], qp.xl[j], tol) << name << " z of x" << j;
+    } else if (r.z[j] < -tol) {
+      EXPECT_NEAR(r.x[j], qp.xu[j], tol) << name << " z of x" << j;
+    }
+  }
+  for (int i = 0; i < qp.num_rows; ++i) {
+    EXPECT_GE(ax[i], qp.rl[i] - tol) << name << " row " << i;
+    EXPECT_LE(ax[i], qp.ru[i] + tol) << name << " row " << i;
+    if (r.lambda[i] < -tol) {
+      EXPECT_NEAR(ax[i], qp.rl[i], tol) << name << " lambda of row " << i;
+    } else if (r.lambda[i] > tol) {
+      EXPECT_NEAR(ax[i], qp.ru[i], tol) << name << " lambda of row " << i;
+    }
+  }
+}
+
+// A chain of n variables with one row per neighbour pair, a[0] x_i + a[1] x_{i+1} in [lo, hi].
+QpProblem ChainQp(int n, double h, double g, std::array<double, 2> a, double lo, double hi) {
+  QpProblem qp;
+  qp.num_vars = n;
+  qp.num_rows = n - 1;
+  for (int j = 0; j < n; ++j) {
+    qp.h_rows.push_back(j);
+    qp.h_cols.push_back(j);
+    qp.h_vals.push_back(h);
+  }
+  qp.grad.assign(n, g);
+  for (int i = 0; i + 1 < n; ++i) {
+    for (int k = 0; k < 2; ++k) {
+      qp.a_rows.push_back(i);
+      qp.a_cols.push_back(i + k);
+      qp.a_vals.push_back(a[k]);
+    }
+  }
+  qp.rl.assign(n - 1, lo);
+  qp.ru.assign(n - 1, hi);
+  qp.xl.assign(n, -kNone);
+  qp.xu.assign(n, kNone);
+  return qp;
+}
+
+// Degenerate chains whose rows all sit on their bounds at the solution (half of them with a
+// zero multiplier in the second kind), started cold and from working-set guesses that are
+// right, half right and wrong. The solve must reach the optimum, and with far fewer
+// working-set changes than one per active row, on dense and on sparse factorisations.
+TEST(AsoptQpTest, DegenerateChainsReachTheOptimumInFewIterations) {
+  struct Chain {
+    const char* name;
+    QpProblem qp;
+    double x;  // every component of the solution
+  };
+  std::vector<Chain> chains;
+  for (int n : {60, 400}) {
+    // Nonincreasing x pulled towards a rising target: every row active with lambda < 0.
+    QpProblem rising = ChainQp(n, 1.0, 0.0, {1.0, -1.0}, 0.0, kNone);
+    for (int j = 0; j < n; ++j) rising.grad[j] = -static_cast<double>(j) / n;
+    chains.push_back({"rising target", rising, (n - 1) / (2.0 * n)});
+    // Pair sums capped at 1 with the unconstrained minimiser at 2: every row on its bound,
+    // multipliers 3, 0, 3, 0, ... along the chain.
+    chains.push_back({"pair sums", ChainQp(n, 2.0, -4.0, {1.0, 1.0}, -kNone, 1.0), 0.5});
+  }
+  for (const Chain& c : chains) {
+    const int m = c.qp.num_rows;
+    std::vector<QpWorkingSet> guesses(4);
+    const Activity side = c.qp.rl[0] > -kNone ? Activity::kLower : Activity::kUpper;
+    guesses[1] = {std::vector<Activity>(c.qp.num_vars, Activity::kFree),
+                  std::vector<Activity>(m, side)};
+    guesses[2] = guesses[1];
+    for (int i = 0; i < m; i += 2) guesses[2].rows[i] = Activity::kFree;
+    guesses[3] = guesses[1];
+    guesses[3].vars.assign(c.qp.num_vars, Activity::kLower);  // no bound to be on: ignored
+    for (size_t g = 0; g < guesses.size(); ++g) {
+      const std::string name = std::string(c.name) + " n=" + std::to_string(c.qp.num_vars) +
+                               " guess " + std::to_string(g);
+      const QpResult r = SolveQp(c.qp, guesses[g]);
+      ExpectOptimal(c.qp, r, 1e-7, name);
+      for (double v : r.x) ASSERT_NEAR(v, c.x, 1e-7) << name;
+      EXPECT_LE(r.iterations, 12 + m / 10) << name;
+    }
+  }
+}
+
+// Many bounds on at the start: the box QP from a guess with every lower bound active ends
+// with every upper bound active instead.
+TEST(AsoptQpTest, BoxQpFromTheOppositeBoundsEndsOnTheRightOnes) {
+  for (int n : {50, 300}) {
+    QpProblem qp = ChainQp(n, 2.0, -4.0, {1.0, 1.0}, -kNone, kNone);
+    qp.a_rows.clear();
+    qp.a_cols.clear();
+    qp.a_vals.clear();
+    qp.xl.assign(n, 0.0);
+    qp.xu.assign(n, 1.0);
+    QpWorkingSet guess{std::vector<Activity>(n, Activity::kLower),
+                       std::vector<Activity>(n - 1, Activity::kFree)};
+    const QpResult r = SolveQp(qp, guess);
+    ExpectOptimal(qp, r, 1e-8, "box n=" + std::to_string(n));
+    for (int j = 0; j < n; ++j) EXPECT_EQ(r.active.vars[j], Activity::kUpper) << j;
+    EXPECT_LE(r.iterations, 12);
+  }
+}
+
+// The trace: one line per start-up pass and iteration at print level 1, one per
+// factorisation at factor level 1, nothing at level 0.
+TEST(AsoptQpTest, TraceLinesFollowTheirLevels) {
+  struct Case {
+    int print_level, factor_level;
+    bool iteration_lines, factor_lines;
+  };
+  const Case cases[] = {{0, 0, false, false}, {1, 0, true, false}, {0, 1, false, true},
+                        {1, 1, true, true}};
+  for (const Case& c : cases) {
+    QpProblem qp = ChainQp(8, 2.0, -4.0, {1.0, 1.0}, -kNone, 1.0);
+    qp.print_level = c.print_level;
+    qp.factor_print_level = c.factor_level;
+    std::vector<std::string> lines;
+    qp.log = [&lines](const std::string& line) { lines.push_back(line); };
+    const QpResult r = SolveQp(qp, {});
+    ASSERT_EQ(r.status, QpStatus::kOptimal);
+    int passes = 0, iterations = 0, factors = 0;
+    bool optimal = false;
+    for (const std::string& line : lines) {
+      passes += line.find("qp start pass") != std::string::npos;
+      iterations += line.find("working set") != std::string::npos &&
+                    line.find("step") != std::string::npos;
+      optimal |= line.find("optimal") != std::string::npos;
+      factors += line.find("factor") != std::string::npos &&
+                 line.find("negative") != std::string::npos;
+    }
+    EXPECT_EQ(passes + iterations > 0, c.iteration_lines) << c.print_level;
+    EXPECT_EQ(passes + iterations, c.iteration_lines ? r.iterations : 0) << c.print_level;
+    EXPECT_EQ(optimal, c.iteration_lines);
+    EXPECT_EQ(factors, c.factor_lines ? r.factorizations : 0) << c.factor_level;
+  }
 }
 
 TEST(AsoptQpTest, IterationLimitEndsTheSolve) {
