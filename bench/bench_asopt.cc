@@ -4,7 +4,8 @@
 //       solved by both solvers with the same tolerances: status, iterations, seconds; the
 //       success counts, the median time ratio ASOPT / interior point over the problems under
 //       100 variables and the total time ratio over the large ones;
-//   (b) warm start: a solve, a bound moved by 1%, the solve again cold and warm
+//   (b) warm start: a solve, a model parameter (or, in a model without one, a bound) moved by
+//       1%, the solve again cold and warm
 //       (multipliers and working set of the first solve kept): iterations of both;
 //   (c) the MINLP suite: status, objective error and leaves solved.
 //
@@ -56,10 +57,11 @@ struct Generated {
 std::string BvpControl(int n) {
   return fmt::format(
       "Model bvp\n  Constants\n    n = {}\n    h2 = 1/(n-1)^2\n  End Constants\n"
+      "  Parameters\n    target = 0.5\n  End Parameters\n"
       "  Variables\n    u[1:n] = 0\n    v[1:n] = 0, >= -2, <= 2\n  End Variables\n"
       "  Equations\n    u[1] = 0\n    u[n] = 0\n"
       "    u[1:n-2] - 2*u[2:n-1] + u[3:n] + h2*exp(u[2:n-1]) = h2*v[2:n-1]\n"
-      "    minimize (u[1:n] - 0.5)^2\n    minimize 1e-3*v[1:n]^2\n  End Equations\nEnd Model\n",
+      "    minimize (u[1:n] - target)^2\n    minimize 1e-3*v[1:n]^2\n  End Equations\nEnd Model\n",
       n);
 }
 
@@ -79,8 +81,9 @@ std::string BoxQp(int n) {
 std::string DiscRosenbrock(int n) {
   return fmt::format(
       "Model discrosen\n  Constants\n    n = {}\n  End Constants\n"
+      "  Parameters\n    radius2 = 1.5\n  End Parameters\n"
       "  Variables\n    x[1:n] = 0.5\n  End Variables\n"
-      "  Equations\n    x[1:n-1]^2 + x[2:n]^2 <= 1.5\n"
+      "  Equations\n    x[1:n-1]^2 + x[2:n]^2 <= radius2\n"
       "    minimize 10*(x[2:n] - x[1:n-1]^2)^2\n    minimize (1 - x[1:n-1])^2\n"
       "  End Equations\nEnd Model\n",
       n);
@@ -103,7 +106,8 @@ class MovedBound : public testing::ForwardingProblem {
   using ForwardingProblem::ForwardingProblem;
   void Bounds(std::span<double> xl, std::span<double> xu) override {
     base_.Bounds(xl, xu);
-    if (var >= 0) (upper ? xu : xl)[var] = value;
+    if (var >= 0 && parameter) xl[var] = xu[var] = value;
+    if (var >= 0 && !parameter) (upper ? xu : xl)[var] = value;
   }
   void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
     base_.ConstraintBounds(cl, cu);
@@ -112,9 +116,11 @@ class MovedBound : public testing::ForwardingProblem {
   void Start(std::span<double> x) override {
     if (start.empty()) return base_.Start(x);
     std::copy(start.begin(), start.end(), x.begin());
+    if (var >= 0 && parameter) x[var] = value;
   }
   int var = -1, row = -1;     // the moved bound: a variable's or a row's
   bool upper = false;         // which side
+  bool parameter = false;     // the variable is a fixed one (a model parameter): both sides
   double value = 0.0;         // its new value
   std::vector<double> start;  // the start point; empty for the base problem's
 };
@@ -206,13 +212,21 @@ void PrintSummary(const std::vector<Row>& rows) {
        large_asopt, large_ipopt, large_asopt / std::max(large_ipopt, 1e-9));
 }
 
-// Picks the bound to move: a variable bound other than 0 that is active at the solution x
-// moves by 1%; without one, the first inequality row is tightened by 1% of max(1, |bound|).
+// Picks what to move by 1%: a model parameter (a fixed variable) other than 0; without one, a
+// variable bound other than 0 that is active at the solution x; without one, the first
+// inequality row is tightened by 1% of max(1, |bound|).
 bool ChooseBound(solvers::Problem& base, const std::vector<double>& x, MovedBound& moved) {
   const int n = base.num_vars(), m = base.num_cons();
   std::vector<double> xl(n), xu(n), cl(m), cu(m);
   base.Bounds(xl, xu);
   base.ConstraintBounds(cl, cu);
+  for (int j = 0; j < n; ++j) {
+    if (xl[j] != xu[j] || xl[j] == 0 || !solvers::IsFinite(xl[j])) continue;
+    moved.var = j;
+    moved.parameter = true;
+    moved.value = 1.01 * xl[j];
+    return true;
+  }
   for (int j = 0; j < n; ++j) {
     for (const bool up : {false, true}) {
       const double b = up ? xu[j] : xl[j];
@@ -260,7 +274,8 @@ void WarmStart(const std::string& name, testing::LoadedModel& model) {
   const bool agree = std::abs(cold.result.objective - hot.result.objective) <=
                      1e-6 * std::max(1.0, std::abs(cold.result.objective));
   Sayf("{:<22} {:>7} | {:>5} {:>4} {:>9.4f} | {:>5} {:>4} {:>9.4f} | {}", name,
-       moved.var >= 0 ? fmt::format("x{}", moved.var + 1) : fmt::format("row{}", moved.row + 1),
+       moved.var < 0 ? fmt::format("row{}", moved.row + 1)
+                     : fmt::format("{}{}", moved.parameter ? "p" : "x", moved.var + 1),
        cold.result.iterations, cold.result.status, cold.seconds, hot.result.iterations,
        hot.result.status, hot.seconds, agree ? "same optimum" : "DIFFERENT optimum");
 }
@@ -321,13 +336,15 @@ int Run(bool quick) {
     auto model = testing::LoadModelText(g.text, g.name);
     rows.push_back(Compare(g.name, *model, std::nan(""), true));
     PrintRow(rows.back());
-    if (g.name == "gen_boxqp_2000" || g.name == "gen_discrosen_2000") {
+    if (g.name == "gen_boxqp_2000" || g.name == "gen_discrosen_2000" ||
+        g.name == "gen_bvp_2000") {
       warm_cases.emplace_back(g.name, testing::LoadModelText(g.text, g.name));
     }
   }
   PrintSummary(rows);
   Say("");
-  Say("(b) warm start after a bound moved by 1%: ASOPT iterations cold and warm");
+  Say("(b) warm start after a parameter (pN) or, without one, a bound (xN, rowN) moved by 1%:");
+  Say("    ASOPT iterations cold and warm");
   Sayf("{:<22} {:>7} | {:>5} {:>4} {:>9} | {:>5} {:>4} {:>9} |", "problem", "bound", "cold",
        "stat", "seconds", "warm", "stat", "seconds");
   for (auto& [name, model] : warm_cases) WarmStart(name, *model);

@@ -229,7 +229,9 @@ void ActiveSetQp::Crash() {
       for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
     }
     double gmax = qp_.multiplier_scale;
-    for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(z[j]));
+    for (int j = 0; j < n_; ++j) {
+      if (qp_.xl[j] != qp_.xu[j]) gmax = std::max(gmax, std::abs(z[j]));
+    }
     const double tol = qp_.tolerance * gmax;
     int added = 0, dropped = 0;
     auto update = [&](Activity& state, unsigned char& flips, double value, double lo, double hi,
@@ -496,8 +498,11 @@ bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
     for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
     if (row_elastic_[i] >= 0) z[n_ + row_elastic_[i]] += elastic_sign_[row_elastic_[i]] * y_[i];
   }
+  // Fixed variables do not set the scale: their multipliers absorb any gradient.
   double gmax = qp_.multiplier_scale;
-  for (int j = 0; j < n_; ++j) gmax = std::max(gmax, std::abs(g[j]));
+  for (int j = 0; j < n_; ++j) {
+    if (qp_.xl[j] != qp_.xu[j]) gmax = std::max(gmax, std::abs(g[j]));
+  }
   const double tol = qp_.tolerance * gmax;
   double worst = tol;
   int var = -1, row = -1;

@@ -293,8 +293,12 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
     r[nlp_.jac_cols[k]] += term;
     rounding[nlp_.jac_cols[k]] += std::abs(term);
   }
+  // Fixed variables (model parameters) do not count: the gradient on a parameter that enters
+  // every term of the objective is large and would make every point look stationary.
   double gmax = dual_scale_, err = 0.0;
-  for (double v : p.g) gmax = std::max(gmax, std::abs(v));
+  for (int j = 0; j < nlp_.n; ++j) {
+    if (xl_[j] != xu_[j]) gmax = std::max(gmax, std::abs(p.g[j]));
+  }
   for (int j = 0; j < nlp_.n; ++j) {
     if (xl_[j] == xu_[j]) continue;
     const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
@@ -655,7 +659,9 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
   }
   if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
   double g0 = 0.0;
-  for (double v : p.g) g0 = std::max(g0, std::abs(v));
+  for (int j = 0; j < nlp_.n; ++j) {
+    if (xl_[j] != xu_[j]) g0 = std::max(g0, std::abs(p.g[j]));
+  }
   // An objective flat at the start gives no scale: measure against 1 as for a large one.
   dual_scale_ = g0 > 0.0 ? std::clamp(g0, kLeastDualScale, 1.0) : 1.0;
   square_ = IsSquare();
