@@ -9,7 +9,9 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
-constexpr int kRefinePasses = 2;              // corrections of a regularised row block
+constexpr int kRefinePasses = 2;              // corrections of the working rows' residuals
+constexpr double kRowRounding = 1e-14;        // row residual relative to its terms left alone
+constexpr double kRefineShare = 1e-3;         // ... and relative to the feasibility tolerance
 constexpr int kDegenerateLimit = 8;           // degenerate steps before the smallest-index rule
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
@@ -373,13 +375,25 @@ EqpOutcome ActiveSetQp::SolveEqp() {
   if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
   y_.assign(rhs.begin() + nt, rhs.end());
-  // The regularised row block misses each working row by eps * y_i; correct the step against
-  // the rows themselves (consistent dependent rows converge in a pass or two).
-  for (int pass = 0; pass < kRefinePasses && regularised; ++pass) {
+  // The regularised row block misses each working row by eps * y_i; and the solve's error
+  // grows with the size of the whole solution, so multipliers far larger than the step (a
+  // variable entering its row with a tiny coefficient) leave working rows missed by about
+  // eps * |y| as well. Correct the step against the rows themselves while a row misses by
+  // more than the rounding of its own terms (a pass or two suffices).
+  for (int pass = 0; pass < kRefinePasses; ++pass) {
     std::vector<double> fix(dim, 0.0);
+    bool refine = regularised;
     for (int i = 0; i < m_; ++i) {
-      if (in_working_set(i)) fix[nt + i] = row_target[i] - RowTimes(i, p_);
+      if (!in_working_set(i)) continue;
+      fix[nt + i] = row_target[i] - RowTimes(i, p_);
+      double terms = std::abs(row_target[i]);
+      for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
+        terms += std::abs(row_val_[k] * p_[row_col_[k]]);
+      }
+      refine = refine || std::abs(fix[nt + i]) > std::max(kRowRounding * terms,
+                                                          kRefineShare * FeasTol(Bound(i)));
     }
+    if (!refine) break;
     if (!kkt_->Solve(fix)) return EqpOutcome::kFailed;
     for (int j = 0; j < nt; ++j) p_[j] += fix[j];
     for (int i = 0; i < m_; ++i) y_[i] += fix[nt + i];

@@ -48,6 +48,7 @@ constexpr double kStallMove = 1e-6;        // least relative move of the iterate
 constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point may still meet
 constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
 constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
+constexpr double kDualRounding = 10.0;     // stationarity rounding / (eps * sum |J_ij lambda_i|)
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -58,6 +59,9 @@ struct Point {
   std::vector<double> jac;  // scaled Jacobian values
   double theta = 0.0;       // l1 row violation
   double max_violation = 0.0;
+  // Rounding level of theta: machine precision times the sum of the rows' linear terms
+  // |J_ij x_j|, the size of what each row value sums before it cancels to its residual.
+  double theta_rounding = 0.0;
 };
 
 class SqpSolver {
@@ -161,10 +165,13 @@ bool SqpSolver::EvalDerivatives(Point& p) {
   for (double v : p.g) {
     if (!std::isfinite(v)) return false;
   }
+  p.theta_rounding = 0.0;
   for (size_t k = 0; k < p.jac.size(); ++k) {
     if (!std::isfinite(p.jac[k])) return false;
     p.jac[k] *= row_scale_[nlp_.jac_rows[k]];
+    p.theta_rounding += std::abs(p.jac[k] * p.x[nlp_.jac_cols[k]]);
   }
+  p.theta_rounding *= Opt(kMachinePrecision);
   return true;
 }
 
@@ -280,8 +287,12 @@ double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) 
 // everywhere (a cost weighted by a mesh width, say) is judged relative to its own size
 // instead of passing an absolute test far from its optimum.
 double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) const {
-  std::vector<double> r(p.g);
-  for (size_t k = 0; k < p.jac.size(); ++k) r[nlp_.jac_cols[k]] += p.jac[k] * lambda[nlp_.jac_rows[k]];
+  std::vector<double> r(p.g), rounding(nlp_.n, 0.0);
+  for (size_t k = 0; k < p.jac.size(); ++k) {
+    const double term = p.jac[k] * lambda[nlp_.jac_rows[k]];
+    r[nlp_.jac_cols[k]] += term;
+    rounding[nlp_.jac_cols[k]] += std::abs(term);
+  }
   // Fixed variables (model parameters) do not count: the gradient on a parameter that enters
   // every term of the objective is large and would make every point look stationary.
   double gmax = dual_scale_, err = 0.0;
@@ -295,7 +306,7 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
     double e = std::abs(r[j]);
     if (at_lower) e = std::max(0.0, -r[j]);
     if (at_upper) e = at_lower ? 0.0 : std::max(0.0, r[j]);
-    err = std::max(err, e);
+    err = std::max(err, e - kDualRounding * Opt(kMachinePrecision) * rounding[j]);
   }
   for (int i = 0; i < nlp_.m; ++i) {
     if (cl_[i] == cu_[i]) continue;
@@ -469,9 +480,12 @@ bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
   }
   if (t.f - p.f > Opt(kFeasiblePathObjectiveChange)) return false;
   // Rounding in f and in the row sums grows with the number of terms; a merit change below
-  // that level is noise, not an increase.
+  // that level is noise, not an increase. The violation's own rounding counts with the
+  // penalty: large multipliers (a variable entering its rows with a tiny coefficient) make
+  // nu times the rounding of theta far larger than the rounding of the merit value.
   const double terms = static_cast<double>(nlp_.n + nlp_.m);
-  const double slack = 10.0 * terms * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p)));
+  const double slack = 10.0 * terms * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p))) +
+                       (newton_ ? 1.0 : nu_) * p.theta_rounding;
   return Merit(t) <= Merit(p) - Opt(kLineSearchTolerance) * alpha * pred + slack;
 }
 
