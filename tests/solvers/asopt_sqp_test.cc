@@ -138,6 +138,22 @@ SolverResult SolveModel(testing::LoadedModel& model, const SolverSettings& setti
   return r;
 }
 
+// Solves the model text with ASOPT and with the interior-point library and expects both to
+// succeed with the same objective, relative to the objective less `constant` (a cost that is
+// the same at every point). Returns the ASOPT result.
+SolverResult ExpectInteriorPointOptimum(const std::string& text, const SolverSettings& settings,
+                                        double constant = 0.0) {
+  auto asopt_model = testing::LoadModelText(text);
+  auto ipopt_model = testing::LoadModelText(text);
+  const SolverResult a = SolveModel(*asopt_model, settings);
+  const SolverResult b = SolveModel(*ipopt_model, settings, true);
+  EXPECT_EQ(a.status, kSuccess);
+  EXPECT_EQ(b.status, kSuccess);
+  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective - constant))
+      << "ASOPT " << a.objective << ", interior point " << b.objective;
+  return a;
+}
+
 // A control problem whose cost is weighted by the mesh width and a small factor: every
 // gradient entry is below 1e-6, so an absolute stationarity test at the default tolerance
 // passes after the first step, far from the optimum. The objective itself is about 1.6e-6:
@@ -154,23 +170,11 @@ TEST(AsoptSqpTest, SmallGradientObjectiveReachesItsOptimum) {
       "Model control\n  Constants\n    n = 400\n    h = 1/(n + 1)\n  End Constants\n";
   // The second model adds a constant cost through a parameter: a fixed variable whose large
   // gradient must not loosen the stationarity test of the free ones.
-  const std::string texts[] = {
-      head + body + "  End Equations\nEnd Model\n",
-      head + "  Parameters\n    price = 3\n  End Parameters\n" + body +
-          "    minimize 100*price\n  End Equations\nEnd Model\n"};
   const SolverSettings settings{.constraint_tol = 1e-10, .max_iter = 200};
-  for (const std::string& text : texts) {
-    auto asopt_model = testing::LoadModelText(text);
-    auto ipopt_model = testing::LoadModelText(text);
-    const SolverResult a = SolveModel(*asopt_model, settings);
-    const SolverResult b = SolveModel(*ipopt_model, settings, true);
-    ASSERT_EQ(a.status, kSuccess);
-    ASSERT_EQ(b.status, kSuccess);
-    // The constant cost is left out of the comparison: it is the same at every point.
-    const double ref = b.objective - 300.0 * (text.find("price") != std::string::npos);
-    EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(ref))
-        << "ASOPT " << a.objective << ", interior point " << b.objective;
-  }
+  ExpectInteriorPointOptimum(head + body + "  End Equations\nEnd Model\n", settings);
+  ExpectInteriorPointOptimum(head + "  Parameters\n    price = 3\n  End Parameters\n" + body +
+                                 "    minimize 100*price\n  End Equations\nEnd Model\n",
+                             settings, 300.0);
 }
 
 // Beam control: the fourth derivative of u plus exp(u) equals v, clamped at both ends,
@@ -189,15 +193,7 @@ TEST(AsoptSqpTest, HugeMultipliersStillConverge) {
       "    minimize (u[1:n] - 0.5)^2\n    minimize 1e-3*v[1:n]^2\n  End Equations\n"
       "End Model\n";
   const SolverSettings settings{.objective_tol = 1e-8, .constraint_tol = 1e-8, .max_iter = 100};
-  auto asopt_model = testing::LoadModelText(text);
-  auto ipopt_model = testing::LoadModelText(text);
-  const SolverResult a = SolveModel(*asopt_model, settings);
-  const SolverResult b = SolveModel(*ipopt_model, settings, true);
-  ASSERT_EQ(a.status, kSuccess);
-  ASSERT_EQ(b.status, kSuccess);
-  EXPECT_LE(a.iterations, 10);
-  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective))
-      << "ASOPT " << a.objective << ", interior point " << b.objective;
+  EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 10);
 }
 
 // An implicit-Euler simulation of an exothermic stirred tank: a square system (fixed initial
@@ -249,15 +245,7 @@ TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
       "    sx[2:m+1] = sx[1:m] + dx[1:m]\n    y[m+1] = 0\n"
       "    minimize len*(y[1:m] + y[2:m+1])/2\n  End Equations\nEnd Model\n";
   const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 500};
-  auto asopt_model = testing::LoadModelText(text);
-  auto ipopt_model = testing::LoadModelText(text);
-  const SolverResult a = SolveModel(*asopt_model, settings);
-  const SolverResult b = SolveModel(*ipopt_model, settings, true);
-  ASSERT_EQ(a.status, kSuccess);
-  ASSERT_EQ(b.status, kSuccess);
-  EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective))
-      << "ASOPT " << a.objective << ", interior point " << b.objective;
-  EXPECT_LE(a.iterations, 60);
+  EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 60);
 }
 
 TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
