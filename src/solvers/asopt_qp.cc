@@ -53,6 +53,9 @@ class ActiveSetQp {
   EqpOutcome SolveEqp();
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
+  std::vector<double> BoundMultipliers(std::vector<double> g) const;
+  double MultiplierTolerance(const std::vector<double>& v) const;
+  void ClampToBounds(int j);
   int AddBlockingAtZeroStep();
   double FeasTol(double b) const { return qp_.tolerance * (1.0 + std::abs(b)); }
   double RowTol(int i, double b) const;
@@ -195,8 +198,7 @@ void ActiveSetQp::Initialize(const QpWorkingSet& guess) {
     }
   }
   for (int j = 0; j < n_; ++j) {
-    x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
-                       HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
+    ClampToBounds(j);
     // A fixed variable is in the working set from the start, whatever the guess.
     if (qp_.xl[j] == qp_.xu[j] && HasLower(qp_.xl[j])) var_state_[j] = Activity::kLower;
   }
@@ -223,16 +225,8 @@ void ActiveSetQp::Crash() {
     if (SolveEqp() != EqpOutcome::kSolved) return;
     for (int j = 0; j < n_; ++j) x_[j] += p_[j];
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
-    std::vector<double> z = Gradient();
-    for (int i = 0; i < m_; ++i) {
-      if (row_state_[i] == Activity::kFree) continue;
-      for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
-    }
-    double gmax = qp_.multiplier_scale;
-    for (int j = 0; j < n_; ++j) {
-      if (qp_.xl[j] != qp_.xu[j]) gmax = std::max(gmax, std::abs(z[j]));
-    }
-    const double tol = qp_.tolerance * gmax;
+    const std::vector<double> z = BoundMultipliers(Gradient());
+    const double tol = MultiplierTolerance(z);
     int added = 0, dropped = 0;
     auto update = [&](Activity& state, unsigned char& flips, double value, double lo, double hi,
                       double multiplier, bool fixed) {
@@ -255,10 +249,7 @@ void ActiveSetQp::Crash() {
              qp_.xl[j] == qp_.xu[j]);
       if (var_state_[j] == Activity::kLower) x_[j] = qp_.xl[j];
       if (var_state_[j] == Activity::kUpper) x_[j] = qp_.xu[j];
-      if (var_state_[j] == Activity::kFree) {
-        x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
-                           HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
-      }
+      if (var_state_[j] == Activity::kFree) ClampToBounds(j);
     }
     for (int i = 0; i < m_; ++i) {
       // Row multipliers y follow c + Hx + A'y - z = 0: a lower row wants y <= 0.
@@ -491,19 +482,36 @@ int ActiveSetQp::AddBlockingAtZeroStep() {
 // Multipliers of the working set at the EQP minimiser; releases the constraint whose
 // multiplier has the wrong sign by the most (the lowest index under the anti-cycling rule).
 // False when every sign is right.
-bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
-  std::vector<double> z(g);
+// Bound multipliers z = g + A'y of the working rows (elastic variables included), in the
+// convention c + Hx + A'y - z = 0: z >= 0 at a lower bound, z <= 0 at an upper one.
+std::vector<double> ActiveSetQp::BoundMultipliers(std::vector<double> g) const {
   for (int i = 0; i < m_; ++i) {
     if (row_state_[i] == Activity::kFree) continue;
-    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) z[row_col_[k]] += row_val_[k] * y_[i];
-    if (row_elastic_[i] >= 0) z[n_ + row_elastic_[i]] += elastic_sign_[row_elastic_[i]] * y_[i];
+    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) g[row_col_[k]] += row_val_[k] * y_[i];
+    if (row_elastic_[i] >= 0) g[n_ + row_elastic_[i]] += elastic_sign_[row_elastic_[i]] * y_[i];
   }
-  // Fixed variables do not set the scale: their multipliers absorb any gradient.
-  double gmax = qp_.multiplier_scale;
+  return g;
+}
+
+// Multiplier sign tolerance: the QP tolerance times the largest entry of v over the real
+// variables that are not fixed (a fixed variable's multiplier absorbs any gradient, so it
+// does not set the scale), at least times multiplier_scale.
+double ActiveSetQp::MultiplierTolerance(const std::vector<double>& v) const {
+  double largest = qp_.multiplier_scale;
   for (int j = 0; j < n_; ++j) {
-    if (qp_.xl[j] != qp_.xu[j]) gmax = std::max(gmax, std::abs(g[j]));
+    if (qp_.xl[j] != qp_.xu[j]) largest = std::max(largest, std::abs(v[j]));
   }
-  const double tol = qp_.tolerance * gmax;
+  return qp_.tolerance * largest;
+}
+
+void ActiveSetQp::ClampToBounds(int j) {
+  x_[j] = std::clamp(x_[j], HasLower(qp_.xl[j]) ? qp_.xl[j] : x_[j],
+                     HasUpper(qp_.xu[j]) ? qp_.xu[j] : x_[j]);
+}
+
+bool ActiveSetQp::DropWorstMultiplier(const std::vector<double>& g) {
+  const std::vector<double> z = BoundMultipliers(g);
+  const double tol = MultiplierTolerance(g);
   double worst = tol;
   int var = -1, row = -1;
   auto consider = [&](double violation, int v, int r) {

@@ -98,6 +98,8 @@ class SqpSolver {
   void LogIteration(int k, const Point& p, double dual, double step, double alpha, int qp_its);
   SqpOutcome Finish(int status, const Point& p, int iterations);
   bool Stalled(const Point& p);
+  void OpenWindow(const Point& p);
+  double LargestFreeEntry(const std::vector<double>& g) const;
   int StallStatus(const Point& p) const;
   // True once the MAX_TIME deadline has passed; remembered so that the loop can tell a
   // failed step from an interrupted one.
@@ -293,12 +295,8 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
     r[nlp_.jac_cols[k]] += term;
     rounding[nlp_.jac_cols[k]] += std::abs(term);
   }
-  // Fixed variables (model parameters) do not count: the gradient on a parameter that enters
-  // every term of the objective is large and would make every point look stationary.
-  double gmax = dual_scale_, err = 0.0;
-  for (int j = 0; j < nlp_.n; ++j) {
-    if (xl_[j] != xu_[j]) gmax = std::max(gmax, std::abs(p.g[j]));
-  }
+  const double gmax = std::max(dual_scale_, LargestFreeEntry(p.g));
+  double err = 0.0;
   for (int j = 0; j < nlp_.n; ++j) {
     if (xl_[j] == xu_[j]) continue;
     const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
@@ -580,10 +578,7 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
   out.z_lower.assign(nlp_.n, 0.0);
   out.z_upper.assign(nlp_.n, 0.0);
   if (!p.g.empty()) {
-    std::vector<double> r(p.g);
-    for (size_t k = 0; k < p.jac.size(); ++k) {
-      r[nlp_.jac_cols[k]] += p.jac[k] * lambda_[nlp_.jac_rows[k]];
-    }
+    const std::vector<double> r = LagrangianGradient(p.g, p.jac);
     for (int j = 0; j < nlp_.n; ++j) {
       if (HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-8 * (1 + std::abs(xl_[j]))) {
         out.z_lower[j] = std::max(0.0, r[j]);
@@ -606,10 +601,7 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
 // crawling with steps that change nothing. Each window is judged once, then a new one opens.
 bool SqpSolver::Stalled(const Point& p) {
   if (window_x_.empty() || iteration_ < window_start_) {
-    window_start_ = iteration_;
-    window_x_ = p.x;
-    window_f_ = p.f;
-    window_theta_ = p.theta;
+    OpenWindow(p);
     return false;
   }
   if (iteration_ - window_start_ < kStallWindow) return false;
@@ -618,11 +610,26 @@ bool SqpSolver::Stalled(const Point& p) {
   for (int j = 0; j < nlp_.n && stalled; ++j) {
     stalled = std::abs(p.x[j] - window_x_[j]) <= kStallMove * (1.0 + std::abs(window_x_[j]));
   }
+  OpenWindow(p);
+  return stalled;
+}
+
+void SqpSolver::OpenWindow(const Point& p) {
   window_start_ = iteration_;
   window_x_ = p.x;
   window_f_ = p.f;
   window_theta_ = p.theta;
-  return stalled;
+}
+
+// Largest gradient entry of a variable that is not fixed. Fixed variables (model parameters)
+// do not count: the gradient on a parameter that enters every term of the objective is large
+// and would make every point look stationary.
+double SqpSolver::LargestFreeEntry(const std::vector<double>& g) const {
+  double largest = 0.0;
+  for (int j = 0; j < nlp_.n; ++j) {
+    if (xl_[j] != xu_[j]) largest = std::max(largest, std::abs(g[j]));
+  }
+  return largest;
 }
 
 // The status of a stalled solve: success when the point meets both convergence tolerances
@@ -658,10 +665,7 @@ SqpOutcome SqpSolver::Run(std::vector<double> x) {
     if (!EvalDerivatives(p)) return Finish(kBadInputs, p, 0);
   }
   if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
-  double g0 = 0.0;
-  for (int j = 0; j < nlp_.n; ++j) {
-    if (xl_[j] != xu_[j]) g0 = std::max(g0, std::abs(p.g[j]));
-  }
+  const double g0 = LargestFreeEntry(p.g);
   // An objective flat at the start gives no scale: measure against 1 as for a large one.
   dual_scale_ = g0 > 0.0 ? std::clamp(g0, kLeastDualScale, 1.0) : 1.0;
   square_ = IsSquare();

@@ -19,10 +19,6 @@ namespace {
 using testing::LoadModelFile;
 using testing::SuiteEntry;
 
-std::string EntryName(const ::testing::TestParamInfo<SuiteEntry>& info) {
-  return info.param.name;
-}
-
 // Solves one suite file in a scratch directory (ASOPT writes its log there) and checks the
 // objective against the known optimum.
 void ExpectKnownOptimum(const SuiteEntry& entry) {
@@ -41,7 +37,7 @@ class AsoptNlpSuiteTest : public ::testing::TestWithParam<SuiteEntry> {};
 TEST_P(AsoptNlpSuiteTest, ReachesTheKnownOptimum) { ExpectKnownOptimum(GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(Suite, AsoptNlpSuiteTest, ::testing::ValuesIn(testing::NlpSuite(false)),
-                         EntryName);
+                         testing::SuiteEntryName);
 
 // The problem with one bound held at another value and a given start point.
 class MovedBound : public testing::ForwardingProblem {
@@ -132,7 +128,7 @@ TEST_P(AsoptMinlpSuiteTest, ReachesTheKnownOptimum) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Suite, AsoptMinlpSuiteTest, ::testing::ValuesIn(testing::MinlpSuite()),
-                         EntryName);
+                         testing::SuiteEntryName);
 
 }  // namespace
 }  // namespace kx::solvers

@@ -488,7 +488,7 @@ TEST_P(BioptSuite, ReachesTheKnownOptimum) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Small, BioptSuite, ::testing::ValuesIn(kx::testing::NlpSuite(false)),
-                         [](const auto& info) { return info.param.name; });
+                         kx::testing::SuiteEntryName);
 
 }  // namespace
 }  // namespace kx::solvers

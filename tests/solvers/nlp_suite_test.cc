@@ -14,20 +14,11 @@
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
-namespace kx::testing {
-// Test names and failure messages show the problem by name.
-void PrintTo(const SuiteEntry& entry, std::ostream* os) { *os << entry.name; }
-}  // namespace kx::testing
-
 namespace kx::solvers {
 namespace {
 
 using testing::LoadModelFile;
 using testing::SuiteEntry;
-
-std::string EntryName(const ::testing::TestParamInfo<SuiteEntry>& info) {
-  return info.param.name;
-}
 
 class SmallNlpTest : public ::testing::TestWithParam<SuiteEntry> {};
 
@@ -44,7 +35,7 @@ TEST_P(SmallNlpTest, ReachesTheKnownOptimum) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Suite, SmallNlpTest, ::testing::ValuesIn(testing::NlpSuite(false)),
-                         EntryName);
+                         testing::SuiteEntryName);
 
 class MinlpFileTest : public ::testing::TestWithParam<SuiteEntry> {};
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(MinlpFileTest);
@@ -58,7 +49,7 @@ TEST_P(MinlpFileTest, BuildsWithIntegerVariables) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Suite, MinlpFileTest, ::testing::ValuesIn(testing::MinlpSuite()),
-                         EntryName);
+                         testing::SuiteEntryName);
 
 // The problem with its integer variables held at given values; multi-start support through a
 // replaceable starting point.
@@ -132,7 +123,7 @@ TEST_P(MinlpEnumerationTest, DISABLED_OptimumMatchesEnumeration) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Suite, MinlpEnumerationTest, ::testing::ValuesIn(testing::MinlpSuite()),
-                         EntryName);
+                         testing::SuiteEntryName);
 
 TEST(NlpSuiteTest, HasTheSmallAndLargeProblems) {
   const auto small = testing::NlpSuite(false);

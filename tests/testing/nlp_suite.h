@@ -7,6 +7,7 @@
 #pragma once
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,11 @@ struct SuiteEntry {
   double optimum = 0;
   bool large = false;
 };
+
+// Parameterised tests over the suite show each problem by name: in failure messages (found
+// by the test framework through this overload) and as the test name suffix (SuiteEntryName).
+inline void PrintTo(const SuiteEntry& entry, std::ostream* os) { *os << entry.name; }
+inline constexpr auto SuiteEntryName = [](const auto& info) { return info.param.name; };
 
 // The suite in name order; `include_large` false leaves out the scalable problems.
 std::vector<SuiteEntry> NlpSuite(bool include_large);
