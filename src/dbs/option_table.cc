@@ -168,7 +168,7 @@ constexpr std::string_view kCvProperties[] = {
     "BIAS",          "COST",     "CRITICAL", "FSTATUS",    "FDELAY",     "LOWER",
     "MEAS",          "MEAS_GAP", "MODEL",    "OSTATUS[1]", "OSTATUS[2]", "OSTATUSCHG[1]",
     "OSTATUSCHG[2]", "PRED[",    "PSTATUS",  "SP",         "SPHI",       "SPLO",
-    "TAU",           "TIER",     "TR_INIT",  "TR_OPEN",    "UPPER",      "VDVL",
+    "STATUS",        "TAU",      "TIER",     "TR_INIT",    "TR_OPEN",    "UPPER",      "VDVL",
     "VLACTION",      "WMEAS",    "WMODEL",   "WSP",        "WSPHI",      "WSPLO"};
 
 constexpr std::string_view kOutcome[] = {"APPINFOCHG", "APPSTATUS",   "ITERATIONS",

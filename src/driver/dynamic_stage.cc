@@ -10,23 +10,16 @@
 #include "driver/solve_stage.h"
 #include "driver/stage_steps.h"
 #include "files/restart.h"
+#include "files/horizon_files.h"
+#include "horizon/classes.h"
+#include "horizon/estimation.h"
 #include "horizon/horizon.h"
+#include "horizon/inputs.h"
+#include "model/builder.h"
 #include "model/checks.h"
 
 namespace kx::driver {
 namespace {
-
-// Base-model record number of each name (aliases included, merges followed); 0 when unknown.
-std::unordered_map<std::string, int> BaseNumbers(const model::ModelStore& base) {
-  std::unordered_map<std::string, int> map;
-  for (size_t i = 0; i < base.vars.size(); ++i) {
-    const model::Variable& v = base.vars[i];
-    const int number = base.vars[model::ResolveForward(base, static_cast<int>(i))].number;
-    map.emplace(v.name, number);
-    for (const std::string& a : v.aliases) map.emplace(a, number);
-  }
-  return map;
-}
 
 // The horizon's time points at the step boundaries: the start, then the end of every step.
 std::vector<int> StepEnds(const horizon::TimeGrid& grid) {
@@ -96,96 +89,242 @@ bool ReadDynamicRestart(const CycleState& state, CycleModel& m, int time_shift) 
   return false;
 }
 
-// DBS values on every copy: hard bounds of any class; an FV or MV measurement (good
-// instrument) moves every copy by FSTATUS. In simulation FVs and MVs stay fixed.
-void ApplyClassesOverHorizon(const dbs::OptionStore& o, CycleModel& m) {
-  const auto numbers = BaseNumbers(m.base);
-  horizon::Horizon& h = *m.horizon;
-  for (const dbs::Variable& cv : o.variables()) {
-    auto it = numbers.find(cv.name);
-    if (it == numbers.end() || it->second <= 0) continue;
-    const std::string& n = cv.name;
-    const double lower = o.GetReal(n, "LOWER"), upper = o.GetReal(n, "UPPER");
-    const bool input = cv.cls == dbs::VarClass::kFV || cv.cls == dbs::VarClass::kMV;
-    const double meas = input && o.GetInt(n, "PSTATUS") != 0 ? o.GetReal(n, "MEAS") : kNoValue;
-    const double f = input ? o.GetReal(n, "FSTATUS") : 1.0;
-    for (int p = 0; p < h.grid.num_points(); ++p) {
-      model::Variable& v = h.store.Var(h.Number(p, it->second));
-      if (lower != kUnsetLower) v.lower = lower;
-      if (upper != kUnsetUpper) v.upper = upper;
-      if (meas != kNoValue) v.val = f * meas + (1.0 - f) * v.val;
-    }
+// A free FV moves at most DMAX from its last implemented value (the NEWVAL it starts with).
+void LimitMove(const dbs::OptionStore& o, const horizon::ClassedVariable& c, horizon::Horizon& h) {
+  const double dmax = o.GetReal(c.name, "DMAX");
+  const double last = o.GetReal(c.name, "NEWVAL");
+  if (dmax >= kUnlimited || last == kNoValue) return;
+  for (int p = 0; p < h.grid.num_points(); ++p) {
+    model::Variable& v = h.store.Var(h.Number(p, c.number));
+    v.lower = std::max(v.lower, last - std::abs(dmax));
+    v.upper = std::min(v.upper, last + std::abs(dmax));
   }
 }
 
-// Outputs: SV/CV MODEL (value at the start of the horizon, the current time of a simulation)
-// and PRED[k] (end of step k); FV NEWVAL (current value), MV NEWVAL (value over the first
-// step) with LSTVAL the previous NEWVAL, MV PRED[k] and DPRED[k] (change over step k).
-void WriteOutputsOverHorizon(const CycleModel& m, dbs::OptionStore& o) {
-  const auto numbers = BaseNumbers(m.base);
+// The class rules on every copy: hard bounds of any class; FVs and MVs start from their MEAS
+// (FSTATUS filter); a free FV is one value for the horizon, within DMAX of its last NEWVAL; a
+// free MV is one value per step. In simulation FVs and MVs stay fixed.
+void ApplyClassesOverHorizon(const dbs::OptionStore& o,
+                             const std::vector<horizon::ClassedVariable>& classes, CycleModel& m,
+                             int imode) {
+  horizon::Horizon& h = *m.horizon;
+  horizon::HorizonRows rows(h);
+  for (const horizon::ClassedVariable& c : classes) {
+    for (int p = 0; p < h.grid.num_points(); ++p) {
+      model::Variable& v = h.store.Var(h.Number(p, c.number));
+      if (c.lower != kUnsetLower) v.lower = c.lower;
+      if (c.upper != kUnsetUpper) v.upper = c.upper;
+      v.val = c.Filtered(v.val);
+    }
+    if (c.role == horizon::Role::kShared) {
+      horizon::ShareOverHorizon(rows, c.number, c.name);
+      LimitMove(o, c, h);
+    } else if (c.role == horizon::Role::kPerStep) {
+      horizon::FreePerStep(rows, c.number, o.Int("MV_TYPE"), /*first_fixed=*/imode == 6);
+    }
+  }
+  rows.Finish();
+}
+
+// Where the present is: the newest measurement in estimation, the horizon start otherwise.
+int CurrentPoint(const horizon::Horizon& h, int imode) {
+  return horizon::IsEstimationMode(imode) ? h.grid.num_points() - 1 : 0;
+}
+
+// Outputs: SV/CV MODEL (value at the present) and PRED[k] (end of step k); FV NEWVAL (its
+// value), MV NEWVAL (value at the end of step 1 when controlling, else at the present) with
+// LSTVAL the previous NEWVAL, MV PRED[k] and DPRED[k] (change over step k).
+void WriteOutputsOverHorizon(const CycleModel& m, int imode, dbs::OptionStore& o) {
   const horizon::Horizon& h = *m.horizon;
   const std::vector<int> ends = StepEnds(h.grid);
-  for (const dbs::Variable& cv : o.variables()) {
-    auto it = numbers.find(cv.name);
-    if (it == numbers.end() || it->second <= 0) continue;
-    auto value = [&](int point) { return h.store.Var(h.Number(point, it->second)).val; };
-    const std::string n = cv.name;
-    if (cv.cls == dbs::VarClass::kFV || cv.cls == dbs::VarClass::kMV) {
+  const int now = CurrentPoint(h, imode);
+  for (const horizon::ClassedVariable& c :
+       horizon::ClassifyVariables(o, m.base, imode, o.Int("CTRLMODE"))) {
+    auto value = [&](int point) { return h.store.Var(h.Number(point, c.number)).val; };
+    const std::string& n = c.name;
+    if (c.IsInput()) {
       o.Set(n, "LSTVAL", o.GetReal(n, "NEWVAL"));
-      o.Set(n, "NEWVAL", value(cv.cls == dbs::VarClass::kFV ? 0 : ends[1]));
+      const bool moves = c.cls == dbs::VarClass::kMV && c.role == horizon::Role::kPerStep &&
+                         horizon::IsControlMode(imode);
+      o.Set(n, "NEWVAL", value(moves ? ends[1] : now));
     } else {
-      o.Set(n, "MODEL", value(0));
+      o.Set(n, "MODEL", value(now));
     }
-    if (cv.cls == dbs::VarClass::kFV) continue;
+    if (c.cls == dbs::VarClass::kFV) continue;
     for (size_t k = 1; k < ends.size(); ++k) {
       o.Set(n, fmt::format("PRED[{}]", k), value(ends[k]));
-      if (cv.cls == dbs::VarClass::kMV)
+      if (c.cls == dbs::VarClass::kMV)
         o.Set(n, fmt::format("DPRED[{}]", k), value(ends[k]) - value(ends[k - 1]));
     }
   }
 }
 
+// ----- estimation -----
+
+// The measured variables' values at each point, first found wins: MEAS (the newest point), the
+// shifted history of "est.meas" (warm start), the variable's column of the data file.
+horizon::MeasurementTable GatherMeasurements(const CycleState& state, const CycleModel& m,
+                                             const std::vector<horizon::EvTerms>& evs,
+                                             const std::vector<horizon::ClassedVariable>& classes,
+                                             const horizon::DataFile* data, int shift) {
+  const horizon::Horizon& h = *m.horizon;
+  const int points = h.grid.num_points();
+  const int per_step = h.data_sets ? 1 : h.grid.nodes - 1;
+  const files::MeasurementHistory history = files::ReadMeasurementHistory("est.meas");
+  horizon::MeasurementTable table;
+  for (const horizon::EvTerms& t : evs) {
+    std::vector<double> values(points, kNoValue);
+    const int column = data && h.grid.from_data ? data->Column(t.name) : -1;
+    for (int p = 0; p < points; p += per_step) {
+      const int row = p / per_step;
+      if (column >= 0 && row < data->num_rows) values[p] = data->At(row, column);
+    }
+    if (auto it = history.find(t.name); it != history.end() && !h.data_sets) {
+      for (size_t i = shift; i < it->second.size(); ++i) {
+        const int p = static_cast<int>(i - shift) * per_step;
+        if (p < points && it->second[i] != kNoValue) values[p] = it->second[i];
+      }
+    }
+    for (const horizon::ClassedVariable& c : classes)
+      if (c.name == t.name && c.meas != kNoValue && !h.data_sets) values[points - 1] = c.meas;
+    table.push_back(std::move(values));
+  }
+  return table;
+}
+
+void WriteMeasurementFile(const CycleModel& m, const std::vector<horizon::EvTerms>& evs,
+                          const horizon::MeasurementTable& table) {
+  const horizon::Horizon& h = *m.horizon;
+  files::MeasurementHistory history;
+  for (size_t i = 0; i < evs.size(); ++i) {
+    std::vector<double>& values = history[evs[i].name];
+    for (int p = 0; p < h.grid.num_points(); p += h.grid.nodes - 1) values.push_back(table[i][p]);
+  }
+  files::WriteMeasurementHistory("est.meas", history);
+}
+
+// ICD_CALC = 1: the differential variables at the horizon start are unknowns of the fit.
+void FreeInitialConditions(CycleModel& m) {
+  horizon::Horizon& h = *m.horizon;
+  for (int b = 1; b <= m.base.nvar; ++b)
+    if (m.base.Var(b).diff) h.store.Var(h.Number(0, b)).fixed = false;
+}
+
+// "est.xfer": the FVs and the differential state at the newest point.
+void WriteTransferFile(const CycleState& state, const CycleModel& m) {
+  std::vector<int> numbers;
+  for (const horizon::ClassedVariable& c :
+       horizon::ClassifyVariables(state.store, m.base, 5, 1))
+    if (c.cls == dbs::VarClass::kFV) numbers.push_back(c.number);
+  for (int b = 1; b <= m.base.nvar; ++b)
+    if (m.base.Var(b).diff && m.base.Var(b).vtype != model::kVarGenerated) numbers.push_back(b);
+  files::WriteTransfer("est.xfer", *m.horizon, m.base, m.horizon->grid.num_points() - 1, numbers);
+}
+
+void WriteEstimationFiles(const CycleState& state, const CycleModel& m, int status) {
+  if (status == 0) WriteTransferFile(state, m);
+  if (state.store.Int("ICD_CALC") == 1)
+    files::WriteInitialConditionReport("icd_calc.txt", *m.horizon, m.base);
+}
+
+// The solve and the files every replicated mode writes.
+int SolveReplicated(CycleState& state, CycleModel& m, bool warm, bool dynamic) {
+  const int imode = state.flags.imode;
+  model::ModelAccess& access = *m.access;
+  access.Invalidate();
+  {
+    ScopedTimer timer("Structure and starting point");
+    access.EvaluateResiduals();
+    ReportStartingPoint(access, dynamic, state.diaglevel);
+  }
+  CheckSimulationDof(access, imode);
+  DerivativeChecks(state.diaglevel);
+  solvers::ModelProblem problem(access, dynamic, state.app);
+  ReadStartMultipliers(state, access, problem);
+  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
+  WriteOutputsOverHorizon(m, imode, state.store);
+  if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
+  if (out.status == 0) files::WriteMultipliers("lam.t0", access);
+  return out.status;
+}
+
+void InstallHorizon(CycleState& state, CycleModel& m) {
+  m.access = std::make_unique<model::ModelAccess>(m.horizon->store);
+  state.files->set_model(m.access.get());
+  state.files->set_horizon(m.horizon.get(), &m.base);
+}
+
 }  // namespace
+
+int SolveDataSets(CycleState& state, CycleModel& m) {
+  const int imode = state.flags.imode;
+  std::optional<horizon::DataFile> data = horizon::ReadDataFile(state.app + ".csv");
+  if (!data || data->num_rows == 0) {
+    Fatal({"Error: parameter estimation (IMODE 2) needs a data file " + state.app + ".csv",
+           "  one row of measurements per data set"});
+  }
+  std::vector<horizon::ClassedVariable> classes;
+  if (state.flags.dbs_read != 0) classes = horizon::ClassifyVariables(state.store, m.base, imode, 1);
+  const horizon::EstimationSettings est =
+      horizon::ReadEstimationSettings(state.store, m.base.exact_hessian);
+  std::vector<horizon::EvTerms> evs = horizon::AddEstimationTerms(m.base, classes, state.store, est);
+  {
+    ScopedTimer timer("Horizon set-up");
+    m.horizon = std::make_unique<horizon::Horizon>(
+        horizon::ReplicateDataSets(m.base, *data, std::max(1, state.store.Int("CSV_READ"))));
+  }
+  Sayf("Data sets: {}", m.horizon->grid.num_points());
+  state.store.SetHorizon(std::max(1, m.horizon->grid.num_steps()));
+  InstallHorizon(state, m);
+  ApplyClassesOverHorizon(state.store, classes, m, imode);
+  const bool warm = ReadDynamicRestart(state, m, /*time_shift=*/0);
+  const horizon::MeasurementTable measurements =
+      GatherMeasurements(state, m, evs, classes, &*data, 0);
+  horizon::ApplyMeasurements(*m.horizon, evs, measurements, est);
+  return SolveReplicated(state, m, warm, /*dynamic=*/false);
+}
 
 int SolveDynamic(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
-  if (imode != 4)
-    return NotSolved(state, "dynamic estimation and control (IMODE 5, 6, 8, 9) and the "
-                            "sequential simulation (IMODE 7)");
+  if (imode != 4 && imode != 5)
+    return NotSolved(state, "dynamic control (IMODE 6, 9), sequential simulation and estimation "
+                            "(IMODE 7, 8)");
   const horizon::HorizonSettings settings = horizon::ReadHorizonSettings(state.store);
   std::optional<horizon::DataFile> data;
   if (settings.csv_read > 0) data = horizon::ReadDataFile(state.app + ".csv");
+  std::vector<horizon::ClassedVariable> classes;
+  if (state.flags.dbs_read != 0)
+    classes = horizon::ClassifyVariables(state.store, m.base, imode, state.store.Int("CTRLMODE"));
+  const horizon::EstimationSettings est =
+      horizon::ReadEstimationSettings(state.store, m.base.exact_hessian);
+  std::vector<horizon::EvTerms> evs;
+  if (imode == 5) evs = horizon::AddEstimationTerms(m.base, classes, state.store, est);
   {
     ScopedTimer timer("Horizon set-up");
     m.horizon = std::make_unique<horizon::Horizon>(
         horizon::SetUpDynamicModel(m.base, settings, data ? &*data : nullptr, "."));
   }
   WriteHorizonBack(state.store, m.horizon->grid);
-  m.access = std::make_unique<model::ModelAccess>(m.horizon->store);
-  state.files->set_model(m.access.get());
-  state.files->set_horizon(m.horizon.get(), &m.base);
+  InstallHorizon(state, m);
   if (settings.time_shift <= 0) Say("Variable time shift OFF");
 
+  ApplyClassesOverHorizon(state.store, classes, m, imode);
+  if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
   const bool warm = ReadDynamicRestart(state, m, settings.time_shift);
-  if (state.flags.dbs_read != 0) ApplyClassesOverHorizon(state.store, m);
-  model::ModelAccess& access = *m.access;
-  access.Invalidate();
-  {
-    ScopedTimer timer("Structure and starting point");
-    access.EvaluateResiduals();
-    ReportStartingPoint(access, /*dynamic=*/true, state.diaglevel);
+  horizon::MeasurementTable measurements;
+  if (imode == 5) {
+    const int shift = warm && settings.time_shift > 0 ? 1 : 0;
+    measurements = GatherMeasurements(state, m, evs, classes, data ? &*data : nullptr, shift);
+    horizon::ApplyMeasurements(*m.horizon, evs, measurements, est);
   }
-  CheckSimulationDof(access, imode);
-  DerivativeChecks(state.diaglevel);
-  solvers::ModelProblem problem(access, /*dynamic=*/true, state.app);
-  ReadStartMultipliers(state, access, problem);
-  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
-  WriteOutputsOverHorizon(m, state.store);
-  if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
+  const int status = SolveReplicated(state, m, warm, /*dynamic=*/true);
   files::zpm_files(66, "ic.t0");
   files::zpm_files(83, state.mode_word + ".dxdt");
-  if (out.status == 0) files::WriteMultipliers("lam.t0", access);
-  return out.status;
+  if (imode == 5) {
+    WriteMeasurementFile(m, evs, measurements);
+    WriteEstimationFiles(state, m, status);
+  }
+  return status;
 }
 
 }  // namespace kx::driver

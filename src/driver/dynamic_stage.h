@@ -2,7 +2,9 @@
 // the previous cycle (shifted one step on when TIME_SHIFT is on) or from a steady-state
 // solution, applies the DBS values to every copy, solves, and writes the mode's restart file,
 // "ic.t0", the derivative file and the outputs of the classified variables. Simulation
-// (IMODE 4) is built; estimation and control say they are not available.
+// (IMODE 4) and moving-horizon estimation (IMODE 5, with "est.meas", "est.xfer" and
+// "icd_calc.txt") are built; control says it is not available yet. The data-set branch
+// (IMODE 2) copies the steady-state model once per row of APP.csv and fits it the same way.
 #pragma once
 
 #include "driver/cycle.h"
@@ -11,5 +13,6 @@ namespace kx::driver {
 
 // Returns the solve status (0 = success).
 int SolveDynamic(CycleState& state, CycleModel& m);
+int SolveDataSets(CycleState& state, CycleModel& m);
 
 }  // namespace kx::driver

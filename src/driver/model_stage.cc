@@ -138,7 +138,7 @@ int RunModelStage(CycleState& state) {
   state.files->set_model(m->access.get());
   state.model = std::move(m);
   const int imode = state.flags.imode;
-  if (imode == 2) return NotSolved(state, "data-set mode (IMODE 2, parameter estimation)");
+  if (imode == 2) return SolveDataSets(state, *state.model);
   if (imode >= 4) return SolveDynamic(state, *state.model);
   return SolveSteadyState(state, *state.model);
 }

@@ -20,13 +20,18 @@ nlohmann::ordered_json Number(double v) {
   return std::isfinite(v) ? nlohmann::ordered_json(v) : nlohmann::ordered_json();
 }
 
+// Declared parameters and variables: no slacks, no generated members.
+bool IsReported(const model::Variable& v) {
+  return v.vtype != model::kVarSlack && v.vtype != model::kVarGenerated && !v.slack;
+}
+
 }  // namespace
 
 ResultsTable SteadyResults(const model::ModelStore& store) {
   ResultsTable t;
   t.time.push_back(0.0);
   for (const model::Variable& v : store.vars) {
-    if (v.vtype == model::kVarSlack || v.slack) continue;
+    if (!IsReported(v)) continue;
     t.names.push_back(v.name);
     t.values.push_back({Survivor(store, v).val});
   }
@@ -40,7 +45,7 @@ ResultsTable DynamicResults(const horizon::Horizon& horizon, const model::ModelS
   for (int k = 0; k <= grid.num_steps(); ++k) points.push_back(k * (grid.nodes - 1));
   for (int p : points) t.time.push_back(grid.times[p]);
   for (const model::Variable& v : base.vars) {
-    if (v.vtype == model::kVarSlack || v.slack) continue;
+    if (!IsReported(v)) continue;
     const int number = Survivor(base, v).number;
     std::vector<double> column;
     for (int p : points) column.push_back(horizon.store.Var(horizon.Number(p, number)).val);

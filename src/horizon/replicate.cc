@@ -18,10 +18,11 @@ using model::Variable;
 
 class Replicator {
  public:
-  Replicator(const ModelStore& base, const TimeGrid& grid) : base_(base) {
+  Replicator(const ModelStore& base, const TimeGrid& grid, bool data_sets) : base_(base) {
     h_.grid = grid;
+    h_.data_sets = data_sets;
     h_.vars_per_point = base.nvar;
-    nvar_ = grid.num_points() * base.nvar + grid.num_steps();
+    nvar_ = grid.num_points() * base.nvar + (data_sets ? 0 : grid.num_steps());
   }
 
   Horizon Run(const DataFile* data, int csv_read) {
@@ -97,7 +98,8 @@ void Replicator::AddVariables() {
 
 void Replicator::AddPointVariables(int p) {
   ModelStore& s = h_.store;
-  int step = h_.grid.StepOf(p), node = h_.grid.NodeOf(p);
+  int step = h_.data_sets ? p + 1 : h_.grid.StepOf(p);
+  int node = h_.data_sets ? 1 : h_.grid.NodeOf(p);
   std::string prefix = fmt::format("p({}).n({}).", step, node);
   for (int n = 1; n <= base_.nvar; ++n) {
     Variable v = base_.Var(n);
@@ -107,7 +109,7 @@ void Replicator::AddPointVariables(int p) {
     v.number_n = node;
     v.forward = -1;
     v.idiff = 0;  // numbered in FinishCounts
-    if (p == 0 && v.diff) model::FixVariable(&v);  // initial condition
+    if (p == 0 && v.diff && !h_.data_sets) model::FixVariable(&v);  // initial condition
     s.order.push_back(static_cast<int>(s.vars.size()));
     s.vars.push_back(std::move(v));
   }
@@ -115,7 +117,7 @@ void Replicator::AddPointVariables(int p) {
 
 void Replicator::AddStepLengths() {
   ModelStore& s = h_.store;
-  for (int k = 1; k <= h_.grid.num_steps(); ++k) {
+  for (int k = 1; k <= h_.grid.num_steps() && !h_.data_sets; ++k) {
     Variable v;
     v.name = fmt::format("p({}).dt", k);
     v.vtype = model::kVarStepLength;
@@ -160,7 +162,7 @@ void Replicator::ApplyColumn(const DataFile& data, int column, int base_number) 
     row_value[r] = last;
   }
   for (int p = 0; p < h_.grid.num_points(); ++p) {
-    int r = h_.grid.RowOf(p);
+    int r = h_.data_sets ? p : h_.grid.RowOf(p);
     // A point inside step k takes the value of the step's end row, row k.
     h_.store.Var(h_.Number(p, base_number)).val = row_value[r >= 0 ? r : h_.grid.StepOf(p)];
   }
@@ -173,17 +175,19 @@ void Replicator::AddEquations() {
   for (int p = 0; p < h_.grid.num_points(); ++p) {
     for (int e = 0; e < static_cast<int>(base_.eqns.size()); ++e) {
       // The differential equations do not hold at the horizon start.
-      if (p == 0 && base_.eqns[e].differential) continue;
+      if (p == 0 && base_.eqns[e].differential && !h_.data_sets) continue;
       AddModelEquation(p, e);
     }
-    if (p > 0) AddCollocationRows(p);
+    if (p > 0 && !h_.data_sets) AddCollocationRows(p);
   }
 }
 
 void Replicator::AddModelEquation(int p, int e) {
   const Equation& q = base_.eqns[e];
   Equation copy;
-  copy.name = fmt::format("p({}).n({}).{}", h_.grid.StepOf(p), h_.grid.NodeOf(p), q.name);
+  copy.name = h_.data_sets ? fmt::format("p({}).n(1).{}", p + 1, q.name)
+                           : fmt::format("p({}).n({}).{}", h_.grid.StepOf(p), h_.grid.NodeOf(p),
+                                         q.name);
   copy.text = q.text;
   copy.residual_text = q.residual_text;
   copy.type = q.type;
@@ -200,6 +204,7 @@ void Replicator::AddModelEquation(int p, int e) {
   copy.statement = q.statement;
   h_.store.eqns.push_back(std::move(copy));
   h_.eqn_origin.push_back(e);
+  h_.eqn_point.push_back(p);
 }
 
 void Replicator::AddCollocationRows(int p) {
@@ -230,12 +235,14 @@ void Replicator::AddCollocationRows(int p) {
     }
     h_.store.eqns.push_back(std::move(q));
     h_.eqn_origin.push_back(-1);
+    h_.eqn_point.push_back(p);
   }
 }
 
 void Replicator::LinkElements() {
   const TimeGrid& g = h_.grid;
   int ns = g.num_steps(), nodes = g.nodes;
+  if (h_.data_sets) return;
   h_.elements.reserve(static_cast<size_t>(base_.ndiff) * ns * nodes);
   for (int d = 1; d <= base_.ndiff; ++d) {
     int n = diff_vars_[d];
@@ -260,7 +267,7 @@ void Replicator::FinishCounts() {
   s.ndiff = s.num_integer = 0;
   for (int num = 1; num <= s.nvar; ++num) {
     Variable& v = s.Var(num);
-    bool reads_derivative = v.diff && !(v.number_h == 1 && v.number_n == 1);
+    bool reads_derivative = v.diff && !(v.number_h == 1 && v.number_n == 1) && !h_.data_sets;
     v.idiff = reads_derivative && v.vtype != model::kVarStepLength ? ++s.ndiff : 0;
     v.number_d = v.idiff > 0 ? s.nvar + v.idiff : 0;
     if (v.integer) ++s.num_integer;
@@ -272,8 +279,24 @@ void Replicator::FinishCounts() {
 
 Horizon Replicate(const ModelStore& base, const TimeGrid& grid, const DataFile* data,
                   int csv_read) {
-  Replicator r(base, grid);
+  Replicator r(base, grid, /*data_sets=*/false);
   return r.Run(data, csv_read);
+}
+
+Horizon ReplicateDataSets(const ModelStore& base, const DataFile& data, int csv_read) {
+  TimeGrid grid;
+  grid.nodes = 2;
+  grid.positions = {0.0, 1.0};
+  const int time = data.Column("time");
+  for (int r = 0; r < data.num_rows; ++r) {
+    const double t = time >= 0 ? data.At(r, time) : kNoValue;
+    grid.times.push_back(DataFile::IsNoValue(t) ? r : t);
+  }
+  for (int r = 1; r < data.num_rows; ++r) grid.dt.push_back(1.0);
+  grid.ctrl_hor = grid.num_steps();
+  grid.from_data = true;
+  Replicator rep(base, grid, /*data_sets=*/true);
+  return rep.Run(&data, csv_read);
 }
 
 }  // namespace kx::horizon

@@ -48,6 +48,8 @@ struct Horizon {
   model::ModelStore store;               // the replicated model
   int vars_per_point = 0;                // nb: variables of the steady-state model
   std::vector<int> eqn_origin;           // model equation (0-based) of each row; -1 collocation
+  std::vector<int> eqn_point;            // time point (data set) of each row
+  bool data_sets = false;                // copies of a steady-state model, one per data set
   std::vector<HorizonElement> elements;  // differential copies, by variable, step, node
 
   // Number of the copy of model variable `base_number` at point `point`.
@@ -63,5 +65,11 @@ struct Horizon {
 // the value of the row before (the declared value before the first row).
 Horizon Replicate(const model::ModelStore& base, const TimeGrid& grid, const DataFile* data,
                   int csv_read);
+
+// Copies a steady-state model once per data set (IMODE 2): point p is data set p+1, named
+// "p(k).n(1).NAME" with k = p+1. Every equation holds in every set, time derivatives stay at
+// their (steady-state) values, and there are no collocation rows. `data` gives each set's
+// parameter values (and with csv_read = 2 the variables' starting values), row by row.
+Horizon ReplicateDataSets(const model::ModelStore& base, const DataFile& data, int csv_read);
 
 }  // namespace kx::horizon

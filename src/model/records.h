@@ -17,6 +17,7 @@ enum VarType : char {
   kVarParameter = 'p',  // declared in the Parameters section (fixed unless freed)
   kVarSlack = 's',      // generated slack (name prefix "slk_")
   kVarStepLength = 't', // generated, fixed: length of a horizon step (collocation rows)
+  kVarGenerated = 'g',  // member added by the estimation or control set-up ("level.err_hi")
 };
 
 // Spec code set by connections: 0 none, 1 fixed, 2 calculated, 3 value given.

@@ -242,11 +242,11 @@ TEST_F(CycleE2e, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
   EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
 }
 
-TEST_F(CycleE2e, EstimationAndControlSayTheyAreNotAvailable) {
-  for (const char* mode : {"-est", "-ctl"}) {
+TEST_F(CycleE2e, ControlSaysItIsNotAvailable) {
+  for (const char* mode : {"-ctl", "-sqc"}) {
     RunResult r = Run(std::string("app ") + mode);
     EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.Has("dynamic estimation and control (IMODE 5, 6, 8, 9)")) << r.out;
+    EXPECT_TRUE(r.Has("dynamic control (IMODE 6, 9)")) << r.out;
   }
   EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 2\n"), std::string::npos);
 }
