@@ -38,7 +38,7 @@ bool WriteMeasurementHistory(const std::string& path, const MeasurementHistory& 
   for (const auto& [name, values] : history) {
     for (size_t i = 0; i < values.size(); ++i) {
       text += values[i] == kNoValue ? fmt::format("{}, {},\n", name, i)
-                                    : fmt::format("{}, {}, {:.17g}\n", name, i, values[i]);
+                                    : fmt::format("{}, {}, {}\n", name, i, values[i]);
     }
   }
   return dbs::WriteFileAtomically(path, text);
