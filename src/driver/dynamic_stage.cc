@@ -6,12 +6,14 @@
 
 #include "base/report.h"
 #include "base/sentinels.h"
+#include "base/text.h"
 #include "base/timers.h"
 #include "driver/solve_stage.h"
 #include "driver/stage_steps.h"
 #include "files/restart.h"
 #include "files/horizon_files.h"
 #include "horizon/classes.h"
+#include "horizon/control.h"
 #include "horizon/estimation.h"
 #include "horizon/horizon.h"
 #include "horizon/inputs.h"
@@ -134,7 +136,8 @@ int CurrentPoint(const horizon::Horizon& h, int imode) {
 // Outputs: SV/CV MODEL (value at the present) and PRED[k] (end of step k); FV NEWVAL (its
 // value), MV NEWVAL (value at the end of step 1 when controlling, else at the present) with
 // LSTVAL the previous NEWVAL, MV PRED[k] and DPRED[k] (change over step k).
-void WriteOutputsOverHorizon(const CycleModel& m, int imode, dbs::OptionStore& o) {
+void WriteOutputsOverHorizon(const CycleModel& m, int imode, dbs::OptionStore& o,
+                             const std::vector<horizon::CvTerms>& cvs) {
   const horizon::Horizon& h = *m.horizon;
   const std::vector<int> ends = StepEnds(h.grid);
   const int now = CurrentPoint(h, imode);
@@ -142,17 +145,23 @@ void WriteOutputsOverHorizon(const CycleModel& m, int imode, dbs::OptionStore& o
        horizon::ClassifyVariables(o, m.base, imode, o.Int("CTRLMODE"))) {
     auto value = [&](int point) { return h.store.Var(h.Number(point, c.number)).val; };
     const std::string& n = c.name;
+    // A CV's predictions are biased in control.
+    int predicted = c.number;
+    for (const horizon::CvTerms& t : cvs)
+      if (t.name == n) predicted = t.bcv_m;
+    auto prediction = [&](int point) { return h.store.Var(h.Number(point, predicted)).val; };
     if (c.IsInput()) {
       o.Set(n, "LSTVAL", o.GetReal(n, "NEWVAL"));
       const bool moves = c.cls == dbs::VarClass::kMV && c.role == horizon::Role::kPerStep &&
                          horizon::IsControlMode(imode);
       o.Set(n, "NEWVAL", value(moves ? ends[1] : now));
+      if (c.cls == dbs::VarClass::kMV && ends.size() > 1) o.Set(n, "NXTVAL", value(ends[1]));
     } else {
       o.Set(n, "MODEL", value(now));
     }
     if (c.cls == dbs::VarClass::kFV) continue;
     for (size_t k = 1; k < ends.size(); ++k) {
-      o.Set(n, fmt::format("PRED[{}]", k), value(ends[k]));
+      o.Set(n, fmt::format("PRED[{}]", k), prediction(ends[k]));
       if (c.cls == dbs::VarClass::kMV)
         o.Set(n, fmt::format("DPRED[{}]", k), value(ends[k]) - value(ends[k - 1]));
     }
@@ -227,25 +236,148 @@ void WriteEstimationFiles(const CycleState& state, const CycleModel& m, int stat
     files::WriteInitialConditionReport("icd_calc.txt", *m.horizon, m.base);
 }
 
-// The solve and the files every replicated mode writes.
-int SolveReplicated(CycleState& state, CycleModel& m, bool warm, bool dynamic) {
-  const int imode = state.flags.imode;
-  model::ModelAccess& access = *m.access;
+// The control terms of a cycle: CVs, free MVs and their settings.
+struct ControlTerms {
+  horizon::ControlSettings settings;
+  std::vector<horizon::CvTerms> cvs;
+  std::vector<horizon::MvTerms> mvs;
+};
+
+// One solve of the problem as it stands.
+SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm, bool dynamic) {
   access.Invalidate();
   {
     ScopedTimer timer("Structure and starting point");
     access.EvaluateResiduals();
     ReportStartingPoint(access, dynamic, state.diaglevel);
   }
-  CheckSimulationDof(access, imode);
+  CheckSimulationDof(access, state.flags.imode);
   DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, dynamic, state.app);
   ReadStartMultipliers(state, access, problem);
-  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
-  WriteOutputsOverHorizon(m, imode, state.store);
+  return SolveProblem(state.store, state.flags.imode, warm, problem, access);
+}
+
+// The tiers of a controller, each from the solution of the one before; or one solve.
+SolveOutcome SolveTiers(CycleState& state, CycleModel& m, bool warm, bool dynamic,
+                        const ControlTerms* control) {
+  if (control == nullptr) return SolveOnce(state, *m.access, warm, dynamic);
+  const std::vector<int> tiers = horizon::Tiers(control->cvs, control->mvs);
+  SolveOutcome out;
+  for (int tier : tiers) {
+    if (tiers.size() > 1) Sayf("Tiered Optimization Cycle: {}", tier);
+    horizon::ApplyTier(*m.horizon, control->cvs, control->mvs, tier, control->settings);
+    out = SolveOnce(state, *m.access, warm || tier != tiers.front(), dynamic);
+    if (out.status != 0) break;
+  }
+  return out;
+}
+
+// The solve and the files every replicated mode writes.
+int SolveReplicated(CycleState& state, CycleModel& m, bool warm, bool dynamic,
+                    const ControlTerms* control = nullptr) {
+  const int imode = state.flags.imode;
+  const SolveOutcome out = SolveTiers(state, m, warm, dynamic, control);
+  WriteOutputsOverHorizon(m, imode, state.store,
+                          control ? control->cvs : std::vector<horizon::CvTerms>{});
+  if (control)
+    for (const horizon::CvTerms& t : control->cvs) state.store.Set(t.name, "BIAS", t.bias);
   if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
-  if (out.status == 0) files::WriteMultipliers("lam.t0", access);
+  if (out.status == 0) files::WriteMultipliers("lam.t0", *m.access);
   return out.status;
+}
+
+// ----- control -----
+
+// CTRLMODE of a control cycle: REQCTRLMODE (1..3), lowered to 2 when an MV that control
+// requires (REQONCTRL = 1) is off. Written back.
+int DecideControlMode(dbs::OptionStore& o) {
+  int mode = o.Int("REQCTRLMODE");
+  if (mode < 1 || mode > 3) mode = 1;
+  for (const dbs::Variable& v : o.variables()) {
+    if (mode != 3 || v.cls != dbs::VarClass::kMV || o.GetInt(v.name, "REQONCTRL") != 1) continue;
+    if (o.GetInt(v.name, "STATUS") == 0 || o.GetInt(v.name, "PSTATUS") == 0) {
+      Say("CTRLMODE lowered to 2 (predict): MV " + v.name +
+          " is required for control (REQONCTRL = 1) and is off; the MVs stay where they are");
+      mode = 2;
+    }
+  }
+  o.SetGlobal("CTRLMODE", mode);
+  return mode;
+}
+
+void CheckTiers(const dbs::OptionStore& o) {
+  for (const dbs::Variable& v : o.variables()) {
+    if (v.cls != dbs::VarClass::kMV && v.cls != dbs::VarClass::kCV) continue;
+    const int tier = o.GetInt(v.name, "TIER");
+    if (tier < 1 || tier > 100)
+      Fatal({"(" + v.name + ").TIER must be between 1 and 100"}, "Stopping...");
+  }
+}
+
+// An MV the controller does not move holds its current value over the whole horizon.
+void HoldInputs(const dbs::OptionStore& o, const std::vector<horizon::ClassedVariable>& classes,
+                CycleModel& m) {
+  horizon::Horizon& h = *m.horizon;
+  for (const horizon::ClassedVariable& c : classes) {
+    if (c.cls != dbs::VarClass::kMV || c.role != horizon::Role::kFixed) continue;
+    const double last = o.GetReal(c.name, "NEWVAL");
+    const double current = c.Filtered(last != kNoValue ? last : m.base.Var(c.number).val);
+    for (int p = 0; p < h.grid.num_points(); ++p) h.store.Var(h.Number(p, c.number)).val = current;
+  }
+}
+
+// "est.xfer" of an estimation cycle in the same folder: FV values and the state at the newest
+// point become the FVs and the initial condition of the controller.
+void ReadTransferFile(CycleModel& m) {
+  std::vector<files::RestartEntry> entries;
+  if (!std::filesystem::exists("est.xfer") || !files::ReadRestartEntries("est.xfer", &entries))
+    return;
+  horizon::Horizon& h = *m.horizon;
+  std::unordered_map<std::string, int> numbers;
+  for (int b = 1; b <= m.base.nvar; ++b) numbers.emplace(m.base.Var(b).name, b);
+  for (const files::RestartEntry& e : entries) {
+    auto it = numbers.find(files::RootName(e.name));
+    if (it == numbers.end()) continue;
+    const int b = it->second;
+    const bool state = m.base.Var(b).diff;
+    for (int p = 0; p < (state ? 1 : h.grid.num_points()); ++p)
+      h.store.Var(h.Number(p, b)).val = e.value;
+  }
+}
+
+// Bias of each measured CV from the FSTATUS rule against the CV at the present.
+void UpdateBias(const std::vector<horizon::ClassedVariable>& classes, CycleModel& m,
+                ControlTerms& control) {
+  const horizon::Horizon& h = *m.horizon;
+  for (horizon::CvTerms& t : control.cvs) {
+    for (const horizon::ClassedVariable& c : classes) {
+      if (c.name != t.name || c.meas == kNoValue) continue;
+      if (c.fstatus < -1e-10 || c.fstatus > 1.0000000001) {
+        Fatal({"Controlled Variable " + c.name + " FSTATUS out of range",
+               "  0.0 <= FSTATUS <= 1.0,  Current value: " + FormatReal(c.fstatus)},
+              "Stopping...");
+      }
+      if (c.fstatus < 1e-10) continue;
+      const double model = h.store.Var(h.Number(0, t.cv)).val;
+      t.bias = c.fstatus * (c.meas - model) + (1.0 - c.fstatus) * t.bias;
+    }
+  }
+}
+
+// TR_INIT 1 re-centres when the previous cycle left no trajectory (cold, or the CV was off).
+bool RestartHasTrajectories(const CycleState& state, const ControlTerms& control) {
+  std::vector<files::RestartEntry> entries;
+  if (state.store.Int("COLDSTART") > 0 ||
+      !files::ReadRestartEntries(state.mode_word + ".t0", &entries))
+    return false;
+  std::unordered_map<std::string, int> names;
+  for (const files::RestartEntry& e : entries) names.emplace(e.name, 0);
+  for (const horizon::CvTerms& t : control.cvs) {
+    if (!t.controlled || t.cv_type == 2) continue;
+    if (!names.count("p(1).n(2)." + t.name + (t.hi ? ".tr_hi" : ".tr_lo"))) return false;
+  }
+  return true;
 }
 
 void InstallHorizon(CycleState& state, CycleModel& m) {
@@ -286,19 +418,27 @@ int SolveDataSets(CycleState& state, CycleModel& m) {
 
 int SolveDynamic(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
-  if (imode != 4 && imode != 5)
-    return NotSolved(state, "dynamic control (IMODE 6, 9), sequential simulation and estimation "
-                            "(IMODE 7, 8)");
+  if (imode > 6)
+    return NotSolved(state, "sequential simulation, estimation and control (IMODE 7, 8, 9)");
   const horizon::HorizonSettings settings = horizon::ReadHorizonSettings(state.store);
   std::optional<horizon::DataFile> data;
   if (settings.csv_read > 0) data = horizon::ReadDataFile(state.app + ".csv");
+  const int ctrlmode = imode == 6 ? DecideControlMode(state.store) : 1;
+  if (imode == 6) CheckTiers(state.store);
   std::vector<horizon::ClassedVariable> classes;
   if (state.flags.dbs_read != 0)
-    classes = horizon::ClassifyVariables(state.store, m.base, imode, state.store.Int("CTRLMODE"));
+    classes = horizon::ClassifyVariables(state.store, m.base, imode, ctrlmode);
   const horizon::EstimationSettings est =
       horizon::ReadEstimationSettings(state.store, m.base.exact_hessian);
   std::vector<horizon::EvTerms> evs;
   if (imode == 5) evs = horizon::AddEstimationTerms(m.base, classes, state.store, est);
+  std::optional<ControlTerms> control;
+  if (imode == 6) {
+    control.emplace();
+    control->settings = horizon::ReadControlSettings(state.store, ctrlmode);
+    horizon::AddControlTerms(m.base, classes, state.store, control->settings, &control->cvs,
+                             &control->mvs);
+  }
   {
     ScopedTimer timer("Horizon set-up");
     m.horizon = std::make_unique<horizon::Horizon>(
@@ -317,7 +457,16 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
     measurements = GatherMeasurements(state, m, evs, classes, data ? &*data : nullptr, shift);
     horizon::ApplyMeasurements(*m.horizon, evs, measurements, est);
   }
-  const int status = SolveReplicated(state, m, warm, /*dynamic=*/true);
+  if (control) {
+    HoldInputs(state.store, classes, m);
+    ReadTransferFile(m);
+    UpdateBias(classes, m, *control);
+    horizon::HorizonRows rows(*m.horizon);
+    horizon::ApplyControl(rows, control->cvs, control->mvs, control->settings,
+                          !RestartHasTrajectories(state, *control));
+  }
+  const int status =
+      SolveReplicated(state, m, warm, /*dynamic=*/true, control ? &*control : nullptr);
   files::zpm_files(66, "ic.t0");
   files::zpm_files(83, state.mode_word + ".dxdt");
   if (imode == 5) {

@@ -72,7 +72,7 @@ TEST_F(CycleE2e, SwitchesOverrideTheDbsFilesAndAreWrittenBack) {
   std::string dbs = Read("app.dbs");
   EXPECT_NE(dbs.find("ZPM.IMODE 6\n"), std::string::npos);
   EXPECT_NE(dbs.find("ZPM.SOLVER 3\n"), std::string::npos);
-  EXPECT_NE(dbs.find("ZPM.COLDSTART 1\n"), std::string::npos);  // stays cold after a failure
+  EXPECT_NE(dbs.find("ZPM.COLDSTART 0\n"), std::string::npos) << r.out;  // back to warm
   r = Run("app -solver=xyz -cold -warm");
   EXPECT_TRUE(r.Has("Unknown solver name: xyz\n"));
   EXPECT_TRUE(r.Has("coldstart: 0\n"));
@@ -242,11 +242,11 @@ TEST_F(CycleE2e, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
   EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
 }
 
-TEST_F(CycleE2e, ControlSaysItIsNotAvailable) {
-  for (const char* mode : {"-ctl", "-sqc"}) {
+TEST_F(CycleE2e, SequentialModesSayTheyAreNotAvailable) {
+  for (const char* mode : {"-sqe", "-sqc"}) {
     RunResult r = Run(std::string("app ") + mode);
     EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.Has("dynamic control (IMODE 6, 9)")) << r.out;
+    EXPECT_TRUE(r.Has("sequential simulation, estimation and control (IMODE 7, 8, 9)")) << r.out;
   }
   EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 2\n"), std::string::npos);
 }
