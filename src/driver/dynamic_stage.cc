@@ -38,24 +38,28 @@ void WriteHorizonBack(dbs::OptionStore& options, const horizon::TimeGrid& grid) 
 
 // Whether a restart value may replace the copy's value: calculated copies, and the initial
 // condition of a differential variable (fixed at the horizon start).
-bool Restartable(const CycleModel& m, int number) {
+// `history` marks the base variables whose fixed copies carry a history (measured inputs of
+// an estimation horizon) and come back from the mode's own restart file too.
+bool Restartable(const CycleModel& m, int number, const std::vector<char>* history) {
   const horizon::Horizon& h = *m.horizon;
   const model::Variable& v = h.store.Var(number);
   if (v.vtype == model::kVarStepLength) return false;
   if (!v.fixed) return true;
   const int b = (number - 1) % h.vars_per_point + 1;
+  if (history && b < static_cast<int>(history->size()) && (*history)[b]) return true;
   return number <= h.vars_per_point && m.base.Var(b).diff;
 }
 
 // The previous solution over the same horizon layout, by name; with `shift` each copy takes
 // the value its variable had that many points later (the last points keep their own).
-void ApplyOwnRestart(CycleModel& m, const std::vector<files::RestartEntry>& entries, int shift) {
+void ApplyOwnRestart(CycleModel& m, const std::vector<files::RestartEntry>& entries, int shift,
+                     const std::vector<char>& history) {
   std::unordered_map<std::string, double> values;
   for (const files::RestartEntry& e : entries) values[e.name] = e.value;
   horizon::Horizon& h = *m.horizon;
   const int last = h.grid.num_points() - 1;
   for (int n = 1; n <= h.store.nvar; ++n) {
-    if (!Restartable(m, n)) continue;
+    if (!Restartable(m, n, &history)) continue;
     const int point = (n - 1) / h.vars_per_point, b = (n - 1) % h.vars_per_point + 1;
     const int source = h.Number(std::min(point + shift, last), b);
     auto it = values.find(h.store.Var(source).name);
@@ -69,7 +73,7 @@ void ApplySteadyRestart(CycleModel& m, const std::vector<files::RestartEntry>& e
   for (const files::RestartEntry& e : entries) values[files::RootName(e.name)] = e.value;
   horizon::Horizon& h = *m.horizon;
   for (int n = 1; n <= h.store.nvar; ++n) {
-    if (!Restartable(m, n)) continue;
+    if (!Restartable(m, n, nullptr)) continue;
     auto it = values.find(files::RootName(h.store.Var(n).name));
     if (it != values.end()) h.store.Var(n).val = it->second;
   }
@@ -77,18 +81,47 @@ void ApplySteadyRestart(CycleModel& m, const std::vector<files::RestartEntry>& e
 
 // Warm: the mode's own file, shifted one step on with TIME_SHIFT. Otherwise (or when that
 // file is missing) "rto.t0" or "ss.t0" as the initial condition. True for a warm start.
-bool ReadDynamicRestart(const CycleState& state, CycleModel& m, int time_shift) {
+bool ReadDynamicRestart(const CycleState& state, CycleModel& m, int time_shift,
+                        const std::vector<char>& history = {}) {
   const bool cold = state.store.Int("COLDSTART") > 0;
   const std::string own = state.mode_word + ".t0";
   std::vector<files::RestartEntry> entries;
   if (!cold && files::ReadRestartEntries(own, &entries)) {
-    ApplyOwnRestart(m, entries, time_shift > 0 ? m.horizon->grid.nodes - 1 : 0);
+    ApplyOwnRestart(m, entries, time_shift > 0 ? m.horizon->grid.nodes - 1 : 0, history);
     return true;
   }
   if (!cold) Say("WARNING: restart file not found - " + own);
   const std::string steady = std::filesystem::exists("rto.t0") ? "rto.t0" : "ss.t0";
   if (files::ReadRestartEntries(steady, &entries)) ApplySteadyRestart(m, entries);
   return false;
+}
+
+// A fixed MV of a moving-horizon estimator is a measured input with a history: its MEAS is
+// the newest value, its earlier values come from the previous cycle.
+bool CarriesHistory(const horizon::ClassedVariable& c, int imode) {
+  return imode == 5 && c.cls == dbs::VarClass::kMV && c.role == horizon::Role::kFixed;
+}
+
+std::vector<char> HistoryInputs(const std::vector<horizon::ClassedVariable>& classes,
+                                const model::ModelStore& base, int imode) {
+  std::vector<char> history(base.nvar + 1, 0);
+  for (const horizon::ClassedVariable& c : classes)
+    if (CarriesHistory(c, imode)) history[c.number] = 1;
+  return history;
+}
+
+// The newest input values: the last step of a warm horizon, every point of a cold one.
+void ApplyInputMeasurements(const std::vector<horizon::ClassedVariable>& classes, CycleModel& m,
+                            int imode, bool warm) {
+  horizon::Horizon& h = *m.horizon;
+  const int first = warm ? h.grid.num_points() - h.grid.nodes + 1 : 0;
+  for (const horizon::ClassedVariable& c : classes) {
+    if (!CarriesHistory(c, imode)) continue;
+    for (int p = std::max(first, 0); p < h.grid.num_points(); ++p) {
+      model::Variable& v = h.store.Var(h.Number(p, c.number));
+      v.val = c.Filtered(v.val);
+    }
+  }
 }
 
 // A free FV moves at most DMAX from its last implemented value (the NEWVAL it starts with).
@@ -116,7 +149,7 @@ void ApplyClassesOverHorizon(const dbs::OptionStore& o,
       model::Variable& v = h.store.Var(h.Number(p, c.number));
       if (c.lower != kUnsetLower) v.lower = c.lower;
       if (c.upper != kUnsetUpper) v.upper = c.upper;
-      v.val = c.Filtered(v.val);
+      if (!CarriesHistory(c, imode)) v.val = c.Filtered(v.val);
     }
     if (c.role == horizon::Role::kShared) {
       horizon::ShareOverHorizon(rows, c.number, c.name);
@@ -450,7 +483,9 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
 
   ApplyClassesOverHorizon(state.store, classes, m, imode);
   if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
-  const bool warm = ReadDynamicRestart(state, m, settings.time_shift);
+  const bool warm = ReadDynamicRestart(state, m, settings.time_shift,
+                                       HistoryInputs(classes, m.base, imode));
+  ApplyInputMeasurements(classes, m, imode, warm);
   horizon::MeasurementTable measurements;
   if (imode == 5) {
     const int shift = warm && settings.time_shift > 0 ? 1 : 0;
