@@ -285,8 +285,8 @@ SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm,
     ReportStartingPoint(access, dynamic, state.diaglevel);
   }
   CheckSimulationDof(access, state.flags.imode);
-  DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, dynamic, state.app);
+  DerivativeChecks(state, access, problem, dynamic);
   ReadStartMultipliers(state, access, problem);
   return SolveProblem(state.store, state.flags.imode, warm, problem, access);
 }

@@ -111,8 +111,8 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
   }
   CheckSimulationDof(access, imode);
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
-  DerivativeChecks(state.diaglevel);
   solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
+  DerivativeChecks(state, access, problem, /*dynamic=*/false);
   ReadStartMultipliers(state, access, problem);
   const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
   WriteModelToClasses(m.base, state.store);

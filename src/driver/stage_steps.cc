@@ -5,6 +5,7 @@
 #include "base/report.h"
 #include "base/text.h"
 #include "files/file_routine.h"
+#include "analysis/derivative_check.h"
 #include "model/routines.h"
 
 namespace kx::driver {
@@ -33,10 +34,23 @@ int NotSolved(CycleState& state, std::string_view what) {
   return -1;
 }
 
-// Derivative verification runs by DIAGLEVEL before the solve; it is not built yet.
-void DerivativeChecks(int diaglevel) {
-  if (diaglevel >= 5)
-    Sayf("Derivative checks (DIAGLEVEL {}) are not available yet: no check was run", diaglevel);
+void DerivativeChecks(const CycleState& state, model::ModelAccess& access,
+                      solvers::Problem& problem, bool dynamic) {
+  if (state.diaglevel < 5) return;
+  model::ModelStore& store = access.store();
+  std::vector<int> by_idiff(store.ndiff + 1, 0);
+  for (int n = 1; n <= store.nvar; ++n)
+    if (store.Var(n).idiff > 0) by_idiff[store.Var(n).idiff] = n;
+  const int nvar = store.nvar;
+  analysis::ProblemNames names;
+  names.is_derivative = [nvar](int j) { return j >= nvar; };
+  names.variable = [&store, nvar, by_idiff](int j) {
+    return j < nvar ? store.Var(j + 1).name : "d( " + store.Var(by_idiff[j - nvar + 1]).name + " )/dt";
+  };
+  names.row = [&access](int i) { return access.Row(i + 1).name; };
+  names.expression = [&access](int i) { return access.Row(i + 1).text; };
+  const int states = access.CountDof(dynamic).num_state;
+  analysis::RunDerivativeChecks(problem, names, states, state.flags.imode, state.diaglevel, ".");
 }
 
 // Multipliers of a warm start from "lam.t0", when that file exists.

@@ -19,8 +19,10 @@ void CheckSimulationDof(model::ModelAccess& access, int imode);
 // Says that `what` is not built; the cycle ends as a failed cycle (returns -1).
 int NotSolved(CycleState& state, std::string_view what);
 
-// Derivative verification by DIAGLEVEL before the solve.
-void DerivativeChecks(int diaglevel);
+// Derivative verification by DIAGLEVEL before the solve: first derivatives at 5, second
+// derivatives too at 6 (files verify_obj_grad.txt, verify_jacobian.txt, verify_hessian.txt).
+void DerivativeChecks(const CycleState& state, model::ModelAccess& access,
+                      solvers::Problem& problem, bool dynamic);
 
 // Multipliers of a warm start from "lam.t0", when that file exists.
 void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,
