@@ -1,6 +1,7 @@
 #include "driver/dynamic_stage.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <unordered_map>
 
@@ -17,6 +18,7 @@
 #include "horizon/estimation.h"
 #include "horizon/horizon.h"
 #include "horizon/inputs.h"
+#include "horizon/sequential.h"
 #include "model/builder.h"
 #include "model/checks.h"
 
@@ -320,6 +322,46 @@ int SolveReplicated(CycleState& state, CycleModel& m, bool warm, bool dynamic,
   return out.status;
 }
 
+// ----- step by step -----
+
+horizon::SequentialOutcome SimulateSteps(const CycleState& state, CycleModel& m) {
+  horizon::SequentialSettings settings;
+  settings.tolerance = state.store.Real("RTOL");
+  m.access->Invalidate();
+  ScopedTimer timer("Step-by-step simulation");
+  return horizon::SimulateStepByStep(*m.horizon, m.base, *m.access, settings);
+}
+
+// The sequential simulation (IMODE 7, or 4 with SEQUENTIAL = 1) is the solve itself.
+int SolveSequential(CycleState& state, CycleModel& m) {
+  const auto t0 = std::chrono::steady_clock::now();
+  const horizon::SequentialOutcome seq = SimulateSteps(state, m);
+  SolveOutcome out;
+  out.status = seq.ok ? 0 : -1;
+  out.iterations = seq.iterations;
+  out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  Sayf("Sequential simulation: {} of {} steps solved, {} Newton iterations",
+       std::max(0, seq.steps_solved - 1), m.horizon->grid.num_steps(), seq.iterations);
+  if (!seq.ok) Sayf("Step {} did not solve: {}", seq.failed_step, seq.why);
+  ReportOutcome(state.store, *m.access, "Sequential (step by step)", out);
+  WriteOutputsOverHorizon(m, state.flags.imode, state.store, {});
+  if (out.status == 0 || state.diaglevel >= 2) files::zpm_files(2, state.mode_word + ".t0");
+  return out.status;
+}
+
+// A cold start of the simultaneous modes simulates the horizon step by step first, so that
+// the solve starts from a trajectory of the model instead of a flat guess.
+void InitialiseStepByStep(const CycleState& state, CycleModel& m) {
+  const horizon::SequentialOutcome seq = SimulateSteps(state, m);
+  if (seq.ok) {
+    Sayf("Horizon initialised step by step ({} steps, {} Newton iterations)",
+         m.horizon->grid.num_steps(), seq.iterations);
+  } else {
+    Sayf("Step-by-step initialisation stopped at step {} ({}); the solve starts from there",
+         seq.failed_step, seq.why);
+  }
+}
+
 // ----- control -----
 
 // CTRLMODE of a control cycle: REQCTRLMODE (1..3), lowered to 2 when an MV that control
@@ -451,11 +493,13 @@ int SolveDataSets(CycleState& state, CycleModel& m) {
 
 int SolveDynamic(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
-  if (imode > 6)
-    return NotSolved(state, "sequential simulation, estimation and control (IMODE 7, 8, 9)");
+  if (imode > 7)
+    return NotSolved(state, "sequential estimation and control (IMODE 8, 9)");
   const horizon::HorizonSettings settings = horizon::ReadHorizonSettings(state.store);
   std::optional<horizon::DataFile> data;
   if (settings.csv_read > 0) data = horizon::ReadDataFile(state.app + ".csv");
+  if (imode == 7 && !data) Fatal({"Error: Sequential simulation must have a data (CSV) file"});
+  const bool sequential = imode == 7 || (imode == 4 && state.store.Int("SEQUENTIAL") == 1);
   const int ctrlmode = imode == 6 ? DecideControlMode(state.store) : 1;
   if (imode == 6) CheckTiers(state.store);
   std::vector<horizon::ClassedVariable> classes;
@@ -500,8 +544,10 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
     horizon::ApplyControl(rows, control->cvs, control->mvs, control->settings,
                           !RestartHasTrajectories(state, *control));
   }
-  const int status =
-      SolveReplicated(state, m, warm, /*dynamic=*/true, control ? &*control : nullptr);
+  if (!warm && !sequential) InitialiseStepByStep(state, m);
+  const int status = sequential ? SolveSequential(state, m)
+                                : SolveReplicated(state, m, warm, /*dynamic=*/true,
+                                                  control ? &*control : nullptr);
   files::zpm_files(66, "ic.t0");
   files::zpm_files(83, state.mode_word + ".dxdt");
   if (imode == 5) {

@@ -45,13 +45,14 @@ void CheckSequential(const dbs::OptionStore& o, model::ModelAccess& access, int 
     Say("Switching back to simultaneous solve");
     return;
   }
-  Say("Sequential solve is not available yet: switching to simultaneous solve");
+  Say("Sequential estimation and control (shooting over the free FVs and MVs) are not "
+      "available yet: switching to simultaneous solve");
 }
 
-void PrintSummary(int solver, const SolveOutcome& out) {
+void PrintSummary(const std::string& solver, const SolveOutcome& out) {
   const std::string rule(51, '-');
   Say(rule);
-  Say("Solver         :  " + solvers::SolverDisplayName(solver));
+  Say("Solver         :  " + solver);
   Sayf("Solution time  : {:12.5f} sec", out.seconds);
   Sayf("Objective      : {:16.8E}", out.objective);
   if (out.status == 0) {
@@ -129,9 +130,21 @@ SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
     Say("Use command zpm_get(server,app,'infeasibilities.txt') to retrieve file");
     files::WriteInfeasibilities(kInfeasibilityFile, access.store(), settings.constraint_tol);
   }
-  PrintSummary(solver, out);
+  PrintSummary(solvers::SolverDisplayName(solver), out);
   WriteOutcomeKeys(options, out);
   return out;
+}
+
+void ReportOutcome(dbs::OptionStore& options, model::ModelAccess& access, const std::string& how,
+                   SolveOutcome& out) {
+  access.EvaluateResiduals();
+  out.objective = access.Objective(false);
+  if (out.status != 0) {
+    Say("Creating file: " + std::string(kInfeasibilityFile));
+    files::WriteInfeasibilities(kInfeasibilityFile, access.store(), options.Real("RTOL"));
+  }
+  PrintSummary(how, out);
+  WriteOutcomeKeys(options, out);
 }
 
 }  // namespace kx::driver

@@ -21,4 +21,9 @@ struct SolveOutcome {
 SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
                           solvers::ModelProblem& problem, model::ModelAccess& access);
 
+// The outcome of a solve made some other way (`how` names it in the summary): objective,
+// "infeasibilities.txt" on failure, the summary lines and the outcome keys.
+void ReportOutcome(dbs::OptionStore& options, model::ModelAccess& access, const std::string& how,
+                   SolveOutcome& out);
+
 }  // namespace kx::driver

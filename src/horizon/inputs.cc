@@ -27,8 +27,9 @@ int HorizonRows::Add(int point, std::string name, std::string text, std::string_
   for (size_t i = 0; i < numbers.size(); ++i)
     inputs.push_back({std::string(1, static_cast<char>('a' + i)), numbers[i]});
   const int row = b_.AddRow(std::move(name), std::move(text), expr, inputs, kind);
-  h_.eqn_origin.push_back(-1);
+  h_.eqn_origin.push_back(-2);
   h_.eqn_point.push_back(point);
+  h_.colloc_var.push_back(0);
   return row;
 }
 

@@ -205,6 +205,7 @@ void Replicator::AddModelEquation(int p, int e) {
   h_.store.eqns.push_back(std::move(copy));
   h_.eqn_origin.push_back(e);
   h_.eqn_point.push_back(p);
+  h_.colloc_var.push_back(0);
 }
 
 void Replicator::AddCollocationRows(int p) {
@@ -236,6 +237,7 @@ void Replicator::AddCollocationRows(int p) {
     h_.store.eqns.push_back(std::move(q));
     h_.eqn_origin.push_back(-1);
     h_.eqn_point.push_back(p);
+    h_.colloc_var.push_back(n);
   }
 }
 

@@ -47,8 +47,10 @@ struct Horizon {
   TimeGrid grid;
   model::ModelStore store;               // the replicated model
   int vars_per_point = 0;                // nb: variables of the steady-state model
-  std::vector<int> eqn_origin;           // model equation (0-based) of each row; -1 collocation
+  std::vector<int> eqn_origin;           // model equation (0-based) of each row; -1 collocation,
+                                         // -2 a generated row over several points
   std::vector<int> eqn_point;            // time point (data set) of each row
+  std::vector<int> colloc_var;           // model variable of each collocation row, else 0
   bool data_sets = false;                // copies of a steady-state model, one per data set
   std::vector<HorizonElement> elements;  // differential copies, by variable, step, node
 

@@ -1,0 +1,39 @@
+// horizon/sequential: step-by-step simulation of a replicated model. The horizon start's
+// algebraic block is solved first, then each step in turn: its unknowns are the model's
+// calculated variables at the step's non-initial nodes and the time derivatives of the
+// differential ones there; its rows are the model equations and collocation rows at those
+// nodes. Each step starts from the end of the one before and is a small square system solved
+// by damped Newton steps with a sparse LU, so the result is the simultaneous collocation
+// solution to the tolerance, and a horizon that a simultaneous solve cannot start from a flat
+// guess is still simulated. Parameters (FVs, MVs) and the members of the estimation and
+// control rows hold their values.
+//
+// Used for IMODE 7 and SEQUENTIAL = 1 (the simulation itself) and to start the simultaneous
+// modes 4 to 6 on a cold start.
+#pragma once
+
+#include <string>
+
+#include "horizon/replicate.h"
+#include "model/access.h"
+
+namespace kx::horizon {
+
+struct SequentialSettings {
+  double tolerance = 1e-6;  // largest residual of a solved step (RTOL)
+  int max_iter = 50;        // Newton iterations a step
+};
+
+struct SequentialOutcome {
+  bool ok = false;
+  int steps_solved = 0;     // steps (the start block counting as step 0) solved
+  int failed_step = -1;     // first step that did not solve, -1 when none
+  int iterations = 0;       // Newton iterations of all steps
+  std::string why;          // what stopped a failed step
+};
+
+SequentialOutcome SimulateStepByStep(Horizon& h, const model::ModelStore& base,
+                                     model::ModelAccess& access,
+                                     const SequentialSettings& settings);
+
+}  // namespace kx::horizon
