@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "analysis/sensitivity.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
@@ -11,6 +12,7 @@
 #include "files/replay.h"
 #include "files/restart.h"
 #include "files/results.h"
+#include "horizon/classes.h"
 
 namespace kx::driver {
 namespace {
@@ -106,6 +108,28 @@ void WriteDiagnosticFiles(const CycleState& state) {
     files::WriteDump(imsg, std::string(files::DumpFileName(imsg)), store);
 }
 
+// Derivatives of the solution with respect to every FV and MV (each copy over a horizon).
+void WriteSensitivity(const CycleState& state) {
+  if (!state.model) return;
+  CycleModel& m = *state.model;
+  std::vector<analysis::SensitivityInput> inputs;
+  for (const horizon::ClassedVariable& c :
+       horizon::ClassifyVariables(state.store, m.base, state.flags.imode, 1)) {
+    if (!c.IsInput()) continue;
+    analysis::SensitivityInput in{c.name, {}};
+    if (!m.horizon) {
+      in.numbers.push_back(c.number);
+    } else {
+      for (int p = 0; p < m.horizon->grid.num_points(); ++p)
+        in.numbers.push_back(m.horizon->Number(p, c.number));
+    }
+    inputs.push_back(std::move(in));
+  }
+  ScopedTimer timer("Sensitivity analysis");
+  analysis::WriteSensitivityFiles(*m.access, m.horizon != nullptr && !m.horizon->data_sets,
+                                  inputs, ".");
+}
+
 // Results, then (after a good cycle or at DIAGLEVEL >= 2) sensitivity and the diagnostic
 // files, then the timer table at DIAGLEVEL >= 1.
 void Epilogue(const CycleState& state, int solve_status) {
@@ -113,8 +137,7 @@ void Epilogue(const CycleState& state, int solve_status) {
   Timers().Stop(Timers().Id(kTotalTimer));
   const int diaglevel = state.store.Int("DIAGLEVEL");
   if (solve_status == 0 || diaglevel >= 2) {
-    if (state.store.Int("SENSITIVITY") > 0)
-      Say("Sensitivity analysis is not available yet: SENSITIVITY ignored");
+    if (state.store.Int("SENSITIVITY") > 0) WriteSensitivity(state);
     if (diaglevel >= 2) WriteDiagnosticFiles(state);
   }
   if (diaglevel >= 1) Timers().Print();
