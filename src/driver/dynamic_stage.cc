@@ -287,10 +287,16 @@ SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm,
     ReportStartingPoint(access, dynamic, state.diaglevel);
   }
   CheckSimulationDof(access, state.flags.imode);
-  solvers::ModelProblem problem(access, dynamic, state.app);
-  DerivativeChecks(state, access, problem, dynamic);
-  ReadStartMultipliers(state, access, problem);
-  return SolveProblem(state.store, state.flags.imode, warm, problem, access);
+  const auto reduction = ReduceBeforeSolve(state, access);
+  SolveOutcome out;
+  {
+    solvers::ModelProblem problem(access, dynamic, state.app);
+    DerivativeChecks(state, access, problem, dynamic);
+    ReadStartMultipliers(state, access, problem);
+    out = SolveProblem(state.store, state.flags.imode, warm, problem, access);
+  }
+  RestoreAfterSolve(access, reduction);
+  return out;
 }
 
 // The tiers of a controller, each from the solution of the one before; or one solve.

@@ -110,11 +110,16 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
     ReportStartingPoint(access, /*dynamic=*/false, state.diaglevel);
   }
   CheckSimulationDof(access, imode);
+  const auto reduction = ReduceBeforeSolve(state, access);
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
-  solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
-  DerivativeChecks(state, access, problem, /*dynamic=*/false);
-  ReadStartMultipliers(state, access, problem);
-  const SolveOutcome out = SolveProblem(state.store, imode, warm, problem, access);
+  SolveOutcome out;
+  {
+    solvers::ModelProblem problem(access, /*dynamic=*/false, state.app);
+    DerivativeChecks(state, access, problem, /*dynamic=*/false);
+    ReadStartMultipliers(state, access, problem);
+    out = SolveProblem(state.store, imode, warm, problem, access);
+  }
+  RestoreAfterSolve(access, reduction);
   WriteModelToClasses(m.base, state.store);
   // The restart file and the multipliers in "lam.t0" carry a good solution to the next
   // cycle's warm start; at DIAGLEVEL >= 2 the restart file is written after a failed solve

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "base/report.h"
+#include "base/timers.h"
 #include "base/text.h"
 #include "files/file_routine.h"
 #include "analysis/derivative_check.h"
@@ -32,6 +33,20 @@ int NotSolved(CycleState& state, std::string_view what) {
   state.store.SetGlobal("APPSTATUS", 0);
   state.store.SetGlobal("SOLVESTATUS", 0);
   return -1;
+}
+
+std::optional<analysis::ReductionRecord> ReduceBeforeSolve(const CycleState& state,
+                                                           model::ModelAccess& access) {
+  if (state.store.Int("REDUCE") <= 0) return std::nullopt;
+  ScopedTimer timer("Model reduction");
+  return analysis::ReduceModel(access, state.diaglevel >= 1);
+}
+
+void RestoreAfterSolve(model::ModelAccess& access,
+                       const std::optional<analysis::ReductionRecord>& record) {
+  if (!record) return;
+  analysis::RestoreReduction(access, *record);
+  access.EvaluateResiduals();
 }
 
 void DerivativeChecks(const CycleState& state, model::ModelAccess& access,

@@ -3,6 +3,9 @@
 
 #include <string_view>
 
+#include <optional>
+
+#include "analysis/reduction.h"
 #include "driver/cycle.h"
 #include "solvers/model_problem.h"
 
@@ -23,6 +26,13 @@ int NotSolved(CycleState& state, std::string_view what);
 // derivatives too at 6 (files verify_obj_grad.txt, verify_jacobian.txt, verify_hessian.txt).
 void DerivativeChecks(const CycleState& state, model::ModelAccess& access,
                       solvers::Problem& problem, bool dynamic);
+
+// REDUCE > 0: model reduction before the solve (a line per action at DIAGLEVEL >= 1). The
+// record undoes it after the solve (RestoreAfterSolve).
+std::optional<analysis::ReductionRecord> ReduceBeforeSolve(const CycleState& state,
+                                                           model::ModelAccess& access);
+void RestoreAfterSolve(model::ModelAccess& access,
+                       const std::optional<analysis::ReductionRecord>& record);
 
 // Multipliers of a warm start from "lam.t0", when that file exists.
 void ReadStartMultipliers(const CycleState& state, model::ModelAccess& access,

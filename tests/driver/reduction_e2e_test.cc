@@ -1,0 +1,85 @@
+// Model reduction (REDUCE = 1) through the program: each sweep and each stop from a model
+// written to produce it, and the reduced variables' values in the results.
+#include <sstream>
+
+#include "driver/cycle_fixture.h"
+
+namespace kx::driver {
+namespace {
+
+std::string Model(const std::string& declarations, const std::string& equations) {
+  return "Model app\n  Parameters\n    p = 0\n    q = 0\n  End Parameters\n  Variables\n" +
+         declarations + "  End Variables\n  Equations\n" + equations +
+         "  End Equations\nEnd Model\n";
+}
+
+class Reduction : public CycleTest {
+ protected:
+  RunResult Reduce(const std::string& model) {
+    Write("app.zpm", model);
+    Write("app.dbs", "ZPM.IMODE = 3\nZPM.REDUCE = 1\nZPM.DIAGLEVEL = 1\n");
+    return Run("app -cold");
+  }
+};
+
+TEST_F(Reduction, EachSweepAndItsMessage) {
+  struct Case {
+    const char* what;
+    std::string model;
+    const char* expected;
+    int status;
+  } cases[] = {
+      {"orphan", Model("    x = 1\n    y = 0\n    z = 5\n", "    x + y^2 = 3\n    y = x^3\n"),
+       "Reduce (Orphan): remove variable not in equations\n  Variable: z\n", 1},
+      {"linear chain", Model("    x = 0\n    y = 0\n", "    2*x = 4\n    y = x + 3\n"),
+       "Reduce (LinEq): remove equation and variable\n  Equation: eqn 2\n  Variable remove: y\n",
+       1},
+      {"connection", Model("    x = 1\n    y = 2\n", "    x = y\n    x^2 = 9\n"),
+       "Reduce (Connect): remove equation and variable\n  Equation: eqn 1\n"
+       "  Variable keep  : x\n  Variable remove: y\n",
+       1},
+      {"empty and satisfied", Model("    x = 0\n", "    x = 2\n    x^2 = 4\n"),
+       "Reduce (Empty): remove equation with no remaining variables\n", 1},
+      {"empty and violated", Model("    x = 0\n", "    x = 2\n    x^2 = 5\n"),
+       "Reduce: infeasible equation with no remaining variables\n", 0},
+      {"0*x = 0", Model("    x = 1\n    y = 1\n", "    p*x = q\n    y^2 = 4\n"),
+       "Reduce (Zero): remove linear equation (e.g. 0*x=0)\n", 1},
+      {"bound within 5e-11", Model("    x = 0, <= 1\n", "    x = 1 + 5e-11\n"),
+       "Reduce (LinEq): remove equation and variable\n", 1},
+      {"bound beyond 1e-9", Model("    x = 0, <= 1\n", "    x = 1 + 1e-9\n"),
+       "Reduce (Error): infeasible equation, bound violation\n  Upper Bound: 1\n", 0},
+  };
+  for (const Case& c : cases) {
+    RunResult r = Reduce(c.model);
+    EXPECT_EQ(r.status, c.status) << c.what << "\n" << r.out;
+    EXPECT_TRUE(r.Has(c.expected)) << c.what << "\n" << r.out;
+    if (c.status == 0) {
+      EXPECT_TRUE(r.Has("Stopping...\n")) << c.what;
+    }
+  }
+}
+
+TEST_F(Reduction, ZeroTimesXEqualsOneStops) {
+  Write("app.zpm", Model("    x = 1\n", "    p*x = q\n"));
+  Write("app.dbs", "ZPM.IMODE = 1\nZPM.REDUCE = 1\nq.MEAS = 1\n");
+  Write("app.info", "FV, q\n");
+  RunResult r = Run("app -cold");
+  EXPECT_TRUE(r.Has("Reduce (Error): infeasible equation (e.g. 0*x=1)\n")) << r.out;
+}
+
+TEST_F(Reduction, ReducedValuesReachTheResultsAndRestartFile) {
+  RunResult r = Reduce(Model("    a = 0\n    b = 0\n    c = 1\n    d = 1\n",
+                             "    2*a = 4\n    b = a + 3\n    c = d\n    d^2 + b = 14\n"));
+  ASSERT_EQ(r.status, 1) << r.out;
+  // a and b by LinEq, d by its connection to c; the solver finds c.
+  EXPECT_TRUE(r.Has("Reduction analysis complete\nEliminated 3 of 4 variables\n"
+                    "Eliminated 3 of 4 equations\n"))
+      << r.out;
+  EXPECT_NE(Read("results.csv").find("\n0,0,0,2,5,3.0000"), std::string::npos)
+      << Read("results.csv");
+  EXPECT_NE(Read("rto.t0").find("ss.b = 5 *\nss.c = 3.0000"), std::string::npos) << Read("rto.t0");
+  EXPECT_NE(Read("rto.t0").find("ss.d = 3.0000"), std::string::npos) << Read("rto.t0");
+}
+
+}  // namespace
+}  // namespace kx::driver
