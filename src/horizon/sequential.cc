@@ -6,13 +6,10 @@
 #include <cmath>
 #include <vector>
 
-#include "linalg/sparse_lu.h"
-#include "model/jacobian.h"
+#include "model/block_newton.h"
 
 namespace kx::horizon {
 namespace {
-
-constexpr int kMaxHalvings = 30;  // step cuts of one Newton step before the step fails
 
 // One block: its rows (equation indices) and unknown columns (1..nvar values, nvar + n the
 // time derivative of variable n).
@@ -25,9 +22,9 @@ class StepSolver {
  public:
   StepSolver(Horizon& h, const model::ModelStore& base, model::ModelAccess& access,
              const SequentialSettings& settings)
-      : h_(h), base_(base), store_(h.store), layout_(access.Layout()), settings_(settings) {
-    scratch_.Reserve(layout_);
-    unknown_.assign(2 * store_.nvar + 2, -1);
+      : h_(h), base_(base), store_(h.store), newton_(access) {
+    newton_settings_.tolerance = settings.tolerance;
+    newton_settings_.max_iter = settings.max_iter;
     MarkModelRows();
   }
 
@@ -96,115 +93,19 @@ class StepSolver {
     return PointBlock(points);
   }
 
-  double& Value(int col) {
-    return col <= store_.nvar ? store_.Var(col).val : store_.Var(col - store_.nvar).d_val;
-  }
-
-  // Residuals of the block's rows; with `jac`, also the Jacobian over its unknowns. False when
-  // an evaluation failed (a domain error or a value that is not finite).
-  bool Evaluate(const Block& b, std::vector<double>* res, std::vector<int>* jr,
-                std::vector<int>* jc, std::vector<double>* jv) {
-    res->assign(b.rows.size(), 0.0);
-    if (jv) jr->clear(), jc->clear(), jv->clear();
-    for (size_t i = 0; i < b.rows.size(); ++i) {
-      const int e = b.rows[i];
-      const lang::Program& prog = store_.programs[store_.eqns[e].program];
-      model::GatherInputs(layout_, e, scratch_.in.data());
-      const int before = scratch_.errors.Total();
-      const double r = jv ? prog.Gradient(scratch_.in.data(), scratch_.work.data(),
-                                          scratch_.grad.data(), &scratch_.errors)
-                          : prog.Residual(scratch_.in.data(), scratch_.work.data(),
-                                          &scratch_.errors);
-      if (scratch_.errors.Total() != before || !std::isfinite(r)) return false;
-      (*res)[i] = r;
-      if (!jv) continue;
-      const int first = layout_.slot_begin[e];
-      for (int s = first; s < layout_.slot_begin[e + 1]; ++s) {
-        const int u = unknown_[layout_.slot_column[s]];
-        if (u < 0) continue;
-        jr->push_back(static_cast<int>(i));
-        jc->push_back(u);
-        jv->push_back(scratch_.grad[s - first]);
-      }
-    }
-    return true;
-  }
-
-  static double Norm(const std::vector<double>& r) {
-    double m = 0;
-    for (double v : r) m = std::max(m, std::abs(v));
-    return m;
-  }
-
-  void Move(const Block& b, const std::vector<double>& from, const std::vector<double>& dx,
-            double alpha) {
-    for (size_t j = 0; j < b.cols.size(); ++j) {
-      double v = from[j] + alpha * dx[j];
-      const int c = b.cols[j];
-      if (c <= store_.nvar) v = std::clamp(v, store_.Var(c).lower, store_.Var(c).upper);
-      Value(c) = v;
-    }
-  }
-
   bool Solve(const Block& b, SequentialOutcome* out) {
     if (b.rows.empty() && b.cols.empty()) return true;
-    if (b.rows.size() != b.cols.size()) {
-      out->why = fmt::format("{} equations for {} unknowns", b.rows.size(), b.cols.size());
-      return false;
-    }
-    for (size_t j = 0; j < b.cols.size(); ++j) unknown_[b.cols[j]] = static_cast<int>(j);
-    const bool ok = Newton(b, out);
-    for (int c : b.cols) unknown_[c] = -1;
-    return ok;
-  }
-
-  bool Newton(const Block& b, SequentialOutcome* out) {
-    std::vector<double> res, trial, jv, x(b.cols.size()), dx;
-    std::vector<int> jr, jc;
-    const int n = static_cast<int>(b.cols.size());
-    for (int it = 0; it < settings_.max_iter; ++it) {
-      for (int j = 0; j < n; ++j) x[j] = Value(b.cols[j]);
-      if (!Evaluate(b, &res, &jr, &jc, &jv)) {
-        out->why = "the equations cannot be evaluated at the step's start";
-        return false;
-      }
-      const double norm = Norm(res);
-      if (norm <= settings_.tolerance) return true;
-      ++out->iterations;
-      if (!lu_.Factor(n, jr, jc, jv)) {
-        out->why = "singular step Jacobian";
-        return false;
-      }
-      dx = res;
-      for (double& v : dx) v = -v;
-      if (!lu_.Solve(dx)) {
-        out->why = "linear solve failed";
-        return false;
-      }
-      double alpha = 1.0;
-      int cuts = 0;
-      for (; cuts < kMaxHalvings; ++cuts, alpha /= 2) {
-        Move(b, x, dx, alpha);
-        if (Evaluate(b, &trial, nullptr, nullptr, nullptr) && Norm(trial) < norm) break;
-      }
-      if (cuts == kMaxHalvings) {
-        Move(b, x, dx, 0.0);
-        out->why = fmt::format("no decrease of the residual {:.3e}", norm);
-        return false;
-      }
-    }
-    out->why = fmt::format("no convergence in {} iterations", settings_.max_iter);
-    return false;
+    const model::NewtonResult r = newton_.Solve(b.rows, b.cols, newton_settings_);
+    out->iterations += r.iterations;
+    if (!r.ok) out->why = r.why;
+    return r.ok;
   }
 
   Horizon& h_;
   const model::ModelStore& base_;
   model::ModelStore& store_;
-  const model::EquationLayout& layout_;
-  SequentialSettings settings_;
-  model::EvalScratch scratch_;
-  linalg::SparseLu lu_;
-  std::vector<int> unknown_;                    // unknown index of each column, -1 for none
+  model::NewtonSettings newton_settings_;
+  model::BlockNewton newton_;
   std::vector<char> model_row_;                 // the row belongs to the model itself
   std::vector<std::vector<int>> rows_at_point_;  // model rows of each point
 };
