@@ -13,7 +13,7 @@
 # that the untouched tree builds and passes; a red baseline would make every fault "caught".
 #
 # Usage: scripts/plant-faults.sh [-C TREE] [-B BUILD] [-f FAULTS] [-o TABLE] [-t SECONDS]
-#                                [-w SECONDS] [-a] [-n] [-only ID,ID,...]
+#                                [-w SECONDS] [-a] [-n] [-R] [-only ID,ID,...]
 #   -C TREE     source tree to plant the faults in (default: this script's checkout)
 #   -B BUILD    its configured build directory (default: TREE/build)
 #   -f FAULTS   fault list (default: scripts/faults.txt beside this script)
@@ -23,6 +23,7 @@
 #   -a          run every test for each fault (default: ctest stops at the first failure,
 #               which is all a verdict needs, and names only the tests that failed by then)
 #   -n          skip the baseline check
+#   -R          run nothing: print the table of the last study in BUILD again
 #   -only IDS   run only these fault numbers (1-based, comma separated)
 # Per-fault build and test logs go to BUILD/fault-study/.
 set -u
@@ -37,6 +38,7 @@ suite_limit=600
 baseline=1
 only=""
 stop_on_failure="--stop-on-failure"
+report_only=0
 
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -48,6 +50,7 @@ while [ $# -gt 0 ]; do
     -w) suite_limit="$2"; shift 2 ;;
     -a) stop_on_failure=""; shift ;;
     -n) baseline=0; shift ;;
+    -R) report_only=1; shift ;;
     -only) only=",$2,"; shift 2 ;;
     *) echo "unknown argument: $1" >&2; exit 2 ;;
   esac
@@ -121,6 +124,9 @@ open(full, "w").write(text.replace(old, new))
 EOF
 }
 
+if [ $report_only -eq 1 ]; then
+  baseline=0
+fi
 if [ $baseline -eq 1 ]; then
   echo "baseline: building and testing the untouched tree ..."
   if ! build_tree "$logs/baseline-build.log"; then
@@ -134,9 +140,9 @@ if [ $baseline -eq 1 ]; then
 fi
 
 results="$logs/results.tsv"
-: >"$results"
+[ $report_only -eq 1 ] || : >"$results"
 id=0
-while IFS=$'\t' read -r file old new label || [ -n "$file" ]; do
+[ $report_only -eq 1 ] || while IFS=$'\t' read -r file old new label || [ -n "$file" ]; do
   case "$file" in ''|'#'*) continue ;; esac
   id=$((id + 1))
   if [ -n "$only" ] && [[ "$only" != *",$id,"* ]]; then continue; fi
@@ -165,17 +171,19 @@ while IFS=$'\t' read -r file old new label || [ -n "$file" ]; do
   fi
   restore
   seconds=$(( $(date +%s) - started ))
-  printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$id" "$status" "$file" "$label" "$detail" "$seconds" \
+  printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$id" "$status" "$file" "$label" "${detail:--}" "$seconds" \
     >>"$results"
   printf '%3d  %-14s %-32s %s  (%ss)\n' "$id" "$status" "$file" "$label" "$seconds"
 done <"$faults"
 
 # Leave the build matching the restored tree.
-build_tree "$logs/final-build.log" || echo "warning: the restored tree did not rebuild" >&2
+if [ $report_only -eq 0 ]; then
+  build_tree "$logs/final-build.log" || echo "warning: the restored tree did not rebuild" >&2
+fi
 
 report() {
-  echo "Planted-fault study: $(git -C "$tree" rev-parse --short HEAD 2>/dev/null) $(date -u '+%Y-%m-%d %H:%M UTC')"
-  echo "tree $tree, fault list $(basename "$faults"), ctest -j2 --timeout $test_timeout"
+  echo "Planted-fault study: $(git -C "$tree" rev-parse --short HEAD 2>/dev/null) $(date -u -r "$results" '+%Y-%m-%d %H:%M UTC')"
+  echo "tree $tree, fault list $(basename "$faults"), ctest -j2 --timeout $test_timeout $stop_on_failure"
   echo
   printf '%-3s  %-14s %-34s %-52s %s\n' "id" "status" "file" "fault" "failing tests"
   while IFS=$'\t' read -r i s f l d sec; do

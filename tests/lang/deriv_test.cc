@@ -118,6 +118,15 @@ TEST(Deriv, TimeDerivativeIsItsOwnColumn) {
   EXPECT_EQ(grad, (std::vector<double>{1, -3, -2}));
 }
 
+TEST(Deriv, AbsoluteValueHasSlopeZeroAtZero) {
+  Compiler compiler;
+  Symbols symbols;
+  const Compiled c = Compile(&compiler, &symbols, "abs(x) + 2*y");
+  std::vector<double> in = {0, 1}, work(c.program.work_size()), grad(2);
+  c.program.Gradient(in.data(), work.data(), grad.data(), nullptr);
+  EXPECT_EQ(grad, (std::vector<double>{0, 2}));
+}
+
 TEST(Deriv, DerivativeCodeStaysCloseToResidualSize) {
   Compiler compiler;
   Symbols symbols;

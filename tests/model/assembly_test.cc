@@ -279,7 +279,7 @@ TEST(Assembly, StopsNameTheFaultAndTheSizes) {
   // A row added after the caller sized its vectors: the cached structure is rebuilt.
   ModelStore grown = MakeModel({{"x", 1}, {"y", 2}}, {{"x*y - 2"}});
   ModelAccess mg(grown);
-  ModelStore derivative = MakeModel({{"x", 1}, {"y", 2}}, {{"x - 1"}, {"x*$y", true}});
+  ModelStore derivative = MakeModel({{"x", 1}, {"y", 2}}, {{"x - 1"}, {"$x*y", true}});
   ModelAccess md(derivative);
   ModelStore outside = MakeModel({{"x", 1}, {"y", 2}}, {{"x - 1"}, {"x*y", true}});
   outside.eqns[1].columns[1] = 5;  // no variable position 5 in a model of two variables

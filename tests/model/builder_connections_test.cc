@@ -46,6 +46,16 @@ TEST(Connections, ReverseConnectionLeavesOneVariable) {
   EXPECT_EQ(r.store.vars[testing::Find(r.store, "a")].aliases, std::vector<std::string>{"b"});
 }
 
+TEST(Connections, MergedRecordKeepsTheFixedMarkOfSideA) {
+  ScratchDir dir;
+  for (const char* c : {"a = p", "p = a"}) {
+    auto r = Build(WithConnections(c), dir);
+    ASSERT_FALSE(r.stopped) << r.output;
+    const int survivor = ResolveForward(r.store, testing::Find(r.store, "a"));
+    EXPECT_EQ(r.store.vars[survivor].fixed, c[0] == 'p') << c;
+  }
+}
+
 TEST(Connections, FixedCalculatedAndValues) {
   ScratchDir dir;
   auto r = Build(WithConnections("a = fixed\nb = 2.5\np = calculated\nb = fixed\nc = 1d1"), dir);
