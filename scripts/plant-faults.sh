@@ -13,7 +13,7 @@
 # that the untouched tree builds and passes; a red baseline would make every fault "caught".
 #
 # Usage: scripts/plant-faults.sh [-C TREE] [-B BUILD] [-f FAULTS] [-o TABLE] [-t SECONDS]
-#                                [-w SECONDS] [-a] [-n] [-R] [-only ID,ID,...]
+#                                [-w SECONDS] [-a] [-n] [-R] [-only ID,ID,...] [-x 'EXE ...']
 #   -C TREE     source tree to plant the faults in (default: this script's checkout)
 #   -B BUILD    its configured build directory (default: TREE/build)
 #   -f FAULTS   fault list (default: scripts/faults.txt beside this script)
@@ -25,6 +25,8 @@
 #   -n          skip the baseline check
 #   -R          run nothing: print the table of the last study in BUILD again
 #   -only IDS   run only these fault numbers (1-based, comma separated)
+#   -x 'EXE...' instead of ctest, run only these test executables of BUILD/tests (e.g. to ask
+#               which faults one folder's tests catch on their own)
 # Per-fault build and test logs go to BUILD/fault-study/.
 set -u
 
@@ -39,6 +41,7 @@ baseline=1
 only=""
 stop_on_failure="--stop-on-failure"
 report_only=0
+executables=""
 
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -51,6 +54,7 @@ while [ $# -gt 0 ]; do
     -a) stop_on_failure=""; shift ;;
     -n) baseline=0; shift ;;
     -R) report_only=1; shift ;;
+    -x) executables="$2"; shift 2 ;;
     -only) only=",$2,"; shift 2 ;;
     *) echo "unknown argument: $1" >&2; exit 2 ;;
   esac
@@ -82,12 +86,32 @@ build_tree() {  # $1 log file; returns the build status
 }
 
 run_tests() {  # $1 log file; returns 0 green, 1 failures, 2 whole-suite time limit
+  [ -z "$executables" ] || { run_executables "$1"; return; }
   (cd "$build" && timeout -k 10 "$suite_limit" nice ctest -j2 --timeout "$test_timeout" $stop_on_failure \
      >"$1" 2>&1)
   local rc=$?
   [ $rc -eq 0 ] && return 0
   [ $rc -eq 124 ] || [ $rc -eq 137 ] && return 2
   return 1
+}
+
+run_executables() {  # as run_tests, for the -x executables
+  local exe rc=0
+  : >"$1"
+  for exe in $executables; do
+    timeout -k 10 "$suite_limit" nice "$build/tests/$exe" --gtest_brief=1 >>"$1" 2>&1
+    case $? in
+      0) ;;
+      124|137) echo "The following tests FAILED:" >>"$1"; echo "	0 - $exe (timeout)" >>"$1"; return 2 ;;
+      *) rc=1 ;;
+    esac
+  done
+  if [ $rc -ne 0 ]; then
+    echo "The following tests FAILED:" >>"$1"
+    grep -E '^\[  FAILED  \] [A-Za-z]' "$1" | grep -v ' tests\?, listed below' |
+      sed -E 's/^\[  FAILED  \] ([^ ]+).*/	0 - \1/' | sort -u >>"$1"
+  fi
+  return $rc
 }
 
 # Failing test names from a ctest log, comma separated (at most five, then a count).
@@ -183,7 +207,11 @@ fi
 
 report() {
   echo "Planted-fault study: $(git -C "$tree" rev-parse --short HEAD 2>/dev/null) $(date -u -r "$results" '+%Y-%m-%d %H:%M UTC')"
-  echo "tree $tree, fault list $(basename "$faults"), ctest -j2 --timeout $test_timeout $stop_on_failure"
+  if [ -n "$executables" ]; then
+    echo "tree $tree, fault list $(basename "$faults"), only the test executables: $executables"
+  else
+    echo "tree $tree, fault list $(basename "$faults"), ctest -j2 --timeout $test_timeout $stop_on_failure"
+  fi
   echo
   printf '%-3s  %-14s %-34s %-52s %s\n' "id" "status" "file" "fault" "failing tests"
   while IFS=$'\t' read -r i s f l d sec; do
