@@ -4,56 +4,12 @@
 
 #include "base/report.h"
 #include "base/timers.h"
-#include "files/files_help.h"
 #include "testing/scratch_dir.h"
 
 namespace kx::files {
 namespace {
 
 using kx::testing::WorkingDir;
-
-TEST(FileRoutineHelp, ListsEverySectionAndCodeInOrder) {
-  OutputCapture out;
-  ASSERT_EQ(zpm_files(0), 0);
-  std::vector<std::string> lines = out.lines();
-  EXPECT_EQ(lines.front(), "SUBROUTINE: zpm_files (imsg,filename)");
-  EXPECT_NE(out.text().find("optional for imsg=0"), std::string::npos);
-  const char* in_order[] = {
-      "*** restart files ***",
-      "1 = READ restart file",
-      "lines are acceptable.  No specs are read.",
-      " 4 = READ a restart file from a different problem type solution",
-      " 5 = READ a restart file from the same type problem solution and same variable order",
-      "Use this option for long restart files (e.g. dynamic simulations) or when",
-      "variable order is expected to be constant.  Also reads specs.",
-      " 12 = Read lagrange multipliers only for warmstart from lam.t0.",
-      "14 = WRITE binary restart file (not supported)",
-      "*** model equations and variables ***",
-      " 25 = WRITE variables, aliases, type, differential type, and list numbers, etc (all "
-      "equations and variables)",
-      "*** model definition files and reports ***",
-      " 32 = WRITE zpm definition file, model definition file (mdf), and info file for steady",
-      "state or dynamic simulations",
-      "34 = WRITE sparsity.unt (dummy file)",
-      "*** plot and history files ***",
-      "*** dbs files ***",
-      "55 = READ dbs file header and initialize",
-      "*** json files ***",
-      "58 = TODO: READ json file header and initialize",
-      "*** initial condition transfer file export ***",
-      "*** initial condition transfer file import ***",
-      "76 = READ transfer file into control problem",
-      "*** measurements and derivatives ***",
-      "82 = READ a measurement file ",
-      "*** web reports ***",
-      "93 = WRITE xml plot files for custom trends"};
-  size_t at = 0;
-  for (const char* want : in_order) {
-    auto it = std::find(lines.begin() + at, lines.end(), want);
-    ASSERT_NE(it, lines.end()) << "missing or out of order: " << want;
-    at = it - lines.begin();
-  }
-}
 
 TEST(FileRoutine, UnknownCodeStopsAndUnbuiltCodesSaySo) {
   dbs::OptionStore store;

@@ -8,7 +8,7 @@ namespace kx::files {
 namespace {
 
 TEST(InfoFile, ParsesDeclarationsInFileOrder) {
-  auto entries = ParseInfoText("! classes\n\nFV, K\n  mv ,valve\nSv temp\n# done\nCV,tank.level\n",
+  auto entries = ParseInfoText("! classes\n\nFV, K\n  mv ,valve\nSv temp\n# done\n% note\nCV,tank.level\n",
                                "app.info");
   ASSERT_EQ(entries.size(), 4u);
   EXPECT_EQ(entries[0].name, "k");
@@ -16,7 +16,7 @@ TEST(InfoFile, ParsesDeclarationsInFileOrder) {
   EXPECT_EQ(entries[1].name, "valve");
   EXPECT_EQ(entries[2].cls, dbs::VarClass::kSV);
   EXPECT_EQ(entries[3].name, "tank.level");
-  EXPECT_EQ(entries[3].line, 7);
+  EXPECT_EQ(entries[3].line, 8);
 }
 
 TEST(InfoFile, BadLinesStopNamingTheLine) {

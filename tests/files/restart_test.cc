@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "base/report.h"
 #include "files/dumps.h"
 #include "files/file_routine.h"
@@ -49,10 +51,11 @@ TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
   for (const auto& [name, root] : cases) EXPECT_EQ(RootName(name), root) << name;
 }
 
+// Lists b before a and p fixed; a line "q" names nothing in the model.
+constexpr const char* kMixedFile =
+    "! header line\n\nss.b = 20 *\np(1).n(1).a = 10\nss.p = 5\nq = 7 *\nnot a value line\n";
+
 TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
-  // The file lists b before a and p fixed; a line "q" names nothing in the model.
-  const char* kFile =
-      "! header line\n\nss.b = 20 *\np(1).n(1).a = 10\nss.p = 5\nq = 7 *\nnot a value line\n";
   struct Case {
     RestartRead how;
     State want;
@@ -74,7 +77,7 @@ TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
       {RestartRead::kCalculatedOnly, {1, 10, 20, true, false}, 2},
   };
   WorkingDir dir("kx_restart_read");
-  dir.Write("r.t0", kFile);
+  dir.Write("r.t0", kMixedFile);
   for (const Case& c : cases) {
     model::ModelStore store = Build();
     RestartStats stats;
@@ -87,6 +90,29 @@ TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
     EXPECT_EQ(s.p_fixed, c.want.p_fixed);
     EXPECT_EQ(s.a_fixed, c.want.a_fixed);
     EXPECT_EQ(stats.matched, c.matched);
+  }
+}
+
+TEST(RestartRead, FileRoutineRequestsPickTheirReadingRule) {
+  WorkingDir dir("kx_restart_requests");
+  dir.Write("r.t0", kMixedFile);
+  const std::pair<int, RestartRead> requests[] = {
+      {1, RestartRead::kByName},          {4, RestartRead::kByRoot},
+      {5, RestartRead::kByPosition},      {6, RestartRead::kSpecsOnly},
+      {7, RestartRead::kByRootWithSpecs}, {8, RestartRead::kSmart},
+      {11, RestartRead::kCalculatedOnly}};
+  for (const auto& [imsg, how] : requests) {
+    model::ModelStore routed = Build(), direct = Build();
+    model::ModelAccess access(routed);
+    dbs::OptionStore options;
+    FileRoutine routine(options, "m");
+    routine.set_model(&access);
+    ASSERT_EQ(routine.Run(imsg, "r.t0"), 0) << imsg;
+    ASSERT_TRUE(ReadRestart("r.t0", how, direct));
+    const State a = StateOf(routed), b = StateOf(direct);
+    EXPECT_EQ(std::tie(a.p, a.a, a.b, a.p_fixed, a.a_fixed),
+              std::tie(b.p, b.a, b.b, b.p_fixed, b.a_fixed))
+        << "request " << imsg;
   }
 }
 

@@ -1,5 +1,5 @@
-// Compiler: storage limits, one-time evaluation with its stops, domain-fault counting during
-// evaluation, name faults, and the opcode listing of a small expression.
+// Compiler: storage limits, domain-fault counting during evaluation, name faults and program
+// storage. One-time evaluation and the opcode listing are golden files (tests/golden/).
 #include "lang/compiler.h"
 
 #include <gtest/gtest.h>
@@ -58,33 +58,29 @@ bool Compiles(int max_memory, const std::string& text) {
   }
 }
 
-TEST(CompilerLimits, TooManyColumns) {
-  EXPECT_EQ(CompileLines(2, SumOf("#", 101)),
-            (std::vector<std::string>{"The number of variables in each equation is limited to 100",
-                                      "Increase size of ideriv and deriv with MAX_MEMORY",
-                                      "STOPPING..."}));
+// Each storage limit is 10^MAX_MEMORY: `text` stops at max_memory and compiles one level up.
+TEST(CompilerLimits, EachLimitStopsAtItsSizeAndGrowsWithMaxMemory) {
+  std::string product = "v1";  // a short gradient, but 66 distinct cross derivatives
+  for (int k = 2; k <= 12; ++k) product += "*v" + std::to_string(k);
+  struct Case {
+    std::string text;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {SumOf("#", 101),
+       {"The number of variables in each equation is limited to 100",
+        "Increase size of ideriv and deriv with MAX_MEMORY", "STOPPING..."}},
+      {SumOf("sin(#)*#", 60),
+       {"Error: Not enough memory to compile model 1st derivatives",
+        "Increase MAX_MEMORY 10^(2-10), Currently: 10^2", "Stopping..."}},
+      {product,
+       {"Error: Not enough memory to compile model 2nd derivatives",
+        "Increase MAX_MEMORY 10^(2-10), Currently: 10^2", "Stopping..."}},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(CompileLines(2, c.text), c.lines);
+    EXPECT_TRUE(Compiles(3, c.text)) << c.lines.front();
+  }
   EXPECT_TRUE(Compiles(2, SumOf("#", 100)));
-  EXPECT_TRUE(Compiles(3, SumOf("#", 101)));  // the limit grows with MAX_MEMORY
-}
-
-TEST(CompilerLimits, FirstDerivativeStorageGrowsWithMaxMemory) {
-  const std::string text = SumOf("sin(#)*#", 60);
-  EXPECT_EQ(CompileLines(2, text),
-            (std::vector<std::string>{"Error: Not enough memory to compile model 1st derivatives",
-                                      "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
-                                      "Stopping..."}));
-  EXPECT_TRUE(Compiles(3, text));
-}
-
-TEST(CompilerLimits, SecondDerivativeStorage) {
-  // A product of 12 variables: a short gradient, but 66 distinct cross derivatives.
-  std::string text = "v1";
-  for (int k = 2; k <= 12; ++k) text += "*v" + std::to_string(k);
-  EXPECT_EQ(CompileLines(2, text),
-            (std::vector<std::string>{"Error: Not enough memory to compile model 2nd derivatives",
-                                      "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
-                                      "Stopping..."}));
-  EXPECT_TRUE(Compiles(3, text));
 }
 
 TEST(CompilerLimits, LargeLinearEquationWithinCapacity) {
@@ -128,33 +124,6 @@ TEST(Compiler, UnknownNameIsAnInvalidElement) {
             (std::vector<std::string>{"Invalid element: qq",
                                       "*** Error in syntax of function string: x + Qq*2",
                                       "Position: 5", "STOPPING..."}));
-  EXPECT_EQ(StopLines([&] { compiler.EvalOnce("2*x", symbols.resolver()); }),
-            (std::vector<std::string>{"Invalid element: x",
-                                      "*** Error in syntax of function string: 2*x",
-                                      "Position: 3", "STOPPING..."}));
-}
-
-TEST(EvalOnce, DomainFaultsStop) {
-  struct Case {
-    const char* text;
-    const char* message;
-  } cases[] = {
-      {"acos(2)", "ERROR in Constants: Arc-cos (Acos) argument <-1 or >1"},
-      {"asin(-1.5)", "ERROR in Constants: Arc-sin (Asin) argument <-1 or >1"},
-      {"sqrt(-1)", "ERROR in Constants: Sqrt argument negative"},
-      {"1 + log(-c)", "ERROR in Constants: Natural Log argument negative"},
-      {"log(0)", "ERROR in Constants: Natural Log argument negative"},
-      {"log10(-2)", "ERROR in Constants: Log10 argument negative"},
-      {"1/(c-2.5)", "ERROR in Constants: Divide by zero"},
-      {"0*(1/0)", "ERROR in Constants: Divide by zero"},
-  };
-  Compiler compiler;
-  Symbols symbols;
-  for (const Case& c : cases)
-    EXPECT_EQ(StopLines([&] { compiler.EvalOnce(c.text, symbols.resolver()); }),
-              (std::vector<std::string>{c.message, "STOPPING..."}))
-        << c.text;
-  EXPECT_DOUBLE_EQ(compiler.EvalOnce("sqrt(0) + acos(1) + 0^0", symbols.resolver()), 1);
 }
 
 TEST(DomainErrors, CountedDuringEvaluationAndValueIsNaN) {
@@ -214,47 +183,6 @@ TEST(DomainErrors, ReportPrintsSixCountLines) {
   EXPECT_EQ(lines[3].rfind("Count: Argument of SQRT negative", 0), 0u);
   EXPECT_EQ(lines[4].rfind("Count: Argument of ASIN illegal", 0), 0u);
   EXPECT_EQ(lines[5].substr(lines[5].find_last_of(' ') + 1), "12");
-}
-
-TEST(Program, GoldenListing) {
-  Compiler compiler;
-  Symbols symbols;
-  const Compiled c = Compile(&compiler, &symbols, "x*y + sin(x)");
-  EXPECT_EQ(c.program.Listing(),
-            "Byte Code 5\n"
-            "     0  input   in[0]\n"
-            "     1  input   in[1]\n"
-            "     2  mul     w0 w1\n"
-            "     3  sin     w0\n"
-            "     4  add     w2 w3\n"
-            "1st Deriv 2\n"
-            "     5  cos     w0\n"
-            "     6  add     w1 w5\n"
-            "2nd Deriv 2\n"
-            "     7  const   1\n"
-            "     8  neg     w3\n"
-            "residual = w4\n"
-            "d/d in[0] = w6\n"
-            "d/d in[1] = w0\n"
-            "d2/d in[0] d in[0] = w8\n"
-            "d2/d in[1] d in[0] = w7\n");
-  EXPECT_EQ(c.program.residual_size(), 5);
-  EXPECT_EQ(c.program.first_size(), 2);
-  EXPECT_EQ(c.program.second_size(), 2);
-}
-
-TEST(Program, CopiesEvaluateLikeTheOriginal) {
-  Compiler compiler;
-  Symbols symbols;
-  std::vector<Program> store;
-  std::vector<int> columns;
-  for (const char* t : {"x*y", "exp(x) - y", "x/y"})
-    store.push_back(compiler.CompileEquation(1, t, symbols.resolver(), &columns));
-  const std::vector<Program> copy = store;
-  std::vector<double> in = {1.5, 2}, work(16);
-  EXPECT_DOUBLE_EQ(copy[0].Residual(in.data(), work.data(), nullptr), 3);
-  EXPECT_DOUBLE_EQ(copy[1].Residual(in.data(), work.data(), nullptr), std::exp(1.5) - 2);
-  EXPECT_DOUBLE_EQ(copy[2].Residual(in.data(), work.data(), nullptr), 0.75);
 }
 
 // Programs compiled one after another share storage chunks; each copy keeps what it reads

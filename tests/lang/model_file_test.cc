@@ -4,6 +4,7 @@
 
 #include "base/report.h"
 #include "testing/scratch_dir.h"
+#include "testing/stop_lines.h"
 
 namespace kx::lang {
 namespace {
@@ -62,6 +63,15 @@ TEST(ModelFileDeclarations, ValuesBoundsAndDefaults) {
   EXPECT_DOUBLE_EQ(m.variables[6].value, 2 * 3.141592653589793);
 }
 
+TEST(ModelFileDeclarations, ValuesReadConstantsAndEarlierDeclarations) {
+  ParsedModel m = Read("Constants\nk = 0.5\nEnd Constants\nParameters\np = 4\nEnd Parameters\n"
+                       "Variables\na[1:2] = p*k\nb = a[2] + sqrt(p), <= 9\nEnd Variables\n");
+  ASSERT_EQ(m.variables.size(), 3u);
+  EXPECT_DOUBLE_EQ(m.variables[1].value, 2.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].value, 4.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
+}
+
 TEST(ModelFileConstants, ReadEarlierConstantsAndDExponents) {
   ParsedModel m = Read("Constants\na = 2\nb = a^3 + 2.5d1\nEnd Constants\n");
   ASSERT_EQ(m.constants.size(), 2u);
@@ -113,7 +123,6 @@ TEST(ModelFileObjectsAndConnections, Stored) {
   ASSERT_EQ(m.connections.size(), 2u);
   EXPECT_EQ(m.connections[0].a, "a");
   EXPECT_EQ(m.connections[1].number, 2);
-  EXPECT_EQ(ObjectTypeKeywords().size(), 38u);
 }
 
 TEST(ModelFileFiles, EmbeddedFileIsWrittenVerbatim) {
@@ -123,6 +132,38 @@ TEST(ModelFileFiles, EmbeddedFileIsWrittenVerbatim) {
   ParsedModel m = Read("File data.csv\ntime, u\n! not a comment here\n0, 1\nEnd File\n", o);
   EXPECT_EQ(m.files_written, (std::vector<std::string>{"data.csv"}));
   EXPECT_EQ(dir.Read("data.csv"), "time, u\n! not a comment here\n0, 1\n");
+}
+
+// The stops of the reader are golden files (tests/golden/input/reader.zpm); the line-length
+// limits need generated lines.
+TEST(ModelFileLines, LengthLimitsOfLinesAndContinuations) {
+  const std::string long_line = "x = 1" + std::string(15000 - 5 + 1, ' ');
+  // "x = 1" and "+0...01" joined without the '&': 15000 characters.
+  const std::string joined = "x = 1&\n+" + std::string(15000 - 7, '0') + "1";
+  EXPECT_NO_THROW(Read(Vars(long_line.substr(0, 15000))));
+  EXPECT_NO_THROW(Read(Vars(joined)));
+  auto stop = [](const std::string& text) {
+    return kx::testing::StopLines([&] { Read(text); });
+  };
+  const std::vector<std::string> too_long = stop(Vars(long_line));
+  ASSERT_EQ(too_long.size(), 7u);
+  EXPECT_EQ(too_long[0], "Error with line number: 3");
+  EXPECT_EQ(too_long[1], "ZPM model error: string >15000 characters");
+  EXPECT_EQ(stop(Vars("x = 1 &\n" + std::string(14995, '0'))),
+            (std::vector<std::string>{"ZPM model error: equation continuation > 15000 characters",
+                                      "Consider breaking up the line into multiple equations",
+                                      "STOPPING..."}));
+}
+
+TEST(ModelFileLines, MissingModelFileStops) {
+  kx::testing::ScratchDir dir("kx_model_file_missing");
+  const std::string missing = dir.File("absent.zpm");
+  Compiler compiler;
+  ModelFileReader reader(&compiler, {});
+  EXPECT_EQ(kx::testing::StopLines([&] { reader.Read(missing); }),
+            (std::vector<std::string>{"Parsing model file " + missing,
+                                      "Error: File " + missing + " not available.",
+                                      "STOPPING..."}));
 }
 
 }  // namespace

@@ -46,6 +46,16 @@ TEST(Connections, ReverseConnectionLeavesOneVariable) {
   EXPECT_EQ(r.store.vars[testing::Find(r.store, "a")].aliases, std::vector<std::string>{"b"});
 }
 
+TEST(Connections, MergedRecordKeepsTheFixedMarkOfSideA) {
+  ScratchDir dir;
+  for (const char* c : {"a = p", "p = a"}) {
+    auto r = Build(WithConnections(c), dir);
+    ASSERT_FALSE(r.stopped) << r.output;
+    const int survivor = ResolveForward(r.store, testing::Find(r.store, "a"));
+    EXPECT_EQ(r.store.vars[survivor].fixed, c[0] == 'p') << c;
+  }
+}
+
 TEST(Connections, FixedCalculatedAndValues) {
   ScratchDir dir;
   auto r = Build(WithConnections("a = fixed\nb = 2.5\np = calculated\nb = fixed\nc = 1d1"), dir);
@@ -76,16 +86,6 @@ TEST(Connections, UnknownNameWritesValidNamesAndStops) {
   EXPECT_TRUE(Has(f.output, "unable to locate variable"));
 }
 
-TEST(Connections, WildcardWithPrefixAndEcho) {
-  ScratchDir dir;
-  auto r = Build(WithConnections("tank.* = a"), dir, 4);
-  ASSERT_TRUE(r.stopped);
-  EXPECT_TRUE(Has(r.output, "Connection # 1\nA: tank.*\nB: a\n"
-                            "Connection # 1\nA: tank.*\nB: a\n"
-                            "Error: Connection with prefix cannot have wildcard\nStopping..."))
-      << r.output;
-}
-
 TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   ModelStore s;
   s.vars.resize(3);
@@ -101,6 +101,9 @@ TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   OutputCapture out;
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 2: POSSIBLE INFINITE LOOP"));
+  s.vars[1].aliases.assign(kMaxAliasSteps + 1, "w");  // the survivor's own list
+  EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
+  EXPECT_TRUE(out.Contains("zpm_variable_connect - 1: POSSIBLE INFINITE LOOP"));
 }
 
 }  // namespace

@@ -90,7 +90,6 @@ TEST(Checks, ActiveMarks) {
     v.upper = c.upper;
     EXPECT_EQ(ActiveMark(v), c.mark) << c.val << " " << c.lower << " " << c.upper;
   }
-  EXPECT_EQ(kActiveTolerance, 9.999999747378752e-06);
 }
 
 TEST(Checks, DifferentialVariableIsFixedOnlyAtTheFirstNode) {

@@ -1,0 +1,291 @@
+// Golden-file tests: the printed texts users read (messages, stop lines, help texts, byte-code
+// listings) compared verbatim with the files under tests/golden/expected/. Each line of
+// tests/golden/cases.txt is one case: its name (the expected file is expected/NAME.txt), what
+// it runs, and its input file under tests/golden/input/. See tests/golden/README.md for the
+// input formats and for regenerating the expected files on purpose (KX_UPDATE_GOLDEN=1).
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/report.h"
+#include "base/text.h"
+#include "files/file_routine.h"
+#include "lang/lang_testing.h"
+#include "lang/model_file.h"
+#include "model/builder.h"
+#include "model/help_texts.h"
+#include "model/routines.h"
+#include "testing/scratch_dir.h"
+
+namespace kx {
+namespace {
+
+const std::string kGoldenDir = KX_SOURCE_DIR "/tests/golden";
+
+struct GoldenCase {
+  std::string name;   // expected/NAME.txt
+  std::string kind;   // what runs: syntax, eval, listing, reader, build, files-help
+  std::string input;  // file under input/, "-" for none
+};
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::vector<GoldenCase> LoadCases() {
+  std::vector<GoldenCase> cases;
+  std::istringstream in(ReadFile(kGoldenDir + "/cases.txt"));
+  for (std::string line; std::getline(in, line);) {
+    if (Trim(line).empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    GoldenCase c;
+    fields >> c.name >> c.kind >> c.input;
+    cases.push_back(c);
+  }
+  return cases;
+}
+
+// Appends the captured lines of `body`, then "(stopped)" when it raised a stop.
+void RunCaptured(std::string* out, const std::function<void()>& body) {
+  OutputCapture capture;
+  bool stopped = false;
+  try {
+    body();
+  } catch (const Stop&) {
+    stopped = true;
+  }
+  for (const std::string& l : capture.lines()) *out += l + "\n";
+  if (stopped) *out += "(stopped)\n";
+}
+
+// One expression a line; "(empty)" stands for "" and "(blanks)" for three blanks.
+std::vector<std::string> ExpressionLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty()) continue;
+    lines.push_back(line == "(empty)" ? "" : line == "(blanks)" ? "   " : line);
+  }
+  return lines;
+}
+
+std::string RunExpressions(const std::string& kind, const std::string& text) {
+  std::string out;
+  lang::Compiler compiler;
+  lang::testing::Symbols symbols;
+  for (const std::string& e : ExpressionLines(text)) {
+    out += "> " + e + "\n";
+    std::string listing;
+    RunCaptured(&out, [&] {
+      if (kind == "syntax") {
+        compiler.CheckSyntax(e);
+        Say("ok");
+      } else if (kind == "eval") {
+        Say(FormatReal(compiler.EvalOnce(e, symbols.resolver())));
+      } else {
+        listing = lang::testing::Compile(&compiler, &symbols, e).program.Listing();
+      }
+    });
+    out += listing;
+  }
+  return out;
+}
+
+// A chunk of a model input file: "#### title | key=value ..." and the model text below it.
+struct Chunk {
+  std::string title;
+  std::map<std::string, std::string> keys;
+  std::string text;
+};
+
+std::vector<Chunk> SplitChunks(const std::string& text) {
+  std::vector<Chunk> chunks;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("#### ", 0) != 0) {
+      if (!chunks.empty()) chunks.back().text += line + "\n";
+      continue;
+    }
+    Chunk c;
+    const size_t bar = line.find(" | ");
+    c.title = line.substr(5, bar == std::string::npos ? std::string::npos : bar - 5);
+    if (bar != std::string::npos) {
+      std::istringstream keys(line.substr(bar + 3));
+      for (std::string kv; keys >> kv;) {
+        const size_t eq = kv.find('=');
+        c.keys[kv.substr(0, eq)] = eq == std::string::npos ? "" : kv.substr(eq + 1);
+      }
+    }
+    chunks.push_back(c);
+  }
+  return chunks;
+}
+
+int IntKey(const Chunk& c, const std::string& key, int fallback) {
+  auto it = c.keys.find(key);
+  return it == c.keys.end() ? fallback : std::stoi(it->second);
+}
+
+// Routines a build chunk may call by name with a selector (calls=zpm_dof:2,zpm_names:3). Only
+// selectors that print or return a count are meaningful here: no output vectors are given.
+using RoutineCall = std::function<int(model::ModelAccess&, int)>;
+const std::map<std::string, RoutineCall>& Routines() {
+  using model::ModelAccess;
+  constexpr int kNone = INT_MIN;  // a routine without a result
+  static const std::map<std::string, RoutineCall> routines = {
+      {"zpm_var_vals", [](ModelAccess& m, int i) { return model::zpm_var_vals(m, i), kNone; }},
+      {"zpm_iv", [](ModelAccess& m, int i) { return model::zpm_iv(m, i), kNone; }},
+      {"zpm_constraints",
+       [](ModelAccess& m, int i) {
+         int ny = 0;
+         return model::zpm_constraints(m, i, model::Bound::kLower, false, &ny), kNone;
+       }},
+      {"zpm_eqn_res", [](ModelAccess& m, int i) { return model::zpm_eqn_res(m, i), kNone; }},
+      {"zpm_eqn_lam", [](ModelAccess& m, int i) { return model::zpm_eqn_lam(m, i), kNone; }},
+      {"zpm_var_scaling",
+       [](ModelAccess& m, int i) { return model::zpm_var_scaling(m, i), kNone; }},
+      {"zpm_eqn_scaling",
+       [](ModelAccess& m, int i) { return model::zpm_eqn_scaling(m, i), kNone; }},
+      {"zpm_obj", [](ModelAccess& m, int i) { return model::zpm_obj(m, i), kNone; }},
+      {"zpm_obj_grad", [](ModelAccess& m, int i) { return model::zpm_obj_grad(m, i), kNone; }},
+      {"zpm_names", [](ModelAccess& m, int i) { return model::zpm_names(m, i), kNone; }},
+      {"zpm_units", [](ModelAccess& m, int i) { return model::zpm_units(m, i), kNone; }},
+      {"zpm_dof", [](ModelAccess& m, int i) { return model::zpm_dof(m, i); }},
+      {"zpm_nnz", [](ModelAccess& m, int i) { return model::zpm_nnz(m, i); }},
+      {"zpm_nnzh", [](ModelAccess& m, int i) { return model::zpm_nnzh(m, i); }},
+      {"zpm_neqns", [](ModelAccess& m, int i) { return model::zpm_neqns(m, i); }},
+      {"zpm_condensed_sparsity",
+       [](ModelAccess& m, int i) { return model::zpm_condensed_sparsity(m, i, {}), kNone; }},
+      {"zpm_condensed_jacobian",
+       [](ModelAccess& m, int i) { return model::zpm_condensed_jacobian(m, i, {}, {}), kNone; }},
+      {"zpm_jacobian",
+       [](ModelAccess& m, int i) { return model::zpm_jacobian(m, i, 0, {}, {}), kNone; }},
+      {"zpm_hessian",
+       [](ModelAccess& m, int i) { return model::zpm_hessian(m, i, 0, {}, {}), kNone; }},
+      {"zpm_jac_order",
+       [](ModelAccess& m, int i) { return model::zpm_jac_order(m, i).num_blocks; }},
+  };
+  return routines;
+}
+
+void RunCalls(const std::string& calls, model::ModelStore& store, std::string* out) {
+  model::ModelAccess access(store);
+  for (const std::string& call : Split(calls, ',')) {
+    const size_t colon = call.find(':');
+    const std::string name = call.substr(0, colon);
+    const int imsg = std::stoi(call.substr(colon + 1));
+    *out += fmt::format("> {} {}\n", name, imsg);
+    auto it = Routines().find(name);
+    if (it == Routines().end()) {
+      *out += "(no such routine in the golden runner)\n";
+      continue;
+    }
+    int result = INT_MIN;
+    RunCaptured(out, [&] { result = it->second(access, imsg); });
+    if (result != INT_MIN) *out += fmt::format("= {}\n", result);
+  }
+}
+
+// The scratch path shows as <dir>. Timing lines are left out, or with `timing` kept with
+// their digits masked, so that their layout is checked.
+std::string Masked(std::string text, const std::string& dir, bool timing) {
+  for (size_t at; (at = text.find(dir)) != std::string::npos;) text.replace(at, dir.size(), "<dir>");
+  std::string out;
+  for (std::string line : Split(text, '\n')) {
+    if (line.find("(sec):") != std::string::npos) {
+      if (!timing) continue;
+      for (char& ch : line)
+        if (ch >= '0' && ch <= '9') ch = '#';
+    }
+    out += line + "\n";
+  }
+  if (!out.empty()) out.pop_back();
+  return out;
+}
+
+std::string RunModelChunks(const std::string& kind, const std::string& text) {
+  std::string out;
+  for (const Chunk& c : SplitChunks(text)) {
+    kx::testing::ScratchDir dir("kx_golden");
+    std::string chunk_out;
+    if (kind == "reader") {
+      lang::ReaderOptions o{IntKey(c, "diaglevel", 0), dir.str(), IntKey(c, "max_range", 10000000)};
+      RunCaptured(&chunk_out, [&] {
+        lang::Compiler compiler;
+        lang::ReadModelText(c.text, &compiler, o);
+      });
+    } else {
+      model::BuildOptions o;
+      o.diaglevel = IntKey(c, "diaglevel", 0);
+      o.max_memory = IntKey(c, "max_memory", 4);
+      o.work_dir = dir.str();
+      model::ModelStore store;
+      bool built = false;
+      RunCaptured(&chunk_out, [&] {
+        store = model::BuildModelFromText(c.text, o);
+        built = true;
+      });
+      if (built && c.keys.count("calls")) RunCalls(c.keys.at("calls"), store, &chunk_out);
+    }
+    if (c.keys.count("files")) {
+      for (const std::string& f : Split(c.keys.at("files"), ','))
+        chunk_out += dir.Exists(f) ? "file " + f + ":\n" + dir.Read(f) : "file " + f + ": (absent)\n";
+    }
+    out += "#### " + c.title + "\n" + Masked(chunk_out, dir.str(), c.keys.count("timing") > 0);
+  }
+  return out;
+}
+
+std::string RunCase(const GoldenCase& c) {
+  const std::string input = c.input == "-" ? "" : ReadFile(kGoldenDir + "/input/" + c.input);
+  if (c.kind == "syntax" || c.kind == "eval" || c.kind == "listing")
+    return RunExpressions(c.kind, input);
+  if (c.kind == "reader" || c.kind == "build") return RunModelChunks(c.kind, input);
+  if (c.kind == "files-help") {
+    std::string out;
+    RunCaptured(&out, [] { files::zpm_files(0); });
+    return out;
+  }
+  ADD_FAILURE() << "unknown golden kind " << c.kind;
+  return "";
+}
+
+class Golden : public ::testing::TestWithParam<GoldenCase> {};
+
+TEST_P(Golden, OutputMatchesTheExpectedFile) {
+  const GoldenCase& c = GetParam();
+  const std::string expected_path = kGoldenDir + "/expected/" + c.name + ".txt";
+  const std::string actual = RunCase(c);
+  if (std::getenv("KX_UPDATE_GOLDEN") != nullptr) std::ofstream(expected_path) << actual;
+  std::ifstream probe(expected_path);
+  ASSERT_TRUE(probe) << expected_path << " is missing; run with KX_UPDATE_GOLDEN=1";
+  EXPECT_EQ(actual, ReadFile(expected_path))
+      << "golden case " << c.name << " differs; if the change is intended, rerun with "
+      << "KX_UPDATE_GOLDEN=1 and review the diff of " << expected_path;
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, Golden, ::testing::ValuesIn(LoadCases()),
+                         [](const ::testing::TestParamInfo<GoldenCase>& info) {
+                           std::string name = info.param.name;
+                           for (char& ch : name)
+                             if (ch == '-') ch = '_';
+                           return name;
+                         });
+
+// Every routine with a help text can be called from a golden case.
+TEST(GoldenRunner, CallsEveryRoutineWithAHelpText) {
+  for (const std::string& r : model::HelpRoutines()) EXPECT_TRUE(Routines().count(r)) << r;
+}
+
+}  // namespace
+}  // namespace kx
