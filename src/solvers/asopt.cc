@@ -16,10 +16,7 @@ namespace {
 constexpr int kDumpEntries = 10;  // entries of a vector listed when none failed
 
 AsoptOptions LoadOptions(const SolverSettings& settings) {
-  AsoptOptions options;
-  options.SetDefault(kObjectiveConvergenceTolerance, settings.objective_tol);
-  options.SetDefault(kConstraintConvergenceTolerance, settings.constraint_tol);
-  options.SetDefault(kNlpMaximumIterations, settings.max_iter);
+  AsoptOptions options(settings.objective_tol, settings.constraint_tol, settings.max_iter);
   options.Read("asopt.opt");
   return options;
 }
