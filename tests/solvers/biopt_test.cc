@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -12,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "base/report.h"
-#include "solvers/biopt_testing.h"
+#include "testing/dense_problem.h"
 #include "solvers/status.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
@@ -55,132 +54,6 @@ SolverResult Solve(Problem& p, const SolverSettings& s = Tight(), const Rule& ru
   options.mu_oracle = rule.oracle;
   OutputCapture quiet;
   return SolveBiopt(p, s, options);
-}
-
-struct ModelCase {
-  const char* name;
-  const char* text;
-  int status;
-  double optimum;  // checked on success
-};
-
-// Models written in the modelling language, with exact derivatives from the compiler.
-const ModelCase kModelCases[] = {
-    {"hs071 (inequality and equality rows, active bounds)", R"(Model hs071
-  Variables
-    x1 = 1, >= 1, <= 5
-    x2 = 5, >= 1, <= 5
-    x3 = 5, >= 1, <= 5
-    x4 = 1, >= 1, <= 5
-  End Variables
-  Equations
-    x1*x2*x3*x4 >= 25
-    x1^2 + x2^2 + x3^2 + x4^2 = 40
-    minimize x1*x4*(x1 + x2 + x3) + x3
-  End Equations
-End Model)", kSuccess, 17.0140172892},
-    {"linear program", R"(Model lp
-  Variables
-    x = 0, >= 0
-    y = 0, >= 0
-  End Variables
-  Equations
-    x + 2*y <= 4
-    3*x + y <= 6
-    maximize x + y
-  End Equations
-End Model)", kSuccess, -2.8},
-    {"QP with both bounds active", R"(Model qp
-  Variables
-    x = 1, >= 0, <= 2
-    y = 1, >= 0, <= 5
-  End Variables
-  Equations
-    minimize (x - 3)^2 + (y + 1)^2
-  End Equations
-End Model)", kSuccess, 2.0},
-    {"equality rows only", R"(Model eq
-  Variables
-    x = 0
-    y = 0
-    z = 0
-  End Variables
-  Equations
-    x + y + z = 3
-    x - y = 1
-    minimize x^2 + y^2 + z^2
-  End Equations
-End Model)", kSuccess, 3.5},
-    {"rank-deficient Jacobian (repeated rows)", R"(Model rank
-  Variables
-    x = 0
-    y = 2
-    z = 0
-  End Variables
-  Equations
-    x + y + z = 3
-    2*x + 2*y + 2*z = 6
-    x + y + z = 3
-    minimize x^2 + y^2 + z^2
-  End Equations
-End Model)", kSuccess, 3.0},
-    {"Rosenbrock without rows", R"(Model rosen
-  Variables
-    x = -1.2
-    y = 1
-  End Variables
-  Equations
-    minimize 100*(y - x^2)^2 + (1 - x)^2
-  End Equations
-End Model)", kSuccess, 0.0},
-    {"nonconvex with a range row", R"(Model range
-  Variables
-    x = 0.6, >= -2, <= 2
-    y = 0.2, >= -2, <= 2
-  End Variables
-  Equations
-    x^2 + y^2 >= 1
-    x^2 + y^2 <= 2
-    minimize x*y
-  End Equations
-End Model)", kSuccess, -1.0},
-    {"infeasible rows", R"(Model infeas
-  Variables
-    x = 0
-    y = 0
-  End Variables
-  Equations
-    x^2 + y^2 <= 1
-    x + y >= 3
-    minimize x + y
-  End Equations
-End Model)", kNoFeasibleSolution, 0.0},
-    {"unbounded objective", R"(Model unb
-  Variables
-    x = 1, >= 0
-    y = 1
-  End Variables
-  Equations
-    y = 2*x
-    minimize -x - y
-  End Equations
-End Model)", kUnbounded, 0.0},
-};
-
-TEST(Biopt, SolvesModelsToKnownOutcomesUnderEveryBarrierRule) {
-  for (const Rule& rule : kRules) {
-    for (const ModelCase& c : kModelCases) {
-      SCOPED_TRACE(c.name);
-      SCOPED_TRACE(rule.name);
-      auto model = kx::testing::LoadModelText(c.text);
-      const SolverResult r = Solve(*model->problem, Tight(), rule);
-      EXPECT_EQ(r.status, c.status);
-      if (c.status == kSuccess) {
-        EXPECT_NEAR(r.objective, c.optimum, 1e-6 * (1 + std::fabs(c.optimum)));
-      }
-      EXPECT_GT(r.residual_evals, 0);
-    }
-  }
 }
 
 // Thousands of active bounds with small multipliers, each product within the tolerance: the
@@ -288,39 +161,20 @@ TEST(Biopt, KeepsFixedVariablesAndReportsTheirMultipliers) {
   EXPECT_NEAR(r.z_upper[2], 0.0, 1e-12);
 }
 
-// Largest |grad f + J^T lambda - z_lower + z_upper| at the result, relative to the largest
-// gradient entry (the solver measures it on the scaled objective).
-double Stationarity(Problem& p, const SolverResult& r) {
-  std::vector<double> g(p.num_vars()), jv(p.nnz_jac());
-  std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());
-  p.JacobianStructure(rows, cols);
-  if (!p.Gradient(r.x, g) || !p.JacobianValues(r.x, jv)) return kInf;
-  double gmax = 1;
-  for (double v : g) gmax = std::max(gmax, std::fabs(v));
-  for (size_t k = 0; k < jv.size(); ++k) g[cols[k]] += jv[k] * r.lambda[rows[k]];
-  double worst = 0;
-  for (size_t j = 0; j < g.size(); ++j) {
-    worst = std::max(worst, std::fabs(g[j] - r.z_lower[j] + r.z_upper[j]));
-  }
-  return worst / gmax;
-}
-
 // Multiplier signs follow L = f + lambda^T c, bound multipliers are nonnegative.
 TEST(Biopt, ReturnsMultipliersInTheLagrangianConvention) {
-  auto model = kx::testing::LoadModelText(kModelCases[0].text);
+  auto model = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
   const SolverResult r = Solve(*model->problem);
   ASSERT_EQ(r.status, kSuccess);
   for (size_t j = 0; j < r.x.size(); ++j) {
     EXPECT_GE(r.z_lower[j], 0.0);
     EXPECT_GE(r.z_upper[j], 0.0);
   }
-  EXPECT_LE(Stationarity(*model->problem, r), 1e-6);
+  EXPECT_LE(kx::testing::Stationarity(*model->problem, r), 1e-6);
   // The product row is active at its lower bound 25: its multiplier opposes the gradient.
   EXPECT_LT(r.lambda[0], 0.0);
 }
 
-// min x - ln(x) from x = 10 without bounds: the first Newton step lands at x < 0, where the
-// objective cannot be evaluated; the step must be cut back.
 // The suite's hanging chain (20000 variables, equality rows only): once the supports, fixed
 // variables, are taken out it has no bounds, so the adaptive rule has no products to follow.
 TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
@@ -335,6 +189,8 @@ TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
   EXPECT_LE(kx::testing::RelativeError(r.objective, chain->optimum), 1e-6);
 }
 
+// min x - ln(x) from x = 10 without bounds: the first Newton step lands at x < 0, where the
+// objective cannot be evaluated; the step must be cut back.
 TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
   DenseProblem p;
   p.n = 1;
@@ -464,31 +320,6 @@ TEST(Biopt, PrintsBannerSummaryAndWritesItsLog) {
   EXPECT_TRUE(outcome);
   EXPECT_EQ(iteration_lines, r.iterations + 1);
 }
-
-// Nonconvex suite problems on which BIOPT stops at a different local minimum than the known
-// optimum from the suite's start point (so does the library solver of the bench). They must
-// still end at a KKT point.
-const char* const kOtherLocalMinimum[] = {"hs108"};
-
-class BioptSuite : public ::testing::TestWithParam<kx::testing::SuiteEntry> {};
-
-TEST_P(BioptSuite, ReachesTheKnownOptimum) {
-  const kx::testing::SuiteEntry& entry = GetParam();
-  auto model = kx::testing::LoadModelFile(entry.path);
-  const SolverResult r = Solve(*model->problem);
-  ASSERT_EQ(r.status, kSuccess);
-  EXPECT_LE(Stationarity(*model->problem, r), 1e-5);
-  if (std::find(std::begin(kOtherLocalMinimum), std::end(kOtherLocalMinimum), entry.name) !=
-      std::end(kOtherLocalMinimum)) {
-    EXPECT_GT(r.objective, entry.optimum);
-    return;
-  }
-  EXPECT_LE(kx::testing::RelativeError(r.objective, entry.optimum), 1e-6)
-      << "objective " << r.objective << " optimum " << entry.optimum;
-}
-
-INSTANTIATE_TEST_SUITE_P(Small, BioptSuite, ::testing::ValuesIn(kx::testing::NlpSuite(false)),
-                         kx::testing::SuiteEntryName);
 
 }  // namespace
 }  // namespace kx::solvers
