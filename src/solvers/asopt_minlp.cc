@@ -22,7 +22,7 @@ struct Leaf {
 
 class BranchAndBound {
  public:
-  BranchAndBound(NlpData& nlp, const SqpControl& control)
+  BranchAndBound(ProblemView& nlp, const SqpControl& control)
       : nlp_(nlp), control_(control), options_(*control.options) {}
   MinlpOutcome Run(std::vector<double> x, SqpState& state);
 
@@ -46,7 +46,7 @@ class BranchAndBound {
   void PrintIterationLine(int k, const SqpOutcome& out, int nlp_its, const Leaf& leaf);
   void ListFinal(const SqpOutcome& out);
 
-  NlpData& nlp_;
+  ProblemView& nlp_;
   const SqpControl& control_;
   const AsoptOptions& options_;
   std::vector<int> integers_;       // integer variables branched on
@@ -63,8 +63,8 @@ bool BranchAndBound::CheckInputs() {
   if (options_.Int(kNlpMaximumIterations) <= 0) Trace("Warning: Max iterations <= 0", true);
   Step("* Step: Compute degrees of freedom");
   int ndf = 0;
-  for (int j = 0; j < nlp_.n; ++j) ndf += nlp_.xl[j] != nlp_.xu[j];
-  for (int i = 0; i < nlp_.m; ++i) ndf -= nlp_.cl[i] == nlp_.cu[i];
+  for (int j = 0; j < nlp_.n(); ++j) ndf += nlp_.xl()[j] != nlp_.xu()[j];
+  for (int i = 0; i < nlp_.m(); ++i) ndf -= nlp_.cl()[i] == nlp_.cu()[i];
   Step(fmt::format("* Result: ndf = {}", ndf));
   if (ndf > options_[kMaxDegreesOfFreedom]) {
     Trace(fmt::format("Error: {} degrees of freedom exceed max_degrees_of_freedom {}", ndf,
@@ -93,22 +93,22 @@ void BranchAndBound::ListInputs(const std::vector<double>& x) {
   const auto say = [&](const std::string& text) { Trace(text, true); };
   const int mode = std::clamp(control_.mode, 0, 7);
   say("  Subroutine Ace_MINLP_solve Inputs  ");
-  say(fmt::format("{:10d} number of variables (n).", nlp_.n));
-  say(fmt::format("{:10d} number of general constraints (m).", nlp_.m));
+  say(fmt::format("{:10d} number of variables (n).", nlp_.n()));
+  say(fmt::format("{:10d} number of general constraints (m).", nlp_.m()));
   say(fmt::format("{:10d} number of integer variables (ni).", integers_.size()));
   say(fmt::format("{:10d} number of zeros in the constraint derivative matrix (nz).",
-                  nlp_.jac_rows.size()));
+                  nlp_.jac_rows().size()));
   say(fmt::format("{:10d} parametric mode with: {}", mode, kModeTexts[mode]));
   say("Initial Variable Values with Bounds");
   say(fmt::format("{:>8} {:>14} {:>14} {:>14}", "Index", "Lower", "Value", "Upper"));
-  for (int j = 0; j < nlp_.n; ++j) {
-    say(fmt::format("{:>8} {:>14.6e} {:>14.6e} {:>14.6e}", j + 1, nlp_.xl[j], x[j], nlp_.xu[j]));
+  for (int j = 0; j < nlp_.n(); ++j) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e} {:>14.6e}", j + 1, nlp_.xl()[j], x[j], nlp_.xu()[j]));
   }
   say("Integer Variables");
   for (int j : integers_) say(fmt::format("{:>8}", j + 1));
   say("Constraint Bounds");
-  for (int i = 0; i < nlp_.m; ++i) {
-    say(fmt::format("{:>8} {:>14.6e} {:>14.6e}", i + 1, nlp_.cl[i], nlp_.cu[i]));
+  for (int i = 0; i < nlp_.m(); ++i) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e}", i + 1, nlp_.cl()[i], nlp_.cu()[i]));
   }
 }
 
@@ -196,7 +196,7 @@ void BranchAndBound::RecordInteger(const SqpOutcome& out, bool root) {
 // Adds a leaf unless its bounds cross the variable's absolute bounds or it is already listed.
 bool BranchAndBound::AddLeaf(Leaf leaf, bool upper_side, int var) {
   const char* side = upper_side ? "upper" : "lower";
-  if (leaf.xl[var] > nlp_.xu[var] || leaf.xu[var] < nlp_.xl[var] || leaf.xl[var] > leaf.xu[var]) {
+  if (leaf.xl[var] > nlp_.xu()[var] || leaf.xu[var] < nlp_.xl()[var] || leaf.xl[var] > leaf.xu[var]) {
     Event(fmt::format("The {} leaf violated an absolute bound and was eliminated", side));
     return false;
   }
@@ -266,25 +266,25 @@ void BranchAndBound::PrintIterationLine(int k, const SqpOutcome& out, int nlp_it
 void BranchAndBound::ListFinal(const SqpOutcome& out) {
   if (options_.Int(kMinlpPrintLevel) < 10 || out.x.empty()) return;
   Trace("  Subroutine Ace_MINLP_solve Output  ", true);
-  std::vector<double> c(nlp_.m);
-  nlp_.problem.Constraints(out.x, c);
+  std::vector<double> c(nlp_.m());
+  nlp_.Constraints(out.x, c);
   Trace("Equations", true);
-  for (int i = 0; i < nlp_.m; ++i) {
-    Trace(fmt::format("equation: {} val: {} lower: {} upper: {} la: {}", i + 1, c[i], nlp_.cl[i],
-                      nlp_.cu[i], out.lambda[i]),
+  for (int i = 0; i < nlp_.m(); ++i) {
+    Trace(fmt::format("equation: {} val: {} lower: {} upper: {} la: {}", i + 1, c[i], nlp_.cl()[i],
+                      nlp_.cu()[i], out.lambda[i]),
           true);
   }
   Trace("Variables", true);
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     Trace(fmt::format("variable: {} val: {} lower: {} upper: {} la: {}", j + 1, out.x[j],
-                      nlp_.xl[j], nlp_.xu[j], out.z_lower[j] - out.z_upper[j]),
+                      nlp_.xl()[j], nlp_.xu()[j], out.z_lower[j] - out.z_upper[j]),
           true);
   }
 }
 
 MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
   MinlpOutcome result;
-  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
+  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem().IntegerVariables();
   if (options_.Int(kInformationMessages) >= 1) ListInputs(x);
   if (!CheckInputs()) {
     result.best.status = kBadInputs;
@@ -293,8 +293,8 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
     return result;
   }
   Leaf root;
-  root.xl = nlp_.xl;
-  root.xu = nlp_.xu;
+  root.xl = nlp_.xl();
+  root.xu = nlp_.xu();
   root.start = std::move(state);
   if (integers_.empty()) {
     int its = 0;
@@ -341,7 +341,7 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
             true);
       break;
     }
-    if (std::chrono::steady_clock::now() > control_.deadline) {
+    if (nlp_.TimeUp()) {
       limit_status = kExternalAbort;
       break;
     }
@@ -393,7 +393,7 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
 
 }  // namespace
 
-MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control,
+MinlpOutcome Ace_MINLP_solve(ProblemView& nlp, std::vector<double> x, const SqpControl& control,
                              SqpState& state) {
   BranchAndBound bb(nlp, control);
   return bb.Run(std::move(x), state);

@@ -19,6 +19,7 @@
 #include "solvers/asopt_options.h"
 #include "solvers/asopt_qp.h"
 #include "solvers/problem.h"
+#include "solvers/problem_view.h"
 
 namespace kx::solvers {
 
@@ -33,19 +34,6 @@ class AsoptLog {
 
  private:
   std::ofstream file_;
-};
-
-// The problem's fixed data, asked for once and shared by every leaf of a branch and bound.
-struct NlpData {
-  explicit NlpData(Problem& problem);
-  Problem& problem;
-  int n = 0, m = 0;
-  std::vector<int> jac_rows, jac_cols;    // Jacobian triplets
-  std::vector<int> hess_rows, hess_cols;  // lower-triangle Hessian triplets
-  std::vector<double> xl, xu;             // the problem's own variable bounds
-  std::vector<double> cl, cu;             // row bounds
-  int residual_evals = 0;                 // Constraints() calls so far
-  int jacobian_evals = 0;                 // JacobianValues() calls so far
 };
 
 // What the loop keeps between calls: the warm-start contract of the parametric modes.
@@ -74,13 +62,12 @@ struct SqpOutcome {
 struct SqpControl {
   const AsoptOptions* options = nullptr;
   int mode = 0;                                     // parametric mode 0..7
-  std::chrono::steady_clock::time_point deadline;   // MAX_TIME
   AsoptLog* log = nullptr;
 };
 
 // Solves the NLP within the bounds xl, xu (a leaf's bounds) from x. Never throws on a
 // numerical failure: every outcome is a status code of solvers/status.h.
-SqpOutcome Ace_CONVRG(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+SqpOutcome Ace_CONVRG(ProblemView& nlp, std::span<const double> xl, std::span<const double> xu,
                       std::vector<double> x, SqpState& state, const SqpControl& control);
 
 }  // namespace kx::solvers

@@ -27,14 +27,17 @@ bool HasBound(double b) { return IsFinite(b); }
 }  // namespace
 
 Solver::Solver(Problem& problem, const SolverSettings& settings, const Options& options)
-    : nlp_(problem), settings_(settings), options_(options), kkt_(nlp_) {}
+    : view_(problem, settings.max_time),
+      nlp_(view_),
+      settings_(settings),
+      options_(options),
+      kkt_(nlp_) {}
 
 Solver::~Solver() {
   if (log_ != nullptr) std::fclose(log_);
 }
 
 int Solver::Run(SolverResult& result) {
-  start_time_ = std::chrono::steady_clock::now();
   int status = Initialise();
   if (status == kContinue) {
     OpenLog();
@@ -130,7 +133,7 @@ void Solver::PushIntoBounds(std::vector<double>& v, int begin, int end, double p
 // grad f + A^T y - z = 0, from [I A^T; A 0] [p; y] = [z - grad f; 0]; dropped when large.
 bool Solver::InitialMultipliers() {
   std::vector<double> lambda(m_, 0.0);
-  if (settings_.warm && m_ > 0 && nlp_.problem().StartMultipliers(lambda)) {
+  if (settings_.warm && m_ > 0 && view_.problem().StartMultipliers(lambda)) {
     for (int i = 0; i < m_; ++i) {
       const double y = lambda[i] * nlp_.obj_scale() / nlp_.row_scale()[i];
       y_[i] = std::isfinite(y) ? y : 0.0;

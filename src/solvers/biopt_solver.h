@@ -135,13 +135,13 @@ class Solver {
   void PrintSummary(int status, const Errors& e);
   bool TimeUp() const;
 
+  ProblemView view_;               // the problem, read once; evaluations, MAX_TIME
   ScaledNlp nlp_;
   const SolverSettings& settings_;
   Options options_;
   KktSystem kkt_;
   Filter filter_;
   std::FILE* log_ = nullptr;
-  std::chrono::steady_clock::time_point start_time_;
 
   // Sizes.
   int nx_ = 0, ns_ = 0, nw_ = 0, m_ = 0;
