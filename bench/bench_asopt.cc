@@ -259,7 +259,7 @@ void WarmStart(const std::string& name, testing::LoadedModel& model) {
   base.Start(start.start);
   solvers::SqpState state;
   const Timed first =
-      TimeSolve([&] { return solvers::SolveAsopt(start, Settings(), state, 0); });
+      TimeSolve([&] { return solvers::SolveAsopt(start, Settings(), state, solvers::WarmStart::kCold); });
   MovedBound moved(base);
   moved.start = start.start;
   if (first.result.status != 0 || !ChooseBound(base, first.result.x, moved)) {
@@ -270,7 +270,7 @@ void WarmStart(const std::string& name, testing::LoadedModel& model) {
   moved.start = first.result.x;
   SolverSettings warm = Settings();
   warm.warm = true;
-  const Timed hot = TimeSolve([&] { return solvers::SolveAsopt(moved, warm, state, 3); });
+  const Timed hot = TimeSolve([&] { return solvers::SolveAsopt(moved, warm, state, solvers::WarmStart::kWorkingSet); });
   const bool agree = std::abs(cold.result.objective - hot.result.objective) <=
                      1e-6 * std::max(1.0, std::abs(cold.result.objective));
   Sayf("{:<22} {:>7} | {:>5} {:>4} {:>9.4f} | {:>5} {:>4} {:>9.4f} | {}", name,
@@ -294,7 +294,7 @@ void MinlpTable() {
     solvers::SqpState state;
     int nodes = 0;
     const Timed t = TimeSolve(
-        [&] { return solvers::SolveAsopt(*model->problem, Settings(), state, 0, &nodes); });
+        [&] { return solvers::SolveAsopt(*model->problem, Settings(), state, solvers::WarmStart::kCold, &nodes); });
     const double err = testing::RelativeError(t.result.objective, entry.optimum);
     ok += t.result.status == 0 && err <= kSuccessError;
     total_nodes += nodes;

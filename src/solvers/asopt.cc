@@ -36,7 +36,7 @@ void DumpVector(const char* title, const char* name, const std::vector<double>& 
 
 // The solver dump of a failed setup: the sizes, the mode, the objective gradient and the
 // Jacobian values at the start point, and the failure code.
-void PrintSolverDump(const ProblemView& nlp, int info, int mode, const std::vector<double>& g,
+void PrintSolverDump(const ProblemView& nlp, int info, WarmStart mode, const std::vector<double>& g,
                      const std::vector<double>& a) {
   Say("***** Solver Dump *****");
   Sayf("info : {}", info);
@@ -44,7 +44,7 @@ void PrintSolverDump(const ProblemView& nlp, int info, int mode, const std::vect
   Sayf("m    : {}", nlp.m());
   Sayf("nz   : {}", nlp.nnz_jac());
   Sayf("p    : {}", nlp.has_hessian() ? nlp.nnz_hess() : nlp.n());  // else a diagonal estimate
-  Sayf("mode : {}", mode);
+  Sayf("mode : {}", static_cast<int>(mode));
   DumpVector("       g", "g", g);
   DumpVector("       a", "a", a);
   Sayf("Error: Problems with Setup.  info = {}", info);
@@ -67,7 +67,7 @@ int InputStatus(const ProblemView& nlp, const std::vector<double>& x) {
 
 // Checks the inputs and the first derivatives at the start; prints the solver dump and
 // returns the failure code, or 0.
-int CheckSetup(ProblemView& nlp, const std::vector<double>& x, int mode) {
+int CheckSetup(ProblemView& nlp, const std::vector<double>& x, WarmStart mode) {
   int info = InputStatus(nlp, x);
   std::vector<double> g(nlp.n()), a(nlp.nnz_jac());
   const bool g_ok = nlp.Gradient(x, g);
@@ -129,17 +129,18 @@ SolverResult ToResult(const MinlpOutcome& out, const ProblemView& nlp) {
 
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings) {
   SqpState state;
-  return SolveAsopt(problem, settings, state, settings.warm ? 3 : 0);
+  return SolveAsopt(problem, settings, state,
+                    settings.warm ? WarmStart::kWorkingSet : WarmStart::kCold);
 }
 
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpState& state,
-                        int mode, int* nodes) {
+                        WarmStart mode, int* nodes) {
   PrintSolverBanner('-', settings.imode, " with ASOPT Solver");
   const AsoptOptions options = LoadOptions(settings);
   if (settings.diaglevel >= 1) options.Write("asopt_current_options.opt");
   ProblemView nlp(problem, settings.max_time);
   const std::vector<double> x = StartPoint(nlp);
-  if (settings.warm && mode >= 3 && state.lambda.size() != static_cast<size_t>(nlp.m())) {
+  if (settings.warm && KeepsMultipliers(mode) && state.lambda.size() != static_cast<size_t>(nlp.m())) {
     std::vector<double> lambda(nlp.m());
     if (problem.StartMultipliers(lambda)) state.lambda = lambda;
   }

@@ -50,7 +50,25 @@ class ActiveSetQp {
   double Bound(int i) const { return row_state_[i] == Activity::kUpper ? qp_.ru[i] : qp_.rl[i]; }
   std::vector<double> Gradient() const;
   double RowTimes(int i, const std::vector<double>& v) const;
+  // The KKT matrix of one working set as triplets of its lower triangle.
+  struct KktMatrix {
+    int dim = 0;
+    std::vector<int> rows, cols;
+    std::vector<double> values;
+    size_t first_row_diagonal = 0;  // entry of the first row's diagonal
+    void Add(int r, int c, double v) {
+      rows.push_back(r);
+      cols.push_back(c);
+      values.push_back(v);
+    }
+  };
+  bool IsFree(int j) const { return var_state_[j] == Activity::kFree; }
+  bool InWorkingSet(int i) const { return row_state_[i] != Activity::kFree; }
   EqpOutcome SolveEqp();
+  KktMatrix AssembleKkt() const;
+  void RegulariseWorkingRows(KktMatrix& k) const;
+  std::vector<double> EqpRightHandSide() const;
+  bool CorrectWorkingRows(const std::vector<double>& row_target, bool regularised);
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
   std::vector<double> BoundMultipliers(std::vector<double> g) const;
@@ -309,73 +327,102 @@ void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
 // working-set change costs one numerical factorisation. The inertia is right when the
 // negative pivots are exactly the rows.
 EqpOutcome ActiveSetQp::SolveEqp() {
-  const int nt = static_cast<int>(x_.size());
-  const int dim = nt + m_;
-  auto is_free = [&](int j) { return var_state_[j] == Activity::kFree; };
-  auto in_working_set = [&](int i) { return row_state_[i] != Activity::kFree; };
-  std::vector<int> kr, kc;
-  std::vector<double> kv;
-  kr.reserve(qp_.h_rows.size() + row_col_.size() + 2 * dim);
-  kc.reserve(kr.capacity());
-  kv.reserve(kr.capacity());
-  auto add = [&](int r, int c, double v) {
-    kr.push_back(r);
-    kc.push_back(c);
-    kv.push_back(v);
-  };
-  for (size_t k = 0; k < qp_.h_rows.size(); ++k) {
-    const int r = qp_.h_rows[k], c = qp_.h_cols[k];
-    add(r, c, is_free(r) && is_free(c) ? qp_.h_vals[k] : 0.0);
-  }
-  for (int j = 0; j < nt; ++j) add(j, j, !is_free(j) ? 1.0 : j < n_ ? qp_.delta : elastic_curvature_);
-  const size_t first_row_diagonal = kr.size();
-  for (int i = 0; i < m_; ++i) {
-    const bool working = in_working_set(i);
-    add(nt + i, nt + i, working ? 0.0 : -1.0);  // -eps when the working rows are dependent
-    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
-      add(nt + i, row_col_[k], working && is_free(row_col_[k]) ? row_val_[k] : 0.0);
-    }
-    const int e = row_elastic_[i];
-    if (e >= 0) add(nt + i, n_ + e, working && is_free(n_ + e) ? elastic_sign_[e] : 0.0);
-  }
-  if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+  KktMatrix kkt = AssembleKkt();
+  if (!kkt_->Factor(kkt.dim, kkt.rows, kkt.cols, kkt.values)) return EqpOutcome::kFailed;
   const bool regularised = kkt_->num_null() > 0;
   if (regularised) {
-    // Dependent working rows make the matrix singular: regularise the row block, which
-    // leaves a null-space Hessian that is not positive definite still visible.
-    double scale = 1.0;
-    for (size_t k = 0; k < first_row_diagonal; ++k) scale = std::max(scale, std::abs(kv[k]));
-    for (size_t k = first_row_diagonal; k < kr.size(); ++k) {
-      if (kr[k] == kc[k] && in_working_set(kr[k] - nt)) kv[k] = -kRowRegularization * scale;
-    }
-    if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+    RegulariseWorkingRows(kkt);
+    if (!kkt_->Factor(kkt.dim, kkt.rows, kkt.cols, kkt.values)) return EqpOutcome::kFailed;
   }
   if (kkt_->num_negative() > m_ || kkt_->num_null() > 0) return EqpOutcome::kNonconvex;
-  const std::vector<double> g = Gradient();
-  std::vector<double> rhs(dim, 0.0);
-  for (int j = 0; j < nt; ++j) {
-    if (is_free(j)) rhs[j] = -g[j];
-  }
-  for (int i = 0; i < m_; ++i) {
-    const double residual = Bound(i) - r_[i];
-    if (in_working_set(i) && (!keep_residuals_ || std::abs(residual) > FeasTol(Bound(i)))) {
-      rhs[nt + i] = residual;
-    }
-  }
-  std::vector<double> row_target(rhs.begin() + nt, rhs.end());
+  std::vector<double> rhs = EqpRightHandSide();
+  const int nt = static_cast<int>(x_.size());
+  const std::vector<double> row_target(rhs.begin() + nt, rhs.end());
   if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
   y_.assign(rhs.begin() + nt, rhs.end());
-  // The regularised row block misses each working row by eps * y_i; and the solve's error
-  // grows with the size of the whole solution, so multipliers far larger than the step (a
-  // variable entering its row with a tiny coefficient) leave working rows missed by about
-  // eps * |y| as well. Correct the step against the rows themselves while a row misses by
-  // more than the rounding of its own terms (a pass or two suffices).
+  if (!CorrectWorkingRows(row_target, regularised)) return EqpOutcome::kFailed;
+  for (int j = 0; j < nt; ++j) {
+    if (!IsFree(j)) p_[j] = 0.0;
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (!InWorkingSet(i)) y_[i] = 0.0;
+  }
+  return EqpOutcome::kSolved;
+}
+
+// The KKT matrix of the working set at full size, Hessian entries first, then the diagonal
+// of the variables, then each row's diagonal and entries.
+ActiveSetQp::KktMatrix ActiveSetQp::AssembleKkt() const {
+  const int nt = static_cast<int>(x_.size());
+  KktMatrix k;
+  k.dim = nt + m_;
+  k.rows.reserve(qp_.h_rows.size() + row_col_.size() + 2 * k.dim);
+  k.cols.reserve(k.rows.capacity());
+  k.values.reserve(k.rows.capacity());
+  for (size_t e = 0; e < qp_.h_rows.size(); ++e) {
+    const int r = qp_.h_rows[e], c = qp_.h_cols[e];
+    k.Add(r, c, IsFree(r) && IsFree(c) ? qp_.h_vals[e] : 0.0);
+  }
+  for (int j = 0; j < nt; ++j) {
+    k.Add(j, j, !IsFree(j) ? 1.0 : j < n_ ? qp_.delta : elastic_curvature_);
+  }
+  k.first_row_diagonal = k.rows.size();
+  for (int i = 0; i < m_; ++i) {
+    const bool working = InWorkingSet(i);
+    k.Add(nt + i, nt + i, working ? 0.0 : -1.0);  // -eps when the working rows are dependent
+    for (int e = row_start_[i]; e < row_start_[i + 1]; ++e) {
+      k.Add(nt + i, row_col_[e], working && IsFree(row_col_[e]) ? row_val_[e] : 0.0);
+    }
+    const int el = row_elastic_[i];
+    if (el >= 0) k.Add(nt + i, n_ + el, working && IsFree(n_ + el) ? elastic_sign_[el] : 0.0);
+  }
+  return k;
+}
+
+// Dependent working rows make the matrix singular: regularise the row block, which leaves a
+// null-space Hessian that is not positive definite still visible.
+void ActiveSetQp::RegulariseWorkingRows(KktMatrix& k) const {
+  const int nt = static_cast<int>(x_.size());
+  double scale = 1.0;
+  for (size_t e = 0; e < k.first_row_diagonal; ++e) scale = std::max(scale, std::abs(k.values[e]));
+  for (size_t e = k.first_row_diagonal; e < k.rows.size(); ++e) {
+    if (k.rows[e] == k.cols[e] && InWorkingSet(k.rows[e] - nt)) {
+      k.values[e] = -kRowRegularization * scale;
+    }
+  }
+}
+
+// Minus the gradient on the free variables; each working row's residual, unless residuals
+// within tolerance are kept.
+std::vector<double> ActiveSetQp::EqpRightHandSide() const {
+  const int nt = static_cast<int>(x_.size());
+  const std::vector<double> g = Gradient();
+  std::vector<double> rhs(nt + m_, 0.0);
+  for (int j = 0; j < nt; ++j) {
+    if (IsFree(j)) rhs[j] = -g[j];
+  }
+  for (int i = 0; i < m_; ++i) {
+    const double residual = Bound(i) - r_[i];
+    if (InWorkingSet(i) && (!keep_residuals_ || std::abs(residual) > FeasTol(Bound(i)))) {
+      rhs[nt + i] = residual;
+    }
+  }
+  return rhs;
+}
+
+// The regularised row block misses each working row by eps * y_i; and the solve's error
+// grows with the size of the whole solution, so multipliers far larger than the step (a
+// variable entering its row with a tiny coefficient) leave working rows missed by about
+// eps * |y| as well. Corrects the step against the rows themselves while a row misses by more
+// than the rounding of its own terms (a pass or two suffices). False on a failed solve.
+bool ActiveSetQp::CorrectWorkingRows(const std::vector<double>& row_target, bool regularised) {
+  const int nt = static_cast<int>(x_.size());
   for (int pass = 0; pass < kRefinePasses; ++pass) {
-    std::vector<double> fix(dim, 0.0);
+    std::vector<double> fix(nt + m_, 0.0);
     bool refine = regularised;
     for (int i = 0; i < m_; ++i) {
-      if (!in_working_set(i)) continue;
+      if (!InWorkingSet(i)) continue;
       fix[nt + i] = row_target[i] - RowTimes(i, p_);
       double terms = std::abs(row_target[i]);
       for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
@@ -385,17 +432,11 @@ EqpOutcome ActiveSetQp::SolveEqp() {
                                                           kRefineShare * FeasTol(Bound(i)));
     }
     if (!refine) break;
-    if (!kkt_->Solve(fix)) return EqpOutcome::kFailed;
+    if (!kkt_->Solve(fix)) return false;
     for (int j = 0; j < nt; ++j) p_[j] += fix[j];
     for (int i = 0; i < m_; ++i) y_[i] += fix[nt + i];
   }
-  for (int j = 0; j < nt; ++j) {
-    if (!is_free(j)) p_[j] = 0.0;
-  }
-  for (int i = 0; i < m_; ++i) {
-    if (!in_working_set(i)) y_[i] = 0.0;
-  }
-  return EqpOutcome::kSolved;
+  return true;
 }
 
 // Largest step in [0, 1] along p_ that keeps every bound and inactive row; names the

@@ -1,6 +1,7 @@
 #include "solvers/asopt_sqp.h"
 
 #include <algorithm>
+#include <optional>
 #include <cmath>
 
 #include "base/base.h"
@@ -26,6 +27,19 @@ constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point m
 constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
 constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
 constexpr double kDualRounding = 10.0;     // stationarity rounding / (eps * sum |J_ij lambda_i|)
+constexpr double kLeastFeasibilityGain = 1e-8;  // relative violation cut feasibility mode needs
+constexpr double kShiftGrowth = 100.0;     // Hessian shift growth after a rejected step
+constexpr double kShiftFloor = 1e-2;       // ... and its least value relative to max |H_ij|
+constexpr double kShiftDecrease = 4.0;     // Hessian shift decrease after an accepted step
+// A variable within this relative distance of a bound is on it: its stationarity may have
+// the bound's sign, and the bound's multiplier is reported.
+constexpr double kAtBoundTol = 1e-10;
+
+double MaxAbs(const std::vector<double>& v) {
+  double m = 0.0;
+  for (double e : v) m = std::max(m, std::abs(e));
+  return m;
+}
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -48,11 +62,25 @@ class SqpSolver {
   SqpOutcome Run(std::vector<double> x);
 
  private:
+  bool Prepare(Point& p);
+  std::optional<SqpOutcome> Iterate(Point& p);
+  bool Converged(const Point& p, const QpResult& qp, double dual) const;
+  bool FeasibilityExhausted(const Point& p, const QpResult& qp);
+  void UpdatePenalty(const QpResult& qp, bool feasibility_ended);
+  std::optional<SqpOutcome> HandleRejectedStep(const Point& p);
+  void AcceptStep(Point& p, Point trial, const QpResult& qp, double alpha);
+  bool Unbounded(const Point& p) const;
   double Opt(AsoptOption o) const { return (*control_.options)[o]; }
   std::vector<double> LagrangianGradient(const std::vector<double>& g,
                                          const std::vector<double>& jac) const;
   void EstimateHessian(const Point& p);
   bool HasBound(double b) const { return std::abs(b) < infinity_; }
+  bool AtLower(double x, double lower) const {
+    return HasBound(lower) && x <= lower + kAtBoundTol * (1 + std::abs(lower));
+  }
+  bool AtUpper(double x, double upper) const {
+    return HasBound(upper) && x >= upper - kAtBoundTol * (1 + std::abs(upper));
+  }
   bool EvalFunctions(Point& p);
   bool EvalDerivatives(Point& p);
   bool EvalHessian(const Point& p);
@@ -106,6 +134,12 @@ class SqpSolver {
   bool newton_ = false;                 // this iteration takes a Newton step
   bool newton_blocked_ = false;         // the last Newton step failed its line search
   int iteration_ = 0;
+  int max_iter_ = 0;                    // nlp_maximum_iterations
+  int feasibility_limit_ = 0;           // feasibility_mode_iterations (0 no limit)
+  int failures_ = 0;                    // consecutive rejected steps
+  int feasibility_iterations_ = 0;      // consecutive feasibility-mode iterations
+  double alpha_prev_ = 1.0;             // last accepted step length
+  bool reuse_hessian_ = false;          // the first iteration takes the kept Hessian
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
   int window_start_ = 0;                // iteration at which the progress window opened
@@ -268,8 +302,8 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
   double err = 0.0;
   for (int j = 0; j < nlp_.n(); ++j) {
     if (xl_[j] == xu_[j]) continue;
-    const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
-    const bool at_upper = HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-10 * (1 + std::abs(xu_[j]));
+    const bool at_lower = AtLower(p.x[j], xl_[j]);
+    const bool at_upper = AtUpper(p.x[j], xu_[j]);
     double e = std::abs(r[j]);
     if (at_lower) e = std::max(0.0, -r[j]);
     if (at_upper) e = at_lower ? 0.0 : std::max(0.0, r[j]);
@@ -549,12 +583,8 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
   if (!p.g.empty()) {
     const std::vector<double> r = LagrangianGradient(p.g, p.jac);
     for (int j = 0; j < nlp_.n(); ++j) {
-      if (HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-8 * (1 + std::abs(xl_[j]))) {
-        out.z_lower[j] = std::max(0.0, r[j]);
-      }
-      if (HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-8 * (1 + std::abs(xu_[j]))) {
-        out.z_upper[j] = std::max(0.0, -r[j]);
-      }
+      if (AtLower(p.x[j], xl_[j])) out.z_lower[j] = std::max(0.0, r[j]);
+      if (AtUpper(p.x[j], xu_[j])) out.z_upper[j] = std::max(0.0, -r[j]);
     }
   }
   state_.x = p.x;
@@ -611,133 +641,168 @@ int SqpSolver::StallStatus(const Point& p) const {
   return feasible && optimal ? kSuccess : kAccuracyUnachievable;
 }
 
-SqpOutcome SqpSolver::Run(std::vector<double> x) {
-  Point p;
-  p.x = std::move(x);
+// The start of a solve: the point inside the bounds, row scaling, first derivatives and
+// functions (or those the previous call kept at this very point), and what the warm-start
+// mode carries over. False when the start cannot be evaluated.
+bool SqpSolver::Prepare(Point& p) {
   for (int j = 0; j < nlp_.n(); ++j) p.x[j] = std::clamp(p.x[j], xl_[j], xu_[j]);
-  const int mode = control_.mode;
+  const WarmStart mode = control_.mode;
   const bool same_point = state_.x == p.x && state_.jac.size() == nlp_.jac_rows().size();
   lambda_.assign(nlp_.m(), 0.0);
   SetRowScaling(p);
   const bool dynamic = control_.options->Int(kDynamicScaling) > 0;
-  const bool reuse_jacobian = same_point && !dynamic && (mode == 4 || mode == 6 || mode == 7);
-  if (reuse_jacobian) {
+  if (same_point && !dynamic && KeepsJacobian(mode)) {
     // The previous call ended at this point: its Jacobian is still exact.
     p.g.resize(nlp_.n());
     p.jac = state_.jac;
-    if (!nlp_.Gradient(p.x, p.g)) return Finish(kBadInputs, p, 0);
+    if (!nlp_.Gradient(p.x, p.g)) return false;
   } else if (!EvalDerivatives(p)) {
-    return Finish(kBadInputs, p, 0);
+    return false;
   }
   if (dynamic) {
     SetRowScaling(p);
-    if (!EvalDerivatives(p)) return Finish(kBadInputs, p, 0);
+    if (!EvalDerivatives(p)) return false;
   }
-  if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
+  if (!EvalFunctions(p)) return false;
   const double g0 = LargestFreeEntry(p.g);
   // An objective flat at the start gives no scale: measure against 1 as for a large one.
   dual_scale_ = g0 > 0.0 ? std::clamp(g0, kLeastDualScale, 1.0) : 1.0;
   square_ = IsSquare();
-  if (mode == 0 || mode == 1) state_.active = {};
-  if (mode >= 3 && state_.lambda.size() == static_cast<size_t>(nlp_.m())) lambda_ = state_.lambda;
-  const bool reuse_hessian = same_point && (mode == 5 || mode == 6 || mode == 7) &&
-                             state_.hess.size() == h_rows_.size();
+  if (!KeepsWorkingSet(mode)) state_.active = {};
+  if (KeepsMultipliers(mode) && state_.lambda.size() == static_cast<size_t>(nlp_.m())) {
+    lambda_ = state_.lambda;
+  }
+  reuse_hessian_ = same_point && KeepsHessian(mode) && state_.hess.size() == h_rows_.size();
   delta_ = Opt(kMinimumHessianEigenvalue);
   nu_ = Opt(kInitialMuValue);
-  const int max_iter = control_.options->Int(kNlpMaximumIterations);
-  const int feasibility_limit = control_.options->Int(kFeasibilityModeIterations);
-  int failures = 0, feasibility_iterations = 0;
-  double alpha_prev = 1.0;
+  max_iter_ = control_.options->Int(kNlpMaximumIterations);
+  feasibility_limit_ = control_.options->Int(kFeasibilityModeIterations);
+  return true;
+}
+
+SqpOutcome SqpSolver::Run(std::vector<double> x) {
+  Point p;
+  p.x = std::move(x);
+  if (!Prepare(p)) return Finish(kBadInputs, p, 0);
   for (iteration_ = 0;; ++iteration_) {
-    if (PastDeadline()) return Finish(kExternalAbort, p, iteration_);
-    if (iteration_ >= max_iter) return Finish(kMaxIterations, p, iteration_);
-    if (iteration_ == 0 && reuse_hessian) {
-      hess_ = state_.hess;
-    } else if (!EvalHessian(p)) {
-      return Finish(kBadDerivatives, p, iteration_);
-    }
-    qp_iterations_ = 0;
-    QpResult qp;
-    if (!SolveSubproblem(p, qp)) {
-      return Finish(timed_out_ ? kExternalAbort : kAccuracyUnachievable, p, iteration_);
-    }
-    const double dual = DualError(p, qp.lambda);
-    double step = 0.0;
-    for (double v : qp.x) step = std::max(step, std::abs(v));
-    // A square system has no freedom left to optimise: the rows and the size of the Newton
-    // step (relative to the variables) decide convergence.
-    const bool feasible = p.max_violation <= Opt(kConstraintConvergenceTolerance);
-    if (!feasibility_mode_ && feasible &&
-        (square_ ? RelativeStep(p, qp.x) <= Opt(kObjectiveConvergenceTolerance)
-                 : dual <= Opt(kObjectiveConvergenceTolerance))) {
-      lambda_ = qp.lambda;
-      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
-      return Finish(kSuccess, p, iteration_);
-    }
-    const bool feasibility_iterations_ended = !feasibility_mode_ && feasibility_iterations > 0;
-    if (feasibility_mode_) {
-      ++feasibility_iterations;
-      const double reduction = p.theta - LinearViolation(p, qp.x);
-      if (reduction <= 1e-8 * std::max(1.0, p.theta) ||
-          (feasibility_limit > 0 && feasibility_iterations > feasibility_limit)) {
-        return Finish(kNoFeasibleSolution, p, iteration_);
-      }
-    } else {
-      feasibility_iterations = 0;
-    }
-    double lmax = 0.0;
-    for (double l : qp.lambda) lmax = std::max(lmax, std::abs(l));
-    if (feasibility_mode_) {
-      // The elastic weight bounds the step's multipliers; with nu at least as large the
-      // step predicts a decrease of the merit function.
-      nu_ = std::max(nu_, rho_);
-    } else if (feasibility_iterations_ended) {
-      nu_ = std::max(Opt(kInitialMuValue), (1.0 + Opt(kPredictionParameter)) * lmax);
-    } else {
-      nu_ = std::max(nu_, (1.0 + Opt(kPredictionParameter)) * lmax);
-    }
-    double alpha = control_.options->Int(kLineSearchStartMode) == 0 ? std::min(1.0, 2 * alpha_prev) : 1.0;
-    Point trial;
-    if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
-      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
-      if (timed_out_) return Finish(kExternalAbort, p, iteration_);
-      // No descent for the violation from a point where the rows cannot be met: infeasible.
-      if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
-      // A square system that meets its rows but whose last correction cannot be taken has
-      // converged as far as rounding allows.
-      if (square_ && feasible) return Finish(kSuccess, p, iteration_);
-      if (newton_) {
-        // Projection onto the bounds spoilt the Newton step: take a bounded QP step instead.
-        newton_blocked_ = true;
-        continue;
-      }
-      if (++failures > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
-      double hmax = 1.0;
-      for (double v : hess_) hmax = std::max(hmax, std::abs(v));
-      delta_ = std::max(100.0 * delta_, 1e-2 * hmax);
-      continue;
-    }
-    failures = 0;
-    newton_blocked_ = false;
-    alpha_prev = alpha;
-    LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
-    p = std::move(trial);
-    // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
-    if (!feasibility_mode_) lambda_ = qp.lambda;
-    delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / 4.0);
-    // Only a variable free to run off (not fixed, not bounded on both sides) can show an
-    // unbounded problem; a large constant held in a fixed variable does not.
-    double xmax = 0.0;
-    for (int j = 0; j < nlp_.n(); ++j) {
-      if (!HasBound(xl_[j]) || !HasBound(xu_[j])) xmax = std::max(xmax, std::abs(p.x[j]));
-    }
-    if (p.f < Opt(kObjectiveFunctionLowerLimit) ||
-        (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
-         (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {
-      return Finish(kUnbounded, p, iteration_ + 1);
-    }
-    if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
+    if (std::optional<SqpOutcome> done = Iterate(p)) return *std::move(done);
   }
+}
+
+// One iteration: limits, Hessian, QP step, convergence test, penalty, line search and the
+// tests of the accepted point. An outcome ends the solve.
+std::optional<SqpOutcome> SqpSolver::Iterate(Point& p) {
+  if (PastDeadline()) return Finish(kExternalAbort, p, iteration_);
+  if (iteration_ >= max_iter_) return Finish(kMaxIterations, p, iteration_);
+  if (iteration_ == 0 && reuse_hessian_) {
+    hess_ = state_.hess;
+  } else if (!EvalHessian(p)) {
+    return Finish(kBadDerivatives, p, iteration_);
+  }
+  qp_iterations_ = 0;
+  QpResult qp;
+  if (!SolveSubproblem(p, qp)) {
+    return Finish(timed_out_ ? kExternalAbort : kAccuracyUnachievable, p, iteration_);
+  }
+  const double dual = DualError(p, qp.lambda);
+  const double step = MaxAbs(qp.x);
+  if (Converged(p, qp, dual)) {
+    lambda_ = qp.lambda;
+    LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+    return Finish(kSuccess, p, iteration_);
+  }
+  const bool feasibility_ended = !feasibility_mode_ && feasibility_iterations_ > 0;
+  if (FeasibilityExhausted(p, qp)) return Finish(kNoFeasibleSolution, p, iteration_);
+  UpdatePenalty(qp, feasibility_ended);
+  double alpha = control_.options->Int(kLineSearchStartMode) == 0
+                     ? std::min(1.0, 2 * alpha_prev_)
+                     : 1.0;
+  Point trial;
+  if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
+    LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+    return HandleRejectedStep(p);
+  }
+  LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
+  AcceptStep(p, std::move(trial), qp, alpha);
+  if (Unbounded(p)) return Finish(kUnbounded, p, iteration_ + 1);
+  if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
+  return std::nullopt;
+}
+
+// A square system has no freedom left to optimise: the rows and the size of the Newton step
+// (relative to the variables) decide convergence; otherwise the rows and the dual error.
+bool SqpSolver::Converged(const Point& p, const QpResult& qp, double dual) const {
+  if (feasibility_mode_ || p.max_violation > Opt(kConstraintConvergenceTolerance)) return false;
+  const double measure = square_ ? RelativeStep(p, qp.x) : dual;
+  return measure <= Opt(kObjectiveConvergenceTolerance);
+}
+
+// True when feasibility mode can no longer reduce the violation, or has run past its limit.
+bool SqpSolver::FeasibilityExhausted(const Point& p, const QpResult& qp) {
+  if (!feasibility_mode_) {
+    feasibility_iterations_ = 0;
+    return false;
+  }
+  ++feasibility_iterations_;
+  const double reduction = p.theta - LinearViolation(p, qp.x);
+  return reduction <= kLeastFeasibilityGain * std::max(1.0, p.theta) ||
+         (feasibility_limit_ > 0 && feasibility_iterations_ > feasibility_limit_);
+}
+
+void SqpSolver::UpdatePenalty(const QpResult& qp, bool feasibility_ended) {
+  const double lmax = MaxAbs(qp.lambda);
+  if (feasibility_mode_) {
+    // The elastic weight bounds the step's multipliers; with nu at least as large the step
+    // predicts a decrease of the merit function.
+    nu_ = std::max(nu_, rho_);
+  } else if (feasibility_ended) {
+    nu_ = std::max(Opt(kInitialMuValue), (1.0 + Opt(kPredictionParameter)) * lmax);
+  } else {
+    nu_ = std::max(nu_, (1.0 + Opt(kPredictionParameter)) * lmax);
+  }
+}
+
+// No acceptable step along the QP direction: an outcome, or a retry with a Newton step
+// replaced by a bounded QP step or with a larger Hessian shift.
+std::optional<SqpOutcome> SqpSolver::HandleRejectedStep(const Point& p) {
+  if (timed_out_) return Finish(kExternalAbort, p, iteration_);
+  // No descent for the violation from a point where the rows cannot be met: infeasible.
+  if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
+  // A square system that meets its rows but whose last correction cannot be taken has
+  // converged as far as rounding allows.
+  if (square_ && p.max_violation <= Opt(kConstraintConvergenceTolerance)) {
+    return Finish(kSuccess, p, iteration_);
+  }
+  if (newton_) {
+    // Projection onto the bounds spoilt the Newton step: take a bounded QP step instead.
+    newton_blocked_ = true;
+    return std::nullopt;
+  }
+  if (++failures_ > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
+  delta_ = std::max(kShiftGrowth * delta_, kShiftFloor * std::max(1.0, MaxAbs(hess_)));
+  return std::nullopt;
+}
+
+void SqpSolver::AcceptStep(Point& p, Point trial, const QpResult& qp, double alpha) {
+  failures_ = 0;
+  newton_blocked_ = false;
+  alpha_prev_ = alpha;
+  p = std::move(trial);
+  // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
+  if (!feasibility_mode_) lambda_ = qp.lambda;
+  delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / kShiftDecrease);
+}
+
+// Only a variable free to run off (not fixed, not bounded on both sides) can show an
+// unbounded problem; a large constant held in a fixed variable does not.
+bool SqpSolver::Unbounded(const Point& p) const {
+  double xmax = 0.0;
+  for (int j = 0; j < nlp_.n(); ++j) {
+    if (!HasBound(xl_[j]) || !HasBound(xu_[j])) xmax = std::max(xmax, std::abs(p.x[j]));
+  }
+  return p.f < Opt(kObjectiveFunctionLowerLimit) ||
+         (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
+          (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)));
 }
 
 }  // namespace

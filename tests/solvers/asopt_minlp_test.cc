@@ -32,7 +32,7 @@ Solved Solve(const std::string& variables, const std::string& equations,
   {
     OutputCapture capture;
     SqpState state;
-    s.result = SolveAsopt(*model->problem, SolverSettings{}, state, 0, &s.nodes);
+    s.result = SolveAsopt(*model->problem, SolverSettings{}, state, WarmStart::kCold, &s.nodes);
     s.output = capture.text();
   }
   std::filesystem::current_path(cwd);

@@ -255,7 +255,7 @@ TEST(AsoptWarmStartTest, MovedBoundReachesTheColdOptimum) {
     OutputCapture out;
     const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 3000};
     SqpState state;
-    const SolverResult r0 = SolveAsopt(first, settings, state, 0);
+    const SolverResult r0 = SolveAsopt(first, settings, state, WarmStart::kCold);
     ASSERT_EQ(r0.status, 0) << out.text();
     MovedBound moved(base);
     moved.start = start;
@@ -274,7 +274,7 @@ TEST(AsoptWarmStartTest, MovedBoundReachesTheColdOptimum) {
     moved.start = r0.x;
     SolverSettings warm_settings = settings;
     warm_settings.warm = true;
-    const SolverResult warm = SolveAsopt(moved, warm_settings, state, 3);
+    const SolverResult warm = SolveAsopt(moved, warm_settings, state, WarmStart::kWorkingSet);
     ASSERT_EQ(warm.status, 0) << out.text();
     EXPECT_LE(testing::RelativeError(warm.objective, cold.objective), 1e-6)
         << "warm " << warm.objective << ", cold " << cold.objective;
