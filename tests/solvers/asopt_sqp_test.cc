@@ -21,15 +21,9 @@ using testing::ModelText;
 
 const std::string& Hs071() { return testing::ModelCases()[0].text; }
 
-// Solves a model text with ASOPT; the options file, when given, is in its scratch directory.
-testing::Solved SolveText(const std::string& text, const std::string& options = "") {
-  testing::WorkingDir dir("asopt");
-  if (!options.empty()) dir.Write("asopt.opt", options);
+testing::Solved SolveText(const std::string& text, const std::string& options) {
   auto model = testing::LoadModelText(text);
-  OutputCapture capture;
-  testing::Solved s{SolveAsopt(*model->problem, SolverSettings{}), ""};
-  s.output = capture.text();
-  return s;
+  return testing::SolveAsoptWithOptions(*model->problem, options);
 }
 
 TEST(AsoptSqpTest, IterationLimitFromTheOptionsFile) {
@@ -201,24 +195,7 @@ TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
   }
 }
 
-// The problem with one bound held at another value and a given start point.
-class MovedBound : public testing::ForwardingProblem {
- public:
-  using ForwardingProblem::ForwardingProblem;
-  void Bounds(std::span<double> xl, std::span<double> xu) override {
-    base_.Bounds(xl, xu);
-    if (var >= 0) (upper ? xu : xl)[var] = value;
-  }
-  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
-    base_.ConstraintBounds(cl, cu);
-    if (row >= 0) (upper ? cu : cl)[row] = value;
-  }
-  void Start(std::span<double> x) override { std::copy(start.begin(), start.end(), x.begin()); }
-  int var = -1, row = -1;
-  bool upper = false;
-  double value = 0.0;
-  std::vector<double> start;
-};
+using testing::MovedBound;
 
 struct WarmCase {
   std::string name;

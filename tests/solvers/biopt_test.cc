@@ -31,27 +31,12 @@ SolverSettings Tight() {
   return s;
 }
 
-// A choice of barrier rule and, for the adaptive rule, of its centring oracle.
-struct Rule {
-  const char* name;
-  biopt::BarrierRule rule;
-  biopt::MuOracle oracle;
-};
+using testing::BarrierRule;
+using testing::BarrierRules;
 
-constexpr Rule kDefaultRule = {"default", biopt::Options{}.barrier_rule,
-                               biopt::Options{}.mu_oracle};
-constexpr Rule kRules[] = {
-    {"monotone", biopt::BarrierRule::kMonotone, biopt::MuOracle::kSpread},
-    {"adaptive, spread", biopt::BarrierRule::kAdaptive, biopt::MuOracle::kSpread},
-    {"adaptive, probing", biopt::BarrierRule::kAdaptive, biopt::MuOracle::kProbing},
-};
-
-// Solves quietly; the log goes to the scratch directory of the test.
-SolverResult Solve(Problem& p, const SolverSettings& s = Tight(), const Rule& rule = kDefaultRule) {
-  biopt::Options options;
-  options.log_file = "";
-  options.barrier_rule = rule.rule;
-  options.mu_oracle = rule.oracle;
+// Solves quietly (no log file) under the default barrier rule or the given one.
+SolverResult Solve(Problem& p, const SolverSettings& s = Tight(),
+                   const biopt::Options& options = BarrierRules()[1].options) {
   OutputCapture quiet;
   return SolveBiopt(p, s, options);
 }
@@ -69,10 +54,10 @@ constexpr const char* kManyActiveBounds = R"(Model lpbox
 End Model)";
 
 TEST(Biopt, ManyActiveBoundsTogetherMeetTheObjectiveTolerance) {
-  for (const Rule& rule : kRules) {
+  for (const BarrierRule& rule : BarrierRules()) {
     SCOPED_TRACE(rule.name);
     auto model = kx::testing::LoadModelText(kManyActiveBounds);
-    const SolverResult r = Solve(*model->problem, Tight(), rule);
+    const SolverResult r = Solve(*model->problem, Tight(), rule.options);
     ASSERT_EQ(r.status, kSuccess);
     EXPECT_GE(r.objective, 0.0);
     EXPECT_LE(r.objective, 2 * Tight().objective_tol);
@@ -105,13 +90,13 @@ constexpr const char* kTankHorizon = R"(Model tank
 End Model)";
 
 TEST(Biopt, ConvergesOnSquareSystemsWithInactiveBounds) {
-  for (const Rule& rule : kRules) {
+  for (const BarrierRule& rule : BarrierRules()) {
     for (double tol : {1e-6, 1e-8, 1e-10}) {
       SCOPED_TRACE(fmt::format("tolerance {} rule {}", tol, rule.name));
       auto model = kx::testing::LoadModelText(kTankHorizon);
       SolverSettings s;
       s.objective_tol = s.constraint_tol = tol;
-      const SolverResult r = Solve(*model->problem, s, rule);
+      const SolverResult r = Solve(*model->problem, s, rule.options);
       ASSERT_EQ(r.status, kSuccess);
       EXPECT_LE(r.iterations, 12);
       // The level rises from 1 towards the steady state (qin / k)^2 = 4.
@@ -183,7 +168,7 @@ TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
                                   [](const auto& e) { return e.name == "hanging_chain"; });
   ASSERT_NE(chain, suite.end());
   auto model = kx::testing::LoadModelFile(chain->path);
-  const SolverResult r = Solve(*model->problem, Tight(), kRules[1]);
+  const SolverResult r = Solve(*model->problem, Tight(), BarrierRules()[1].options);
   ASSERT_EQ(r.status, kSuccess);
   EXPECT_LE(r.iterations, 40);
   EXPECT_LE(kx::testing::RelativeError(r.objective, chain->optimum), 1e-6);
@@ -203,37 +188,6 @@ TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
   const SolverResult r = Solve(p);
   ASSERT_EQ(r.status, kSuccess);
   EXPECT_NEAR(r.x[0], 1.0, 1e-6);
-}
-
-// hs071 written out by hand: one inequality and one equality row, active bounds.
-DenseProblem Hs071() {
-  DenseProblem p;
-  p.n = 4, p.m = 2;
-  p.xl = Vec(4, 1), p.xu = Vec(4, 5), p.cl = {25, 40}, p.cu = {kInf, 40}, p.x0 = {1, 5, 5, 1};
-  p.f = [](const Vec& x) { return x[0] * x[3] * (x[0] + x[1] + x[2]) + x[2]; };
-  p.grad = [](const Vec& x) {
-    return Vec{x[3] * (2 * x[0] + x[1] + x[2]), x[0] * x[3], x[0] * x[3] + 1,
-               x[0] * (x[0] + x[1] + x[2])};
-  };
-  p.cons = [](const Vec& x) {
-    return Vec{x[0] * x[1] * x[2] * x[3], x[0] * x[0] + x[1] * x[1] + x[2] * x[2] + x[3] * x[3]};
-  };
-  p.jac = [](const Vec& x) {
-    return Vec{x[1] * x[2] * x[3], x[0] * x[2] * x[3], x[0] * x[1] * x[3], x[0] * x[1] * x[2],
-               2 * x[0],           2 * x[1],           2 * x[2],           2 * x[3]};
-  };
-  p.hess = [](const Vec& x, double s, const Vec& l) {
-    Vec h(16, 0.0);
-    auto set = [&](int i, int j, double v) { h[i * 4 + j] += v, h[j * 4 + i] += i == j ? 0 : v; };
-    set(0, 0, s * 2 * x[3]);
-    set(1, 0, s * x[3]), set(2, 0, s * x[3]), set(3, 0, s * (2 * x[0] + x[1] + x[2]));
-    set(3, 1, s * x[0]), set(3, 2, s * x[0]);
-    set(1, 0, l[0] * x[2] * x[3]), set(2, 0, l[0] * x[1] * x[3]), set(3, 0, l[0] * x[1] * x[2]);
-    set(2, 1, l[0] * x[0] * x[3]), set(3, 1, l[0] * x[0] * x[2]), set(3, 2, l[0] * x[0] * x[1]);
-    for (int i = 0; i < 4; ++i) set(i, i, 2 * l[1]);
-    return h;
-  };
-  return p;
 }
 
 TEST(Biopt, EndsDegenerateInputsWithAStatus) {
@@ -268,7 +222,6 @@ TEST(Biopt, EndsDegenerateInputsWithAStatus) {
       {"no variables, no rows", empty, Tight(), kSuccess},
       {"every variable fixed, row satisfied", all_fixed, Tight(), kSuccess},
       {"every variable fixed, row violated", all_fixed_bad, Tight(), kNoFeasibleSolution},
-      {"iteration limit", Hs071(), few, kMaxIterations},
       {"time limit", FixedVariableProblem(), no_time, kExternalAbort},
   };
   for (Case& c : cases) {
@@ -277,20 +230,23 @@ TEST(Biopt, EndsDegenerateInputsWithAStatus) {
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.x.size(), static_cast<size_t>(c.problem.n));
   }
+  auto hs071 = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
+  EXPECT_EQ(Solve(*hs071->problem, few).status, kMaxIterations);
 }
 
+// From the previous solution with its multipliers.
 TEST(Biopt, WarmStartReachesTheOptimumFaster) {
-  DenseProblem p = Hs071();
+  auto model = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
+  solvers::ModelProblem& p = *model->problem;
   const SolverResult cold = Solve(p);
   ASSERT_EQ(cold.status, kSuccess);
-  EXPECT_NEAR(cold.objective, 17.0140172892, 1e-7);
-  p.x0 = cold.x;
-  p.lambda0 = cold.lambda;
+  p.Store(cold.x, {});
+  p.start_multipliers = cold.lambda;
   SolverSettings warm = Tight();
   warm.warm = true;
   const SolverResult again = Solve(p, warm);
   ASSERT_EQ(again.status, kSuccess);
-  EXPECT_NEAR(again.objective, 17.0140172892, 1e-7);
+  EXPECT_LE(kx::testing::RelativeError(again.objective, 17.0140172892), 1e-8);
   EXPECT_LT(again.iterations, cold.iterations);
 }
 

@@ -118,25 +118,16 @@ TEST(IpoptCallTest, DerivativeCheckFindsAWrongGradient) {
 
 TEST(IpoptCallTest, FailuresReturnTheLibraryStatus) {
   // x + y <= -1 with x, y >= 0 has no feasible point.
-  constexpr const char* kInfeasible = R"(
-Model infeasible
-  Variables
-    x = 1, >= 0
-    y = 1, >= 0
-  End Variables
-  Equations
-    x + y <= -1
-    minimize (x - 2)^2 + (y - 1)^2
-  End Equations
-End Model
-)";
+  const std::string infeasible =
+      testing::ModelText("    x = 1, >= 0\n    y = 1, >= 0\n",
+                         "    x + y <= -1\n    minimize (x - 2)^2 + (y - 1)^2\n");
   struct Case {
     std::string text;
     SolverSettings settings;
     int status;
   };
   const Case cases[] = {
-      {kInfeasible, SolverSettings{}, 2},          // infeasible problem detected
+      {infeasible, SolverSettings{}, 2},          // infeasible problem detected
       {Hs071(), SolverSettings{.max_iter = 2}, -1},  // iteration limit
       {Hs071(), SolverSettings{.max_time = 0.0}, 5},  // wall time used up: stopped at once
   };
@@ -158,16 +149,7 @@ End Model
 
 TEST(IpoptCallTest, BacksOffFromAFailedEvaluation) {
   // From x = 10 the Newton step lands near x = -33, where sqrt has no value.
-  auto model = LoadModelText(R"(
-Model backoff
-  Variables
-    x = 10
-  End Variables
-  Equations
-    minimize x - 2*sqrt(x)
-  End Equations
-End Model
-)");
+  auto model = LoadModelText(testing::ModelText("    x = 10\n", "    minimize x - 2*sqrt(x)\n"));
   WorkingDir dir;
   OutputCapture out;
   SolverResult r = SolveIpopt(*model->problem, SolverSettings{});

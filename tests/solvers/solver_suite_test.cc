@@ -25,33 +25,27 @@ struct SolverConfig {
   biopt::Options options;  // BIOPT only
 };
 
-biopt::Options Rule(biopt::BarrierRule rule, biopt::MuOracle oracle) {
-  biopt::Options options;
-  options.log_file = "";
-  options.barrier_rule = rule;
-  options.mu_oracle = oracle;
-  return options;
-}
-
 constexpr SolverSettings kSuiteSettings{.constraint_tol = 1e-9, .max_iter = 3000};
 constexpr SolverSettings kTight{.objective_tol = 1e-8, .constraint_tol = 1e-8};
-const biopt::Options kDefaultRule = Rule(biopt::Options{}.barrier_rule, biopt::Options{}.mu_oracle);
+const biopt::Options kQuiet = [] {
+  biopt::Options options;
+  options.log_file = "";
+  return options;
+}();
 
 const SolverConfig kSuiteSolvers[] = {
     {"asopt", SolverKind::kAsopt, kSuiteSettings, {}},
-    {"biopt", SolverKind::kBiopt, kTight, kDefaultRule},
+    {"biopt", SolverKind::kBiopt, kTight, kQuiet},
     {"ipopt", SolverKind::kIpopt, kSuiteSettings, {}},
 };
 
-const SolverConfig kModelCaseSolvers[] = {
-    {"asopt", SolverKind::kAsopt, SolverSettings{}, {}},
-    {"biopt_monotone", SolverKind::kBiopt, kTight,
-     Rule(biopt::BarrierRule::kMonotone, biopt::MuOracle::kSpread)},
-    {"biopt_adaptive_spread", SolverKind::kBiopt, kTight,
-     Rule(biopt::BarrierRule::kAdaptive, biopt::MuOracle::kSpread)},
-    {"biopt_adaptive_probing", SolverKind::kBiopt, kTight,
-     Rule(biopt::BarrierRule::kAdaptive, biopt::MuOracle::kProbing)},
-};
+std::vector<SolverConfig> ModelCaseSolvers() {
+  std::vector<SolverConfig> solvers = {{"asopt", SolverKind::kAsopt, SolverSettings{}, {}}};
+  for (const testing::BarrierRule& rule : testing::BarrierRules()) {
+    solvers.push_back({rule.name, SolverKind::kBiopt, kTight, rule.options});
+  }
+  return solvers;
+}
 
 // Nonconvex suite problems on which a solver stops, from the suite's start point, at another
 // local minimum than the known optimum: the objective accepted instead.
@@ -128,7 +122,7 @@ TEST_P(ModelCaseTest, EndsWithTheKnownOutcome) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ModelCaseTest,
-                         ::testing::Combine(::testing::ValuesIn(kModelCaseSolvers),
+                         ::testing::Combine(::testing::ValuesIn(ModelCaseSolvers()),
                                             ::testing::ValuesIn(testing::ModelCases())),
                          CaseName<ModelCase>);
 

@@ -98,6 +98,35 @@ Solved SolveQuietly(SolverKind solver, solvers::Problem& problem,
   return s;
 }
 
+const std::vector<BarrierRule>& BarrierRules() {
+  using solvers::biopt::BarrierRule, solvers::biopt::MuOracle;
+  const auto rule = [](BarrierRule r, MuOracle oracle) {
+    solvers::biopt::Options options;
+    options.log_file = "";
+    options.barrier_rule = r;
+    options.mu_oracle = oracle;
+    return options;
+  };
+  static const std::vector<testing::BarrierRule> rules = {
+      {"monotone", rule(BarrierRule::kMonotone, MuOracle::kSpread)},
+      {"adaptive_spread", rule(BarrierRule::kAdaptive, MuOracle::kSpread)},
+      {"adaptive_probing", rule(BarrierRule::kAdaptive, MuOracle::kProbing)},
+  };
+  return rules;
+}
+
+Solved SolveAsoptWithOptions(solvers::Problem& problem, const std::string& options,
+                             const solvers::SolverSettings& settings) {
+  WorkingDir dir("kx_asopt");
+  if (!options.empty()) dir.Write("asopt.opt", options);
+  OutputCapture capture;
+  Solved s;
+  solvers::SqpState state;
+  s.result = solvers::SolveAsopt(problem, settings, state, solvers::WarmStart::kCold, &s.nodes);
+  s.output = capture.text();
+  return s;
+}
+
 double Stationarity(solvers::Problem& p, const solvers::SolverResult& r) {
   std::vector<double> g(p.num_vars()), jv(p.nnz_jac());
   std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());

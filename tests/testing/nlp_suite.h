@@ -53,10 +53,21 @@ enum class SolverKind { kAsopt, kBiopt, kIpopt };
 struct Solved {
   solvers::SolverResult result;
   std::string output;  // what the solve printed
+  int nodes = 0;       // leaves ASOPT solved
 };
 Solved SolveQuietly(SolverKind solver, solvers::Problem& problem,
                     const solvers::SolverSettings& settings,
                     const solvers::biopt::Options& biopt_options = {});
+// BIOPT's barrier rules (and, for the adaptive rule, centring oracles), quiet: no log file.
+struct BarrierRule {
+  const char* name;
+  solvers::biopt::Options options;
+};
+const std::vector<BarrierRule>& BarrierRules();
+
+// ASOPT from a cold start with `options` as the run's "asopt.opt" (none when empty).
+Solved SolveAsoptWithOptions(solvers::Problem& problem, const std::string& options,
+                             const solvers::SolverSettings& settings = {});
 
 // Largest |grad f + J' lambda - z_lower + z_upper| at the result, relative to
 // max(1, largest gradient entry); infinite when an evaluation fails.
