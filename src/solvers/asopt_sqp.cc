@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/base.h"
+#include "solvers/iteration_log.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -26,6 +27,7 @@ constexpr double kStallMove = 1e-6;        // least relative move of the iterate
 constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point may still meet
 constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
 constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
+constexpr int kHeaderEvery = 20;           // iteration lines between two headers
 constexpr double kDualRounding = 10.0;     // stationarity rounding / (eps * sum |J_ij lambda_i|)
 constexpr double kLeastFeasibilityGain = 1e-8;  // relative violation cut feasibility mode needs
 constexpr double kShiftGrowth = 100.0;     // Hessian shift growth after a rejected step
@@ -553,19 +555,23 @@ bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, dou
   return false;
 }
 
+// The iteration line; the multipliers take the QP's in full with an accepted step.
 void SqpSolver::LogIteration(int k, const Point& p, double dual, double step, double alpha,
                              int qp_its) {
   if (control_.log == nullptr) return;
   const bool console = control_.options->Int(kNlpPrintLevel) >= 2;
-  if (k == 0 || k % 20 == 0) {
-    control_.log->Line(" Iter     Objective   Max Viol   Dual Err  Step Norm    Alpha  QPit"
-                          "     Shift",
-                       console);
-  }
-  control_.log->Line(fmt::format("{:5d} {:13.6e} {:10.3e} {:10.3e} {:10.3e} {:8.2e} {:5d} "
-                                    "{:9.2e}{}",
-                                    k, p.f, p.max_violation, dual, step, alpha, qp_its, delta_,
-                                    used_second_order_ ? " s" : ""),
+  if (k % kHeaderEvery == 0) control_.log->Line(kIterationHeader, console);
+  control_.log->Line(FormatIterationLine({.iter = k,
+                                          .objective = p.f,
+                                          .inf_pr = p.max_violation,
+                                          .inf_du = dual,
+                                          .penalty = nu_,
+                                          .step = step,
+                                          .shift = delta_,
+                                          .alpha_du = alpha > 0.0 ? 1.0 : 0.0,
+                                          .alpha_pr = alpha,
+                                          .correction = used_second_order_ ? 's' : ' ',
+                                          .its = qp_its}),
                      console);
 }
 

@@ -8,6 +8,7 @@
 #include "base/timers.h"
 #include "solvers/banner.h"
 #include "solvers/biopt.h"
+#include "solvers/iteration_log.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -15,9 +16,6 @@ namespace biopt {
 namespace {
 
 constexpr const char* kVersionLine = "BIOPT Solver v1.0.5";
-constexpr const char* kLogHeader =
-    " iter      objective     inf_pr    inf_du        mu      ||dx||   delta_w  alpha_du"
-    "  alpha_pr  ls";
 constexpr int kConsoleDiagLevel = 1;  // DIAGLEVEL from which iterations go to the console
 
 }  // namespace
@@ -36,19 +34,26 @@ void Solver::OpenLog() {
 }
 
 void Solver::LogHeader() {
-  if (log_ != nullptr) std::fprintf(log_, "%s\n", kLogHeader);
-  if (settings_.diaglevel >= kConsoleDiagLevel) Say(kLogHeader);
+  if (log_ != nullptr) std::fprintf(log_, "%s\n", kIterationHeader.c_str());
+  if (settings_.diaglevel >= kConsoleDiagLevel) Say(kIterationHeader);
 }
 
 // One line per iteration; the step figures are those of the step that led to the iterate.
 void Solver::LogIteration(const Errors& e, bool restoration) {
   double dx = 0.0;
   for (double v : dw_) dx = std::max(dx, std::fabs(v));
-  const std::string line = fmt::format(
-      "{:4d}{} {:14.7e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}{}{:3d}",
-      iterations_, restoration ? 'r' : ' ', f_ / nlp_.obj_scale(), e.primal, e.dual, mu_,
-      iterations_ == 0 ? 0.0 : dx, kkt_.delta_w(), alpha_dual_, alpha_primal_,
-      step_tag_ == 's' ? 's' : ' ', trials_);
+  const std::string line = FormatIterationLine({.iter = iterations_,
+                                                 .tag = restoration ? 'r' : ' ',
+                                                 .objective = f_ / nlp_.obj_scale(),
+                                                 .inf_pr = e.primal,
+                                                 .inf_du = e.dual,
+                                                 .penalty = mu_,
+                                                 .step = iterations_ == 0 ? 0.0 : dx,
+                                                 .shift = kkt_.delta_w(),
+                                                 .alpha_du = alpha_dual_,
+                                                 .alpha_pr = alpha_primal_,
+                                                 .correction = step_tag_ == 's' ? 's' : ' ',
+                                                 .its = trials_});
   if (log_ != nullptr) std::fprintf(log_, "%s\n", line.c_str());
   if (settings_.diaglevel >= kConsoleDiagLevel) Say(line);
   logged_iteration_ = iterations_;
