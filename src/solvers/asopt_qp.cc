@@ -1,6 +1,7 @@
 #include "solvers/asopt_qp.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -33,7 +34,6 @@ class ActiveSetQp {
  public:
   ActiveSetQp(const QpProblem& qp, KktFactor* factor)
       : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {
-    kkt_->SetTrace(qp.factor_print_level, qp.log);
   }
   QpResult Run(const QpWorkingSet& guess);
 
@@ -66,6 +66,7 @@ class ActiveSetQp {
   bool InWorkingSet(int i) const { return row_state_[i] != Activity::kFree; }
   EqpOutcome SolveEqp();
   KktMatrix AssembleKkt() const;
+  bool Factor(const KktMatrix& k);
   void RegulariseWorkingRows(KktMatrix& k) const;
   std::vector<double> EqpRightHandSide() const;
   bool CorrectWorkingRows(const std::vector<double>& row_target, bool regularised);
@@ -328,17 +329,17 @@ void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
 // negative pivots are exactly the rows.
 EqpOutcome ActiveSetQp::SolveEqp() {
   KktMatrix kkt = AssembleKkt();
-  if (!kkt_->Factor(kkt.dim, kkt.rows, kkt.cols, kkt.values)) return EqpOutcome::kFailed;
-  const bool regularised = kkt_->num_null() > 0;
+  if (!Factor(kkt)) return EqpOutcome::kFailed;
+  const bool regularised = kkt_->ldl.num_null() > 0;
   if (regularised) {
     RegulariseWorkingRows(kkt);
-    if (!kkt_->Factor(kkt.dim, kkt.rows, kkt.cols, kkt.values)) return EqpOutcome::kFailed;
+    if (!Factor(kkt)) return EqpOutcome::kFailed;
   }
-  if (kkt_->num_negative() > m_ || kkt_->num_null() > 0) return EqpOutcome::kNonconvex;
+  if (kkt_->ldl.num_negative() > m_ || kkt_->ldl.num_null() > 0) return EqpOutcome::kNonconvex;
   std::vector<double> rhs = EqpRightHandSide();
   const int nt = static_cast<int>(x_.size());
   const std::vector<double> row_target(rhs.begin() + nt, rhs.end());
-  if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
+  if (!kkt_->ldl.Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
   y_.assign(rhs.begin() + nt, rhs.end());
   if (!CorrectWorkingRows(row_target, regularised)) return EqpOutcome::kFailed;
@@ -378,6 +379,23 @@ ActiveSetQp::KktMatrix ActiveSetQp::AssembleKkt() const {
     if (el >= 0) k.Add(nt + i, n_ + el, working && IsFree(n_ + el) ? elastic_sign_[el] : 0.0);
   }
   return k;
+}
+
+// Factors the KKT matrix; at factor_print_level 1 and more one trace line (dimension,
+// non-zeros, kind, inertia, time). False when the factorisation failed outright.
+bool ActiveSetQp::Factor(const KktMatrix& k) {
+  ++kkt_->factorizations;
+  const auto start = std::chrono::steady_clock::now();
+  const bool ok =
+      kkt_->ldl.Factor(k.dim, k.rows, k.cols, k.values) != linalg::FactorOutcome::kFailed;
+  if (qp_.factor_print_level < 1 || !qp_.log) return ok;
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  qp_.log(fmt::format("   factor {:6d}  {}  n {:8d}  nnz {:9d}  negative {:8d}  null {:6d}  "
+                      "{:9.4f} s{}",
+                      kkt_->factorizations, kkt_->ldl.dense() ? "dense " : "sparse", k.dim,
+                      k.rows.size(), kkt_->ldl.num_negative(), kkt_->ldl.num_null(),
+                      took.count(), ok ? "" : "  FAILED"));
+  return ok;
 }
 
 // Dependent working rows make the matrix singular: regularise the row block, which leaves a
@@ -432,7 +450,7 @@ bool ActiveSetQp::CorrectWorkingRows(const std::vector<double>& row_target, bool
                                                           kRefineShare * FeasTol(Bound(i)));
     }
     if (!refine) break;
-    if (!kkt_->Solve(fix)) return false;
+    if (!kkt_->ldl.Solve(fix)) return false;
     for (int j = 0; j < nt; ++j) p_[j] += fix[j];
     for (int i = 0; i < m_; ++i) y_[i] += fix[nt + i];
   }
@@ -589,7 +607,7 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   QpResult result;
   result.status = status;
   result.iterations = iterations_;
-  result.factorizations = kkt_->factorizations() - factorizations_before_;
+  result.factorizations = kkt_->factorizations - factorizations_before_;
   result.x.assign(x_.begin(), x_.begin() + n_);
   result.lambda.assign(m_, 0.0);
   result.z.assign(n_, 0.0);
@@ -627,7 +645,7 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
 // working sets, each correcting the same rounding-size row residual differently. After a few
 // such bounces the residuals within the tolerance are left alone, which ends the bouncing.
 QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
-  factorizations_before_ = kkt_->factorizations();
+  factorizations_before_ = kkt_->factorizations;
   BuildRows();
   Initialize(guess);
   released_var_.assign(x_.size(), false);
