@@ -100,6 +100,7 @@ class ActiveSetQp {
   std::vector<Activity> row_state_;      // working-set status of every row
   std::vector<double> p_;                // last EQP step; size of x_
   std::vector<double> y_;                // last EQP row multipliers; size m_
+  bool solved_eqp_ = false;              // p_ and y_ hold an EQP solution (y_ empty for m_ 0)
   double elastic_curvature_ = 0.0;       // small Hessian diagonal of the elastic variables
   bool smallest_index_ = false;          // anti-cycling rule in force
   KktFactor own_kkt_;                    // the factorisation when the caller keeps none
@@ -342,6 +343,7 @@ EqpOutcome ActiveSetQp::SolveEqp() {
   if (!kkt_->ldl.Solve(rhs)) return EqpOutcome::kFailed;
   p_.assign(rhs.begin(), rhs.begin() + nt);
   y_.assign(rhs.begin() + nt, rhs.end());
+  solved_eqp_ = true;
   if (!CorrectWorkingRows(row_target, regularised)) return EqpOutcome::kFailed;
   for (int j = 0; j < nt; ++j) {
     if (!IsFree(j)) p_[j] = 0.0;
@@ -611,7 +613,7 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   result.x.assign(x_.begin(), x_.begin() + n_);
   result.lambda.assign(m_, 0.0);
   result.z.assign(n_, 0.0);
-  if (!y_.empty()) {
+  if (solved_eqp_) {
     const std::vector<double> g = Gradient();
     for (int j = 0; j < n_; ++j) {
       if (var_state_[j] != Activity::kFree) result.z[j] = g[j];

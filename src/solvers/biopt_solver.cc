@@ -404,15 +404,6 @@ void Solver::AddAT(std::span<const double> y, std::span<double> out) const {
   for (int k = 0; k < ns_; ++k) out[nx_ + k] -= y[nlp_.slack_row()[k]];
 }
 
-// out = A dw.
-void Solver::MultiplyA(std::span<const double> dw, std::span<double> out) const {
-  std::fill(out.begin(), out.end(), 0.0);
-  const std::vector<int>& rows = nlp_.jac_rows();
-  const std::vector<int>& cols = nlp_.jac_cols();
-  for (size_t k = 0; k < jac_.size(); ++k) out[rows[k]] += jac_[k] * dw[cols[k]];
-  for (int k = 0; k < ns_; ++k) out[nlp_.slack_row()[k]] -= dw[nx_ + k];
-}
-
 void Solver::ComputeSigma(std::span<double> sigma) const {
   const std::vector<double>& lo = nlp_.lower();
   const std::vector<double>& up = nlp_.upper();

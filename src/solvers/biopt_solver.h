@@ -103,7 +103,6 @@ class Solver {
   double BarrierValue(double f, std::span<const double> w) const;
   void BarrierGradient(std::span<const double> w, double mu, std::span<double> gb) const;
   void AddAT(std::span<const double> y, std::span<double> out) const;
-  void MultiplyA(std::span<const double> dw, std::span<double> out) const;
   void ComputeSigma(std::span<double> sigma) const;
   double PrimalStepToBoundary(std::span<const double> w, std::span<const double> dw,
                               double tau) const;

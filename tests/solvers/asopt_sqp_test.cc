@@ -146,18 +146,6 @@ TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
   EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 60);
 }
 
-TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
-  auto model = testing::LoadModelText(Hs071());
-  const SolverResult r =
-      testing::SolveQuietly(testing::SolverKind::kAsopt, *model->problem, SolverSettings{}).result;
-  ASSERT_EQ(r.status, kSuccess);
-  EXPECT_LE(testing::Stationarity(*model->problem, r), 1e-5);
-  for (size_t j = 0; j < r.x.size(); ++j) {
-    EXPECT_GE(r.z_lower[j], 0.0);
-    EXPECT_GE(r.z_upper[j], 0.0);
-  }
-}
-
 // A problem that supplies no second derivatives: the solver keeps its own diagonal estimate,
 // chosen by initial_hessian_estimate_option (0 identity, 1 scaled identity, 2 finite
 // differences). Every choice must still reach the optimum.

@@ -146,20 +146,6 @@ TEST(Biopt, KeepsFixedVariablesAndReportsTheirMultipliers) {
   EXPECT_NEAR(r.z_upper[2], 0.0, 1e-12);
 }
 
-// Multiplier signs follow L = f + lambda^T c, bound multipliers are nonnegative.
-TEST(Biopt, ReturnsMultipliersInTheLagrangianConvention) {
-  auto model = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
-  const SolverResult r = Solve(*model->problem);
-  ASSERT_EQ(r.status, kSuccess);
-  for (size_t j = 0; j < r.x.size(); ++j) {
-    EXPECT_GE(r.z_lower[j], 0.0);
-    EXPECT_GE(r.z_upper[j], 0.0);
-  }
-  EXPECT_LE(kx::testing::Stationarity(*model->problem, r), 1e-6);
-  // The product row is active at its lower bound 25: its multiplier opposes the gradient.
-  EXPECT_LT(r.lambda[0], 0.0);
-}
-
 // The suite's hanging chain (20000 variables, equality rows only): once the supports, fixed
 // variables, are taken out it has no bounds, so the adaptive rule has no products to follow.
 TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {

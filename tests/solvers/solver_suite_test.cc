@@ -116,8 +116,13 @@ TEST_P(ModelCaseTest, EndsWithTheKnownOutcome) {
       testing::SolveQuietly(solver.kind, *model->problem, solver.settings, solver.options);
   ASSERT_EQ(s.result.status, c.status) << s.output;
   EXPECT_GT(s.result.residual_evals, 0);
-  if (c.status == kSuccess) {
-    EXPECT_NEAR(s.result.objective, c.optimum, 1e-6 * (1 + std::abs(c.optimum)));
+  if (c.status != kSuccess) return;
+  EXPECT_NEAR(s.result.objective, c.optimum, 1e-6 * (1 + std::abs(c.optimum)));
+  // Multipliers in the convention L = f + lambda'c, bound multipliers nonnegative.
+  EXPECT_LE(testing::Stationarity(*model->problem, s.result), 1e-5);
+  for (size_t j = 0; j < s.result.x.size(); ++j) {
+    EXPECT_GE(s.result.z_lower[j], 0.0) << j;
+    EXPECT_GE(s.result.z_upper[j], 0.0) << j;
   }
 }
 
