@@ -8,7 +8,6 @@
 namespace kx::solvers::biopt {
 namespace {
 
-constexpr int kContinue = 1;             // internal: the iterations go on
 constexpr double kPush = 1e-2;           // relative push of the start point into the bounds
 constexpr double kPushWarm = 1e-6;       // the same for a warm start
 constexpr double kMaxInitialMultiplier = 1e3;  // larger least-squares multipliers are dropped
