@@ -140,38 +140,26 @@ bool SetOption(IpoptProblem handle, const Option& option) {
   return AddIpoptNumOption(handle, key, std::get<double>(option.value));
 }
 
-// The sizes, bounds and starting point handed to the library.
-struct Arrays {
-  int n = 0, m = 0, nnz_jac = 0, nnz_hess = 0;
-  std::vector<double> xl, xu, cl, cu, x, lambda, z_lower, z_upper;
+// The point and multipliers the library starts from and overwrites with its solution.
+struct Iterates {
+  std::vector<double> x, lambda, z_lower, z_upper;
 };
 
-Arrays Gather(ProblemView& view) {
-  Arrays a;
-  a.n = view.n();
-  a.m = view.m();
-  a.nnz_jac = view.nnz_jac();
-  a.nnz_hess = view.nnz_hess();
-  a.xl = view.xl();
-  a.xu = view.xu();
-  a.cl = view.cl();
-  a.cu = view.cu();
-  a.x = view.Start();
-  a.lambda.assign(a.m, 0.0);
-  a.z_lower.assign(a.n, 0.0);
-  a.z_upper.assign(a.n, 0.0);
-  return a;
+Iterates StartIterates(ProblemView& view) {
+  return {view.Start(), std::vector<double>(view.m(), 0.0), std::vector<double>(view.n(), 0.0),
+          std::vector<double>(view.n(), 0.0)};
 }
 
 // Sets the options in order and solves; false (after its message) when the log file or an
 // option could not be set, in which case nothing was solved.
-bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Arrays& a,
+bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Iterates& a,
                        CallData& data, SolverResult& result) {
   if (!OpenIpoptOutputFile(handle, const_cast<char*>("ipopt.out"), kFilePrintLevel)) {
     Say("Error opening the Ipopt output file.");
     return false;
   }
-  const bool warm = settings.warm && a.m > 0 && data.view->problem().StartMultipliers(a.lambda);
+  const bool warm =
+      settings.warm && !a.lambda.empty() && data.view->problem().StartMultipliers(a.lambda);
   for (const Option& option : BuildOptions(*data.view, settings, warm)) {
     if (!SetOption(handle, option)) {
       Say("Error setting an option");
@@ -179,7 +167,7 @@ bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Arra
     }
   }
   SetIntermediateCallback(handle, OnIteration);
-  std::vector<double> c(a.m);
+  std::vector<double> c(a.lambda.size());
   double objective = 0.0;
   {
     ScopedTimer timer("Solver: ipopt");
@@ -218,12 +206,15 @@ bool HslAvailable() {
 SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   PrintSolverBanner('*', settings.imode, " with Interior Point Solver");
   ProblemView view(problem, settings.max_time);
-  Arrays a = Gather(view);
+  Iterates a = StartIterates(view);
   CallData data{.view = &view};
+  // The library copies the bounds; it takes them through non-const pointers.
+  auto bounds = [](const std::vector<double>& v) { return const_cast<double*>(v.data()); };
   SolverResult result;
   result.status = kSystemError;
   IpoptProblem handle = CreateIpoptProblem(
-      a.n, a.xl.data(), a.xu.data(), a.m, a.cl.data(), a.cu.data(), a.nnz_jac, a.nnz_hess,
+      view.n(), bounds(view.xl()), bounds(view.xu()), view.m(), bounds(view.cl()),
+      bounds(view.cu()), view.nnz_jac(), view.nnz_hess(),
       /*index_style=*/0, EvalObjective, EvalConstraints, EvalGradient, EvalJacobian, EvalHessian);
   if (handle == nullptr) {
     Say("Error creating an Ipopt Problem handle.");

@@ -160,22 +160,6 @@ TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
   EXPECT_LE(kx::testing::RelativeError(r.objective, chain->optimum), 1e-6);
 }
 
-// min x - ln(x) from x = 10 without bounds: the first Newton step lands at x < 0, where the
-// objective cannot be evaluated; the step must be cut back.
-TEST(Biopt, CutsStepsBackFromFailedEvaluations) {
-  DenseProblem p;
-  p.n = 1;
-  p.xl = {-kInf}, p.xu = {kInf}, p.x0 = {10};
-  p.f = [](const Vec& x) { return x[0] - std::log(x[0]); };
-  p.grad = [](const Vec& x) { return Vec{1 - 1 / x[0]}; };
-  p.cons = [](const Vec&) { return Vec{}; };
-  p.jac = [](const Vec&) { return Vec{}; };
-  p.hess = [](const Vec& x, double s, const Vec&) { return Vec{s / (x[0] * x[0])}; };
-  const SolverResult r = Solve(p);
-  ASSERT_EQ(r.status, kSuccess);
-  EXPECT_NEAR(r.x[0], 1.0, 1e-6);
-}
-
 TEST(Biopt, EndsDegenerateInputsWithAStatus) {
   struct Case {
     const char* name;
