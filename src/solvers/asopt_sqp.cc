@@ -251,10 +251,7 @@ void SqpSolver::EstimateHessian(const Point& p) {
 void SqpSolver::SetRowScaling(const Point& p) {
   row_scale_.assign(nlp_.m(), 1.0);
   if (control_.options->Int(kDynamicScaling) > 0) {
-    std::vector<double> big(nlp_.m(), 1.0);
-    for (size_t k = 0; k < p.jac.size(); ++k) {
-      big[nlp_.jac_rows()[k]] = std::max(big[nlp_.jac_rows()[k]], std::abs(p.jac[k]));
-    }
+    const std::vector<double> big = LargestRowEntries(nlp_.jac_rows(), p.jac, nlp_.m());
     for (int i = 0; i < nlp_.m(); ++i) row_scale_[i] = 1.0 / big[i];
   }
   cl_.resize(nlp_.m());

@@ -111,10 +111,7 @@ bool ScaledNlp::ComputeScaling(std::span<const double> x) {
   if (gmax > kMaxGradient) obj_scale_ = std::max(kMinScale, kMaxGradient / gmax);
   std::vector<double> jv(nnz_jac());
   if (!Jacobian(x, jv)) return false;
-  std::vector<double> rmax(m_, 0.0);
-  for (int k = 0; k < nnz_jac(); ++k) {
-    rmax[jac_rows_[k]] = std::max(rmax[jac_rows_[k]], std::fabs(jv[k]));
-  }
+  const std::vector<double> rmax = LargestRowEntries(jac_rows_, jv, m_);
   for (int i = 0; i < m_; ++i) {
     if (rmax[i] > kMaxGradient) row_scale_[i] = std::max(kMinScale, kMaxGradient / rmax[i]);
   }

@@ -115,4 +115,13 @@ bool ProblemView::Hessian(std::span<const double> x, double obj_factor,
 
 double ProblemView::SecondsUsed() const { return SecondsSince(start_); }
 
+std::vector<double> LargestRowEntries(std::span<const int> rows, std::span<const double> values,
+                                      int num_rows) {
+  std::vector<double> largest(num_rows, 1.0);
+  for (size_t k = 0; k < values.size(); ++k) {
+    largest[rows[k]] = std::max(largest[rows[k]], std::abs(values[k]));
+  }
+  return largest;
+}
+
 }  // namespace kx::solvers

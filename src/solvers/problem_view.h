@@ -88,4 +88,9 @@ class ProblemView {
   std::chrono::steady_clock::time_point deadline_;  // start_ + MAX_TIME
 };
 
+// The largest |value| of each of num_rows rows, at least 1, from Jacobian triplets (the row
+// scaling rules of both built-in solvers start from it).
+std::vector<double> LargestRowEntries(std::span<const int> rows, std::span<const double> values,
+                                      int num_rows);
+
 }  // namespace kx::solvers
