@@ -64,6 +64,8 @@ class ActiveSetQp {
   };
   bool IsFree(int j) const { return var_state_[j] == Activity::kFree; }
   bool InWorkingSet(int i) const { return row_state_[i] != Activity::kFree; }
+  bool AtOptimalWorkingSet(double alpha);
+  void AddBlocking(int var, int row, double alpha, bool tiny);
   EqpOutcome SolveEqp();
   KktMatrix AssembleKkt() const;
   bool Factor(const KktMatrix& k);
@@ -110,6 +112,10 @@ class ActiveSetQp {
   int dropped_var_ = -1, dropped_row_ = -1;  // constraint released by the last drop
   std::vector<bool> released_var_;       // variables released by a multiplier in this solve
   std::vector<bool> released_row_;       // rows released by a multiplier in this solve
+  int degenerate_ = 0;                   // steps of length zero in a row
+  int bounces_ = 0;                      // constraints dropped right after their tiny add
+  int added_var_ = -1, added_row_ = -1;  // the constraint the last step added
+  bool tiny_since_add_ = false;          // every step since that add was tiny
   bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
 };
 
@@ -652,9 +658,6 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
   Initialize(guess);
   released_var_.assign(x_.size(), false);
   released_row_.assign(m_, false);
-  int degenerate = 0, bounces = 0;
-  int added_var = -1, added_row = -1;
-  bool tiny_since_add = false;
   while (iterations_ < qp_.max_iterations) {
     if (PastDeadline()) return Finish(QpStatus::kTimeLimit);
     ++iterations_;
@@ -664,42 +667,55 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     int var = -1, row = -1;
     const double alpha = RatioTest(var, row);
     const bool tiny = alpha * MaxAbs(p_) <= 10.0 * FeasTol(MaxAbs(x_));
-    tiny_since_add = tiny_since_add && tiny;
-    if (!tiny) bounces = 0;
+    tiny_since_add_ = tiny_since_add_ && tiny;
+    if (!tiny) bounces_ = 0;
     for (size_t j = 0; j < x_.size(); ++j) x_[j] += alpha * p_[j];
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
-      // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
-      if (!DropWorstMultiplier(Gradient())) {
-        TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
-        return Finish(QpStatus::kOptimal);
-      }
-      TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
-      const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
-                                              (dropped_row_ >= 0 && dropped_row_ == added_row));
-      if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
+      if (AtOptimalWorkingSet(alpha)) return Finish(QpStatus::kOptimal);
       continue;
     }
-    degenerate = alpha > 0 ? 0 : degenerate + 1;
-    smallest_index_ = degenerate >= kDegenerateLimit;
-    added_var = var;
-    added_row = row;
-    tiny_since_add = tiny;
-    if (var >= 0) {
-      const bool lower = p_[var] < 0;
-      var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
-      x_[var] = lower ? Lower(var) : Upper(var);
-    } else {
-      row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
-    }
-    // Only a step that did not move at all: after a short real step the constraints near the
-    // new point are no evidence of a degenerate vertex, and taking them in has made working
-    // sets repeat on small integer problems.
-    const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
-    const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
-    TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
+    AddBlocking(var, row, alpha, tiny);
   }
   return Finish(QpStatus::kIterationLimit);
+}
+
+// At the minimiser of the working set: true when it is optimal, otherwise the constraint with
+// the worst multiplier leaves the working set (a constraint bouncing in and out on tiny steps
+// stops the correction of row residuals within tolerance).
+bool ActiveSetQp::AtOptimalWorkingSet(double alpha) {
+  if (!DropWorstMultiplier(Gradient())) {
+    TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
+    return true;
+  }
+  TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
+  const bool bounced = tiny_since_add_ && ((dropped_var_ >= 0 && dropped_var_ == added_var_) ||
+                                           (dropped_row_ >= 0 && dropped_row_ == added_row_));
+  if (bounced && ++bounces_ >= kBounceLimit) keep_residuals_ = true;
+  return false;
+}
+
+// The step stopped at a constraint: it joins the working set (with the others a step that
+// could not move runs into), and runs of such steps switch to the smallest-index rule.
+void ActiveSetQp::AddBlocking(int var, int row, double alpha, bool tiny) {
+  degenerate_ = alpha > 0 ? 0 : degenerate_ + 1;
+  smallest_index_ = degenerate_ >= kDegenerateLimit;
+  added_var_ = var;
+  added_row_ = row;
+  tiny_since_add_ = tiny;
+  if (var >= 0) {
+    const bool lower = p_[var] < 0;
+    var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
+    x_[var] = lower ? Lower(var) : Upper(var);
+  } else {
+    row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
+  }
+  // Only a step that did not move at all: after a short real step the constraints near the
+  // new point are no evidence of a degenerate vertex, and taking them in has made working
+  // sets repeat on small integer problems.
+  const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
+  const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
+  TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
 }
 
 }  // namespace
