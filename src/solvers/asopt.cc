@@ -147,7 +147,7 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
   AsoptLog log("ASOPT.out");
   if (options.Int(kNlpDebugLevel) >= 1) {
     LogParameters(options, log);
-    PrintResidualDump(problem, x);
+    PrintResidualDump(nlp, x);
   }
   if (const int info = CheckSetup(nlp, x, mode); info != kSuccess) {
     log.Line(fmt::format(" ASOPT setup failed: status {} {}", info, StatusWord(info)), false);
