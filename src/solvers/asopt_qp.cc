@@ -10,6 +10,7 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
+constexpr double kElasticCurvature = 1e-10;   // elastic variables' curvature / elastic weight
 constexpr int kRefinePasses = 2;              // corrections of the working rows' residuals
 constexpr double kRowRounding = 1e-14;        // row residual relative to its terms left alone
 constexpr double kRefineShare = 1e-3;         // ... and relative to the feasibility tolerance
@@ -132,7 +133,7 @@ void ActiveSetQp::BuildRows() {
     row_val_[pos] = qp_.a_vals[k];
   }
   row_elastic_.assign(m_, -1);
-  elastic_curvature_ = std::max(1e-10, qp_.elastic_weight * 1e-10);
+  elastic_curvature_ = std::max(kElasticCurvature, qp_.elastic_weight * kElasticCurvature);
 }
 
 // Feasibility tolerance of row i at bound b: the row's value a'x sums terms that can be far

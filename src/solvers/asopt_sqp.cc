@@ -20,7 +20,14 @@ namespace {
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
-constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / constraint tolerance
+constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / largest violation
+constexpr double kQpToleranceFactor = 1e3; // QP feasibility tolerance / qp_tolerance
+constexpr double kQpToleranceFloor = 0.1;  // ... not below this times the constraint tolerance
+constexpr double kLeastQpTolerance = 1e-12;
+constexpr double kElasticWeight = 1e4;     // first elastic weight / largest gradient entry
+constexpr double kElasticPenaltyShare = 10.0;  // ... and at least this times the penalty nu
+constexpr double kMaxElasticWeight = 1e10; // largest elastic weight / largest gradient entry
+constexpr double kViolationSlack = 1e-4;   // violation a trial may add per row
 constexpr int kStallWindow = 15;           // iterations over which progress is judged
 constexpr double kStallMerit = 1e-8;       // least relative merit decrease over a window
 constexpr double kStallMove = 1e-6;        // least relative move of the iterate over a window
@@ -320,17 +327,17 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
 }
 
 // Feasibility tolerance of the QP. The QP must not call a row met that the convergence test
-// calls violated, so once the point violates its rows the tolerance drops to a hundredth of
+// calls violated, so once the point violates its rows the tolerance drops to a tenth of
 // the largest violation (not below a tenth of the constraint tolerance): the step then
 // corrects the rows that matter. A tighter tolerance throughout would make the QP chase
 // rounding in rows that are far from met anyway.
 double SqpSolver::QpTolerance(const Point& p) const {
-  double tol = 1e3 * Opt(kQpTolerance);
+  double tol = kQpToleranceFactor * Opt(kQpTolerance);
   if (p.max_violation > 0.0) {
     tol = std::min(tol, std::max(kQpToleranceShare * p.max_violation,
-                                 0.1 * Opt(kConstraintConvergenceTolerance)));
+                                 kQpToleranceFloor * Opt(kConstraintConvergenceTolerance)));
   }
-  return std::max(tol, 1e-12);
+  return std::max(tol, kLeastQpTolerance);
 }
 
 // The QP in the step d; `row_shift`, for a second-order correction, replaces the row values.
@@ -387,8 +394,8 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
   if (newton_ || timed_out_) return newton_;
   double gmax = 1.0;
   for (double v : p.g) gmax = std::max(gmax, std::abs(v));
-  rho_ = std::max(1e4 * gmax, 10.0 * nu_);
-  const double rho_max = 1e10 * gmax;
+  rho_ = std::max(kElasticWeight * gmax, kElasticPenaltyShare * nu_);
+  const double rho_max = kMaxElasticWeight * gmax;
   QpWorkingSet guess = state_.active;
   while (true) {
     qp = SolveQp(BuildQp(p, nullptr), guess, &kkt_);
@@ -474,7 +481,8 @@ double SqpSolver::Predicted(const Point& p, const QpResult& qp) const {
 // Armijo test on the merit function, plus the caps on violation growth and objective rise.
 bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
                                 double pred) const {
-  if (t.theta > std::max(Opt(kMaximumConstraintNorm) * p.theta, 1e-4 * nlp_.m() + p.theta) &&
+  if (t.theta > std::max(Opt(kMaximumConstraintNorm) * p.theta,
+                                kViolationSlack * nlp_.m() + p.theta) &&
       t.theta > Opt(kConstraintConvergenceTolerance)) {
     return false;
   }
