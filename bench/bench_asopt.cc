@@ -100,30 +100,7 @@ std::vector<Generated> GeneratedProblems(bool quick) {
   return list;
 }
 
-// The wrapped problem with a fixed start point and, for the warm-start table, one bound moved.
-class MovedBound : public testing::ForwardingProblem {
- public:
-  using ForwardingProblem::ForwardingProblem;
-  void Bounds(std::span<double> xl, std::span<double> xu) override {
-    base_.Bounds(xl, xu);
-    if (var >= 0 && parameter) xl[var] = xu[var] = value;
-    if (var >= 0 && !parameter) (upper ? xu : xl)[var] = value;
-  }
-  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
-    base_.ConstraintBounds(cl, cu);
-    if (row >= 0) (upper ? cu : cl)[row] = value;
-  }
-  void Start(std::span<double> x) override {
-    if (start.empty()) return base_.Start(x);
-    std::copy(start.begin(), start.end(), x.begin());
-    if (var >= 0 && parameter) x[var] = value;
-  }
-  int var = -1, row = -1;     // the moved bound: a variable's or a row's
-  bool upper = false;         // which side
-  bool parameter = false;     // the variable is a fixed one (a model parameter): both sides
-  double value = 0.0;         // its new value
-  std::vector<double> start;  // the start point; empty for the base problem's
-};
+using testing::MovedBound;
 
 struct Timed {
   SolverResult result;
@@ -259,7 +236,7 @@ void WarmStart(const std::string& name, testing::LoadedModel& model) {
   base.Start(start.start);
   solvers::SqpState state;
   const Timed first =
-      TimeSolve([&] { return solvers::SolveAsopt(start, Settings(), state, 0); });
+      TimeSolve([&] { return solvers::SolveAsopt(start, Settings(), state, solvers::WarmStart::kCold); });
   MovedBound moved(base);
   moved.start = start.start;
   if (first.result.status != 0 || !ChooseBound(base, first.result.x, moved)) {
@@ -270,7 +247,7 @@ void WarmStart(const std::string& name, testing::LoadedModel& model) {
   moved.start = first.result.x;
   SolverSettings warm = Settings();
   warm.warm = true;
-  const Timed hot = TimeSolve([&] { return solvers::SolveAsopt(moved, warm, state, 3); });
+  const Timed hot = TimeSolve([&] { return solvers::SolveAsopt(moved, warm, state, solvers::WarmStart::kWorkingSet); });
   const bool agree = std::abs(cold.result.objective - hot.result.objective) <=
                      1e-6 * std::max(1.0, std::abs(cold.result.objective));
   Sayf("{:<22} {:>7} | {:>5} {:>4} {:>9.4f} | {:>5} {:>4} {:>9.4f} | {}", name,
@@ -294,7 +271,7 @@ void MinlpTable() {
     solvers::SqpState state;
     int nodes = 0;
     const Timed t = TimeSolve(
-        [&] { return solvers::SolveAsopt(*model->problem, Settings(), state, 0, &nodes); });
+        [&] { return solvers::SolveAsopt(*model->problem, Settings(), state, solvers::WarmStart::kCold, &nodes); });
     const double err = testing::RelativeError(t.result.objective, entry.optimum);
     ok += t.result.status == 0 && err <= kSuccessError;
     total_nodes += nodes;

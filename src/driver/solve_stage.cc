@@ -107,7 +107,6 @@ SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
   SolveOutcome out;
   for (int s = first; s <= last; ++s) {
     problem.Store(start, {});
-    const int res0 = problem.residual_evals(), jac0 = problem.jacobian_evals();
     const auto t0 = std::chrono::steady_clock::now();
     solvers::SolverResult r = [&] {
       ScopedTimer timer("Solver");
@@ -120,7 +119,7 @@ SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
     out.objective = access.Objective(false);
     if (benchmark) {
       rows.push_back({s, r.status, problem.num_vars(), problem.num_cons(),
-                      problem.residual_evals() - res0, problem.jacobian_evals() - jac0,
+                      r.residual_evals, r.jacobian_evals,
                       r.iterations, out.objective, out.seconds});
     }
   }

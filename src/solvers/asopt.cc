@@ -1,7 +1,6 @@
 #include "solvers/asopt.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 
 #include "base/base.h"
@@ -16,10 +15,7 @@ namespace {
 constexpr int kDumpEntries = 10;  // entries of a vector listed when none failed
 
 AsoptOptions LoadOptions(const SolverSettings& settings) {
-  AsoptOptions options;
-  options.SetDefault(kObjectiveConvergenceTolerance, settings.objective_tol);
-  options.SetDefault(kConstraintConvergenceTolerance, settings.constraint_tol);
-  options.SetDefault(kNlpMaximumIterations, settings.max_iter);
+  AsoptOptions options(settings.objective_tol, settings.constraint_tol, settings.max_iter);
   options.Read("asopt.opt");
   return options;
 }
@@ -40,15 +36,15 @@ void DumpVector(const char* title, const char* name, const std::vector<double>& 
 
 // The solver dump of a failed setup: the sizes, the mode, the objective gradient and the
 // Jacobian values at the start point, and the failure code.
-void PrintSolverDump(const NlpData& nlp, int info, int mode, const std::vector<double>& g,
+void PrintSolverDump(const ProblemView& nlp, int info, WarmStart mode, const std::vector<double>& g,
                      const std::vector<double>& a) {
   Say("***** Solver Dump *****");
   Sayf("info : {}", info);
-  Sayf("n    : {}", nlp.n);
-  Sayf("m    : {}", nlp.m);
-  Sayf("nz   : {}", nlp.jac_rows.size());
-  Sayf("p    : {}", nlp.hess_rows.size());
-  Sayf("mode : {}", mode);
+  Sayf("n    : {}", nlp.n());
+  Sayf("m    : {}", nlp.m());
+  Sayf("nz   : {}", nlp.nnz_jac());
+  Sayf("p    : {}", nlp.has_hessian() ? nlp.nnz_hess() : nlp.n());  // else a diagonal estimate
+  Sayf("mode : {}", static_cast<int>(mode));
   DumpVector("       g", "g", g);
   DumpVector("       a", "a", a);
   Sayf("Error: Problems with Setup.  info = {}", info);
@@ -58,41 +54,25 @@ bool AllFinite(const std::vector<double>& v) {
   return std::all_of(v.begin(), v.end(), [](double e) { return std::isfinite(e); });
 }
 
-// The inputs a solve cannot start from: a bound or start value that is not a number, or a
-// Jacobian position outside the problem. Returns kBadInputs or 0.
-int CheckInputs(const NlpData& nlp, const std::vector<double>& x) {
-  const auto nan = [](double v) { return std::isnan(v); };
-  if (std::any_of(nlp.xl.begin(), nlp.xl.end(), nan) ||
-      std::any_of(nlp.xu.begin(), nlp.xu.end(), nan) ||
-      std::any_of(nlp.cl.begin(), nlp.cl.end(), nan) ||
-      std::any_of(nlp.cu.begin(), nlp.cu.end(), nan) || !AllFinite(x)) {
+// The inputs a solve cannot start from: a bound or start value that is not a number or a
+// structure position outside the problem (kBadInputs), a lower bound above its upper bound
+// (kInvalidBounds); 0 for none.
+int InputStatus(const ProblemView& nlp, const std::vector<double>& x) {
+  const InputFault fault = nlp.CheckInputs();
+  if (fault == InputFault::kNotANumber || fault == InputFault::kBadStructure || !AllFinite(x)) {
     return kBadInputs;
   }
-  for (size_t k = 0; k < nlp.jac_rows.size(); ++k) {
-    if (nlp.jac_rows[k] < 0 || nlp.jac_rows[k] >= nlp.m || nlp.jac_cols[k] < 0 ||
-        nlp.jac_cols[k] >= nlp.n) {
-      return kBadInputs;
-    }
-  }
-  return kSuccess;
+  return fault == InputFault::kCrossedBounds ? kInvalidBounds : kSuccess;
 }
 
-// Checks the inputs, the bounds and the first derivatives at the start; prints the solver
-// dump and returns the failure code, or 0.
-int CheckSetup(NlpData& nlp, const std::vector<double>& x, int mode) {
-  int info = CheckInputs(nlp, x);
-  for (int j = 0; j < nlp.n && info == kSuccess; ++j) {
-    if (nlp.xl[j] > nlp.xu[j]) info = kInvalidBounds;
-  }
-  for (int i = 0; i < nlp.m && info == kSuccess; ++i) {
-    if (nlp.cl[i] > nlp.cu[i]) info = kInvalidBounds;
-  }
-  std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
-  const bool g_ok = nlp.problem.Gradient(x, g);
-  const bool a_ok = nlp.problem.JacobianValues(x, a);
-  if (info == kSuccess && !(g_ok && a_ok && AllFinite(g) && AllFinite(a))) {
-    info = kBadDerivatives;
-  }
+// Checks the inputs and the first derivatives at the start; prints the solver dump and
+// returns the failure code, or 0.
+int CheckSetup(ProblemView& nlp, const std::vector<double>& x, WarmStart mode) {
+  int info = InputStatus(nlp, x);
+  std::vector<double> g(nlp.n()), a(nlp.nnz_jac());
+  const bool g_ok = nlp.Gradient(x, g);
+  const bool a_ok = nlp.Jacobian(x, a);
+  if (info == kSuccess && !(g_ok && a_ok)) info = kBadDerivatives;
   if (info != kSuccess) PrintSolverDump(nlp, info, mode, g, a);
   return info;
 }
@@ -112,27 +92,26 @@ void LogParameters(const AsoptOptions& options, AsoptLog& log) {
   }
 }
 
-SolverResult FailedSetup(int info, const NlpData& nlp, const std::vector<double>& x) {
+SolverResult FailedSetup(int info, const ProblemView& nlp, const std::vector<double>& x) {
   SolverResult failed;
   failed.status = info;
   failed.x = x;
-  failed.lambda.assign(nlp.m, 0.0);
-  failed.z_lower.assign(nlp.n, 0.0);
-  failed.z_upper.assign(nlp.n, 0.0);
+  failed.lambda.assign(nlp.m(), 0.0);
+  failed.z_lower.assign(nlp.n(), 0.0);
+  failed.z_upper.assign(nlp.n(), 0.0);
   return failed;
 }
 
 // The problem's start point moved inside its bounds (where they are in order).
-std::vector<double> StartPoint(NlpData& nlp) {
-  std::vector<double> x(nlp.n);
-  nlp.problem.Start(x);
-  for (int j = 0; j < nlp.n; ++j) {
-    if (nlp.xl[j] <= nlp.xu[j]) x[j] = std::clamp(x[j], nlp.xl[j], nlp.xu[j]);
+std::vector<double> StartPoint(ProblemView& nlp) {
+  std::vector<double> x = nlp.Start();
+  for (int j = 0; j < nlp.n(); ++j) {
+    if (nlp.xl()[j] <= nlp.xu()[j]) x[j] = std::clamp(x[j], nlp.xl()[j], nlp.xu()[j]);
   }
   return x;
 }
 
-SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
+SolverResult ToResult(const MinlpOutcome& out, const ProblemView& nlp) {
   SolverResult result;
   result.status = out.best.status;
   result.iterations = out.nlp_iterations;
@@ -141,8 +120,8 @@ SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
   result.lambda = out.best.lambda;
   result.z_lower = out.best.z_lower;
   result.z_upper = out.best.z_upper;
-  result.residual_evals = nlp.residual_evals;
-  result.jacobian_evals = nlp.jacobian_evals;
+  result.residual_evals = nlp.residual_evals();
+  result.jacobian_evals = nlp.jacobian_evals();
   return result;
 }
 
@@ -150,24 +129,25 @@ SolverResult ToResult(const MinlpOutcome& out, const NlpData& nlp) {
 
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings) {
   SqpState state;
-  return SolveAsopt(problem, settings, state, settings.warm ? 3 : 0);
+  return SolveAsopt(problem, settings, state,
+                    settings.warm ? WarmStart::kWorkingSet : WarmStart::kCold);
 }
 
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpState& state,
-                        int mode, int* nodes) {
+                        WarmStart mode, int* nodes) {
   PrintSolverBanner('-', settings.imode, " with ASOPT Solver");
   const AsoptOptions options = LoadOptions(settings);
   if (settings.diaglevel >= 1) options.Write("asopt_current_options.opt");
-  NlpData nlp(problem);
+  ProblemView nlp(problem, settings.max_time);
   const std::vector<double> x = StartPoint(nlp);
-  if (settings.warm && mode >= 3 && state.lambda.size() != static_cast<size_t>(nlp.m)) {
-    std::vector<double> lambda(nlp.m);
+  if (settings.warm && KeepsMultipliers(mode) && state.lambda.size() != static_cast<size_t>(nlp.m())) {
+    std::vector<double> lambda(nlp.m());
     if (problem.StartMultipliers(lambda)) state.lambda = lambda;
   }
   AsoptLog log("ASOPT.out");
   if (options.Int(kNlpDebugLevel) >= 1) {
     LogParameters(options, log);
-    PrintResidualDump(problem, x);
+    PrintResidualDump(nlp, x);
   }
   if (const int info = CheckSetup(nlp, x, mode); info != kSuccess) {
     log.Line(fmt::format(" ASOPT setup failed: status {} {}", info, StatusWord(info)), false);
@@ -177,16 +157,12 @@ SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpSta
   control.options = &options;
   control.mode = mode;
   control.log = &log;
-  const double seconds = std::clamp(settings.max_time, 0.0, 1e9);
-  control.deadline = std::chrono::steady_clock::now() +
-                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                         std::chrono::duration<double>(seconds));
   const MinlpOutcome out = Ace_MINLP_solve(nlp, x, control, state);
   if (nodes) *nodes = out.nodes;
   if (out.setup_failed) {
-    std::vector<double> g(nlp.n), a(nlp.jac_rows.size());
-    problem.Gradient(x, g);
-    problem.JacobianValues(x, a);
+    std::vector<double> g(nlp.n()), a(nlp.nnz_jac());
+    nlp.Gradient(x, g);
+    nlp.Jacobian(x, a);
     PrintSolverDump(nlp, out.best.status, mode, g, a);
     return FailedSetup(out.best.status, nlp, x);
   }

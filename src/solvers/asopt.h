@@ -20,9 +20,9 @@ namespace kx::solvers {
 
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings);
 
-// The same with a warm-start state that lives across calls and an explicit parametric mode
-// (0..7, see SqpState). `nodes` (optional) receives the number of leaves solved.
+// The same with a warm-start state that lives across calls and an explicit parametric mode.
+// `nodes` (optional) receives the number of leaves solved.
 SolverResult SolveAsopt(Problem& problem, const SolverSettings& settings, SqpState& state,
-                        int mode, int* nodes = nullptr);
+                        WarmStart mode, int* nodes = nullptr);
 
 }  // namespace kx::solvers

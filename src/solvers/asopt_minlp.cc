@@ -22,7 +22,7 @@ struct Leaf {
 
 class BranchAndBound {
  public:
-  BranchAndBound(NlpData& nlp, const SqpControl& control)
+  BranchAndBound(ProblemView& nlp, const SqpControl& control)
       : nlp_(nlp), control_(control), options_(*control.options) {}
   MinlpOutcome Run(std::vector<double> x, SqpState& state);
 
@@ -45,8 +45,13 @@ class BranchAndBound {
   bool AddLeaf(Leaf leaf, bool upper_side, int var);
   void PrintIterationLine(int k, const SqpOutcome& out, int nlp_its, const Leaf& leaf);
   void ListFinal(const SqpOutcome& out);
+  MinlpOutcome SolveContinuous(Leaf& root, const std::vector<double>& x, SqpState& state);
+  bool SearchEnds(int index, int k);
+  SqpOutcome SolveLeafOfIteration(int index, int k, const std::vector<double>& x,
+                                  SqpState& state, MinlpOutcome& result);
+  SqpOutcome BestOutcome(SqpOutcome last, const std::vector<double>& x) const;
 
-  NlpData& nlp_;
+  ProblemView& nlp_;
   const SqpControl& control_;
   const AsoptOptions& options_;
   std::vector<int> integers_;       // integer variables branched on
@@ -54,6 +59,8 @@ class BranchAndBound {
   bool have_integer_ = false;
   SqpOutcome best_;                 // best integer solution
   int created_ = 0;
+  int since_integer_ = 0;           // leaves solved since the first integer solution
+  int limit_status_ = kNoFeasibleSolution;  // status of a search ending without an integer
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
@@ -63,8 +70,8 @@ bool BranchAndBound::CheckInputs() {
   if (options_.Int(kNlpMaximumIterations) <= 0) Trace("Warning: Max iterations <= 0", true);
   Step("* Step: Compute degrees of freedom");
   int ndf = 0;
-  for (int j = 0; j < nlp_.n; ++j) ndf += nlp_.xl[j] != nlp_.xu[j];
-  for (int i = 0; i < nlp_.m; ++i) ndf -= nlp_.cl[i] == nlp_.cu[i];
+  for (int j = 0; j < nlp_.n(); ++j) ndf += nlp_.xl()[j] != nlp_.xu()[j];
+  for (int i = 0; i < nlp_.m(); ++i) ndf -= nlp_.cl()[i] == nlp_.cu()[i];
   Step(fmt::format("* Result: ndf = {}", ndf));
   if (ndf > options_[kMaxDegreesOfFreedom]) {
     Trace(fmt::format("Error: {} degrees of freedom exceed max_degrees_of_freedom {}", ndf,
@@ -91,24 +98,24 @@ constexpr const char* kModeTexts[] = {
 // bounds (information_messages 1 and more).
 void BranchAndBound::ListInputs(const std::vector<double>& x) {
   const auto say = [&](const std::string& text) { Trace(text, true); };
-  const int mode = std::clamp(control_.mode, 0, 7);
+  const int mode = static_cast<int>(control_.mode);
   say("  Subroutine Ace_MINLP_solve Inputs  ");
-  say(fmt::format("{:10d} number of variables (n).", nlp_.n));
-  say(fmt::format("{:10d} number of general constraints (m).", nlp_.m));
+  say(fmt::format("{:10d} number of variables (n).", nlp_.n()));
+  say(fmt::format("{:10d} number of general constraints (m).", nlp_.m()));
   say(fmt::format("{:10d} number of integer variables (ni).", integers_.size()));
   say(fmt::format("{:10d} number of zeros in the constraint derivative matrix (nz).",
-                  nlp_.jac_rows.size()));
+                  nlp_.jac_rows().size()));
   say(fmt::format("{:10d} parametric mode with: {}", mode, kModeTexts[mode]));
   say("Initial Variable Values with Bounds");
   say(fmt::format("{:>8} {:>14} {:>14} {:>14}", "Index", "Lower", "Value", "Upper"));
-  for (int j = 0; j < nlp_.n; ++j) {
-    say(fmt::format("{:>8} {:>14.6e} {:>14.6e} {:>14.6e}", j + 1, nlp_.xl[j], x[j], nlp_.xu[j]));
+  for (int j = 0; j < nlp_.n(); ++j) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e} {:>14.6e}", j + 1, nlp_.xl()[j], x[j], nlp_.xu()[j]));
   }
   say("Integer Variables");
   for (int j : integers_) say(fmt::format("{:>8}", j + 1));
   say("Constraint Bounds");
-  for (int i = 0; i < nlp_.m; ++i) {
-    say(fmt::format("{:>8} {:>14.6e} {:>14.6e}", i + 1, nlp_.cl[i], nlp_.cu[i]));
+  for (int i = 0; i < nlp_.m(); ++i) {
+    say(fmt::format("{:>8} {:>14.6e} {:>14.6e}", i + 1, nlp_.cl()[i], nlp_.cu()[i]));
   }
 }
 
@@ -154,7 +161,7 @@ SqpOutcome BranchAndBound::SolveLeaf(Leaf& leaf, const std::vector<double>& x, i
   Step("NLP Solution Start");
   Step("* Step: Attempt NLP convergence");
   SqpControl control = control_;
-  if (leaf.depth > 0) control.mode = 3;  // warm: the parent's working set and multipliers
+  if (leaf.depth > 0) control.mode = WarmStart::kWorkingSet;  // the parent's
   SqpOutcome out = Ace_CONVRG(nlp_, leaf.xl, leaf.xu, x, leaf.start, control);
   nlp_its = out.iterations;
   Step("* Step: Check convergence status");
@@ -162,7 +169,7 @@ SqpOutcome BranchAndBound::SolveLeaf(Leaf& leaf, const std::vector<double>& x, i
     Step("* Result: Not Yet Solved");
     Step("* Step: Get feasible solution");
     // A second attempt from the same point with a cold working set.
-    control.mode = 0;
+    control.mode = WarmStart::kCold;
     SqpState fresh;
     SqpOutcome again = Ace_CONVRG(nlp_, leaf.xl, leaf.xu, x, fresh, control);
     nlp_its += again.iterations;
@@ -196,7 +203,7 @@ void BranchAndBound::RecordInteger(const SqpOutcome& out, bool root) {
 // Adds a leaf unless its bounds cross the variable's absolute bounds or it is already listed.
 bool BranchAndBound::AddLeaf(Leaf leaf, bool upper_side, int var) {
   const char* side = upper_side ? "upper" : "lower";
-  if (leaf.xl[var] > nlp_.xu[var] || leaf.xu[var] < nlp_.xl[var] || leaf.xl[var] > leaf.xu[var]) {
+  if (leaf.xl[var] > nlp_.xu()[var] || leaf.xu[var] < nlp_.xl()[var] || leaf.xl[var] > leaf.xu[var]) {
     Event(fmt::format("The {} leaf violated an absolute bound and was eliminated", side));
     return false;
   }
@@ -266,25 +273,25 @@ void BranchAndBound::PrintIterationLine(int k, const SqpOutcome& out, int nlp_it
 void BranchAndBound::ListFinal(const SqpOutcome& out) {
   if (options_.Int(kMinlpPrintLevel) < 10 || out.x.empty()) return;
   Trace("  Subroutine Ace_MINLP_solve Output  ", true);
-  std::vector<double> c(nlp_.m);
-  nlp_.problem.Constraints(out.x, c);
+  std::vector<double> c(nlp_.m());
+  nlp_.Constraints(out.x, c);
   Trace("Equations", true);
-  for (int i = 0; i < nlp_.m; ++i) {
-    Trace(fmt::format("equation: {} val: {} lower: {} upper: {} la: {}", i + 1, c[i], nlp_.cl[i],
-                      nlp_.cu[i], out.lambda[i]),
+  for (int i = 0; i < nlp_.m(); ++i) {
+    Trace(fmt::format("equation: {} val: {} lower: {} upper: {} la: {}", i + 1, c[i], nlp_.cl()[i],
+                      nlp_.cu()[i], out.lambda[i]),
           true);
   }
   Trace("Variables", true);
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     Trace(fmt::format("variable: {} val: {} lower: {} upper: {} la: {}", j + 1, out.x[j],
-                      nlp_.xl[j], nlp_.xu[j], out.z_lower[j] - out.z_upper[j]),
+                      nlp_.xl()[j], nlp_.xu()[j], out.z_lower[j] - out.z_upper[j]),
           true);
   }
 }
 
 MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
   MinlpOutcome result;
-  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem.IntegerVariables();
+  if (options_.Int(kMinlpAsNlp) == 0) integers_ = nlp_.problem().IntegerVariables();
   if (options_.Int(kInformationMessages) >= 1) ListInputs(x);
   if (!CheckInputs()) {
     result.best.status = kBadInputs;
@@ -293,107 +300,127 @@ MinlpOutcome BranchAndBound::Run(std::vector<double> x, SqpState& state) {
     return result;
   }
   Leaf root;
-  root.xl = nlp_.xl;
-  root.xu = nlp_.xu;
+  root.xl = nlp_.xl();
+  root.xu = nlp_.xu();
   root.start = std::move(state);
-  if (integers_.empty()) {
-    int its = 0;
-    result.best = SolveLeaf(root, x, its);
-    state = std::move(root.start);
-    result.nodes = 1;
-    result.nlp_iterations = its;
-    Trace("No integer variables - completed branching", options_.Int(kMinlpPrintLevel) >= 1);
-    ListFinal(result.best);
-    return result;
-  }
+  if (integers_.empty()) return SolveContinuous(root, x, state);
   leaves_.push_back(std::move(root));
   SqpOutcome last;
-  int since_integer = 0;
-  int limit_status = kNoFeasibleSolution;  // status when the search ends without an integer
-  const bool print = options_.Int(kMinlpPrintLevel) >= 1;
   for (int k = 1;; ++k) {
     const int index = NextLeaf();
-    if (index < 0) {
-      Trace(have_integer_ ? "No additional trial points, returning the best integer solution"
-                          : "Warning: no more possible trial points and no integer solution",
-            print);
-      if (have_integer_) Trace("MINLP: no other leaves, optimal solution found", print);
-      break;
-    }
-    if (have_integer_ && Gap() <= options_[kMinlpGapTol]) {
-      Trace(fmt::format("MINLP: gap {} within minlp_gap_tol, returning the best integer solution",
-                        FormatReal(std::max(0.0, Gap()))),
-            print);
-      break;
-    }
-    if (k > options_.Int(kMinlpMaximumIterations)) {
-      Trace("Warning: reached maximum MINLP iterations, returning best solution", true);
-      limit_status = kMaxIterations;
-      Trace(fmt::format("Adjust minlp_maximum_iterations {} in asopt.opt to change limit",
-                        options_.Int(kMinlpMaximumIterations)),
-            true);
-      break;
-    }
-    if (have_integer_ && since_integer >= options_.Int(kMinlpMaxIterWithIntSol)) {
-      Trace("Warning: best integer solution returned after maximum MINLP iterations", true);
-      Trace(fmt::format("Adjust minlp_max_iter_with_int_sol {} in asopt.opt to change limit",
-                        options_.Int(kMinlpMaxIterWithIntSol)),
-            true);
-      break;
-    }
-    if (std::chrono::steady_clock::now() > control_.deadline) {
-      limit_status = kExternalAbort;
-      break;
-    }
-    Trace("+-------------------------------------------+", print);
-    Trace(fmt::format("| MINLP Iter: {}", k), print);
-    Trace("+--------------------------------------------", print);
-    leaves_[index].solved = true;
-    Leaf leaf = leaves_[index];
-    // The root starts from the caller's point; a child from its parent's solution.
-    const std::vector<double> start = leaf.depth == 0 || leaf.start.x.empty() ? x : leaf.start.x;
-    int nlp_its = 0;
-    SqpOutcome out = SolveLeaf(leaf, start, nlp_its);
-    if (leaf.depth == 0) state = leaf.start;
-    ++result.nodes;
-    result.nlp_iterations += nlp_its;
-    if (have_integer_) ++since_integer;
-    if (out.status != kSuccess) {
-      Event("Unsuccessful - terminate leaf with no branching");
-    } else {
-      leaves_[index].bound = out.objective;
-      Step("Check if solution qualifies as integer");
-      if (IsIntegral(out.x)) {
-        RecordInteger(out, leaf.depth == 0);
-      } else if (!have_integer_ || out.objective < best_.objective) {
-        Branch(leaf, out, leaf.start);
-      }
-    }
-    PrintIterationLine(k, out, nlp_its, leaf);
-    if (out.status == kSuccess && IsIntegral(out.x)) {
-      Trace(fmt::format("--Integer Solution: {} Lowest Leaf: {} Gap: {}",
-                        FormatReal(best_.objective), FormatReal(std::min(LowestOpenBound(), best_.objective)),
-                        FormatReal(Gap())),
-            print);
-    }
-    Step("Go to next trial solution");
-    last = std::move(out);
+    if (SearchEnds(index, k)) break;
+    last = SolveLeafOfIteration(index, k, x, state, result);
   }
-  if (have_integer_) {
-    result.best = best_;
-    result.best.status = kSuccess;
-  } else {
-    result.best = last;
-    result.best.status = limit_status;
-    if (result.best.x.empty()) result.best.x = x;
-  }
+  result.best = BestOutcome(std::move(last), x);
   ListFinal(result.best);
   return result;
 }
 
+// A problem without integer variables: one leaf, the NLP itself.
+MinlpOutcome BranchAndBound::SolveContinuous(Leaf& root, const std::vector<double>& x,
+                                             SqpState& state) {
+  MinlpOutcome result;
+  int its = 0;
+  result.best = SolveLeaf(root, x, its);
+  state = std::move(root.start);
+  result.nodes = 1;
+  result.nlp_iterations = its;
+  Event("No integer variables - completed branching");
+  ListFinal(result.best);
+  return result;
+}
+
+// True when the search is over before leaf `index` (-1: none open): no leaf left, the gap
+// met, a leaf limit reached or MAX_TIME passed. Sets the status of a search without an
+// integer solution.
+bool BranchAndBound::SearchEnds(int index, int k) {
+  if (index < 0) {
+    Event(have_integer_ ? "No additional trial points, returning the best integer solution"
+                        : "Warning: no more possible trial points and no integer solution");
+    if (have_integer_) Event("MINLP: no other leaves, optimal solution found");
+    return true;
+  }
+  if (have_integer_ && Gap() <= options_[kMinlpGapTol]) {
+    Event(fmt::format("MINLP: gap {} within minlp_gap_tol, returning the best integer solution",
+                      FormatReal(std::max(0.0, Gap()))));
+    return true;
+  }
+  if (k > options_.Int(kMinlpMaximumIterations)) {
+    Trace("Warning: reached maximum MINLP iterations, returning best solution", true);
+    limit_status_ = kMaxIterations;
+    Trace(fmt::format("Adjust minlp_maximum_iterations {} in asopt.opt to change limit",
+                      options_.Int(kMinlpMaximumIterations)),
+          true);
+    return true;
+  }
+  if (have_integer_ && since_integer_ >= options_.Int(kMinlpMaxIterWithIntSol)) {
+    Trace("Warning: best integer solution returned after maximum MINLP iterations", true);
+    Trace(fmt::format("Adjust minlp_max_iter_with_int_sol {} in asopt.opt to change limit",
+                      options_.Int(kMinlpMaxIterWithIntSol)),
+          true);
+    return true;
+  }
+  if (nlp_.TimeUp()) {
+    limit_status_ = kExternalAbort;
+    return true;
+  }
+  return false;
+}
+
+// Iteration k of the search: solves leaf `index`, then records an integer solution or
+// branches on the leaf.
+SqpOutcome BranchAndBound::SolveLeafOfIteration(int index, int k, const std::vector<double>& x,
+                                                SqpState& state, MinlpOutcome& result) {
+  Event("+-------------------------------------------+");
+  Event(fmt::format("| MINLP Iter: {}", k));
+  Event("+--------------------------------------------");
+  leaves_[index].solved = true;
+  Leaf leaf = leaves_[index];
+  // The root starts from the caller's point; a child from its parent's solution.
+  const std::vector<double> start = leaf.depth == 0 || leaf.start.x.empty() ? x : leaf.start.x;
+  int nlp_its = 0;
+  SqpOutcome out = SolveLeaf(leaf, start, nlp_its);
+  if (leaf.depth == 0) state = leaf.start;
+  ++result.nodes;
+  result.nlp_iterations += nlp_its;
+  if (have_integer_) ++since_integer_;
+  if (out.status != kSuccess) {
+    Event("Unsuccessful - terminate leaf with no branching");
+  } else {
+    leaves_[index].bound = out.objective;
+    Step("Check if solution qualifies as integer");
+    if (IsIntegral(out.x)) {
+      RecordInteger(out, leaf.depth == 0);
+    } else if (!have_integer_ || out.objective < best_.objective) {
+      Branch(leaf, out, leaf.start);
+    }
+  }
+  PrintIterationLine(k, out, nlp_its, leaf);
+  if (out.status == kSuccess && IsIntegral(out.x)) {
+    Event(fmt::format("--Integer Solution: {} Lowest Leaf: {} Gap: {}",
+                      FormatReal(best_.objective),
+                      FormatReal(std::min(LowestOpenBound(), best_.objective)),
+                      FormatReal(Gap())));
+  }
+  Step("Go to next trial solution");
+  return out;
+}
+
+// The best integer solution, or the last leaf's outcome under the status of the search's end.
+SqpOutcome BranchAndBound::BestOutcome(SqpOutcome last, const std::vector<double>& x) const {
+  if (have_integer_) {
+    SqpOutcome best = best_;
+    best.status = kSuccess;
+    return best;
+  }
+  last.status = limit_status_;
+  if (last.x.empty()) last.x = x;
+  return last;
+}
+
 }  // namespace
 
-MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control,
+MinlpOutcome Ace_MINLP_solve(ProblemView& nlp, std::vector<double> x, const SqpControl& control,
                              SqpState& state) {
   BranchAndBound bb(nlp, control);
   return bb.Run(std::move(x), state);

@@ -19,7 +19,7 @@ struct MinlpOutcome {
 // Solves from x with the problem's bounds; `control.mode` is the parametric mode of the root,
 // whose warm-start data come from `state`. On return `state` holds what the root relaxation
 // ended with (its point, multipliers, working set, Jacobian and Hessian) for the next call.
-MinlpOutcome Ace_MINLP_solve(NlpData& nlp, std::vector<double> x, const SqpControl& control,
+MinlpOutcome Ace_MINLP_solve(ProblemView& nlp, std::vector<double> x, const SqpControl& control,
                              SqpState& state);
 
 }  // namespace kx::solvers

@@ -1,6 +1,7 @@
 #include "solvers/asopt_qp.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -9,6 +10,7 @@ namespace kx::solvers {
 namespace {
 
 constexpr double kRowRegularization = 1e-10;  // -eps on working rows that are dependent
+constexpr double kElasticCurvature = 1e-10;   // elastic variables' curvature / elastic weight
 constexpr int kRefinePasses = 2;              // corrections of the working rows' residuals
 constexpr double kRowRounding = 1e-14;        // row residual relative to its terms left alone
 constexpr double kRefineShare = 1e-3;         // ... and relative to the feasibility tolerance
@@ -33,7 +35,6 @@ class ActiveSetQp {
  public:
   ActiveSetQp(const QpProblem& qp, KktFactor* factor)
       : qp_(qp), n_(qp.num_vars), m_(qp.num_rows), kkt_(factor ? factor : &own_kkt_) {
-    kkt_->SetTrace(qp.factor_print_level, qp.log);
   }
   QpResult Run(const QpWorkingSet& guess);
 
@@ -50,7 +51,28 @@ class ActiveSetQp {
   double Bound(int i) const { return row_state_[i] == Activity::kUpper ? qp_.ru[i] : qp_.rl[i]; }
   std::vector<double> Gradient() const;
   double RowTimes(int i, const std::vector<double>& v) const;
+  // The KKT matrix of one working set as triplets of its lower triangle.
+  struct KktMatrix {
+    int dim = 0;
+    std::vector<int> rows, cols;
+    std::vector<double> values;
+    size_t first_row_diagonal = 0;  // entry of the first row's diagonal
+    void Add(int r, int c, double v) {
+      rows.push_back(r);
+      cols.push_back(c);
+      values.push_back(v);
+    }
+  };
+  bool IsFree(int j) const { return var_state_[j] == Activity::kFree; }
+  bool InWorkingSet(int i) const { return row_state_[i] != Activity::kFree; }
+  bool AtOptimalWorkingSet(double alpha);
+  void AddBlocking(int var, int row, double alpha, bool tiny);
   EqpOutcome SolveEqp();
+  KktMatrix AssembleKkt() const;
+  bool Factor(const KktMatrix& k);
+  void RegulariseWorkingRows(KktMatrix& k) const;
+  std::vector<double> EqpRightHandSide() const;
+  bool CorrectWorkingRows(const std::vector<double>& row_target, bool regularised);
   double RatioTest(int& blocking_var, int& blocking_row) const;
   bool DropWorstMultiplier(const std::vector<double>& g);
   std::vector<double> BoundMultipliers(std::vector<double> g) const;
@@ -81,6 +103,7 @@ class ActiveSetQp {
   std::vector<Activity> row_state_;      // working-set status of every row
   std::vector<double> p_;                // last EQP step; size of x_
   std::vector<double> y_;                // last EQP row multipliers; size m_
+  bool solved_eqp_ = false;              // p_ and y_ hold an EQP solution (y_ empty for m_ 0)
   double elastic_curvature_ = 0.0;       // small Hessian diagonal of the elastic variables
   bool smallest_index_ = false;          // anti-cycling rule in force
   KktFactor own_kkt_;                    // the factorisation when the caller keeps none
@@ -90,6 +113,10 @@ class ActiveSetQp {
   int dropped_var_ = -1, dropped_row_ = -1;  // constraint released by the last drop
   std::vector<bool> released_var_;       // variables released by a multiplier in this solve
   std::vector<bool> released_row_;       // rows released by a multiplier in this solve
+  int degenerate_ = 0;                   // steps of length zero in a row
+  int bounces_ = 0;                      // constraints dropped right after their tiny add
+  int added_var_ = -1, added_row_ = -1;  // the constraint the last step added
+  bool tiny_since_add_ = false;          // every step since that add was tiny
   bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
 };
 
@@ -106,7 +133,7 @@ void ActiveSetQp::BuildRows() {
     row_val_[pos] = qp_.a_vals[k];
   }
   row_elastic_.assign(m_, -1);
-  elastic_curvature_ = std::max(1e-10, qp_.elastic_weight * 1e-10);
+  elastic_curvature_ = std::max(kElasticCurvature, qp_.elastic_weight * kElasticCurvature);
 }
 
 // Feasibility tolerance of row i at bound b: the row's value a'x sums terms that can be far
@@ -309,73 +336,120 @@ void ActiveSetQp::RepairStart(bool have_guess, const QpWorkingSet& guess) {
 // working-set change costs one numerical factorisation. The inertia is right when the
 // negative pivots are exactly the rows.
 EqpOutcome ActiveSetQp::SolveEqp() {
-  const int nt = static_cast<int>(x_.size());
-  const int dim = nt + m_;
-  auto is_free = [&](int j) { return var_state_[j] == Activity::kFree; };
-  auto in_working_set = [&](int i) { return row_state_[i] != Activity::kFree; };
-  std::vector<int> kr, kc;
-  std::vector<double> kv;
-  kr.reserve(qp_.h_rows.size() + row_col_.size() + 2 * dim);
-  kc.reserve(kr.capacity());
-  kv.reserve(kr.capacity());
-  auto add = [&](int r, int c, double v) {
-    kr.push_back(r);
-    kc.push_back(c);
-    kv.push_back(v);
-  };
-  for (size_t k = 0; k < qp_.h_rows.size(); ++k) {
-    const int r = qp_.h_rows[k], c = qp_.h_cols[k];
-    add(r, c, is_free(r) && is_free(c) ? qp_.h_vals[k] : 0.0);
-  }
-  for (int j = 0; j < nt; ++j) add(j, j, !is_free(j) ? 1.0 : j < n_ ? qp_.delta : elastic_curvature_);
-  const size_t first_row_diagonal = kr.size();
-  for (int i = 0; i < m_; ++i) {
-    const bool working = in_working_set(i);
-    add(nt + i, nt + i, working ? 0.0 : -1.0);  // -eps when the working rows are dependent
-    for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
-      add(nt + i, row_col_[k], working && is_free(row_col_[k]) ? row_val_[k] : 0.0);
-    }
-    const int e = row_elastic_[i];
-    if (e >= 0) add(nt + i, n_ + e, working && is_free(n_ + e) ? elastic_sign_[e] : 0.0);
-  }
-  if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
-  const bool regularised = kkt_->num_null() > 0;
+  KktMatrix kkt = AssembleKkt();
+  if (!Factor(kkt)) return EqpOutcome::kFailed;
+  const bool regularised = kkt_->ldl.num_null() > 0;
   if (regularised) {
-    // Dependent working rows make the matrix singular: regularise the row block, which
-    // leaves a null-space Hessian that is not positive definite still visible.
-    double scale = 1.0;
-    for (size_t k = 0; k < first_row_diagonal; ++k) scale = std::max(scale, std::abs(kv[k]));
-    for (size_t k = first_row_diagonal; k < kr.size(); ++k) {
-      if (kr[k] == kc[k] && in_working_set(kr[k] - nt)) kv[k] = -kRowRegularization * scale;
-    }
-    if (!kkt_->Factor(dim, kr, kc, kv)) return EqpOutcome::kFailed;
+    RegulariseWorkingRows(kkt);
+    if (!Factor(kkt)) return EqpOutcome::kFailed;
   }
-  if (kkt_->num_negative() > m_ || kkt_->num_null() > 0) return EqpOutcome::kNonconvex;
-  const std::vector<double> g = Gradient();
-  std::vector<double> rhs(dim, 0.0);
+  if (kkt_->ldl.num_negative() > m_ || kkt_->ldl.num_null() > 0) return EqpOutcome::kNonconvex;
+  std::vector<double> rhs = EqpRightHandSide();
+  const int nt = static_cast<int>(x_.size());
+  const std::vector<double> row_target(rhs.begin() + nt, rhs.end());
+  if (!kkt_->ldl.Solve(rhs)) return EqpOutcome::kFailed;
+  p_.assign(rhs.begin(), rhs.begin() + nt);
+  y_.assign(rhs.begin() + nt, rhs.end());
+  solved_eqp_ = true;
+  if (!CorrectWorkingRows(row_target, regularised)) return EqpOutcome::kFailed;
   for (int j = 0; j < nt; ++j) {
-    if (is_free(j)) rhs[j] = -g[j];
+    if (!IsFree(j)) p_[j] = 0.0;
+  }
+  for (int i = 0; i < m_; ++i) {
+    if (!InWorkingSet(i)) y_[i] = 0.0;
+  }
+  return EqpOutcome::kSolved;
+}
+
+// The KKT matrix of the working set at full size, Hessian entries first, then the diagonal
+// of the variables, then each row's diagonal and entries.
+ActiveSetQp::KktMatrix ActiveSetQp::AssembleKkt() const {
+  const int nt = static_cast<int>(x_.size());
+  KktMatrix k;
+  k.dim = nt + m_;
+  k.rows.reserve(qp_.h_rows.size() + row_col_.size() + 2 * k.dim);
+  k.cols.reserve(k.rows.capacity());
+  k.values.reserve(k.rows.capacity());
+  for (size_t e = 0; e < qp_.h_rows.size(); ++e) {
+    const int r = qp_.h_rows[e], c = qp_.h_cols[e];
+    k.Add(r, c, IsFree(r) && IsFree(c) ? qp_.h_vals[e] : 0.0);
+  }
+  for (int j = 0; j < nt; ++j) {
+    k.Add(j, j, !IsFree(j) ? 1.0 : j < n_ ? qp_.delta : elastic_curvature_);
+  }
+  k.first_row_diagonal = k.rows.size();
+  for (int i = 0; i < m_; ++i) {
+    const bool working = InWorkingSet(i);
+    k.Add(nt + i, nt + i, working ? 0.0 : -1.0);  // -eps when the working rows are dependent
+    for (int e = row_start_[i]; e < row_start_[i + 1]; ++e) {
+      k.Add(nt + i, row_col_[e], working && IsFree(row_col_[e]) ? row_val_[e] : 0.0);
+    }
+    const int el = row_elastic_[i];
+    if (el >= 0) k.Add(nt + i, n_ + el, working && IsFree(n_ + el) ? elastic_sign_[el] : 0.0);
+  }
+  return k;
+}
+
+// Factors the KKT matrix; at factor_print_level 1 and more one trace line (dimension,
+// non-zeros, kind, inertia, time). False when the factorisation failed outright.
+bool ActiveSetQp::Factor(const KktMatrix& k) {
+  ++kkt_->factorizations;
+  const auto start = std::chrono::steady_clock::now();
+  const bool ok =
+      kkt_->ldl.Factor(k.dim, k.rows, k.cols, k.values) != linalg::FactorOutcome::kFailed;
+  if (qp_.factor_print_level < 1 || !qp_.log) return ok;
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  qp_.log(fmt::format("   factor {:6d}  {}  n {:8d}  nnz {:9d}  negative {:8d}  null {:6d}  "
+                      "{:9.4f} s{}",
+                      kkt_->factorizations, kkt_->ldl.dense() ? "dense " : "sparse", k.dim,
+                      k.rows.size(), kkt_->ldl.num_negative(), kkt_->ldl.num_null(),
+                      took.count(), ok ? "" : "  FAILED"));
+  return ok;
+}
+
+// Dependent working rows make the matrix singular: regularise the row block, which leaves a
+// null-space Hessian that is not positive definite still visible.
+void ActiveSetQp::RegulariseWorkingRows(KktMatrix& k) const {
+  const int nt = static_cast<int>(x_.size());
+  double scale = 1.0;
+  for (size_t e = 0; e < k.first_row_diagonal; ++e) scale = std::max(scale, std::abs(k.values[e]));
+  for (size_t e = k.first_row_diagonal; e < k.rows.size(); ++e) {
+    if (k.rows[e] == k.cols[e] && InWorkingSet(k.rows[e] - nt)) {
+      k.values[e] = -kRowRegularization * scale;
+    }
+  }
+}
+
+// Minus the gradient on the free variables; each working row's residual, unless residuals
+// within tolerance are kept.
+std::vector<double> ActiveSetQp::EqpRightHandSide() const {
+  const int nt = static_cast<int>(x_.size());
+  const std::vector<double> g = Gradient();
+  std::vector<double> rhs(nt + m_, 0.0);
+  for (int j = 0; j < nt; ++j) {
+    if (IsFree(j)) rhs[j] = -g[j];
   }
   for (int i = 0; i < m_; ++i) {
     const double residual = Bound(i) - r_[i];
-    if (in_working_set(i) && (!keep_residuals_ || std::abs(residual) > FeasTol(Bound(i)))) {
+    if (InWorkingSet(i) && (!keep_residuals_ || std::abs(residual) > FeasTol(Bound(i)))) {
       rhs[nt + i] = residual;
     }
   }
-  std::vector<double> row_target(rhs.begin() + nt, rhs.end());
-  if (!kkt_->Solve(rhs)) return EqpOutcome::kFailed;
-  p_.assign(rhs.begin(), rhs.begin() + nt);
-  y_.assign(rhs.begin() + nt, rhs.end());
-  // The regularised row block misses each working row by eps * y_i; and the solve's error
-  // grows with the size of the whole solution, so multipliers far larger than the step (a
-  // variable entering its row with a tiny coefficient) leave working rows missed by about
-  // eps * |y| as well. Correct the step against the rows themselves while a row misses by
-  // more than the rounding of its own terms (a pass or two suffices).
+  return rhs;
+}
+
+// The regularised row block misses each working row by eps * y_i; and the solve's error
+// grows with the size of the whole solution, so multipliers far larger than the step (a
+// variable entering its row with a tiny coefficient) leave working rows missed by about
+// eps * |y| as well. Corrects the step against the rows themselves while a row misses by more
+// than the rounding of its own terms (a pass or two suffices). False on a failed solve.
+bool ActiveSetQp::CorrectWorkingRows(const std::vector<double>& row_target, bool regularised) {
+  const int nt = static_cast<int>(x_.size());
   for (int pass = 0; pass < kRefinePasses; ++pass) {
-    std::vector<double> fix(dim, 0.0);
+    std::vector<double> fix(nt + m_, 0.0);
     bool refine = regularised;
     for (int i = 0; i < m_; ++i) {
-      if (!in_working_set(i)) continue;
+      if (!InWorkingSet(i)) continue;
       fix[nt + i] = row_target[i] - RowTimes(i, p_);
       double terms = std::abs(row_target[i]);
       for (int k = row_start_[i]; k < row_start_[i + 1]; ++k) {
@@ -385,17 +459,11 @@ EqpOutcome ActiveSetQp::SolveEqp() {
                                                           kRefineShare * FeasTol(Bound(i)));
     }
     if (!refine) break;
-    if (!kkt_->Solve(fix)) return EqpOutcome::kFailed;
+    if (!kkt_->ldl.Solve(fix)) return false;
     for (int j = 0; j < nt; ++j) p_[j] += fix[j];
     for (int i = 0; i < m_; ++i) y_[i] += fix[nt + i];
   }
-  for (int j = 0; j < nt; ++j) {
-    if (!is_free(j)) p_[j] = 0.0;
-  }
-  for (int i = 0; i < m_; ++i) {
-    if (!in_working_set(i)) y_[i] = 0.0;
-  }
-  return EqpOutcome::kSolved;
+  return true;
 }
 
 // Largest step in [0, 1] along p_ that keeps every bound and inactive row; names the
@@ -548,11 +616,11 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
   QpResult result;
   result.status = status;
   result.iterations = iterations_;
-  result.factorizations = kkt_->factorizations() - factorizations_before_;
+  result.factorizations = kkt_->factorizations - factorizations_before_;
   result.x.assign(x_.begin(), x_.begin() + n_);
   result.lambda.assign(m_, 0.0);
   result.z.assign(n_, 0.0);
-  if (!y_.empty()) {
+  if (solved_eqp_) {
     const std::vector<double> g = Gradient();
     for (int j = 0; j < n_; ++j) {
       if (var_state_[j] != Activity::kFree) result.z[j] = g[j];
@@ -586,14 +654,11 @@ QpResult ActiveSetQp::Finish(QpStatus status) {
 // working sets, each correcting the same rounding-size row residual differently. After a few
 // such bounces the residuals within the tolerance are left alone, which ends the bouncing.
 QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
-  factorizations_before_ = kkt_->factorizations();
+  factorizations_before_ = kkt_->factorizations;
   BuildRows();
   Initialize(guess);
   released_var_.assign(x_.size(), false);
   released_row_.assign(m_, false);
-  int degenerate = 0, bounces = 0;
-  int added_var = -1, added_row = -1;
-  bool tiny_since_add = false;
   while (iterations_ < qp_.max_iterations) {
     if (PastDeadline()) return Finish(QpStatus::kTimeLimit);
     ++iterations_;
@@ -603,42 +668,55 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     int var = -1, row = -1;
     const double alpha = RatioTest(var, row);
     const bool tiny = alpha * MaxAbs(p_) <= 10.0 * FeasTol(MaxAbs(x_));
-    tiny_since_add = tiny_since_add && tiny;
-    if (!tiny) bounces = 0;
+    tiny_since_add_ = tiny_since_add_ && tiny;
+    if (!tiny) bounces_ = 0;
     for (size_t j = 0; j < x_.size(); ++j) x_[j] += alpha * p_[j];
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
-      // At the minimiser of the working set: optimal unless a multiplier has the wrong sign.
-      if (!DropWorstMultiplier(Gradient())) {
-        TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
-        return Finish(QpStatus::kOptimal);
-      }
-      TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
-      const bool bounced = tiny_since_add && ((dropped_var_ >= 0 && dropped_var_ == added_var) ||
-                                              (dropped_row_ >= 0 && dropped_row_ == added_row));
-      if (bounced && ++bounces >= kBounceLimit) keep_residuals_ = true;
+      if (AtOptimalWorkingSet(alpha)) return Finish(QpStatus::kOptimal);
       continue;
     }
-    degenerate = alpha > 0 ? 0 : degenerate + 1;
-    smallest_index_ = degenerate >= kDegenerateLimit;
-    added_var = var;
-    added_row = row;
-    tiny_since_add = tiny;
-    if (var >= 0) {
-      const bool lower = p_[var] < 0;
-      var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
-      x_[var] = lower ? Lower(var) : Upper(var);
-    } else {
-      row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
-    }
-    // Only a step that did not move at all: after a short real step the constraints near the
-    // new point are no evidence of a degenerate vertex, and taking them in has made working
-    // sets repeat on small integer problems.
-    const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
-    const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
-    TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
+    AddBlocking(var, row, alpha, tiny);
   }
   return Finish(QpStatus::kIterationLimit);
+}
+
+// At the minimiser of the working set: true when it is optimal, otherwise the constraint with
+// the worst multiplier leaves the working set (a constraint bouncing in and out on tiny steps
+// stops the correction of row residuals within tolerance).
+bool ActiveSetQp::AtOptimalWorkingSet(double alpha) {
+  if (!DropWorstMultiplier(Gradient())) {
+    TraceStep(alpha * MaxAbs(p_), alpha, "optimal");
+    return true;
+  }
+  TraceStep(alpha * MaxAbs(p_), alpha, "drop " + ConstraintName(dropped_var_, dropped_row_));
+  const bool bounced = tiny_since_add_ && ((dropped_var_ >= 0 && dropped_var_ == added_var_) ||
+                                           (dropped_row_ >= 0 && dropped_row_ == added_row_));
+  if (bounced && ++bounces_ >= kBounceLimit) keep_residuals_ = true;
+  return false;
+}
+
+// The step stopped at a constraint: it joins the working set (with the others a step that
+// could not move runs into), and runs of such steps switch to the smallest-index rule.
+void ActiveSetQp::AddBlocking(int var, int row, double alpha, bool tiny) {
+  degenerate_ = alpha > 0 ? 0 : degenerate_ + 1;
+  smallest_index_ = degenerate_ >= kDegenerateLimit;
+  added_var_ = var;
+  added_row_ = row;
+  tiny_since_add_ = tiny;
+  if (var >= 0) {
+    const bool lower = p_[var] < 0;
+    var_state_[var] = lower ? Activity::kLower : Activity::kUpper;
+    x_[var] = lower ? Lower(var) : Upper(var);
+  } else {
+    row_state_[row] = RowTimes(row, p_) < 0 ? Activity::kLower : Activity::kUpper;
+  }
+  // Only a step that did not move at all: after a short real step the constraints near the
+  // new point are no evidence of a degenerate vertex, and taking them in has made working
+  // sets repeat on small integer problems.
+  const int more = alpha == 0 && !smallest_index_ ? AddBlockingAtZeroStep() : 0;
+  const std::string others = more > 0 ? fmt::format(" and {} more", more) : "";
+  TraceStep(alpha * MaxAbs(p_), alpha, "add " + ConstraintName(var, row) + others);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "solvers/asopt_kkt.h"
+#include "linalg/symmetric_ldl.h"
 
 namespace kx::solvers {
 
@@ -71,6 +71,16 @@ struct QpResult {
   double violation = 0.0;      // sum of the elastic variables (row violation left)
   int iterations = 0;
   int factorizations = 0;
+};
+
+// The factorisation of the KKT matrices, kept across QPs of one structure (the subproblems of
+// successive SQP iterations share one symbolic analysis): dense up to kDenseLimit, null
+// pivots reported, one refinement step. The built-in QP decides how to correct the inertia.
+struct KktFactor {
+  static constexpr int kDenseLimit = 250;  // largest dimension factored densely
+  linalg::SymmetricLdl ldl{linalg::LdlSettings{
+      .dense_limit = kDenseLimit, .detect_null_pivots = true, .refinement_rounds = 1}};
+  int factorizations = 0;  // factorisations so far
 };
 
 // Solves the QP, starting from the working set `guess` when it has the right sizes (a warm

@@ -1,9 +1,11 @@
 #include "solvers/asopt_sqp.h"
 
 #include <algorithm>
+#include <optional>
 #include <cmath>
 
 #include "base/base.h"
+#include "solvers/iteration_log.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -13,42 +15,40 @@ void AsoptLog::Line(const std::string& text, bool console) {
   if (console) Say(text);
 }
 
-NlpData::NlpData(Problem& p) : problem(p), n(p.num_vars()), m(p.num_cons()) {
-  jac_rows.resize(p.nnz_jac());
-  jac_cols.resize(p.nnz_jac());
-  p.JacobianStructure(jac_rows, jac_cols);
-  if (p.has_hessian()) {
-    hess_rows.resize(p.nnz_hess());
-    hess_cols.resize(p.nnz_hess());
-    p.HessianStructure(hess_rows, hess_cols);
-  } else {
-    // Without second derivatives the solver keeps a diagonal estimate of the Hessian.
-    for (int j = 0; j < n; ++j) {
-      hess_rows.push_back(j);
-      hess_cols.push_back(j);
-    }
-  }
-  xl.resize(n);
-  xu.resize(n);
-  p.Bounds(xl, xu);
-  cl.resize(m);
-  cu.resize(m);
-  p.ConstraintBounds(cl, cu);
-}
-
 namespace {
 
 constexpr int kMaxLineSearchFailures = 3;  // consecutive failed searches before MAXACCY
 constexpr double kPenaltyGrowth = 1e3;     // elastic weight growth when the QP is infeasible
 constexpr double kLeastDualScale = 1e-6;   // floor of the dual error's scale
-constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / constraint tolerance
+constexpr double kQpToleranceShare = 0.1;  // QP feasibility tolerance / largest violation
+constexpr double kQpToleranceFactor = 1e3; // QP feasibility tolerance / qp_tolerance
+constexpr double kQpToleranceFloor = 0.1;  // ... not below this times the constraint tolerance
+constexpr double kLeastQpTolerance = 1e-12;
+constexpr double kElasticWeight = 1e4;     // first elastic weight / largest gradient entry
+constexpr double kElasticPenaltyShare = 10.0;  // ... and at least this times the penalty nu
+constexpr double kMaxElasticWeight = 1e10; // largest elastic weight / largest gradient entry
+constexpr double kViolationSlack = 1e-4;   // violation a trial may add per row
 constexpr int kStallWindow = 15;           // iterations over which progress is judged
 constexpr double kStallMerit = 1e-8;       // least relative merit decrease over a window
 constexpr double kStallMove = 1e-6;        // least relative move of the iterate over a window
 constexpr double kStallSlack = 10.0;       // tolerance factor a stalled point may still meet
 constexpr int kMaxCorrections = 10;        // second-order corrections while they keep paying
 constexpr double kCorrectionGain = 0.1;    // violation cut a further correction must make
+constexpr int kHeaderEvery = 20;           // iteration lines between two headers
 constexpr double kDualRounding = 10.0;     // stationarity rounding / (eps * sum |J_ij lambda_i|)
+constexpr double kLeastFeasibilityGain = 1e-8;  // relative violation cut feasibility mode needs
+constexpr double kShiftGrowth = 100.0;     // Hessian shift growth after a rejected step
+constexpr double kShiftFloor = 1e-2;       // ... and its least value relative to max |H_ij|
+constexpr double kShiftDecrease = 4.0;     // Hessian shift decrease after an accepted step
+// A variable within this relative distance of a bound is on it: its stationarity may have
+// the bound's sign, and the bound's multiplier is reported.
+constexpr double kAtBoundTol = 1e-10;
+
+double MaxAbs(const std::vector<double>& v) {
+  double m = 0.0;
+  for (double e : v) m = std::max(m, std::abs(e));
+  return m;
+}
 
 // The functions at one point; rows are scaled by the row scale factors.
 struct Point {
@@ -66,16 +66,30 @@ struct Point {
 
 class SqpSolver {
  public:
-  SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+  SqpSolver(ProblemView& nlp, std::span<const double> xl, std::span<const double> xu,
             SqpState& state, const SqpControl& control);
   SqpOutcome Run(std::vector<double> x);
 
  private:
+  bool Prepare(Point& p);
+  std::optional<SqpOutcome> Iterate(Point& p);
+  bool Converged(const Point& p, const QpResult& qp, double dual) const;
+  bool FeasibilityExhausted(const Point& p, const QpResult& qp);
+  void UpdatePenalty(const QpResult& qp, bool feasibility_ended);
+  std::optional<SqpOutcome> HandleRejectedStep(const Point& p);
+  void AcceptStep(Point& p, Point trial, const QpResult& qp, double alpha);
+  bool Unbounded(const Point& p) const;
   double Opt(AsoptOption o) const { return (*control_.options)[o]; }
   std::vector<double> LagrangianGradient(const std::vector<double>& g,
                                          const std::vector<double>& jac) const;
   void EstimateHessian(const Point& p);
   bool HasBound(double b) const { return std::abs(b) < infinity_; }
+  bool AtLower(double x, double lower) const {
+    return HasBound(lower) && x <= lower + kAtBoundTol * (1 + std::abs(lower));
+  }
+  bool AtUpper(double x, double upper) const {
+    return HasBound(upper) && x >= upper - kAtBoundTol * (1 + std::abs(upper));
+  }
   bool EvalFunctions(Point& p);
   bool EvalDerivatives(Point& p);
   bool EvalHessian(const Point& p);
@@ -104,11 +118,11 @@ class SqpSolver {
   // True once the MAX_TIME deadline has passed; remembered so that the loop can tell a
   // failed step from an interrupted one.
   bool PastDeadline() {
-    timed_out_ = timed_out_ || std::chrono::steady_clock::now() > control_.deadline;
+    timed_out_ = timed_out_ || nlp_.TimeUp();
     return timed_out_;
   }
 
-  NlpData& nlp_;
+  ProblemView& nlp_;
   std::span<const double> xl_, xu_;     // the bounds of this solve
   SqpState& state_;
   const SqpControl& control_;
@@ -117,6 +131,8 @@ class SqpSolver {
   std::vector<double> row_scale_;       // factor of each row (1 without dynamic scaling)
   std::vector<double> cl_, cu_;         // scaled row bounds
   std::vector<double> lambda_;          // scaled row multipliers
+  std::vector<int> h_rows_, h_cols_;    // Hessian pattern: the problem's, or the diagonal
+                                        // of the estimate without second derivatives
   std::vector<double> hess_;            // Hessian values at the current point
   double delta_ = 0.0;                  // current Hessian shift
   double nu_ = 0.0;                     // merit penalty
@@ -127,6 +143,12 @@ class SqpSolver {
   bool newton_ = false;                 // this iteration takes a Newton step
   bool newton_blocked_ = false;         // the last Newton step failed its line search
   int iteration_ = 0;
+  int max_iter_ = 0;                    // nlp_maximum_iterations
+  int feasibility_limit_ = 0;           // feasibility_mode_iterations (0 no limit)
+  int failures_ = 0;                    // consecutive rejected steps
+  int feasibility_iterations_ = 0;      // consecutive feasibility-mode iterations
+  double alpha_prev_ = 1.0;             // last accepted step length
+  bool reuse_hessian_ = false;          // the first iteration takes the kept Hessian
   int qp_iterations_ = 0;
   bool used_second_order_ = false;
   int window_start_ = 0;                // iteration at which the progress window opened
@@ -138,58 +160,48 @@ class SqpSolver {
   double estimate_scale_ = 1.0;         // scale of the identity estimate
 };
 
-SqpSolver::SqpSolver(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+SqpSolver::SqpSolver(ProblemView& nlp, std::span<const double> xl, std::span<const double> xu,
                      SqpState& state, const SqpControl& control)
     : nlp_(nlp), xl_(xl), xu_(xu), state_(state), control_(control) {
   infinity_ = std::min(Opt(kInfiniteBound), kInfinity);
-  row_scale_.assign(nlp_.m, 1.0);
+  row_scale_.assign(nlp_.m(), 1.0);
+  h_rows_ = nlp_.hess_rows();
+  h_cols_ = nlp_.hess_cols();
+  if (!nlp_.has_hessian()) {
+    for (int j = 0; j < nlp_.n(); ++j) h_rows_.push_back(j), h_cols_.push_back(j);
+  }
 }
 
 bool SqpSolver::EvalFunctions(Point& p) {
-  p.c.resize(nlp_.m);
-  ++nlp_.residual_evals;
-  if (!nlp_.problem.Objective(p.x, p.f) || !std::isfinite(p.f)) return false;
-  if (!nlp_.problem.Constraints(p.x, p.c)) return false;
-  for (int i = 0; i < nlp_.m; ++i) {
-    if (!std::isfinite(p.c[i])) return false;
-    p.c[i] *= row_scale_[i];
-  }
+  p.c.resize(nlp_.m());
+  if (!nlp_.Objective(p.x, p.f) || !nlp_.Constraints(p.x, p.c)) return false;
+  for (int i = 0; i < nlp_.m(); ++i) p.c[i] *= row_scale_[i];
   Violation(p);
   return true;
 }
 
 bool SqpSolver::EvalDerivatives(Point& p) {
-  p.g.resize(nlp_.n);
-  p.jac.resize(nlp_.jac_rows.size());
-  ++nlp_.jacobian_evals;
-  if (!nlp_.problem.Gradient(p.x, p.g)) return false;
-  if (!nlp_.problem.JacobianValues(p.x, p.jac)) return false;
-  for (double v : p.g) {
-    if (!std::isfinite(v)) return false;
-  }
+  p.g.resize(nlp_.n());
+  p.jac.resize(nlp_.jac_rows().size());
+  if (!nlp_.Gradient(p.x, p.g) || !nlp_.Jacobian(p.x, p.jac)) return false;
   p.theta_rounding = 0.0;
   for (size_t k = 0; k < p.jac.size(); ++k) {
-    if (!std::isfinite(p.jac[k])) return false;
-    p.jac[k] *= row_scale_[nlp_.jac_rows[k]];
-    p.theta_rounding += std::abs(p.jac[k] * p.x[nlp_.jac_cols[k]]);
+    p.jac[k] *= row_scale_[nlp_.jac_rows()[k]];
+    p.theta_rounding += std::abs(p.jac[k] * p.x[nlp_.jac_cols()[k]]);
   }
   p.theta_rounding *= Opt(kMachinePrecision);
   return true;
 }
 
 bool SqpSolver::EvalHessian(const Point& p) {
-  hess_.assign(nlp_.hess_rows.size(), 0.0);
-  if (!nlp_.problem.has_hessian()) {
+  hess_.assign(h_rows_.size(), 0.0);
+  if (!nlp_.has_hessian()) {
     EstimateHessian(p);
     return true;
   }
-  std::vector<double> lambda(nlp_.m);
-  for (int i = 0; i < nlp_.m; ++i) lambda[i] = lambda_[i] * row_scale_[i];
-  if (!nlp_.problem.HessianValues(p.x, 1.0, lambda, hess_)) return false;
-  for (double v : hess_) {
-    if (!std::isfinite(v)) return false;
-  }
-  return true;
+  std::vector<double> lambda(nlp_.m());
+  for (int i = 0; i < nlp_.m(); ++i) lambda[i] = lambda_[i] * row_scale_[i];
+  return nlp_.Hessian(p.x, 1.0, lambda, hess_);
 }
 
 // Gradient of the Lagrangian at p with the current multipliers (both in row-scaled terms).
@@ -197,7 +209,7 @@ std::vector<double> SqpSolver::LagrangianGradient(const std::vector<double>& g,
                                                   const std::vector<double>& jac) const {
   std::vector<double> r(g);
   for (size_t k = 0; k < jac.size(); ++k) {
-    r[nlp_.jac_cols[k]] += jac[k] * lambda_[nlp_.jac_rows[k]];
+    r[nlp_.jac_cols()[k]] += jac[k] * lambda_[nlp_.jac_rows()[k]];
   }
   return r;
 }
@@ -215,7 +227,7 @@ void SqpSolver::EstimateHessian(const Point& p) {
   if (option == 1 && estimate_x_.size() == p.x.size()) {
     const std::vector<double> before = LagrangianGradient(estimate_g_, estimate_jac_);
     double sy = 0.0, ss = 0.0;
-    for (int j = 0; j < nlp_.n; ++j) {
+    for (int j = 0; j < nlp_.n(); ++j) {
       const double sj = p.x[j] - estimate_x_[j];
       sy += sj * (gl[j] - before[j]);
       ss += sj * sj;
@@ -226,12 +238,12 @@ void SqpSolver::EstimateHessian(const Point& p) {
   estimate_g_ = p.g;
   estimate_jac_ = p.jac;
   if (option <= 1) {
-    hess_.assign(nlp_.n, option == 0 ? 1.0 : estimate_scale_);
+    hess_.assign(nlp_.n(), option == 0 ? 1.0 : estimate_scale_);
     return;
   }
   const double h0 = std::sqrt(Opt(kMachinePrecision));
   Point q;
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     q.x = p.x;
     const double h = h0 * std::max(1.0, std::abs(p.x[j]));
     q.x[j] += h;
@@ -244,25 +256,22 @@ void SqpSolver::EstimateHessian(const Point& p) {
 
 // Dynamic scaling divides each row by its largest Jacobian entry at the start (at least 1).
 void SqpSolver::SetRowScaling(const Point& p) {
-  row_scale_.assign(nlp_.m, 1.0);
+  row_scale_.assign(nlp_.m(), 1.0);
   if (control_.options->Int(kDynamicScaling) > 0) {
-    std::vector<double> big(nlp_.m, 1.0);
-    for (size_t k = 0; k < p.jac.size(); ++k) {
-      big[nlp_.jac_rows[k]] = std::max(big[nlp_.jac_rows[k]], std::abs(p.jac[k]));
-    }
-    for (int i = 0; i < nlp_.m; ++i) row_scale_[i] = 1.0 / big[i];
+    const std::vector<double> big = LargestRowEntries(nlp_.jac_rows(), p.jac, nlp_.m());
+    for (int i = 0; i < nlp_.m(); ++i) row_scale_[i] = 1.0 / big[i];
   }
-  cl_.resize(nlp_.m);
-  cu_.resize(nlp_.m);
-  for (int i = 0; i < nlp_.m; ++i) {
-    cl_[i] = HasBound(nlp_.cl[i]) ? nlp_.cl[i] * row_scale_[i] : -kInfinity;
-    cu_[i] = HasBound(nlp_.cu[i]) ? nlp_.cu[i] * row_scale_[i] : kInfinity;
+  cl_.resize(nlp_.m());
+  cu_.resize(nlp_.m());
+  for (int i = 0; i < nlp_.m(); ++i) {
+    cl_[i] = HasBound(nlp_.cl()[i]) ? nlp_.cl()[i] * row_scale_[i] : -kInfinity;
+    cu_[i] = HasBound(nlp_.cu()[i]) ? nlp_.cu()[i] * row_scale_[i] : kInfinity;
   }
 }
 
 void SqpSolver::Violation(Point& p) const {
   p.theta = p.max_violation = 0.0;
-  for (int i = 0; i < nlp_.m; ++i) {
+  for (int i = 0; i < nlp_.m(); ++i) {
     double v = 0.0;
     if (HasBound(cl_[i]) && p.c[i] < cl_[i]) v = cl_[i] - p.c[i];
     if (HasBound(cu_[i]) && p.c[i] > cu_[i]) v = p.c[i] - cu_[i];
@@ -273,9 +282,9 @@ void SqpSolver::Violation(Point& p) const {
 
 double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) const {
   std::vector<double> lin(p.c);
-  for (size_t k = 0; k < p.jac.size(); ++k) lin[nlp_.jac_rows[k]] += p.jac[k] * d[nlp_.jac_cols[k]];
+  for (size_t k = 0; k < p.jac.size(); ++k) lin[nlp_.jac_rows()[k]] += p.jac[k] * d[nlp_.jac_cols()[k]];
   double theta = 0.0;
-  for (int i = 0; i < nlp_.m; ++i) {
+  for (int i = 0; i < nlp_.m(); ++i) {
     if (HasBound(cl_[i]) && lin[i] < cl_[i]) theta += cl_[i] - lin[i];
     if (HasBound(cu_[i]) && lin[i] > cu_[i]) theta += lin[i] - cu_[i];
   }
@@ -289,24 +298,24 @@ double SqpSolver::LinearViolation(const Point& p, const std::vector<double>& d) 
 // everywhere (a cost weighted by a mesh width, say) is judged relative to its own size
 // instead of passing an absolute test far from its optimum.
 double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) const {
-  std::vector<double> r(p.g), rounding(nlp_.n, 0.0);
+  std::vector<double> r(p.g), rounding(nlp_.n(), 0.0);
   for (size_t k = 0; k < p.jac.size(); ++k) {
-    const double term = p.jac[k] * lambda[nlp_.jac_rows[k]];
-    r[nlp_.jac_cols[k]] += term;
-    rounding[nlp_.jac_cols[k]] += std::abs(term);
+    const double term = p.jac[k] * lambda[nlp_.jac_rows()[k]];
+    r[nlp_.jac_cols()[k]] += term;
+    rounding[nlp_.jac_cols()[k]] += std::abs(term);
   }
   const double gmax = std::max(dual_scale_, LargestFreeEntry(p.g));
   double err = 0.0;
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     if (xl_[j] == xu_[j]) continue;
-    const bool at_lower = HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-10 * (1 + std::abs(xl_[j]));
-    const bool at_upper = HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-10 * (1 + std::abs(xu_[j]));
+    const bool at_lower = AtLower(p.x[j], xl_[j]);
+    const bool at_upper = AtUpper(p.x[j], xu_[j]);
     double e = std::abs(r[j]);
     if (at_lower) e = std::max(0.0, -r[j]);
     if (at_upper) e = at_lower ? 0.0 : std::max(0.0, r[j]);
     err = std::max(err, e - kDualRounding * Opt(kMachinePrecision) * rounding[j]);
   }
-  for (int i = 0; i < nlp_.m; ++i) {
+  for (int i = 0; i < nlp_.m(); ++i) {
     if (cl_[i] == cu_[i]) continue;
     const double l = lambda[i];
     double slack = 0.0;
@@ -318,35 +327,35 @@ double SqpSolver::DualError(const Point& p, const std::vector<double>& lambda) c
 }
 
 // Feasibility tolerance of the QP. The QP must not call a row met that the convergence test
-// calls violated, so once the point violates its rows the tolerance drops to a hundredth of
+// calls violated, so once the point violates its rows the tolerance drops to a tenth of
 // the largest violation (not below a tenth of the constraint tolerance): the step then
 // corrects the rows that matter. A tighter tolerance throughout would make the QP chase
 // rounding in rows that are far from met anyway.
 double SqpSolver::QpTolerance(const Point& p) const {
-  double tol = 1e3 * Opt(kQpTolerance);
+  double tol = kQpToleranceFactor * Opt(kQpTolerance);
   if (p.max_violation > 0.0) {
     tol = std::min(tol, std::max(kQpToleranceShare * p.max_violation,
-                                 0.1 * Opt(kConstraintConvergenceTolerance)));
+                                 kQpToleranceFloor * Opt(kConstraintConvergenceTolerance)));
   }
-  return std::max(tol, 1e-12);
+  return std::max(tol, kLeastQpTolerance);
 }
 
 // The QP in the step d; `row_shift`, for a second-order correction, replaces the row values.
 QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shift) const {
   QpProblem qp;
-  qp.num_vars = nlp_.n;
-  qp.num_rows = nlp_.m;
-  qp.h_rows = nlp_.hess_rows;
-  qp.h_cols = nlp_.hess_cols;
+  qp.num_vars = nlp_.n();
+  qp.num_rows = nlp_.m();
+  qp.h_rows = h_rows_;
+  qp.h_cols = h_cols_;
   qp.h_vals = hess_;
   qp.grad = p.g;
-  qp.a_rows = nlp_.jac_rows;
-  qp.a_cols = nlp_.jac_cols;
+  qp.a_rows = nlp_.jac_rows();
+  qp.a_cols = nlp_.jac_cols();
   qp.a_vals = p.jac;
-  qp.xl.resize(nlp_.n);
-  qp.xu.resize(nlp_.n);
+  qp.xl.resize(nlp_.n());
+  qp.xu.resize(nlp_.n());
   const bool trust = iteration_ < control_.options->Int(kTrustRegionIterations);
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     double step = Opt(kMaximumDeltaX);
     if (control_.options->Int(kStepBoundType) == 1) step *= std::max(1.0, std::abs(p.x[j]));
     if (trust) step = std::min(step, Opt(kTrustRegionRadius));
@@ -355,9 +364,9 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
     if (xl_[j] == xu_[j]) qp.xl[j] = qp.xu[j] = 0.0;
   }
   const std::vector<double>& c = row_shift ? *row_shift : p.c;
-  qp.rl.resize(nlp_.m);
-  qp.ru.resize(nlp_.m);
-  for (int i = 0; i < nlp_.m; ++i) {
+  qp.rl.resize(nlp_.m());
+  qp.ru.resize(nlp_.m());
+  for (int i = 0; i < nlp_.m(); ++i) {
     qp.rl[i] = HasBound(cl_[i]) ? cl_[i] - c[i] : -kInfinity;
     qp.ru[i] = HasBound(cu_[i]) ? cu_[i] - c[i] : kInfinity;
   }
@@ -366,9 +375,9 @@ QpProblem SqpSolver::BuildQp(const Point& p, const std::vector<double>* row_shif
   qp.infinity = kInfinity;
   qp.tolerance = QpTolerance(p);
   qp.multiplier_scale = dual_scale_;
-  const double limit = std::max(100.0, 10.0 * (nlp_.n + nlp_.m));
+  const double limit = std::max(100.0, 10.0 * (nlp_.n() + nlp_.m()));
   qp.max_iterations = std::max(1, static_cast<int>(Opt(kFractionalSubproblemCompletion) * limit));
-  qp.deadline = control_.deadline;
+  qp.deadline = nlp_.deadline();
   qp.print_level = control_.options->Int(kQpPrintLevel);
   qp.factor_print_level = control_.options->Int(kLinearSolverPrintLevel);
   if (control_.log != nullptr) {
@@ -385,8 +394,8 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
   if (newton_ || timed_out_) return newton_;
   double gmax = 1.0;
   for (double v : p.g) gmax = std::max(gmax, std::abs(v));
-  rho_ = std::max(1e4 * gmax, 10.0 * nu_);
-  const double rho_max = 1e10 * gmax;
+  rho_ = std::max(kElasticWeight * gmax, kElasticPenaltyShare * nu_);
+  const double rho_max = kMaxElasticWeight * gmax;
   QpWorkingSet guess = state_.active;
   while (true) {
     qp = SolveQp(BuildQp(p, nullptr), guess, &kkt_);
@@ -416,9 +425,9 @@ bool SqpSolver::SolveSubproblem(const Point& p, QpResult& qp) {
 // True for a system of equations: every row an equality and as many free variables as rows.
 bool SqpSolver::IsSquare() const {
   int free = 0;
-  for (int j = 0; j < nlp_.n; ++j) free += xl_[j] != xu_[j];
-  if (free != nlp_.m) return false;
-  for (int i = 0; i < nlp_.m; ++i) {
+  for (int j = 0; j < nlp_.n(); ++j) free += xl_[j] != xu_[j];
+  if (free != nlp_.m()) return false;
+  for (int i = 0; i < nlp_.m(); ++i) {
     if (cl_[i] != cu_[i] || !HasBound(cl_[i])) return false;
   }
   return true;
@@ -427,7 +436,7 @@ bool SqpSolver::IsSquare() const {
 // Largest step component relative to its variable.
 double SqpSolver::RelativeStep(const Point& p, const std::vector<double>& d) const {
   double rel = 0.0;
-  for (int j = 0; j < nlp_.n; ++j) rel = std::max(rel, std::abs(d[j]) / (1.0 + std::abs(p.x[j])));
+  for (int j = 0; j < nlp_.n(); ++j) rel = std::max(rel, std::abs(d[j]) / (1.0 + std::abs(p.x[j])));
   return rel;
 }
 
@@ -438,7 +447,7 @@ double SqpSolver::RelativeStep(const Point& p, const std::vector<double>& d) con
 // row. False when the linearised equations have no exact solution (singular Jacobian).
 bool SqpSolver::SolveNewton(const Point& p, QpResult& qp) {
   QpProblem newton = BuildQp(p, nullptr);
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     if (xl_[j] == xu_[j]) continue;
     newton.xl[j] = -kInfinity;
     newton.xu[j] = kInfinity;
@@ -457,12 +466,12 @@ double SqpSolver::Predicted(const Point& p, const QpResult& qp) const {
   const std::vector<double>& d = qp.x;
   if (newton_) return std::max(p.theta - LinearViolation(p, d), 0.0);
   double gd = 0.0, dhd = delta_ * 0.0;
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     gd += p.g[j] * d[j];
     dhd += delta_ * d[j] * d[j];
   }
   for (size_t k = 0; k < hess_.size(); ++k) {
-    const int r = nlp_.hess_rows[k], c = nlp_.hess_cols[k];
+    const int r = h_rows_[k], c = h_cols_[k];
     dhd += (r == c ? 1.0 : 2.0) * hess_[k] * d[r] * d[c];
   }
   const double pred = -(gd + 0.5 * dhd) + nu_ * (p.theta - LinearViolation(p, d));
@@ -472,7 +481,8 @@ double SqpSolver::Predicted(const Point& p, const QpResult& qp) const {
 // Armijo test on the merit function, plus the caps on violation growth and objective rise.
 bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
                                 double pred) const {
-  if (t.theta > std::max(Opt(kMaximumConstraintNorm) * p.theta, 1e-4 * nlp_.m + p.theta) &&
+  if (t.theta > std::max(Opt(kMaximumConstraintNorm) * p.theta,
+                                kViolationSlack * nlp_.m() + p.theta) &&
       t.theta > Opt(kConstraintConvergenceTolerance)) {
     return false;
   }
@@ -481,7 +491,7 @@ bool SqpSolver::AcceptableTrial(const Point& p, const Point& t, double alpha,
   // that level is noise, not an increase. The violation's own rounding counts with the
   // penalty: large multipliers (a variable entering its rows with a tiny coefficient) make
   // nu times the rounding of theta far larger than the rounding of the merit value.
-  const double terms = static_cast<double>(nlp_.n + nlp_.m);
+  const double terms = static_cast<double>(nlp_.n() + nlp_.m());
   const double slack = 10.0 * terms * Opt(kMachinePrecision) * std::max(1.0, std::abs(Merit(p))) +
                        (newton_ ? 1.0 : nu_) * p.theta_rounding;
   return Merit(t) <= Merit(p) - Opt(kLineSearchTolerance) * alpha * pred + slack;
@@ -500,14 +510,14 @@ bool SqpSolver::TrySecondOrder(const Point& p, const QpResult& qp, double pred, 
     if (attempt >= attempts && (attempts == 0 || trial.theta > kCorrectionGain * before)) break;
     std::vector<double> shift(trial.c);
     for (size_t k = 0; k < p.jac.size(); ++k) {
-      shift[nlp_.jac_rows[k]] -= p.jac[k] * d[nlp_.jac_cols[k]];
+      shift[nlp_.jac_rows()[k]] -= p.jac[k] * d[nlp_.jac_cols()[k]];
     }
     const QpResult soc = SolveQp(BuildQp(p, &shift), qp.active, &kkt_);
     qp_iterations_ += soc.iterations;
     if (soc.status != QpStatus::kOptimal) return false;
     Point t;
-    t.x.resize(nlp_.n);
-    for (int j = 0; j < nlp_.n; ++j) t.x[j] = std::clamp(p.x[j] + soc.x[j], xl_[j], xu_[j]);
+    t.x.resize(nlp_.n());
+    for (int j = 0; j < nlp_.n(); ++j) t.x[j] = std::clamp(p.x[j] + soc.x[j], xl_[j], xu_[j]);
     if (!EvalFunctions(t)) return false;
     if (AcceptableTrial(p, t, 1.0, pred)) {
       trial = std::move(t);
@@ -529,8 +539,8 @@ bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, dou
   used_second_order_ = false;
   for (int cut = 0; cut <= control_.options->Int(kMoveSuppressionLevel); ++cut) {
     if (PastDeadline()) return false;
-    trial.x.resize(nlp_.n);
-    for (int j = 0; j < nlp_.n; ++j) {
+    trial.x.resize(nlp_.n());
+    for (int j = 0; j < nlp_.n(); ++j) {
       trial.x[j] = std::clamp(p.x[j] + alpha * qp.x[j], xl_[j], xu_[j]);
     }
     const bool evaluated = EvalFunctions(trial);
@@ -550,19 +560,23 @@ bool SqpSolver::LineSearch(const Point& p, const QpResult& qp, Point& trial, dou
   return false;
 }
 
+// The iteration line; the multipliers take the QP's in full with an accepted step.
 void SqpSolver::LogIteration(int k, const Point& p, double dual, double step, double alpha,
                              int qp_its) {
   if (control_.log == nullptr) return;
   const bool console = control_.options->Int(kNlpPrintLevel) >= 2;
-  if (k == 0 || k % 20 == 0) {
-    control_.log->Line(" Iter     Objective   Max Viol   Dual Err  Step Norm    Alpha  QPit"
-                          "     Shift",
-                       console);
-  }
-  control_.log->Line(fmt::format("{:5d} {:13.6e} {:10.3e} {:10.3e} {:10.3e} {:8.2e} {:5d} "
-                                    "{:9.2e}{}",
-                                    k, p.f, p.max_violation, dual, step, alpha, qp_its, delta_,
-                                    used_second_order_ ? " s" : ""),
+  if (k % kHeaderEvery == 0) control_.log->Line(kIterationHeader, console);
+  control_.log->Line(FormatIterationLine({.iter = k,
+                                          .objective = p.f,
+                                          .inf_pr = p.max_violation,
+                                          .inf_du = dual,
+                                          .penalty = nu_,
+                                          .step = step,
+                                          .shift = delta_,
+                                          .alpha_du = alpha > 0.0 ? 1.0 : 0.0,
+                                          .alpha_pr = alpha,
+                                          .correction = used_second_order_ ? 's' : ' ',
+                                          .its = qp_its}),
                      console);
 }
 
@@ -573,19 +587,15 @@ SqpOutcome SqpSolver::Finish(int status, const Point& p, int iterations) {
   out.objective = p.f;
   out.violation = p.max_violation;
   out.x = p.x;
-  out.lambda.resize(nlp_.m);
-  for (int i = 0; i < nlp_.m; ++i) out.lambda[i] = lambda_[i] * row_scale_[i];
-  out.z_lower.assign(nlp_.n, 0.0);
-  out.z_upper.assign(nlp_.n, 0.0);
+  out.lambda.resize(nlp_.m());
+  for (int i = 0; i < nlp_.m(); ++i) out.lambda[i] = lambda_[i] * row_scale_[i];
+  out.z_lower.assign(nlp_.n(), 0.0);
+  out.z_upper.assign(nlp_.n(), 0.0);
   if (!p.g.empty()) {
     const std::vector<double> r = LagrangianGradient(p.g, p.jac);
-    for (int j = 0; j < nlp_.n; ++j) {
-      if (HasBound(xl_[j]) && p.x[j] <= xl_[j] + 1e-8 * (1 + std::abs(xl_[j]))) {
-        out.z_lower[j] = std::max(0.0, r[j]);
-      }
-      if (HasBound(xu_[j]) && p.x[j] >= xu_[j] - 1e-8 * (1 + std::abs(xu_[j]))) {
-        out.z_upper[j] = std::max(0.0, -r[j]);
-      }
+    for (int j = 0; j < nlp_.n(); ++j) {
+      if (AtLower(p.x[j], xl_[j])) out.z_lower[j] = std::max(0.0, r[j]);
+      if (AtUpper(p.x[j], xu_[j])) out.z_upper[j] = std::max(0.0, -r[j]);
     }
   }
   state_.x = p.x;
@@ -607,7 +617,7 @@ bool SqpSolver::Stalled(const Point& p) {
   if (iteration_ - window_start_ < kStallWindow) return false;
   const double then = newton_ ? window_theta_ : window_f_ + nu_ * window_theta_;
   bool stalled = then - Merit(p) <= kStallMerit * std::max(1.0, std::abs(then));
-  for (int j = 0; j < nlp_.n && stalled; ++j) {
+  for (int j = 0; j < nlp_.n() && stalled; ++j) {
     stalled = std::abs(p.x[j] - window_x_[j]) <= kStallMove * (1.0 + std::abs(window_x_[j]));
   }
   OpenWindow(p);
@@ -626,7 +636,7 @@ void SqpSolver::OpenWindow(const Point& p) {
 // and would make every point look stationary.
 double SqpSolver::LargestFreeEntry(const std::vector<double>& g) const {
   double largest = 0.0;
-  for (int j = 0; j < nlp_.n; ++j) {
+  for (int j = 0; j < nlp_.n(); ++j) {
     if (xl_[j] != xu_[j]) largest = std::max(largest, std::abs(g[j]));
   }
   return largest;
@@ -642,138 +652,173 @@ int SqpSolver::StallStatus(const Point& p) const {
   return feasible && optimal ? kSuccess : kAccuracyUnachievable;
 }
 
-SqpOutcome SqpSolver::Run(std::vector<double> x) {
-  Point p;
-  p.x = std::move(x);
-  for (int j = 0; j < nlp_.n; ++j) p.x[j] = std::clamp(p.x[j], xl_[j], xu_[j]);
-  const int mode = control_.mode;
-  const bool same_point = state_.x == p.x && state_.jac.size() == nlp_.jac_rows.size();
-  lambda_.assign(nlp_.m, 0.0);
+// The start of a solve: the point inside the bounds, row scaling, first derivatives and
+// functions (or those the previous call kept at this very point), and what the warm-start
+// mode carries over. False when the start cannot be evaluated.
+bool SqpSolver::Prepare(Point& p) {
+  for (int j = 0; j < nlp_.n(); ++j) p.x[j] = std::clamp(p.x[j], xl_[j], xu_[j]);
+  const WarmStart mode = control_.mode;
+  const bool same_point = state_.x == p.x && state_.jac.size() == nlp_.jac_rows().size();
+  lambda_.assign(nlp_.m(), 0.0);
   SetRowScaling(p);
   const bool dynamic = control_.options->Int(kDynamicScaling) > 0;
-  const bool reuse_jacobian = same_point && !dynamic && (mode == 4 || mode == 6 || mode == 7);
-  if (reuse_jacobian) {
+  if (same_point && !dynamic && KeepsJacobian(mode)) {
     // The previous call ended at this point: its Jacobian is still exact.
-    p.g.resize(nlp_.n);
+    p.g.resize(nlp_.n());
     p.jac = state_.jac;
-    if (!nlp_.problem.Gradient(p.x, p.g)) return Finish(kBadInputs, p, 0);
+    if (!nlp_.Gradient(p.x, p.g)) return false;
   } else if (!EvalDerivatives(p)) {
-    return Finish(kBadInputs, p, 0);
+    return false;
   }
   if (dynamic) {
     SetRowScaling(p);
-    if (!EvalDerivatives(p)) return Finish(kBadInputs, p, 0);
+    if (!EvalDerivatives(p)) return false;
   }
-  if (!EvalFunctions(p)) return Finish(kBadInputs, p, 0);
+  if (!EvalFunctions(p)) return false;
   const double g0 = LargestFreeEntry(p.g);
   // An objective flat at the start gives no scale: measure against 1 as for a large one.
   dual_scale_ = g0 > 0.0 ? std::clamp(g0, kLeastDualScale, 1.0) : 1.0;
   square_ = IsSquare();
-  if (mode == 0 || mode == 1) state_.active = {};
-  if (mode >= 3 && state_.lambda.size() == static_cast<size_t>(nlp_.m)) lambda_ = state_.lambda;
-  const bool reuse_hessian = same_point && (mode == 5 || mode == 6 || mode == 7) &&
-                             state_.hess.size() == nlp_.hess_rows.size();
+  if (!KeepsWorkingSet(mode)) state_.active = {};
+  if (KeepsMultipliers(mode) && state_.lambda.size() == static_cast<size_t>(nlp_.m())) {
+    lambda_ = state_.lambda;
+  }
+  reuse_hessian_ = same_point && KeepsHessian(mode) && state_.hess.size() == h_rows_.size();
   delta_ = Opt(kMinimumHessianEigenvalue);
   nu_ = Opt(kInitialMuValue);
-  const int max_iter = control_.options->Int(kNlpMaximumIterations);
-  const int feasibility_limit = control_.options->Int(kFeasibilityModeIterations);
-  int failures = 0, feasibility_iterations = 0;
-  double alpha_prev = 1.0;
+  max_iter_ = control_.options->Int(kNlpMaximumIterations);
+  feasibility_limit_ = control_.options->Int(kFeasibilityModeIterations);
+  return true;
+}
+
+SqpOutcome SqpSolver::Run(std::vector<double> x) {
+  Point p;
+  p.x = std::move(x);
+  if (!Prepare(p)) return Finish(kBadInputs, p, 0);
   for (iteration_ = 0;; ++iteration_) {
-    if (PastDeadline()) return Finish(kExternalAbort, p, iteration_);
-    if (iteration_ >= max_iter) return Finish(kMaxIterations, p, iteration_);
-    if (iteration_ == 0 && reuse_hessian) {
-      hess_ = state_.hess;
-    } else if (!EvalHessian(p)) {
-      return Finish(kBadDerivatives, p, iteration_);
-    }
-    qp_iterations_ = 0;
-    QpResult qp;
-    if (!SolveSubproblem(p, qp)) {
-      return Finish(timed_out_ ? kExternalAbort : kAccuracyUnachievable, p, iteration_);
-    }
-    const double dual = DualError(p, qp.lambda);
-    double step = 0.0;
-    for (double v : qp.x) step = std::max(step, std::abs(v));
-    // A square system has no freedom left to optimise: the rows and the size of the Newton
-    // step (relative to the variables) decide convergence.
-    const bool feasible = p.max_violation <= Opt(kConstraintConvergenceTolerance);
-    if (!feasibility_mode_ && feasible &&
-        (square_ ? RelativeStep(p, qp.x) <= Opt(kObjectiveConvergenceTolerance)
-                 : dual <= Opt(kObjectiveConvergenceTolerance))) {
-      lambda_ = qp.lambda;
-      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
-      return Finish(kSuccess, p, iteration_);
-    }
-    const bool feasibility_iterations_ended = !feasibility_mode_ && feasibility_iterations > 0;
-    if (feasibility_mode_) {
-      ++feasibility_iterations;
-      const double reduction = p.theta - LinearViolation(p, qp.x);
-      if (reduction <= 1e-8 * std::max(1.0, p.theta) ||
-          (feasibility_limit > 0 && feasibility_iterations > feasibility_limit)) {
-        return Finish(kNoFeasibleSolution, p, iteration_);
-      }
-    } else {
-      feasibility_iterations = 0;
-    }
-    double lmax = 0.0;
-    for (double l : qp.lambda) lmax = std::max(lmax, std::abs(l));
-    if (feasibility_mode_) {
-      // The elastic weight bounds the step's multipliers; with nu at least as large the
-      // step predicts a decrease of the merit function.
-      nu_ = std::max(nu_, rho_);
-    } else if (feasibility_iterations_ended) {
-      nu_ = std::max(Opt(kInitialMuValue), (1.0 + Opt(kPredictionParameter)) * lmax);
-    } else {
-      nu_ = std::max(nu_, (1.0 + Opt(kPredictionParameter)) * lmax);
-    }
-    double alpha = control_.options->Int(kLineSearchStartMode) == 0 ? std::min(1.0, 2 * alpha_prev) : 1.0;
-    Point trial;
-    if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
-      LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
-      if (timed_out_) return Finish(kExternalAbort, p, iteration_);
-      // No descent for the violation from a point where the rows cannot be met: infeasible.
-      if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
-      // A square system that meets its rows but whose last correction cannot be taken has
-      // converged as far as rounding allows.
-      if (square_ && feasible) return Finish(kSuccess, p, iteration_);
-      if (newton_) {
-        // Projection onto the bounds spoilt the Newton step: take a bounded QP step instead.
-        newton_blocked_ = true;
-        continue;
-      }
-      if (++failures > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
-      double hmax = 1.0;
-      for (double v : hess_) hmax = std::max(hmax, std::abs(v));
-      delta_ = std::max(100.0 * delta_, 1e-2 * hmax);
-      continue;
-    }
-    failures = 0;
-    newton_blocked_ = false;
-    alpha_prev = alpha;
-    LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
-    p = std::move(trial);
-    // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
-    if (!feasibility_mode_) lambda_ = qp.lambda;
-    delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / 4.0);
-    // Only a variable free to run off (not fixed, not bounded on both sides) can show an
-    // unbounded problem; a large constant held in a fixed variable does not.
-    double xmax = 0.0;
-    for (int j = 0; j < nlp_.n; ++j) {
-      if (!HasBound(xl_[j]) || !HasBound(xu_[j])) xmax = std::max(xmax, std::abs(p.x[j]));
-    }
-    if (p.f < Opt(kObjectiveFunctionLowerLimit) ||
-        (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
-         (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)))) {
-      return Finish(kUnbounded, p, iteration_ + 1);
-    }
-    if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
+    if (std::optional<SqpOutcome> done = Iterate(p)) return *std::move(done);
   }
+}
+
+// One iteration: limits, Hessian, QP step, convergence test, penalty, line search and the
+// tests of the accepted point. An outcome ends the solve.
+std::optional<SqpOutcome> SqpSolver::Iterate(Point& p) {
+  if (PastDeadline()) return Finish(kExternalAbort, p, iteration_);
+  if (iteration_ >= max_iter_) return Finish(kMaxIterations, p, iteration_);
+  if (iteration_ == 0 && reuse_hessian_) {
+    hess_ = state_.hess;
+  } else if (!EvalHessian(p)) {
+    return Finish(kBadDerivatives, p, iteration_);
+  }
+  qp_iterations_ = 0;
+  QpResult qp;
+  if (!SolveSubproblem(p, qp)) {
+    return Finish(timed_out_ ? kExternalAbort : kAccuracyUnachievable, p, iteration_);
+  }
+  const double dual = DualError(p, qp.lambda);
+  const double step = MaxAbs(qp.x);
+  if (Converged(p, qp, dual)) {
+    lambda_ = qp.lambda;
+    LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+    return Finish(kSuccess, p, iteration_);
+  }
+  const bool feasibility_ended = !feasibility_mode_ && feasibility_iterations_ > 0;
+  if (FeasibilityExhausted(p, qp)) return Finish(kNoFeasibleSolution, p, iteration_);
+  UpdatePenalty(qp, feasibility_ended);
+  double alpha = control_.options->Int(kLineSearchStartMode) == 0
+                     ? std::min(1.0, 2 * alpha_prev_)
+                     : 1.0;
+  Point trial;
+  if (!LineSearch(p, qp, trial, alpha) || !EvalDerivatives(trial)) {
+    LogIteration(iteration_, p, dual, step, 0.0, qp_iterations_);
+    return HandleRejectedStep(p);
+  }
+  LogIteration(iteration_, p, dual, step, alpha, qp_iterations_);
+  AcceptStep(p, std::move(trial), qp, alpha);
+  if (Unbounded(p)) return Finish(kUnbounded, p, iteration_ + 1);
+  if (Stalled(p)) return Finish(StallStatus(p), p, iteration_ + 1);
+  return std::nullopt;
+}
+
+// A square system has no freedom left to optimise: the rows and the size of the Newton step
+// (relative to the variables) decide convergence; otherwise the rows and the dual error.
+bool SqpSolver::Converged(const Point& p, const QpResult& qp, double dual) const {
+  if (feasibility_mode_ || p.max_violation > Opt(kConstraintConvergenceTolerance)) return false;
+  const double measure = square_ ? RelativeStep(p, qp.x) : dual;
+  return measure <= Opt(kObjectiveConvergenceTolerance);
+}
+
+// True when feasibility mode can no longer reduce the violation, or has run past its limit.
+bool SqpSolver::FeasibilityExhausted(const Point& p, const QpResult& qp) {
+  if (!feasibility_mode_) {
+    feasibility_iterations_ = 0;
+    return false;
+  }
+  ++feasibility_iterations_;
+  const double reduction = p.theta - LinearViolation(p, qp.x);
+  return reduction <= kLeastFeasibilityGain * std::max(1.0, p.theta) ||
+         (feasibility_limit_ > 0 && feasibility_iterations_ > feasibility_limit_);
+}
+
+void SqpSolver::UpdatePenalty(const QpResult& qp, bool feasibility_ended) {
+  const double lmax = MaxAbs(qp.lambda);
+  if (feasibility_mode_) {
+    // The elastic weight bounds the step's multipliers; with nu at least as large the step
+    // predicts a decrease of the merit function.
+    nu_ = std::max(nu_, rho_);
+  } else if (feasibility_ended) {
+    nu_ = std::max(Opt(kInitialMuValue), (1.0 + Opt(kPredictionParameter)) * lmax);
+  } else {
+    nu_ = std::max(nu_, (1.0 + Opt(kPredictionParameter)) * lmax);
+  }
+}
+
+// No acceptable step along the QP direction: an outcome, or a retry with a Newton step
+// replaced by a bounded QP step or with a larger Hessian shift.
+std::optional<SqpOutcome> SqpSolver::HandleRejectedStep(const Point& p) {
+  if (timed_out_) return Finish(kExternalAbort, p, iteration_);
+  // No descent for the violation from a point where the rows cannot be met: infeasible.
+  if (feasibility_mode_) return Finish(kNoFeasibleSolution, p, iteration_);
+  // A square system that meets its rows but whose last correction cannot be taken has
+  // converged as far as rounding allows.
+  if (square_ && p.max_violation <= Opt(kConstraintConvergenceTolerance)) {
+    return Finish(kSuccess, p, iteration_);
+  }
+  if (newton_) {
+    // Projection onto the bounds spoilt the Newton step: take a bounded QP step instead.
+    newton_blocked_ = true;
+    return std::nullopt;
+  }
+  if (++failures_ > kMaxLineSearchFailures) return Finish(kAccuracyUnachievable, p, iteration_);
+  delta_ = std::max(kShiftGrowth * delta_, kShiftFloor * std::max(1.0, MaxAbs(hess_)));
+  return std::nullopt;
+}
+
+void SqpSolver::AcceptStep(Point& p, Point trial, const QpResult& qp, double alpha) {
+  failures_ = 0;
+  newton_blocked_ = false;
+  alpha_prev_ = alpha;
+  p = std::move(trial);
+  // Multipliers of an infeasible QP are elastic weights, not estimates: keep the old ones.
+  if (!feasibility_mode_) lambda_ = qp.lambda;
+  delta_ = std::max(Opt(kMinimumHessianEigenvalue), delta_ / kShiftDecrease);
+}
+
+// Only a variable free to run off (not fixed, not bounded on both sides) can show an
+// unbounded problem; a large constant held in a fixed variable does not.
+bool SqpSolver::Unbounded(const Point& p) const {
+  double xmax = 0.0;
+  for (int j = 0; j < nlp_.n(); ++j) {
+    if (!HasBound(xl_[j]) || !HasBound(xu_[j])) xmax = std::max(xmax, std::abs(p.x[j]));
+  }
+  return p.f < Opt(kObjectiveFunctionLowerLimit) ||
+         (p.max_violation <= Opt(kConstraintConvergenceTolerance) &&
+          (p.f < Opt(kObjectiveFunctionUnboundedLimit) || xmax >= Opt(kMaximumDeltaX)));
 }
 
 }  // namespace
 
-SqpOutcome Ace_CONVRG(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+SqpOutcome Ace_CONVRG(ProblemView& nlp, std::span<const double> xl, std::span<const double> xu,
                       std::vector<double> x, SqpState& state, const SqpControl& control) {
   SqpSolver solver(nlp, xl, xu, state, control);
   return solver.Run(std::move(x));

@@ -19,6 +19,7 @@
 #include "solvers/asopt_options.h"
 #include "solvers/asopt_qp.h"
 #include "solvers/problem.h"
+#include "solvers/problem_view.h"
 
 namespace kx::solvers {
 
@@ -35,25 +36,27 @@ class AsoptLog {
   std::ofstream file_;
 };
 
-// The problem's fixed data, asked for once and shared by every leaf of a branch and bound.
-struct NlpData {
-  explicit NlpData(Problem& problem);
-  Problem& problem;
-  int n = 0, m = 0;
-  std::vector<int> jac_rows, jac_cols;    // Jacobian triplets
-  std::vector<int> hess_rows, hess_cols;  // lower-triangle Hessian triplets
-  std::vector<double> xl, xu;             // the problem's own variable bounds
-  std::vector<double> cl, cu;             // row bounds
-  int residual_evals = 0;                 // Constraints() calls so far
-  int jacobian_evals = 0;                 // JacobianValues() calls so far
+// The warm-start contract of the parametric modes: what a solve takes over from the previous
+// call through SqpState. The Jacobian and Hessian are reused only when the start point is the
+// previous final point.
+enum class WarmStart : int {
+  kCold = 0,              // nothing
+  kEqualityRows = 1,      // nothing (the equality rows enter the first working set anyway)
+  kGivenWorkingSet = 2,   // the working set in SqpState::active, as the caller gave it
+  kWorkingSet = 3,        // the working set and multipliers of the previous call
+  kKeepJacobian = 4,      // ... and its Jacobian
+  kKeepHessian = 5,       // ... and its Hessian
+  kKeepDerivatives = 6,   // ... and both
+  kBoundsOnly = 7,        // only bounds of inactive rows changed: everything kept
 };
+inline bool KeepsWorkingSet(WarmStart m) { return m >= WarmStart::kGivenWorkingSet; }
+inline bool KeepsMultipliers(WarmStart m) { return m >= WarmStart::kWorkingSet; }
+inline bool KeepsJacobian(WarmStart m) {
+  return m == WarmStart::kKeepJacobian || m >= WarmStart::kKeepDerivatives;
+}
+inline bool KeepsHessian(WarmStart m) { return m >= WarmStart::kKeepHessian; }
 
-// What the loop keeps between calls: the warm-start contract of the parametric modes.
-//   0 cold start; 1 equality rows in the initial working set; 2 the working set in `active`
-//   as given by the caller; 3 the working set and multipliers of the previous call; 4 also
-//   its Jacobian, 5 its Hessian, 6 both (reused when the start point is the previous final
-//   point); 7 only bounds of inactive constraints changed: working set, multipliers,
-//   Jacobian and Hessian all kept.
+// What the loop keeps between calls.
 struct SqpState {
   QpWorkingSet active;          // working set of the last QP
   std::vector<double> lambda;   // row multipliers at the last point
@@ -73,14 +76,13 @@ struct SqpOutcome {
 
 struct SqpControl {
   const AsoptOptions* options = nullptr;
-  int mode = 0;                                     // parametric mode 0..7
-  std::chrono::steady_clock::time_point deadline;   // MAX_TIME
+  WarmStart mode = WarmStart::kCold;               // parametric mode
   AsoptLog* log = nullptr;
 };
 
 // Solves the NLP within the bounds xl, xu (a leaf's bounds) from x. Never throws on a
 // numerical failure: every outcome is a status code of solvers/status.h.
-SqpOutcome Ace_CONVRG(NlpData& nlp, std::span<const double> xl, std::span<const double> xu,
+SqpOutcome Ace_CONVRG(ProblemView& nlp, std::span<const double> xl, std::span<const double> xu,
                       std::vector<double> x, SqpState& state, const SqpControl& control);
 
 }  // namespace kx::solvers

@@ -16,11 +16,20 @@ constexpr double kDeltaC = 1e-8;         // delta_c = kDeltaC * mu^kDeltaCExpone
 constexpr double kDeltaCExponent = 0.25;
 constexpr int kMaxRefinements = 3;
 constexpr double kRefinementTol = 1e-12;  // relative residual that ends refinement
+constexpr double kPivotThreshold = 1e-6;  // relative pivot threshold of the factorisation
+
+// No null-pivot detection: relative to the matrix norm it would flag the badly scaled but
+// regular matrices of late iterations; singularity is the library's own numerical test.
+constexpr linalg::LdlSettings kLdlSettings{.pivot_threshold = kPivotThreshold,
+                                          .transversal_ordering = false,
+                                          .workspace_percent = 100,
+                                          .refinement_rounds = kMaxRefinements,
+                                          .refinement_tol = kRefinementTol};
 
 }  // namespace
 
 KktSystem::KktSystem(const ScaledNlp& nlp)
-    : nlp_(nlp), solver_(linalg::MakeMultifrontalSolver()) {}
+    : nlp_(nlp), ldl_(kLdlSettings) {}
 
 // Pattern order: Hessian entries, diagonal of w, Jacobian entries, slack entries, diagonal
 // of y. Assemble() writes values in the same order.
@@ -48,9 +57,7 @@ bool KktSystem::Analyse() {
   diag_y_begin_ = static_cast<int>(rows_.size());
   for (int i = 0; i < m_; ++i) rows_.push_back(nw_ + i), cols_.push_back(nw_ + i);
   values_.assign(rows_.size(), 0.0);
-  residual_.assign(dim(), 0.0);
-  correction_.assign(dim(), 0.0);
-  return solver_->Analyse(dim(), rows_, cols_);
+  return ldl_.Analyse(dim(), rows_, cols_);
 }
 
 void KktSystem::Assemble(std::span<const double> hess, std::span<const double> jac,
@@ -64,10 +71,10 @@ void KktSystem::Assemble(std::span<const double> hess, std::span<const double> j
   delta_c_ = delta_c;
 }
 
-linalg::FactorOutcome KktSystem::Factorise() { return solver_->Factorise(values_); }
+linalg::FactorOutcome KktSystem::Factorise() { return ldl_.Factorise(values_); }
 
 bool KktSystem::HasRightInertia(linalg::FactorOutcome outcome) const {
-  return outcome == linalg::FactorOutcome::kOk && solver_->NegativeEigenvalues() == m_;
+  return outcome == linalg::FactorOutcome::kOk && ldl_.num_negative() == m_;
 }
 
 bool KktSystem::FactoriseFixed(std::span<const double> hess, std::span<const double> jac,
@@ -86,7 +93,7 @@ bool KktSystem::FactoriseCorrected(std::span<const double> hess, std::span<const
   if (HasRightInertia(outcome)) return true;
   if (outcome == linalg::FactorOutcome::kFailed) return false;
   double delta_c = 0.0;
-  if (outcome == linalg::FactorOutcome::kSingular || solver_->NegativeEigenvalues() < m_) {
+  if (outcome == linalg::FactorOutcome::kSingular || ldl_.num_negative() < m_) {
     delta_c = kDeltaC * std::pow(mu, kDeltaCExponent);
   }
   double delta_w = last_delta_w_ == 0.0
@@ -106,7 +113,7 @@ bool KktSystem::FactoriseCorrected(std::span<const double> hess, std::span<const
       last_delta_w_ = delta_w;
       return true;
     }
-    if (solver_->NegativeEigenvalues() < m_ && delta_c == 0.0) {
+    if (ldl_.num_negative() < m_ && delta_c == 0.0) {
       delta_c = kDeltaC * std::pow(mu, kDeltaCExponent);
     }
     delta_w *= last_delta_w_ == 0.0 ? kDeltaWIncreaseFirst : kDeltaWIncrease;
@@ -114,37 +121,9 @@ bool KktSystem::FactoriseCorrected(std::span<const double> hess, std::span<const
   return false;
 }
 
-void KktSystem::Multiply(std::span<const double> v, std::span<double> out) const {
-  std::fill(out.begin(), out.end(), 0.0);
-  for (size_t k = 0; k < values_.size(); ++k) {
-    const int r = rows_[k], c = cols_[k];
-    out[r] += values_[k] * v[c];
-    if (r != c) out[c] += values_[k] * v[r];
-  }
-}
-
 bool KktSystem::Solve(std::span<const double> rhs, std::span<double> sol) {
   std::copy(rhs.begin(), rhs.end(), sol.begin());
-  if (!solver_->Solve(sol)) return false;
-  double rhs_norm = 0.0;
-  for (double v : rhs) rhs_norm = std::max(rhs_norm, std::fabs(v));
-  for (int pass = 0; pass < kMaxRefinements; ++pass) {
-    Multiply(sol, residual_);
-    double res_norm = 0.0;
-    for (int i = 0; i < dim(); ++i) {
-      residual_[i] = rhs[i] - residual_[i];
-      res_norm = std::max(res_norm, std::fabs(residual_[i]));
-    }
-    if (!std::isfinite(res_norm)) return false;
-    if (res_norm <= kRefinementTol * (1.0 + rhs_norm)) break;
-    std::copy(residual_.begin(), residual_.end(), correction_.begin());
-    if (!solver_->Solve(correction_)) return false;
-    for (int i = 0; i < dim(); ++i) sol[i] += correction_[i];
-  }
-  for (int i = 0; i < dim(); ++i) {
-    if (!std::isfinite(sol[i])) return false;
-  }
-  return true;
+  return ldl_.Solve(sol);
 }
 
 }  // namespace kx::solvers::biopt

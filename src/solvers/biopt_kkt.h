@@ -10,11 +10,10 @@
 // factorisation has exactly nw positive and m negative eigenvalues.
 #pragma once
 
-#include <memory>
 #include <span>
 #include <vector>
 
-#include "linalg/symmetric_solver.h"
+#include "linalg/symmetric_ldl.h"
 #include "solvers/biopt_nlp.h"
 
 namespace kx::solvers::biopt {
@@ -35,7 +34,7 @@ class KktSystem {
                       std::span<const double> sigma, double delta_w, double delta_c);
 
   // Solves with the last factorisation plus iterative refinement; rhs and sol of size
-  // nw + m (they may not alias). False on a library failure.
+  // nw + m (they may not alias). False on a library failure or a solution that is not finite.
   bool Solve(std::span<const double> rhs, std::span<double> sol);
 
   int dim() const { return nw_ + m_; }
@@ -47,17 +46,14 @@ class KktSystem {
                 std::span<const double> sigma, double delta_w, double delta_c);
   linalg::FactorOutcome Factorise();
   bool HasRightInertia(linalg::FactorOutcome outcome) const;
-  void Multiply(std::span<const double> v, std::span<double> out) const;
 
   const ScaledNlp& nlp_;
-  std::unique_ptr<linalg::SymmetricSolver> solver_;
+  linalg::SymmetricLdl ldl_;
   int nw_ = 0;                    // primal unknowns (free x and slacks)
   int m_ = 0;                     // rows
   int hess_begin_ = 0, diag_w_begin_ = 0, jac_begin_ = 0, slack_begin_ = 0, diag_y_begin_ = 0;
   std::vector<int> rows_, cols_;  // lower-triangle pattern; size nnz
   std::vector<double> values_;    // values of the assembled matrix; size nnz
-  std::vector<double> residual_;  // refinement residual; size dim
-  std::vector<double> correction_;  // refinement correction; size dim
   double delta_w_ = 0.0;          // Hessian regularisation of the last factorisation
   double delta_c_ = 0.0;          // constraint regularisation of the last factorisation
   double last_delta_w_ = 0.0;     // last nonzero delta_w that gave the right inertia

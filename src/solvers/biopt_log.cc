@@ -8,6 +8,7 @@
 #include "base/timers.h"
 #include "solvers/banner.h"
 #include "solvers/biopt.h"
+#include "solvers/iteration_log.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -15,9 +16,6 @@ namespace biopt {
 namespace {
 
 constexpr const char* kVersionLine = "BIOPT Solver v1.0.5";
-constexpr const char* kLogHeader =
-    " iter      objective     inf_pr    inf_du        mu      ||dx||   delta_w  alpha_du"
-    "  alpha_pr  ls";
 constexpr int kConsoleDiagLevel = 1;  // DIAGLEVEL from which iterations go to the console
 
 }  // namespace
@@ -36,19 +34,26 @@ void Solver::OpenLog() {
 }
 
 void Solver::LogHeader() {
-  if (log_ != nullptr) std::fprintf(log_, "%s\n", kLogHeader);
-  if (settings_.diaglevel >= kConsoleDiagLevel) Say(kLogHeader);
+  if (log_ != nullptr) std::fprintf(log_, "%s\n", kIterationHeader.c_str());
+  if (settings_.diaglevel >= kConsoleDiagLevel) Say(kIterationHeader);
 }
 
 // One line per iteration; the step figures are those of the step that led to the iterate.
 void Solver::LogIteration(const Errors& e, bool restoration) {
   double dx = 0.0;
   for (double v : dw_) dx = std::max(dx, std::fabs(v));
-  const std::string line = fmt::format(
-      "{:4d}{} {:14.7e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}  {:8.2e}{}{:3d}",
-      iterations_, restoration ? 'r' : ' ', f_ / nlp_.obj_scale(), e.primal, e.dual, mu_,
-      iterations_ == 0 ? 0.0 : dx, kkt_.delta_w(), alpha_dual_, alpha_primal_,
-      step_tag_ == 's' ? 's' : ' ', trials_);
+  const std::string line = FormatIterationLine({.iter = iterations_,
+                                                 .tag = restoration ? 'r' : ' ',
+                                                 .objective = f_ / nlp_.obj_scale(),
+                                                 .inf_pr = e.primal,
+                                                 .inf_du = e.dual,
+                                                 .penalty = mu_,
+                                                 .step = iterations_ == 0 ? 0.0 : dx,
+                                                 .shift = kkt_.delta_w(),
+                                                 .alpha_du = alpha_dual_,
+                                                 .alpha_pr = alpha_primal_,
+                                                 .correction = step_tag_ == 's' ? 's' : ' ',
+                                                 .its = trials_});
   if (log_ != nullptr) std::fprintf(log_, "%s\n", line.c_str());
   if (settings_.diaglevel >= kConsoleDiagLevel) Say(line);
   logged_iteration_ = iterations_;
@@ -64,8 +69,8 @@ void Solver::LogFinal(int status, const Errors& e) {
   std::fprintf(log_, "Complementarity (scaled): %.6e\n", e.compl_);
   std::fprintf(log_, "Barrier parameter: %.6e\n", mu_);
   std::fprintf(log_, "Residual evaluations: %d, Jacobian evaluations: %d\n",
-               nlp_.residual_evals(), nlp_.jacobian_evals());
-  std::fprintf(log_, "Wall time: %.3f s\n", SecondsSince(start_time_));
+               view_.residual_evals(), view_.jacobian_evals());
+  std::fprintf(log_, "Wall time: %.3f s\n", view_.SecondsUsed());
   std::fprintf(log_, "Outcome: %d %s\n", status, std::string(OutcomeText(status)).c_str());
 }
 
@@ -80,44 +85,41 @@ void Solver::PrintSummary(int status, const Errors& e) {
   Sayf(" {}", OutcomeText(status));
 }
 
-bool Solver::TimeUp() const { return SecondsSince(start_time_) > settings_.max_time; }
+bool Solver::TimeUp() const { return view_.TimeUp(); }
 
 // Unscaled point and multipliers of the problem. Fixed variables take the multiplier that
 // balances their gradient row (positive: lower bound, negative: upper bound).
 void Solver::FillResult(int status, SolverResult& result) {
-  Problem& p = nlp_.problem();
-  const int n = p.num_vars(), m = p.num_cons();
+  const int n = view_.n(), m = view_.m();
   result.status = status;
   result.iterations = iterations_;
   result.x.assign(n, 0.0);
   result.lambda.assign(m, 0.0);
   result.z_lower.assign(n, 0.0);
   result.z_upper.assign(n, 0.0);
-  result.residual_evals = nlp_.residual_evals();
-  result.jacobian_evals = nlp_.jacobian_evals();
+  result.residual_evals = view_.residual_evals();
+  result.jacobian_evals = view_.jacobian_evals();
   if (status == kInvalidBounds) {
-    p.Start(result.x);
+    result.x = view_.Start();
     return;
   }
   nlp_.FullPoint(std::span<const double>(w_).first(nx_), result.x);
-  std::vector<double> xl(n), xu(n);
-  p.Bounds(xl, xu);
-  for (int j = 0; j < n; ++j) result.x[j] = std::clamp(result.x[j], xl[j], xu[j]);
+  for (int j = 0; j < n; ++j) result.x[j] = std::clamp(result.x[j], view_.xl()[j], view_.xu()[j]);
   double f = 0.0;
-  result.objective = p.Objective(result.x, f) ? f : f_ / nlp_.obj_scale();
+  result.objective = view_.Objective(result.x, f) ? f : f_ / nlp_.obj_scale();
   nlp_.UnscaleMultipliers(y_, result.lambda);
   for (int k = 0; k < nx_; ++k) {
     result.z_lower[nlp_.free_vars()[k]] = zl_[k] / nlp_.obj_scale();
     result.z_upper[nlp_.free_vars()[k]] = zu_[k] / nlp_.obj_scale();
   }
   if (nx_ == n) return;
-  std::vector<double> g(n), jv(p.nnz_jac());
-  std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());
-  p.JacobianStructure(rows, cols);
-  if (!p.Gradient(result.x, g) || !p.JacobianValues(result.x, jv)) return;
-  for (size_t k = 0; k < jv.size(); ++k) g[cols[k]] += jv[k] * result.lambda[rows[k]];
+  std::vector<double> g(n), jv(view_.nnz_jac());
+  if (!view_.Gradient(result.x, g) || !view_.Jacobian(result.x, jv)) return;
+  for (size_t k = 0; k < jv.size(); ++k) {
+    g[view_.jac_cols()[k]] += jv[k] * result.lambda[view_.jac_rows()[k]];
+  }
   for (int j = 0; j < n; ++j) {
-    if (xl[j] != xu[j]) continue;
+    if (!view_.IsFixed(j)) continue;
     (g[j] > 0 ? result.z_lower[j] : result.z_upper[j]) = std::fabs(g[j]);
   }
 }

@@ -20,27 +20,15 @@ double Relaxed(double bound, double direction) {
 }  // namespace
 
 int ScaledNlp::Prepare() {
-  n_ = problem_.num_vars();
-  m_ = problem_.num_cons();
-  xl_.assign(n_, 0.0);
-  xu_.assign(n_, 0.0);
-  problem_.Bounds(xl_, xu_);
-  cl_.assign(m_, 0.0);
-  cu_.assign(m_, 0.0);
-  problem_.ConstraintBounds(cl_, cu_);
-  if (!CheckBounds()) return kInvalidBounds;
+  if (view_.CheckInputs() != InputFault::kNone) return kInvalidBounds;
+  n_ = view_.n();
+  m_ = view_.m();
+  free_ = view_.free_vars();
   x_fixed_.assign(n_, 0.0);
-  free_index_.assign(n_, -1);
-  free_.clear();
   for (int j = 0; j < n_; ++j) {
-    if (xl_[j] == xu_[j]) {
-      x_fixed_[j] = xl_[j];
-    } else {
-      free_index_[j] = static_cast<int>(free_.size());
-      free_.push_back(j);
-    }
+    if (view_.IsFixed(j)) x_fixed_[j] = view_.xl()[j];
   }
-  ClassifyRows(cl_, cu_);
+  ClassifyRows();
   ReadStructures();
   row_scale_.assign(m_, 1.0);
   RelaxBounds();
@@ -49,56 +37,41 @@ int ScaledNlp::Prepare() {
   return kSuccess;
 }
 
-bool ScaledNlp::CheckBounds() {
-  for (int j = 0; j < n_; ++j) {
-    if (std::isnan(xl_[j]) || std::isnan(xu_[j]) || xl_[j] > xu_[j]) return false;
-  }
-  for (int i = 0; i < m_; ++i) {
-    if (std::isnan(cl_[i]) || std::isnan(cu_[i]) || cl_[i] > cu_[i]) return false;
-  }
-  return true;
-}
-
-void ScaledNlp::ClassifyRows(const std::vector<double>& cl, const std::vector<double>& cu) {
+void ScaledNlp::ClassifyRows() {
   row_slack_.assign(m_, -1);
   slack_row_.clear();
   for (int i = 0; i < m_; ++i) {
-    if (cl[i] == cu[i]) continue;
+    if (view_.cl()[i] == view_.cu()[i]) continue;
     row_slack_[i] = static_cast<int>(slack_row_.size());
     slack_row_.push_back(i);
   }
 }
 
+// The Jacobian and Hessian entries of free variables, in the view's order.
 void ScaledNlp::ReadStructures() {
-  const int nnz_jac = problem_.nnz_jac();
-  std::vector<int> rows(nnz_jac), cols(nnz_jac);
-  problem_.JacobianStructure(rows, cols);
+  const std::vector<int>& free_index = view_.free_index();
   jac_keep_.clear();
   jac_rows_.clear();
   jac_cols_.clear();
-  for (int k = 0; k < nnz_jac; ++k) {
-    const int col = free_index_[cols[k]];
+  for (int k = 0; k < view_.nnz_jac(); ++k) {
+    const int col = free_index[view_.jac_cols()[k]];
     if (col < 0) continue;
     jac_keep_.push_back(k);
-    jac_rows_.push_back(rows[k]);
+    jac_rows_.push_back(view_.jac_rows()[k]);
     jac_cols_.push_back(col);
   }
-  jac_full_.assign(nnz_jac, 0.0);
-  const int nnz_hess = problem_.has_hessian() ? problem_.nnz_hess() : 0;
-  rows.assign(nnz_hess, 0);
-  cols.assign(nnz_hess, 0);
-  if (nnz_hess > 0) problem_.HessianStructure(rows, cols);
+  jac_full_.assign(view_.nnz_jac(), 0.0);
   hess_keep_.clear();
   hess_rows_.clear();
   hess_cols_.clear();
-  for (int k = 0; k < nnz_hess; ++k) {
-    const int r = free_index_[rows[k]], c = free_index_[cols[k]];
+  for (int k = 0; k < view_.nnz_hess(); ++k) {
+    const int r = free_index[view_.hess_rows()[k]], c = free_index[view_.hess_cols()[k]];
     if (r < 0 || c < 0) continue;
     hess_keep_.push_back(k);
     hess_rows_.push_back(std::max(r, c));
     hess_cols_.push_back(std::min(r, c));
   }
-  hess_full_.assign(nnz_hess, 0.0);
+  hess_full_.assign(view_.nnz_hess(), 0.0);
 }
 
 // Bounds of w in scaled units, relaxed outward so that the interior is never empty.
@@ -107,25 +80,24 @@ void ScaledNlp::RelaxBounds() {
   upper_.assign(nw(), kInfinity);
   for (int k = 0; k < nx(); ++k) {
     const int j = free_[k];
-    if (IsFinite(xl_[j])) lower_[k] = Relaxed(xl_[j], -1.0);
-    if (IsFinite(xu_[j])) upper_[k] = Relaxed(xu_[j], 1.0);
+    if (IsFinite(view_.xl()[j])) lower_[k] = Relaxed(view_.xl()[j], -1.0);
+    if (IsFinite(view_.xu()[j])) upper_[k] = Relaxed(view_.xu()[j], 1.0);
   }
   rhs_.assign(m_, 0.0);
   for (int i = 0; i < m_; ++i) {
-    const double scale = row_scale_[i];
+    const double scale = row_scale_[i], cl = view_.cl()[i], cu = view_.cu()[i];
     const int k = row_slack_[i];
     if (k < 0) {
-      rhs_[i] = cl_[i] * scale;
+      rhs_[i] = cl * scale;
       continue;
     }
-    if (IsFinite(cl_[i])) lower_[nx() + k] = Relaxed(cl_[i] * scale, -1.0);
-    if (IsFinite(cu_[i])) upper_[nx() + k] = Relaxed(cu_[i] * scale, 1.0);
+    if (IsFinite(cl)) lower_[nx() + k] = Relaxed(cl * scale, -1.0);
+    if (IsFinite(cu)) upper_[nx() + k] = Relaxed(cu * scale, 1.0);
   }
 }
 
 void ScaledNlp::StartPoint(std::span<double> x) const {
-  std::vector<double> full(n_, 0.0);
-  problem_.Start(full);
+  const std::vector<double> full = view_.Start();
   for (int k = 0; k < nx(); ++k) x[k] = full[free_[k]];
 }
 
@@ -139,10 +111,7 @@ bool ScaledNlp::ComputeScaling(std::span<const double> x) {
   if (gmax > kMaxGradient) obj_scale_ = std::max(kMinScale, kMaxGradient / gmax);
   std::vector<double> jv(nnz_jac());
   if (!Jacobian(x, jv)) return false;
-  std::vector<double> rmax(m_, 0.0);
-  for (int k = 0; k < nnz_jac(); ++k) {
-    rmax[jac_rows_[k]] = std::max(rmax[jac_rows_[k]], std::fabs(jv[k]));
-  }
+  const std::vector<double> rmax = LargestRowEntries(jac_rows_, jv, m_);
   for (int i = 0; i < m_; ++i) {
     if (rmax[i] > kMaxGradient) row_scale_[i] = std::max(kMinScale, kMaxGradient / rmax[i]);
   }
@@ -161,41 +130,30 @@ void ScaledNlp::FullPoint(std::span<const double> x, std::span<double> full) con
 
 bool ScaledNlp::Objective(std::span<const double> x, double& f) {
   Expand(x);
-  if (!problem_.Objective(x_fixed_, f) || !std::isfinite(f)) return false;
+  if (!view_.Objective(x_fixed_, f)) return false;
   f *= obj_scale_;
   return true;
 }
 
 bool ScaledNlp::Gradient(std::span<const double> x, std::span<double> g) {
   Expand(x);
-  if (!problem_.Gradient(x_fixed_, grad_full_)) return false;
-  for (int k = 0; k < nx(); ++k) {
-    g[k] = grad_full_[free_[k]] * obj_scale_;
-    if (!std::isfinite(g[k])) return false;
-  }
+  if (!view_.Gradient(x_fixed_, grad_full_)) return false;
+  for (int k = 0; k < nx(); ++k) g[k] = grad_full_[free_[k]] * obj_scale_;
   return true;
 }
 
 bool ScaledNlp::Constraints(std::span<const double> x, std::span<double> c) {
   Expand(x);
-  ++residual_evals_;
-  if (m_ == 0) return true;
-  if (!problem_.Constraints(x_fixed_, c)) return false;
-  for (int i = 0; i < m_; ++i) {
-    c[i] *= row_scale_[i];
-    if (!std::isfinite(c[i])) return false;
-  }
+  if (!view_.Constraints(x_fixed_, c)) return false;
+  for (int i = 0; i < m_; ++i) c[i] *= row_scale_[i];
   return true;
 }
 
 bool ScaledNlp::Jacobian(std::span<const double> x, std::span<double> values) {
   Expand(x);
-  ++jacobian_evals_;
-  if (jac_full_.empty()) return true;
-  if (!problem_.JacobianValues(x_fixed_, jac_full_)) return false;
+  if (!view_.Jacobian(x_fixed_, jac_full_)) return false;
   for (int k = 0; k < nnz_jac(); ++k) {
     values[k] = jac_full_[jac_keep_[k]] * row_scale_[jac_rows_[k]];
-    if (!std::isfinite(values[k])) return false;
   }
   return true;
 }
@@ -205,13 +163,8 @@ bool ScaledNlp::Hessian(std::span<const double> x, double obj_factor, std::span<
   Expand(x);
   if (hess_full_.empty()) return true;
   for (int i = 0; i < m_; ++i) lambda_full_[i] = y[i] * row_scale_[i];
-  if (!problem_.HessianValues(x_fixed_, obj_factor * obj_scale_, lambda_full_, hess_full_)) {
-    return false;
-  }
-  for (int k = 0; k < nnz_hess(); ++k) {
-    values[k] = hess_full_[hess_keep_[k]];
-    if (!std::isfinite(values[k])) return false;
-  }
+  if (!view_.Hessian(x_fixed_, obj_factor * obj_scale_, lambda_full_, hess_full_)) return false;
+  for (int k = 0; k < nnz_hess(); ++k) values[k] = hess_full_[hess_keep_[k]];
   return true;
 }
 

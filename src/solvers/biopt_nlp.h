@@ -1,5 +1,5 @@
-// solvers/biopt_nlp: the nonlinear program as BIOPT's iterations see it. Fixed variables
-// (xl == xu) are taken out, the objective and the rows are scaled so that no gradient entry
+// solvers/biopt_nlp: the nonlinear program as BIOPT's iterations see it, built on the problem
+// view (solvers/problem_view). Fixed variables (xl == xu) are taken out, the objective and the rows are scaled so that no gradient entry
 // exceeds 100 at the start point, bounds are relaxed by a relative 1e-8, and every row that
 // is not an equality gets a slack s with cl <= s <= cu, so that all rows read c(x) - t = 0
 // with t = s (inequality) or t = cl (equality).
@@ -10,15 +10,17 @@
 #include <span>
 #include <vector>
 
-#include "solvers/problem.h"
+#include "solvers/problem_view.h"
 
 namespace kx::solvers::biopt {
 
 class ScaledNlp {
  public:
-  explicit ScaledNlp(Problem& problem) : problem_(problem) {}
+  explicit ScaledNlp(ProblemView& view) : view_(view) {}
 
-  // Reads sizes, bounds and structures. kSuccess, or kInvalidBounds for xl > xu or cl > cu.
+  // Takes the free variables, rows and structures of the view. kSuccess, or kInvalidBounds
+  // for inputs it cannot start from (a NaN or crossed bound, a structure position outside
+  // the problem).
   int Prepare();
   // The free part of the problem's start point.
   void StartPoint(std::span<double> x) const;
@@ -39,7 +41,7 @@ class ScaledNlp {
   // Unscaled row multipliers of scaled ones.
   void UnscaleMultipliers(std::span<const double> y, std::span<double> lambda) const;
 
-  Problem& problem() { return problem_; }
+  ProblemView& view() { return view_; }
   int nx() const { return static_cast<int>(free_.size()); }
   int n_full() const { return n_; }
   int m() const { return m_; }
@@ -62,25 +64,19 @@ class ScaledNlp {
   const std::vector<double>& rhs() const { return rhs_; }
   double obj_scale() const { return obj_scale_; }
   const std::vector<double>& row_scale() const { return row_scale_; }
-  int residual_evals() const { return residual_evals_; }
-  int jacobian_evals() const { return jacobian_evals_; }
 
  private:
-  bool CheckBounds();
-  void ClassifyRows(const std::vector<double>& cl, const std::vector<double>& cu);
+  void ClassifyRows();
   void ReadStructures();
   void RelaxBounds();
   void Expand(std::span<const double> x);
 
-  Problem& problem_;
+  ProblemView& view_;
   int n_ = 0;                       // variables of the problem
   int m_ = 0;                       // rows
-  std::vector<double> xl_, xu_;     // problem bounds; size n_
   std::vector<double> x_fixed_;     // full point buffer, fixed variables at their value; size n_
   std::vector<int> free_;           // problem index of each free variable; size nx
-  std::vector<int> free_index_;     // free index of each problem variable, -1 if fixed; size n_
   std::vector<double> lower_, upper_;  // relaxed scaled bounds of w; size nw
-  std::vector<double> cl_, cu_;     // problem row bounds; size m_
   std::vector<int> row_slack_;      // slack of each row, -1 for equality rows; size m_
   std::vector<int> slack_row_;      // row of each slack; size ns
   std::vector<double> rhs_;         // scaled equality right-hand side; size m_
@@ -94,8 +90,6 @@ class ScaledNlp {
   std::vector<double> lambda_full_; // unscaled multipliers for Hessian calls; size m_
   double obj_scale_ = 1.0;          // objective factor
   std::vector<double> row_scale_;   // factor of each row; size m_
-  int residual_evals_ = 0;
-  int jacobian_evals_ = 0;
 };
 
 }  // namespace kx::solvers::biopt

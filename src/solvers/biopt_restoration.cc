@@ -16,7 +16,6 @@
 namespace kx::solvers::biopt {
 namespace {
 
-constexpr int kContinue = 1;
 constexpr double kRequiredReduction = 0.9;  // leave with at most this share of the violation
 constexpr double kProximity = 1e-8;         // delta: keeps the step finite for singular A
 constexpr double kMuRestorationMin = 1e-12;

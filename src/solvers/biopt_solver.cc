@@ -8,7 +8,6 @@
 namespace kx::solvers::biopt {
 namespace {
 
-constexpr int kContinue = 1;             // internal: the iterations go on
 constexpr double kPush = 1e-2;           // relative push of the start point into the bounds
 constexpr double kPushWarm = 1e-6;       // the same for a warm start
 constexpr double kMaxInitialMultiplier = 1e3;  // larger least-squares multipliers are dropped
@@ -27,14 +26,17 @@ bool HasBound(double b) { return IsFinite(b); }
 }  // namespace
 
 Solver::Solver(Problem& problem, const SolverSettings& settings, const Options& options)
-    : nlp_(problem), settings_(settings), options_(options), kkt_(nlp_) {}
+    : view_(problem, settings.max_time),
+      nlp_(view_),
+      settings_(settings),
+      options_(options),
+      kkt_(nlp_) {}
 
 Solver::~Solver() {
   if (log_ != nullptr) std::fclose(log_);
 }
 
 int Solver::Run(SolverResult& result) {
-  start_time_ = std::chrono::steady_clock::now();
   int status = Initialise();
   if (status == kContinue) {
     OpenLog();
@@ -130,7 +132,7 @@ void Solver::PushIntoBounds(std::vector<double>& v, int begin, int end, double p
 // grad f + A^T y - z = 0, from [I A^T; A 0] [p; y] = [z - grad f; 0]; dropped when large.
 bool Solver::InitialMultipliers() {
   std::vector<double> lambda(m_, 0.0);
-  if (settings_.warm && m_ > 0 && nlp_.problem().StartMultipliers(lambda)) {
+  if (settings_.warm && m_ > 0 && view_.problem().StartMultipliers(lambda)) {
     for (int i = 0; i < m_; ++i) {
       const double y = lambda[i] * nlp_.obj_scale() / nlp_.row_scale()[i];
       y_[i] = std::isfinite(y) ? y : 0.0;
@@ -399,15 +401,6 @@ void Solver::AddAT(std::span<const double> y, std::span<double> out) const {
   const std::vector<int>& cols = nlp_.jac_cols();
   for (size_t k = 0; k < jac_.size(); ++k) out[cols[k]] += jac_[k] * y[rows[k]];
   for (int k = 0; k < ns_; ++k) out[nx_ + k] -= y[nlp_.slack_row()[k]];
-}
-
-// out = A dw.
-void Solver::MultiplyA(std::span<const double> dw, std::span<double> out) const {
-  std::fill(out.begin(), out.end(), 0.0);
-  const std::vector<int>& rows = nlp_.jac_rows();
-  const std::vector<int>& cols = nlp_.jac_cols();
-  for (size_t k = 0; k < jac_.size(); ++k) out[rows[k]] += jac_[k] * dw[cols[k]];
-  for (int k = 0; k < ns_; ++k) out[nlp_.slack_row()[k]] -= dw[nx_ + k];
 }
 
 void Solver::ComputeSigma(std::span<double> sigma) const {

@@ -103,7 +103,6 @@ class Solver {
   double BarrierValue(double f, std::span<const double> w) const;
   void BarrierGradient(std::span<const double> w, double mu, std::span<double> gb) const;
   void AddAT(std::span<const double> y, std::span<double> out) const;
-  void MultiplyA(std::span<const double> dw, std::span<double> out) const;
   void ComputeSigma(std::span<double> sigma) const;
   double PrimalStepToBoundary(std::span<const double> w, std::span<const double> dw,
                               double tau) const;
@@ -135,13 +134,13 @@ class Solver {
   void PrintSummary(int status, const Errors& e);
   bool TimeUp() const;
 
+  ProblemView view_;               // the problem, read once; evaluations, MAX_TIME
   ScaledNlp nlp_;
   const SolverSettings& settings_;
   Options options_;
   KktSystem kkt_;
   Filter filter_;
   std::FILE* log_ = nullptr;
-  std::chrono::steady_clock::time_point start_time_;
 
   // Sizes.
   int nx_ = 0, ns_ = 0, nw_ = 0, m_ = 0;

@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include <chrono>
+#include <algorithm>
 #include <coin/IpStdCInterface.h>
 #include <string>
 #include <variant>
@@ -12,6 +12,7 @@
 #include "base/text.h"
 #include "base/timers.h"
 #include "solvers/banner.h"
+#include "solvers/problem_view.h"
 #include "solvers/status.h"
 
 namespace kx::solvers {
@@ -21,19 +22,15 @@ namespace {
 // derivative checker's report and the final statistics.
 constexpr int kFilePrintLevel = 5;
 
-// What the callbacks see of the call: the problem, the cycle's mode and the counters kept for
-// the solve report.
+// What the callbacks see of the call: the problem through its view (evaluations, counts,
+// timers, MAX_TIME) and the iteration count the library last reported.
 struct CallData {
-  Problem* problem = nullptr;
-  int imode = 3;                  // IMODE of the cycle
-  int iterations = 0;             // last iteration number the library reported
-  int residual_evals = 0;         // constraint callbacks
-  int jacobian_evals = 0;         // Jacobian value callbacks
-  double max_time = kInfinity;    // wall-time limit of the solve, seconds
-  std::chrono::steady_clock::time_point start;
+  ProblemView* view = nullptr;
+  int iterations = 0;
 };
 
 CallData& Data(UserDataPtr user_data) { return *static_cast<CallData*>(user_data); }
+ProblemView& View(UserDataPtr user_data) { return *Data(user_data).view; }
 
 // Runs one evaluation; an evaluation that fails or throws is reported to the library as a
 // failed evaluation so that it cuts its step back instead of unwinding through C code.
@@ -47,55 +44,40 @@ Bool Guarded(Fn&& fn) {
 }
 
 Bool EvalObjective(Index n, Number* x, Bool, Number* f, UserDataPtr user_data) {
-  ScopedTimer timer("Objective Calc: zpm_p");
-  return Guarded([&] { return Data(user_data).problem->Objective({x, size_t(n)}, *f); });
+  return Guarded([&] { return View(user_data).Objective({x, size_t(n)}, *f); });
 }
 
 Bool EvalConstraints(Index n, Number* x, Bool, Index m, Number* c, UserDataPtr user_data) {
-  ScopedTimer timer("Constraint Calc: zpm_c");
-  CallData& data = Data(user_data);
-  ++data.residual_evals;
-  return Guarded([&] { return data.problem->Constraints({x, size_t(n)}, {c, size_t(m)}); });
+  return Guarded([&] { return View(user_data).Constraints({x, size_t(n)}, {c, size_t(m)}); });
 }
 
 Bool EvalGradient(Index n, Number* x, Bool, Number* g, UserDataPtr user_data) {
-  ScopedTimer timer("Objective Grad: zpm_g");
-  return Guarded([&] { return Data(user_data).problem->Gradient({x, size_t(n)}, {g, size_t(n)}); });
+  return Guarded([&] { return View(user_data).Gradient({x, size_t(n)}, {g, size_t(n)}); });
+}
+
+// Copies a structure the view read into the library's arrays.
+Bool CopyStructure(const std::vector<int>& rows, const std::vector<int>& cols, Index* out_rows,
+                   Index* out_cols) {
+  std::copy(rows.begin(), rows.end(), out_rows);
+  std::copy(cols.begin(), cols.end(), out_cols);
+  return TRUE;
 }
 
 // First call (values == NULL): the structure; later calls: the values.
 Bool EvalJacobian(Index n, Number* x, Bool, Index, Index nnz, Index* rows, Index* cols,
                   Number* values, UserDataPtr user_data) {
-  CallData& data = Data(user_data);
-  if (values == nullptr) {
-    ScopedTimer timer("Sparsity: zpm_s");
-    return Guarded([&] {
-      data.problem->JacobianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
-      return true;
-    });
-  }
-  ScopedTimer timer("1st Deriv #1: zpm_a1");
-  ++data.jacobian_evals;
-  return Guarded([&] { return data.problem->JacobianValues({x, size_t(n)}, {values, size_t(nnz)}); });
+  ProblemView& view = View(user_data);
+  if (values == nullptr) return CopyStructure(view.jac_rows(), view.jac_cols(), rows, cols);
+  return Guarded([&] { return view.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
 }
 
-// First call (values == NULL): the lower-triangle structure; later calls: the values of the
-// Hessian of obj_factor * f + lambda^T c.
 Bool EvalHessian(Index n, Number* x, Bool, Number obj_factor, Index m, Number* lambda, Bool,
                  Index nnz, Index* rows, Index* cols, Number* values, UserDataPtr user_data) {
-  Problem& problem = *Data(user_data).problem;
-  if (!problem.has_hessian()) return FALSE;
-  if (values == nullptr) {
-    ScopedTimer timer("Sparsity: zpm_s");
-    return Guarded([&] {
-      problem.HessianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
-      return true;
-    });
-  }
-  ScopedTimer timer("2nd Deriv: zpm_h");
+  ProblemView& view = View(user_data);
+  if (!view.has_hessian()) return FALSE;
+  if (values == nullptr) return CopyStructure(view.hess_rows(), view.hess_cols(), rows, cols);
   return Guarded([&] {
-    return problem.HessianValues({x, size_t(n)}, obj_factor, {lambda, size_t(m)},
-                                 {values, size_t(nnz)});
+    return view.Hessian({x, size_t(n)}, obj_factor, {lambda, size_t(m)}, {values, size_t(nnz)});
   });
 }
 
@@ -105,8 +87,7 @@ Bool OnIteration(Index, Index iter_count, Number, Number, Number, Number, Number
                  Number, Number, Index, UserDataPtr user_data) {
   CallData& data = Data(user_data);
   data.iterations = iter_count;
-  if (data.max_time >= kInfinity) return TRUE;
-  return SecondsSince(data.start) <= data.max_time ? TRUE : FALSE;
+  return data.view->TimeUp() ? FALSE : TRUE;
 }
 
 // One library option: its key, its value, and a line printed just before it is set.
@@ -123,11 +104,11 @@ std::string DerivativeTest(int diaglevel) {
 
 // The option list, in the order it is set: the fixed set first, then the additions that keep
 // the console quiet (the file keeps the detail) and carry the warm start.
-std::vector<Option> BuildOptions(Problem& problem, const SolverSettings& settings,
+std::vector<Option> BuildOptions(const ProblemView& view, const SolverSettings& settings,
                                  bool warm_start) {
   std::vector<Option> options = {{"derivative_test", DerivativeTest(settings.diaglevel), ""},
                                  {"mu_strategy", std::string("adaptive"), ""}};
-  if (problem.has_hessian()) {
+  if (view.has_hessian()) {
     options.push_back({"hessian_approximation", std::string("exact"), "Info: Exact Hessian"});
   } else {
     options.push_back(
@@ -159,51 +140,35 @@ bool SetOption(IpoptProblem handle, const Option& option) {
   return AddIpoptNumOption(handle, key, std::get<double>(option.value));
 }
 
-// The sizes, bounds and starting point handed to the library.
-struct Arrays {
-  int n = 0, m = 0, nnz_jac = 0, nnz_hess = 0;
-  std::vector<double> xl, xu, cl, cu, x, lambda, z_lower, z_upper;
+// The point and multipliers the library starts from and overwrites with its solution.
+struct Iterates {
+  std::vector<double> x, lambda, z_lower, z_upper;
 };
 
-Arrays Gather(Problem& problem) {
-  Arrays a;
-  a.n = problem.num_vars();
-  a.m = problem.num_cons();
-  a.nnz_jac = problem.nnz_jac();
-  a.nnz_hess = problem.has_hessian() ? problem.nnz_hess() : 0;
-  a.xl.resize(a.n);
-  a.xu.resize(a.n);
-  a.x.resize(a.n);
-  a.cl.resize(a.m);
-  a.cu.resize(a.m);
-  a.lambda.assign(a.m, 0.0);
-  a.z_lower.assign(a.n, 0.0);
-  a.z_upper.assign(a.n, 0.0);
-  problem.Bounds(a.xl, a.xu);
-  problem.ConstraintBounds(a.cl, a.cu);
-  problem.Start(a.x);
-  return a;
+Iterates StartIterates(ProblemView& view) {
+  return {view.Start(), std::vector<double>(view.m(), 0.0), std::vector<double>(view.n(), 0.0),
+          std::vector<double>(view.n(), 0.0)};
 }
 
 // Sets the options in order and solves; false (after its message) when the log file or an
 // option could not be set, in which case nothing was solved.
-bool ConfigureAndSolve(IpoptProblem handle, Problem& problem, const SolverSettings& settings,
-                       Arrays& a, CallData& data, SolverResult& result) {
+bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Iterates& a,
+                       CallData& data, SolverResult& result) {
   if (!OpenIpoptOutputFile(handle, const_cast<char*>("ipopt.out"), kFilePrintLevel)) {
     Say("Error opening the Ipopt output file.");
     return false;
   }
-  const bool warm = settings.warm && a.m > 0 && problem.StartMultipliers(a.lambda);
-  for (const Option& option : BuildOptions(problem, settings, warm)) {
+  const bool warm =
+      settings.warm && !a.lambda.empty() && data.view->problem().StartMultipliers(a.lambda);
+  for (const Option& option : BuildOptions(*data.view, settings, warm)) {
     if (!SetOption(handle, option)) {
       Say("Error setting an option");
       return false;
     }
   }
   SetIntermediateCallback(handle, OnIteration);
-  std::vector<double> c(a.m);
+  std::vector<double> c(a.lambda.size());
   double objective = 0.0;
-  data.start = std::chrono::steady_clock::now();
   {
     ScopedTimer timer("Solver: ipopt");
     result.status = IpoptSolve(handle, a.x.data(), c.data(), &objective, a.lambda.data(),
@@ -240,25 +205,26 @@ bool HslAvailable() {
 
 SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   PrintSolverBanner('*', settings.imode, " with Interior Point Solver");
-  Arrays a = Gather(problem);
-  CallData data;
-  data.problem = &problem;
-  data.imode = settings.imode;
-  data.max_time = settings.max_time;
+  ProblemView view(problem, settings.max_time);
+  Iterates a = StartIterates(view);
+  CallData data{.view = &view};
+  // The library copies the bounds; it takes them through non-const pointers.
+  auto bounds = [](const std::vector<double>& v) { return const_cast<double*>(v.data()); };
   SolverResult result;
   result.status = kSystemError;
   IpoptProblem handle = CreateIpoptProblem(
-      a.n, a.xl.data(), a.xu.data(), a.m, a.cl.data(), a.cu.data(), a.nnz_jac, a.nnz_hess,
+      view.n(), bounds(view.xl()), bounds(view.xu()), view.m(), bounds(view.cl()),
+      bounds(view.cu()), view.nnz_jac(), view.nnz_hess(),
       /*index_style=*/0, EvalObjective, EvalConstraints, EvalGradient, EvalJacobian, EvalHessian);
   if (handle == nullptr) {
     Say("Error creating an Ipopt Problem handle.");
   } else {
-    if (ConfigureAndSolve(handle, problem, settings, a, data, result)) ReportOutcome(result);
+    if (ConfigureAndSolve(handle, settings, a, data, result)) ReportOutcome(result);
     FreeIpoptProblem(handle);
   }
   result.iterations = data.iterations;
-  result.residual_evals = data.residual_evals;
-  result.jacobian_evals = data.jacobian_evals;
+  result.residual_evals = view.residual_evals();
+  result.jacobian_evals = view.jacobian_evals();
   result.x = std::move(a.x);
   result.lambda = std::move(a.lambda);
   result.z_lower = std::move(a.z_lower);

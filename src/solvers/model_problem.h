@@ -1,6 +1,6 @@
 // solvers/model_problem: the model's callback set (model::Nlp) as a solvers::Problem. Converts
-// the model's 1-based structures to 0-based ones, counts residual and Jacobian evaluations for
-// the benchmark table, and reports a NaN or Inf in any result as a failed evaluation.
+// the model's 1-based structures to 0-based ones; the solvers read it through
+// solvers/problem_view, which checks, counts and times every evaluation.
 #pragma once
 
 #include <vector>
@@ -42,8 +42,6 @@ class ModelProblem : public Problem {
   // Writes x (and, when given, the row multipliers) into the model store.
   void Store(std::span<const double> x, std::span<const double> lambda);
 
-  int residual_evals() const { return residual_evals_; }
-  int jacobian_evals() const { return jacobian_evals_; }
   // Multipliers the warm start offers (set by the cycle from "lam.t0"); empty for none.
   std::vector<double> start_multipliers;
 
@@ -51,8 +49,6 @@ class ModelProblem : public Problem {
   model::ModelAccess& access_;
   model::Nlp nlp_;
   std::string name_;
-  int residual_evals_ = 0;
-  int jacobian_evals_ = 0;
 };
 
 }  // namespace kx::solvers

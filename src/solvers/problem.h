@@ -10,8 +10,9 @@
 //         obj_factor * d2f(x) + sum_i lambda[i] * d2c_i(x),
 //     i.e. of the Lagrangian L = f + lambda^T c. A structure may repeat a position; the
 //     values of repeated positions add.
-//   - Value calls return false when the evaluation failed (a domain error, NaN or Inf): the
-//     solver must not use the result and should cut its step back.
+//   - Value calls return false when the evaluation failed (a domain error): the solver must
+//     not use the result and should cut its step back. A result that is not finite counts as
+//     failed as well; solvers read a problem only through solvers/problem_view, which checks.
 //   - Structures are asked for once; value calls may come in any order, each given the point.
 #pragma once
 

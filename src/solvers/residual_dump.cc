@@ -45,18 +45,17 @@ std::vector<int> CombinedIndex(std::span<const int> rows, std::span<const int> c
 
 }  // namespace
 
-void PrintResidualDump(Problem& problem, std::span<const double> x) {
-  const int n = problem.num_vars(), m = problem.num_cons(), nz = problem.nnz_jac();
-  std::vector<double> xl(n), xu(n), f(m), g(n), a(nz);
-  std::vector<int> rows(nz), cols(nz), order;
-  problem.Bounds(xl, xu);
-  problem.Constraints(x, f);
+// Failed evaluations are printed as they came: the dump shows what the solver would see.
+void PrintResidualDump(ProblemView& view, std::span<const double> x) {
+  const int n = view.n(), m = view.m(), nz = view.nnz_jac();
+  std::vector<double> f(m), g(n), a(nz);
+  std::vector<int> order;
+  view.Constraints(x, f);
   double objective = 0;
-  problem.Objective(x, objective);
-  problem.Gradient(x, g);
-  problem.JacobianStructure(rows, cols);
-  problem.JacobianValues(x, a);
-  std::vector<int> ia = CombinedIndex(rows, cols, m, &order);
+  view.Objective(x, objective);
+  view.Gradient(x, g);
+  view.Jacobian(x, a);
+  std::vector<int> ia = CombinedIndex(view.jac_rows(), view.jac_cols(), m, &order);
   std::vector<double> a_sorted(nz);
   for (int k = 0; k < nz; ++k) a_sorted[k] = a[order[k]];
 
@@ -65,8 +64,8 @@ void PrintResidualDump(Problem& problem, std::span<const double> x) {
   Say("Variables -------");
   Sayf("nvar (n): {}", n);
   PrintVector<double>("x(1:n): ", x);
-  PrintVector<double>("xl(1:n) lower: ", xl);
-  PrintVector<double>("xu(1:n) upper: ", xu);
+  PrintVector<double>("xl(1:n) lower: ", view.xl());
+  PrintVector<double>("xu(1:n) upper: ", view.xu());
   Say("Equations -------");
   Sayf("neqn (m): {}", m);
   PrintVector<double>("residuals (f(1:m)): ", f);

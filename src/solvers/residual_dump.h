@@ -6,10 +6,10 @@
 
 #include <span>
 
-#include "solvers/problem.h"
+#include "solvers/problem_view.h"
 
 namespace kx::solvers {
 
-void PrintResidualDump(Problem& problem, std::span<const double> x);
+void PrintResidualDump(ProblemView& view, std::span<const double> x);
 
 }  // namespace kx::solvers

@@ -5,28 +5,37 @@
 namespace kx::solvers {
 namespace {
 
-struct StatusText {
-  std::string_view word;
-  std::string_view outcome;
+struct StatusRow {
+  Status code;
+  std::string_view word;     // in the solvers' own listings
+  std::string_view outcome;  // printed after a solve
 };
 
-// Indexed by -code.
-constexpr std::array<StatusText, 14> kTexts = {{
-    {"SUCCESS", "Successful solution"},
-    {"NOFEASLN", "No feasible solution"},
-    {"UNBNDSOL", "Unbounded solution"},
-    {"INVBOUND", "Inv Bound"},
-    {"BADINPUT", "Bad inputs"},
-    {"USERABORT", "User aborted"},
-    {"INSWRKSPCN", "Insufficient workspace (1)"},
-    {"INSWRKSPCS", "Insufficient workspace (2)"},
-    {"INSWRKSPCF", "Insufficient workspace (3)"},
-    {"MAXITER", "Maximum iterations"},
-    {"BADDERIV1", "Bad derivatives"},
-    {"MAXACCY", "Requested accuracy unachievable"},
-    {"EXTRNABORT", "Externally aborted"},
-    {"SYSTEMERR", "System error"},
+// One row per code, 0 down to -13.
+constexpr std::array<StatusRow, 14> kTexts = {{
+    {kSuccess, "SUCCESS", "Successful solution"},
+    {kNoFeasibleSolution, "NOFEASLN", "No feasible solution"},
+    {kUnbounded, "UNBNDSOL", "Unbounded solution"},
+    {kInvalidBounds, "INVBOUND", "Inv Bound"},
+    {kBadInputs, "BADINPUT", "Bad inputs"},
+    {kUserAbort, "USERABORT", "User aborted"},
+    {kWorkspace1, "INSWRKSPCN", "Insufficient workspace (1)"},
+    {kWorkspace2, "INSWRKSPCS", "Insufficient workspace (2)"},
+    {kWorkspace3, "INSWRKSPCF", "Insufficient workspace (3)"},
+    {kMaxIterations, "MAXITER", "Maximum iterations"},
+    {kBadDerivatives, "BADDERIV1", "Bad derivatives"},
+    {kAccuracyUnachievable, "MAXACCY", "Requested accuracy unachievable"},
+    {kExternalAbort, "EXTRNABORT", "Externally aborted"},
+    {kSystemError, "SYSTEMERR", "System error"},
 }};
+
+constexpr bool RowsFollowTheCodes() {
+  for (size_t i = 0; i < kTexts.size(); ++i) {
+    if (kTexts[i].code != -static_cast<int>(i)) return false;
+  }
+  return true;
+}
+static_assert(RowsFollowTheCodes(), "row i of the status table holds code -i");
 
 bool Known(int code) { return code <= 0 && code > -static_cast<int>(kTexts.size()); }
 

@@ -23,6 +23,9 @@ enum Status : int {
   kSystemError = -13,
 };
 
+// Internal: a step of a solver that lets the iterations go on (never handed back).
+inline constexpr int kContinue = 1;
+
 // "SUCCESS", "NOFEASLN", ...; "" for a code outside 0..-13.
 std::string_view StatusWord(int code);
 // "Successful solution", "No feasible solution", ...; "Unsuccessful" for any other code.

@@ -59,13 +59,10 @@ struct Outcome {
 };
 
 Outcome Solve(Problem& problem, const std::string& options = "") {
-  testing::WorkingDir dir("asopt_call");
-  if (!options.empty()) dir.Write("asopt.opt", options);
-  Outcome out;
-  OutputCapture capture;
-  out.result = SolveAsopt(problem, SolverSettings{});
-  out.lines = capture.lines();
-  return out;
+  testing::Solved s = testing::SolveAsoptWithOptions(problem, options);
+  std::vector<std::string> lines = Split(s.output, '\n');
+  if (!lines.empty() && lines.back().empty()) lines.pop_back();
+  return {s.result, lines};
 }
 
 bool HasLine(const std::vector<std::string>& lines, const std::string& line) {

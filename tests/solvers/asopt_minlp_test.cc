@@ -8,35 +8,16 @@
 #include "base/base.h"
 #include "solvers/status.h"
 #include "testing/nlp_suite.h"
-#include "testing/scratch_dir.h"
 
 namespace kx::solvers {
 namespace {
 
-struct Solved {
-  SolverResult result;
-  std::string output;
-  int nodes = 0;
-};
+using testing::Solved;
 
 Solved Solve(const std::string& variables, const std::string& equations,
              const std::string& options = "minlp_print_level 2\n") {
-  testing::ScratchDir dir("asopt_minlp");
-  const auto cwd = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
-  dir.Write("asopt.opt", options);
-  auto model = testing::LoadModelText("Model test\n  Variables\n" + variables +
-                                      "  End Variables\n  Equations\n" + equations +
-                                      "  End Equations\nEnd Model\n");
-  Solved s;
-  {
-    OutputCapture capture;
-    SqpState state;
-    s.result = SolveAsopt(*model->problem, SolverSettings{}, state, 0, &s.nodes);
-    s.output = capture.text();
-  }
-  std::filesystem::current_path(cwd);
-  return s;
+  auto model = testing::LoadModelText(testing::ModelText(variables, equations));
+  return testing::SolveAsoptWithOptions(*model->problem, options);
 }
 
 TEST(AsoptMinlpTest, BranchAndBoundCases) {

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "base/base.h"
@@ -9,6 +14,8 @@
 
 namespace kx::solvers {
 namespace {
+
+constexpr const char* kPage = KX_SOURCE_DIR "/docs/asopt_options.md";
 
 struct ReadOutcome {
   AsoptOptions options;
@@ -25,21 +32,41 @@ ReadOutcome ReadText(const std::string& text) {
   return out;
 }
 
-TEST(AsoptOptionsTest, DefaultsFollowMachinePrecision) {
-  const AsoptOptions o;
+// Every row names a distinct option the reader finds, with its default inside its range;
+// the defaults that follow the machine precision and the run's settings take them.
+TEST(AsoptOptionsTest, TableRowsAreConsistentAndDriveTheDefaults) {
   const double eps = ComputeMachinePrecision();
   EXPECT_NEAR(eps, 2.220446049250313e-16, 1e-30);
-  const double s = std::sqrt(10 * std::pow(eps, 2.0 / 3.0));
-  EXPECT_DOUBLE_EQ(o[kObjectiveConvergenceTolerance], 5 * s);
-  EXPECT_DOUBLE_EQ(o[kQpTolerance], std::pow(eps, 2.0 / 3.0));
-  EXPECT_EQ(o.Int(kBacktrackFrequency), 2);
-  EXPECT_EQ(o.Int(kMoveSuppressionLevel), 10);
-  EXPECT_EQ(o.Int(kNlpMaximumIterations), 50);
-  EXPECT_EQ(o[kInfiniteBound], 1e30);
-  const AsoptParameters p = MapParameters(o);
-  EXPECT_EQ(RealParameterLabel(5), "INITIAL MU VALUE.");
-  EXPECT_DOUBLE_EQ(p.reals[0], s);
-  EXPECT_EQ(IntegerParameterLabel(27), "LINE SEARCH START MODE");
+  const AsoptOptions plain;
+  const AsoptOptions run(1e-7, 2e-7, 123);
+  std::set<std::string_view> names;
+  for (int i = 0; i < kNumAsoptOptions; ++i) {
+    const auto option = static_cast<AsoptOption>(i);
+    const AsoptOptionRecord& r = AsoptOptionTable()[i];
+    SCOPED_TRACE(std::string(r.name));
+    EXPECT_TRUE(names.insert(r.name).second);
+    EXPECT_EQ(FindAsoptOption(r.name), option);
+    EXPECT_GE(plain[option], r.lower);
+    EXPECT_LE(plain[option], r.upper);
+    if (r.type == 'I') {
+      EXPECT_EQ(plain[option], std::round(plain[option]));
+    }
+  }
+  EXPECT_EQ(FindAsoptOption("no_such_option"), kNumAsoptOptions);
+  EXPECT_EQ(plain[kMachinePrecision], eps);
+  EXPECT_DOUBLE_EQ(plain[kQpTolerance], std::pow(eps, 2.0 / 3.0));
+  EXPECT_EQ(plain.Int(kNlpMaximumIterations), 50);
+  EXPECT_EQ(run[kObjectiveConvergenceTolerance], 1e-7);
+  EXPECT_EQ(run[kConstraintConvergenceTolerance], 2e-7);
+  EXPECT_EQ(run.Int(kNlpMaximumIterations), 123);
+  // The parameter table takes the options' values, and its own built-in value for a label
+  // without an option.
+  const AsoptParameters p = MapParameters(run);
+  EXPECT_EQ(RealParameterLabel(3), "CONSTRAINT CONVERGENCE TOLERANCE");
+  EXPECT_EQ(p.reals[3], 2e-7);
+  EXPECT_DOUBLE_EQ(p.reals[0], std::sqrt(10 * std::pow(eps, 2.0 / 3.0)));
+  EXPECT_EQ(IntegerParameterLabel(10), "MAXIMUM ITERATIONS");
+  EXPECT_EQ(p.integers[10], 123);
   EXPECT_EQ(p.integers[7], 5);  // "NOVMAXF", a label without an option
 }
 
@@ -64,6 +91,11 @@ TEST(AsoptOptionsTest, ReadsLinesAndReportsBadOnes) {
        4,
        {"Invalid syntax in options file (asopt.opt) at line 2",
         "Line  : backtrack_frequency four", "Option: backtrack_frequency", "Value : four"}},
+      {"value outside the range", "minlp_branch_method 4\n", kMinlpBranchMethod,
+       defaults[kMinlpBranchMethod],
+       {"Value out of range in options file (asopt.opt) at line 1",
+        "Line  : minlp_branch_method 4", "Option: minlp_branch_method", "Value : 4",
+        "Range : [1, 3]"}},
       {"unknown name and reading goes on", "no_such_option 1\ndamped_iterations 7\n",
        kDampedIterations, 7, {"Unknown option: no_such_option"}},
       {"missing value", "infinity\n", kInfiniteBound, 1e30,
@@ -77,25 +109,21 @@ TEST(AsoptOptionsTest, ReadsLinesAndReportsBadOnes) {
   }
 }
 
-TEST(AsoptOptionsTest, WrittenFileReadsBackInItsOwnOrder) {
+TEST(AsoptOptionsTest, WrittenFileReadsBackInTableOrder) {
   testing::ScratchDir dir("asopt_opt");
   AsoptOptions o;
   o.Set(kMinlpGapTol, 0.25);
   o.Set(kInitialMuValue, 3e-7);
   ASSERT_TRUE(o.Write(dir.File("asopt_current_options.opt")));
   const std::vector<std::string> lines = Split(dir.Read("asopt_current_options.opt"), '\n');
-  ASSERT_GE(lines.size(), 46u);
+  ASSERT_GE(lines.size(), 2u + kNumAsoptOptions);
   EXPECT_EQ(lines[0], " !   Current options for solver ASOPT");
   EXPECT_EQ(lines[1], " !   Save file as asopt.opt and modify options");
-  const char* expected_order[] = {"minlp_maximum_iterations", "minlp_max_iter_with_int_sol",
-                                  "minlp_as_nlp", "minlp_branch_method", "minlp_gap_tol",
-                                  "minlp_integer_tol", "minlp_integer_max",
-                                  "minlp_integer_leaves", "minlp_print_level",
-                                  "nlp_maximum_iterations"};
-  for (int i = 0; i < 10; ++i) EXPECT_TRUE(StartsWith(lines[2 + i], expected_order[i])) << i;
-  EXPECT_TRUE(StartsWith(lines[2 + 43], "maximum_delta_x"));
-  EXPECT_NE(lines[2 + 23].find("! (0=unscaled I(n), 1=scaled I(n), 2+=finite diff"),
-            std::string::npos);
+  for (int i = 0; i < kNumAsoptOptions; ++i) {
+    const AsoptOptionRecord& r = AsoptOptionTable()[i];
+    EXPECT_TRUE(StartsWith(lines[2 + i], std::string(r.name) + " ")) << lines[2 + i];
+    EXPECT_EQ(lines[2 + i].find(" ! ") != std::string::npos, !r.file_note.empty()) << r.name;
+  }
   // Renamed to asopt.opt, the file gives back every value.
   AsoptOptions back;
   {
@@ -107,6 +135,20 @@ TEST(AsoptOptionsTest, WrittenFileReadsBackInItsOwnOrder) {
     const auto option = static_cast<AsoptOption>(i);
     EXPECT_EQ(back[option], o[option]) << AsoptOptionName(option);
   }
+}
+
+// The committed page must be exactly what the table generates. To regenerate after a table
+// change, run this test with KX_UPDATE_DOCS=1.
+TEST(AsoptOptionsTest, CommittedPageMatchesTheTable) {
+  const std::string generated = RenderAsoptOptionsMarkdown();
+  if (std::getenv("KX_UPDATE_DOCS") != nullptr) std::ofstream(kPage) << generated;
+  std::ifstream in(kPage);
+  ASSERT_TRUE(in) << kPage << " is missing";
+  std::stringstream committed;
+  committed << in.rdbuf();
+  EXPECT_EQ(committed.str(), generated)
+      << "docs/asopt_options.md drifted from src/solvers/asopt_options.cc; rerun with "
+         "KX_UPDATE_DOCS=1";
 }
 
 }  // namespace

@@ -17,125 +17,19 @@
 namespace kx::solvers {
 namespace {
 
-struct Solved {
-  SolverResult result;
-  std::string output;
-  int nodes = 0;
-};
+using testing::ModelText;
 
-// Solves a model text in a scratch directory (the solver writes its log there).
-Solved SolveText(const std::string& text, const std::string& options = "") {
-  testing::ScratchDir dir("asopt");
-  const auto cwd = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
-  if (!options.empty()) dir.Write("asopt.opt", options);
+const std::string& Hs071() { return testing::ModelCases()[0].text; }
+
+testing::Solved SolveText(const std::string& text, const std::string& options) {
   auto model = testing::LoadModelText(text);
-  Solved s;
-  {
-    OutputCapture capture;
-    SqpState state;
-    SolverSettings settings;
-    s.result = SolveAsopt(*model->problem, settings, state, 0, &s.nodes);
-    s.output = capture.text();
-  }
-  std::filesystem::current_path(cwd);
-  return s;
-}
-
-std::string Model(const std::string& variables, const std::string& equations) {
-  return "Model test\n  Variables\n" + variables + "  End Variables\n  Equations\n" + equations +
-         "  End Equations\nEnd Model\n";
-}
-
-TEST(AsoptSqpTest, ReachesKnownOptima) {
-  struct Case {
-    const char* name;
-    std::string text;
-    double optimum;
-  };
-  const Case cases[] = {
-      {"hs071",
-       Model("    x[1:4] = 1, >= 1, <= 5\n",
-             "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-             "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n"),
-       17.0140172891563},
-      {"linear program",
-       Model("    x = 0, >= 0\n    y = 0, >= 0\n",
-             "    x + 2*y <= 4\n    3*x + y <= 6\n    maximize x + y\n"),
-       -2.8},
-      {"equality only", Model("    x = 0\n    y = 0\n", "    x + y = 2\n    minimize x^2 + y^2\n"),
-       2.0},
-      {"active bounds",
-       Model("    x = 1, >= 0, <= 2\n    y = 1, >= 0\n", "    minimize (x-3)^2 + (y+1)^2\n"), 2.0},
-      {"domain error at a trial point", Model("    x = 10\n", "    minimize x - 2*log(x)\n"),
-       2.0 - 2.0 * std::log(2.0)},
-      {"rank-deficient Jacobian",
-       Model("    x = 0\n    y = 3\n",
-             "    x + y = 2\n    2*x + 2*y = 4\n    minimize x^2 + y^2\n"),
-       2.0},
-      {"nonconvex objective on a circle",
-       Model("    x = 0.8\n    y = -0.2\n", "    x^2 + y^2 = 1\n    minimize x*y\n"), -0.5},
-      {"infeasible start of a curved equality",
-       Model("    x = 3, >= 0\n    y = 3, >= 0\n",
-             "    x^2 + y^2 = 4\n    x*y = 1\n    minimize x + 3*y\n"),
-       0.0},
-  };
-  for (const Case& c : cases) {
-    const Solved s = SolveText(c.text);
-    ASSERT_EQ(s.result.status, kSuccess) << c.name << "\n" << s.output;
-    if (std::string(c.name) == "infeasible start of a curved equality") {
-      // x^2 + y^2 = 4, xy = 1 with the smaller y: y = sqrt(2 - sqrt(3)).
-      const double y = std::sqrt(2.0 - std::sqrt(3.0)), x = 1.0 / y;
-      EXPECT_NEAR(s.result.objective, x + 3 * y, 1e-6) << c.name;
-      continue;
-    }
-    EXPECT_LE(testing::RelativeError(s.result.objective, c.optimum), 1e-6)
-        << c.name << " f = " << s.result.objective;
-  }
-}
-
-TEST(AsoptSqpTest, FailuresEndWithTheirStatus) {
-  struct Case {
-    const char* name;
-    std::string text;
-    int status;
-  };
-  const Case cases[] = {
-      {"infeasible rows",
-       Model("    x = 0\n    y = 0\n", "    x^2 + y^2 <= 1\n    x + y >= 3\n    minimize x\n"),
-       kNoFeasibleSolution},
-      {"unbounded objective", Model("    x = 0, >= 0\n    y = 1\n", "    y = 1\n    minimize -x\n"),
-       kUnbounded},
-  };
-  for (const Case& c : cases) {
-    const Solved s = SolveText(c.text);
-    EXPECT_EQ(s.result.status, c.status) << c.name << "\n" << s.output;
-  }
+  return testing::SolveAsoptWithOptions(*model->problem, options);
 }
 
 TEST(AsoptSqpTest, IterationLimitFromTheOptionsFile) {
-  const Solved s =
-      SolveText(Model("    x[1:4] = 1, >= 1, <= 5\n",
-                      "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-                      "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n"),
-                "nlp_maximum_iterations 2\n");
+  const testing::Solved s = SolveText(Hs071(), "nlp_maximum_iterations 2\n");
   EXPECT_EQ(s.result.status, kMaxIterations);
   EXPECT_EQ(s.result.iterations, 2);
-}
-
-// Solves a loaded model in a scratch directory with the given settings.
-SolverResult SolveModel(testing::LoadedModel& model, const SolverSettings& settings,
-                        bool ipopt = false) {
-  testing::ScratchDir dir("asopt");
-  const auto cwd = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
-  SolverResult r;
-  {
-    OutputCapture capture;
-    r = ipopt ? SolveIpopt(*model.problem, settings) : SolveAsopt(*model.problem, settings);
-  }
-  std::filesystem::current_path(cwd);
-  return r;
 }
 
 // Solves the model text with ASOPT and with the interior-point library and expects both to
@@ -145,8 +39,10 @@ SolverResult ExpectInteriorPointOptimum(const std::string& text, const SolverSet
                                         double constant = 0.0) {
   auto asopt_model = testing::LoadModelText(text);
   auto ipopt_model = testing::LoadModelText(text);
-  const SolverResult a = SolveModel(*asopt_model, settings);
-  const SolverResult b = SolveModel(*ipopt_model, settings, true);
+  const SolverResult a =
+      testing::SolveQuietly(testing::SolverKind::kAsopt, *asopt_model->problem, settings).result;
+  const SolverResult b =
+      testing::SolveQuietly(testing::SolverKind::kIpopt, *ipopt_model->problem, settings).result;
   EXPECT_EQ(a.status, kSuccess);
   EXPECT_EQ(b.status, kSuccess);
   EXPECT_LE(std::abs(a.objective - b.objective), 1e-6 * std::abs(b.objective - constant))
@@ -216,7 +112,9 @@ TEST(AsoptSqpTest, SquareSimulationSystemConvergesLikeNewton) {
       "ua*(tc - t[2:n+1]))\n"
       "  End Equations\nEnd Model\n";
   auto model = testing::LoadModelText(text);
-  const SolverResult r = SolveModel(*model, SolverSettings{.constraint_tol = 1e-8});
+  const SolverResult r = testing::SolveQuietly(testing::SolverKind::kAsopt, *model->problem,
+                                               SolverSettings{.constraint_tol = 1e-8})
+                             .result;
   ASSERT_EQ(r.status, kSuccess);
   EXPECT_LE(r.iterations, 25);
   Problem& p = *model->problem;
@@ -248,31 +146,6 @@ TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
   EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 60);
 }
 
-TEST(AsoptSqpTest, MultipliersSatisfyStationarity) {
-  auto model = testing::LoadModelText(
-      Model("    x[1:4] = 1, >= 1, <= 5\n",
-            "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-            "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n"));
-  testing::ScratchDir dir("asopt");
-  const auto cwd = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
-  SolverResult r;
-  {
-    OutputCapture capture;
-    r = SolveAsopt(*model->problem, SolverSettings{});
-  }
-  std::filesystem::current_path(cwd);
-  ASSERT_EQ(r.status, kSuccess);
-  Problem& p = *model->problem;
-  std::vector<double> g(4), jac(p.nnz_jac());
-  std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());
-  p.Gradient(r.x, g);
-  p.JacobianValues(r.x, jac);
-  p.JacobianStructure(rows, cols);
-  for (int k = 0; k < p.nnz_jac(); ++k) g[cols[k]] += jac[k] * r.lambda[rows[k]];
-  for (int j = 0; j < 4; ++j) EXPECT_NEAR(g[j] - r.z_lower[j] + r.z_upper[j], 0.0, 1e-5) << j;
-}
-
 // A problem that supplies no second derivatives: the solver keeps its own diagonal estimate,
 // chosen by initial_hessian_estimate_option (0 identity, 1 scaled identity, 2 finite
 // differences). Every choice must still reach the optimum.
@@ -289,12 +162,9 @@ class NoSecondDerivatives : public testing::ForwardingProblem {
 };
 
 TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
-  const std::string hs071 =
-      Model("    x[1:4] = 1, >= 1, <= 5\n",
-            "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-            "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n");
+  const std::string& hs071 = Hs071();
   const std::string hs035 =
-      Model("    x[1:3] = 0.5, >= 0\n",
+      ModelText("    x[1:3] = 0.5, >= 0\n",
             "    x[1] + x[2] + 2*x[3] <= 3\n"
             "    minimize 9 - 8*x[1] - 6*x[2] - 4*x[3] + 2*x[1]^2 + 2*x[2]^2 + x[3]^2"
             " + 2*x[1]*x[2] + 2*x[1]*x[3]\n");
@@ -310,6 +180,70 @@ TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
       ASSERT_EQ(r.status, 0) << out.text();
       EXPECT_NEAR(r.objective, optimum, 1e-5);
     }
+  }
+}
+
+using testing::MovedBound;
+
+struct WarmCase {
+  std::string name;
+  bool row;     // move a row bound (else a variable bound)
+  int index;    // 0-based row or variable
+  bool upper;   // which side
+  double step;  // added to the bound
+};
+
+// Moving a bound and solving again from the previous solution with its working set and
+// multipliers (mode 3) must reach the optimum that a cold solve reaches, in no more
+// iterations. The kept working set may hold rows the moved bound makes inconsistent.
+TEST(AsoptWarmStartTest, MovedBoundReachesTheColdOptimum) {
+  const WarmCase cases[] = {
+      {"hs106", true, 0, false, 0.01},    // an active row tightened
+      {"hs106", true, 2, false, 0.01},
+      {"hs071", false, 0, false, 0.01},   // an active variable bound raised
+      {"hs071", true, 0, false, 0.25},    // the product row tightened
+      {"colville3", false, 0, false, 0.78},
+      {"hs035", true, 0, false, 0.03},
+      {"hs076", false, 2, false, 0.05},   // a convex QP, a bound at 0 moved
+  };
+  testing::WorkingDir dir("asopt_warm");
+  const std::string root = testing::NlpSuite(false).front().path;
+  for (const WarmCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = root.substr(0, root.rfind('/') + 1) + c.name + ".zpm";
+    auto model = testing::LoadModelFile(path);
+    Problem& base = *model->problem;
+    MovedBound first(base);
+    first.start.resize(base.num_vars());
+    base.Start(first.start);
+    const std::vector<double> start = first.start;
+    OutputCapture out;
+    const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 3000};
+    SqpState state;
+    const SolverResult r0 = SolveAsopt(first, settings, state, WarmStart::kCold);
+    ASSERT_EQ(r0.status, 0) << out.text();
+    MovedBound moved(base);
+    moved.start = start;
+    (c.row ? moved.row : moved.var) = c.index;
+    moved.upper = c.upper;
+    {
+      const int n = base.num_vars(), m = base.num_cons();
+      std::vector<double> xl(n), xu(n), cl(m), cu(m);
+      base.Bounds(xl, xu);
+      base.ConstraintBounds(cl, cu);
+      const std::vector<double>& b = c.row ? (c.upper ? cu : cl) : (c.upper ? xu : xl);
+      moved.value = b[c.index] + c.step;
+    }
+    const SolverResult cold = SolveAsopt(moved, settings);
+    ASSERT_EQ(cold.status, 0) << out.text();
+    moved.start = r0.x;
+    SolverSettings warm_settings = settings;
+    warm_settings.warm = true;
+    const SolverResult warm = SolveAsopt(moved, warm_settings, state, WarmStart::kWorkingSet);
+    ASSERT_EQ(warm.status, 0) << out.text();
+    EXPECT_LE(testing::RelativeError(warm.objective, cold.objective), 1e-6)
+        << "warm " << warm.objective << ", cold " << cold.objective;
+    EXPECT_LE(warm.iterations, cold.iterations);
   }
 }
 

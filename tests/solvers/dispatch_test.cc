@@ -11,9 +11,7 @@
 namespace kx::solvers {
 namespace {
 
-constexpr const char* kModel =
-    "Model d\n  Variables\n    x = 3\n  End Variables\n  Equations\n"
-    "    x >= 1\n    minimize (x - 2)^2\n  End Equations\nEnd Model\n";
+const std::string kModel = testing::ModelText("    x = 3\n", "    x >= 1\n    minimize (x - 2)^2\n");
 
 // The model's problem, claiming to have no second derivatives.
 class NoHessian : public testing::ForwardingProblem {
@@ -69,10 +67,10 @@ TEST(Dispatch, BioptWithoutSecondDerivativesDoesNotSolve) {
   EXPECT_EQ(out.text(), "BIOPT: l-BFGS not available\n");
 }
 
+// The benchmark table's column is twelve characters wide.
 TEST(Dispatch, DisplayNamesAreTwelveCharacters) {
-  const char* names[] = {"ASOPT (v1.0)", "BIOPT (v1.0)", "IPOPT (v3.9)",
-                         "IPOPT (v2.3)", "SNOPT (v6.1)", "MINOS (v5.5)"};
-  for (int s = 1; s <= 6; ++s) EXPECT_EQ(SolverDisplayName(s), names[s - 1]);
+  for (int s = 1; s <= 6; ++s) EXPECT_EQ(SolverDisplayName(s).size(), 12u) << s;
+  EXPECT_EQ(SolverDisplayName(1), "ASOPT (v1.0)");
   EXPECT_EQ(SolverDisplayName(0), "");
   EXPECT_EQ(SolverDisplayName(7), "");
 }

@@ -4,8 +4,10 @@
 
 #include <cmath>
 #include <string>
+#include <vector>
 
 #include "base/report.h"
+#include "testing/dense_problem.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
@@ -15,76 +17,35 @@ namespace {
 using testing::LoadModelText;
 using testing::WorkingDir;
 
-constexpr const char* kHs071 = R"(
-Model hs071
-  Variables
-    x[1:4] = 1, >= 1, <= 5
-  End Variables
-  Equations
-    x[1]*x[2]*x[3]*x[4] >= 25
-    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40
-    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]
-  End Equations
-End Model
-)";
+using Vec = std::vector<double>;
 
-// min (x1 - 1)^2 + 100 (x2 - x1^2)^2  s.t.  x1 + x2 >= lower_sum, written by hand with first
-// derivatives only. `wrong_gradient` spoils d f / d x1 so the derivative checker has
-// something to find.
-class NoHessianProblem : public Problem {
- public:
-  explicit NoHessianProblem(double lower_sum, bool wrong_gradient = false)
-      : lower_sum_(lower_sum), wrong_gradient_(wrong_gradient) {}
-  int num_vars() override { return 2; }
-  int num_cons() override { return 1; }
-  int nnz_jac() override { return 2; }
-  int nnz_hess() override { return 0; }
-  bool has_hessian() override { return false; }
-  void Bounds(std::span<double> xl, std::span<double> xu) override {
-    xl[0] = xl[1] = -kInfinity;
-    xu[0] = xu[1] = kInfinity;
-  }
-  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
-    cl[0] = lower_sum_;
-    cu[0] = kInfinity;
-  }
-  void Start(std::span<double> x) override { x[0] = -1.2, x[1] = 1.0; }
-  void JacobianStructure(std::span<int> rows, std::span<int> cols) override {
-    rows[0] = rows[1] = 0;
-    cols[0] = 0, cols[1] = 1;
-  }
-  void HessianStructure(std::span<int>, std::span<int>) override {}
-  bool Objective(std::span<const double> x, double& f) override {
-    f = std::pow(x[0] - 1, 2) + 100 * std::pow(x[1] - x[0] * x[0], 2);
-    return true;
-  }
-  bool Gradient(std::span<const double> x, std::span<double> g) override {
-    g[0] = (2 * (x[0] - 1) - 400 * x[0] * (x[1] - x[0] * x[0])) * (wrong_gradient_ ? 1.1 : 1.0);
-    g[1] = 200 * (x[1] - x[0] * x[0]);
-    return true;
-  }
-  bool Constraints(std::span<const double> x, std::span<double> c) override {
-    c[0] = x[0] + x[1];
-    return true;
-  }
-  bool JacobianValues(std::span<const double>, std::span<double> v) override {
-    v[0] = v[1] = 1.0;
-    return true;
-  }
-  bool HessianValues(std::span<const double>, double, std::span<const double>,
-                     std::span<double>) override {
+const std::string& Hs071() { return testing::ModelCases()[0].text; }
+
+// min (x1 - 1)^2 + 100 (x2 - x1^2)^2  s.t.  x1 + x2 >= 2.5, with first derivatives only.
+// `gradient_error` scales d f / d x1 so that the derivative checker has something to find.
+testing::DenseProblem NoHessianProblem(double gradient_error = 1.0) {
+  testing::DenseProblem p;
+  p.n = 2, p.m = 1;
+  p.xl = {-kInfinity, -kInfinity}, p.xu = {kInfinity, kInfinity};
+  p.cl = {2.5}, p.cu = {kInfinity}, p.x0 = {-1.2, 1.0};
+  p.exact_hessian = false;
+  p.f = [](const Vec& x) { return std::pow(x[0] - 1, 2) + 100 * std::pow(x[1] - x[0] * x[0], 2); };
+  p.grad = [gradient_error](const Vec& x) {
+    return Vec{(2 * (x[0] - 1) - 400 * x[0] * (x[1] - x[0] * x[0])) * gradient_error,
+               200 * (x[1] - x[0] * x[0])};
+  };
+  p.cons = [](const Vec& x) { return Vec{x[0] + x[1]}; };
+  p.jac = [](const Vec&) { return Vec{1.0, 1.0}; };
+  p.hess = [](const Vec&, double, const Vec&) {
     ADD_FAILURE() << "Hessian asked for although the problem has none";
-    return false;
-  }
-
- private:
-  double lower_sum_;
-  bool wrong_gradient_;
-};
+    return Vec(4, 0.0);
+  };
+  return p;
+}
 
 TEST(IpoptCallTest, SolvesAConstrainedProblemWithExactDerivatives) {
   WorkingDir dir;
-  auto model = LoadModelText(kHs071);
+  auto model = LoadModelText(Hs071());
   OutputCapture out;
   SolverResult r = SolveIpopt(*model->problem, SolverSettings{.constraint_tol = 1e-8});
   ASSERT_EQ(r.status, 0) << out.text();
@@ -112,7 +73,7 @@ TEST(IpoptCallTest, SolvesAConstrainedProblemWithExactDerivatives) {
 
 TEST(IpoptCallTest, SolvesWithLimitedMemoryHessianWhenNoneIsSupplied) {
   WorkingDir dir;
-  NoHessianProblem problem(/*lower_sum=*/2.5);
+  testing::DenseProblem problem = NoHessianProblem();
   OutputCapture out;
   SolverResult r = SolveIpopt(problem, SolverSettings{.constraint_tol = 1e-9, .max_iter = 500});
   ASSERT_EQ(r.status, 0) << out.text();
@@ -132,7 +93,7 @@ TEST(IpoptCallTest, DiagnosticLevelChoosesTheDerivativeCheck) {
   // The second-order check includes the first-order one.
   for (const Case& c : {Case{4, false, false}, Case{5, true, false}, Case{6, true, true}}) {
     WorkingDir dir;
-    auto model = LoadModelText(kHs071);
+    auto model = LoadModelText(Hs071());
     OutputCapture out;
     SolverResult r = SolveIpopt(*model->problem, SolverSettings{.diaglevel = c.diaglevel});
     EXPECT_EQ(r.status, 0) << c.diaglevel;
@@ -149,7 +110,7 @@ TEST(IpoptCallTest, DiagnosticLevelChoosesTheDerivativeCheck) {
 
 TEST(IpoptCallTest, DerivativeCheckFindsAWrongGradient) {
   WorkingDir dir;
-  NoHessianProblem problem(2.5, /*wrong_gradient=*/true);
+  testing::DenseProblem problem = NoHessianProblem(1.1);
   OutputCapture out;
   SolveIpopt(problem, SolverSettings{.max_iter = 5, .diaglevel = 5});
   EXPECT_NE(dir.Read("ipopt.out").find("Derivative checker detected"), std::string::npos);
@@ -157,27 +118,18 @@ TEST(IpoptCallTest, DerivativeCheckFindsAWrongGradient) {
 
 TEST(IpoptCallTest, FailuresReturnTheLibraryStatus) {
   // x + y <= -1 with x, y >= 0 has no feasible point.
-  constexpr const char* kInfeasible = R"(
-Model infeasible
-  Variables
-    x = 1, >= 0
-    y = 1, >= 0
-  End Variables
-  Equations
-    x + y <= -1
-    minimize (x - 2)^2 + (y - 1)^2
-  End Equations
-End Model
-)";
+  const std::string infeasible =
+      testing::ModelText("    x = 1, >= 0\n    y = 1, >= 0\n",
+                         "    x + y <= -1\n    minimize (x - 2)^2 + (y - 1)^2\n");
   struct Case {
-    const char* text;
+    std::string text;
     SolverSettings settings;
     int status;
   };
   const Case cases[] = {
-      {kInfeasible, SolverSettings{}, 2},          // infeasible problem detected
-      {kHs071, SolverSettings{.max_iter = 2}, -1},  // iteration limit
-      {kHs071, SolverSettings{.max_time = 0.0}, 5},  // wall time used up: stopped at once
+      {infeasible, SolverSettings{}, 2},          // infeasible problem detected
+      {Hs071(), SolverSettings{.max_iter = 2}, -1},  // iteration limit
+      {Hs071(), SolverSettings{.max_time = 0.0}, 5},  // wall time used up: stopped at once
   };
   for (const Case& c : cases) {
     WorkingDir dir;
@@ -197,16 +149,7 @@ End Model
 
 TEST(IpoptCallTest, BacksOffFromAFailedEvaluation) {
   // From x = 10 the Newton step lands near x = -33, where sqrt has no value.
-  auto model = LoadModelText(R"(
-Model backoff
-  Variables
-    x = 10
-  End Variables
-  Equations
-    minimize x - 2*sqrt(x)
-  End Equations
-End Model
-)");
+  auto model = LoadModelText(testing::ModelText("    x = 10\n", "    minimize x - 2*sqrt(x)\n"));
   WorkingDir dir;
   OutputCapture out;
   SolverResult r = SolveIpopt(*model->problem, SolverSettings{});
@@ -217,7 +160,7 @@ End Model
 
 TEST(IpoptCallTest, WarmStartFromGivenMultipliers) {
   WorkingDir dir;
-  auto model = LoadModelText(kHs071);
+  auto model = LoadModelText(Hs071());
   OutputCapture out;
   SolverResult cold = SolveIpopt(*model->problem, SolverSettings{});
   ASSERT_EQ(cold.status, 0);

@@ -16,7 +16,8 @@ TEST(ResidualDump, PrintsEverySectionClippedAtTenValues) {
       "    x[1] + x[12] = 3\n    x[2]*x[3] = 1\n    minimize x[1]^2\n  End Equations\nEnd Model\n");
   std::vector<double> x(12, 2.0);
   OutputCapture out;
-  PrintResidualDump(*m->problem, x);
+  ProblemView view(*m->problem, 1e20);
+  PrintResidualDump(view, x);
   const std::vector<std::string> want = {
       "----- Kestrix Residual Evaluation -----",
       "note: clipped at 10 values max",

@@ -2,6 +2,9 @@
 // they change (bounds held at other values, no second derivatives, ...).
 #pragma once
 
+#include <algorithm>
+#include <vector>
+
 #include "solvers/problem.h"
 
 namespace kx::testing {
@@ -44,6 +47,32 @@ class ForwardingProblem : public solvers::Problem {
 
  protected:
   solvers::Problem& base_;
+};
+
+// The problem with one bound moved (a variable's, a row's, or a fixed variable's value) and
+// a given start point.
+class MovedBound : public ForwardingProblem {
+ public:
+  using ForwardingProblem::ForwardingProblem;
+  void Bounds(std::span<double> xl, std::span<double> xu) override {
+    base_.Bounds(xl, xu);
+    if (var >= 0 && parameter) xl[var] = xu[var] = value;
+    if (var >= 0 && !parameter) (upper ? xu : xl)[var] = value;
+  }
+  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
+    base_.ConstraintBounds(cl, cu);
+    if (row >= 0) (upper ? cu : cl)[row] = value;
+  }
+  void Start(std::span<double> x) override {
+    if (start.empty()) return base_.Start(x);
+    std::copy(start.begin(), start.end(), x.begin());
+    if (var >= 0 && parameter) x[var] = value;
+  }
+  int var = -1, row = -1;     // the moved bound: a variable's or a row's
+  bool upper = false;         // which side
+  bool parameter = false;     // the variable is a fixed one (a model parameter): both sides
+  double value = 0.0;         // its new value
+  std::vector<double> start;  // the start point; empty for the base problem's
 };
 
 }  // namespace kx::testing

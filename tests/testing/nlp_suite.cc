@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <filesystem>
 #include <fstream>
 
 #include "base/report.h"
 #include "base/text.h"
 #include "model/builder.h"
+#include "solvers/asopt.h"
+#include "solvers/biopt.h"
+#include "solvers/ipopt_call.h"
+#include "solvers/status.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::testing {
 namespace {
@@ -70,6 +76,131 @@ std::unique_ptr<LoadedModel> LoadModelFile(const std::string& path) {
 std::vector<SuiteEntry> NlpSuite(bool include_large) { return Scan("nlp", include_large); }
 
 std::vector<SuiteEntry> MinlpSuite() { return Scan("minlp", true); }
+
+Solved SolveQuietly(SolverKind solver, solvers::Problem& problem,
+                    const solvers::SolverSettings& settings,
+                    const solvers::biopt::Options& biopt_options) {
+  WorkingDir dir("kx_solve");
+  OutputCapture capture;
+  Solved s;
+  switch (solver) {
+    case SolverKind::kAsopt:
+      s.result = solvers::SolveAsopt(problem, settings);
+      break;
+    case SolverKind::kBiopt:
+      s.result = solvers::SolveBiopt(problem, settings, biopt_options);
+      break;
+    case SolverKind::kIpopt:
+      s.result = solvers::SolveIpopt(problem, settings);
+      break;
+  }
+  s.output = capture.text();
+  return s;
+}
+
+const std::vector<BarrierRule>& BarrierRules() {
+  using solvers::biopt::BarrierRule, solvers::biopt::MuOracle;
+  const auto rule = [](BarrierRule r, MuOracle oracle) {
+    solvers::biopt::Options options;
+    options.log_file = "";
+    options.barrier_rule = r;
+    options.mu_oracle = oracle;
+    return options;
+  };
+  static const std::vector<testing::BarrierRule> rules = {
+      {"monotone", rule(BarrierRule::kMonotone, MuOracle::kSpread)},
+      {"adaptive_spread", rule(BarrierRule::kAdaptive, MuOracle::kSpread)},
+      {"adaptive_probing", rule(BarrierRule::kAdaptive, MuOracle::kProbing)},
+  };
+  return rules;
+}
+
+Solved SolveAsoptWithOptions(solvers::Problem& problem, const std::string& options,
+                             const solvers::SolverSettings& settings) {
+  WorkingDir dir("kx_asopt");
+  if (!options.empty()) dir.Write("asopt.opt", options);
+  OutputCapture capture;
+  Solved s;
+  solvers::SqpState state;
+  s.result = solvers::SolveAsopt(problem, settings, state, solvers::WarmStart::kCold, &s.nodes);
+  s.output = capture.text();
+  return s;
+}
+
+double Stationarity(solvers::Problem& p, const solvers::SolverResult& r) {
+  std::vector<double> g(p.num_vars()), jv(p.nnz_jac());
+  std::vector<int> rows(p.nnz_jac()), cols(p.nnz_jac());
+  p.JacobianStructure(rows, cols);
+  if (!p.Gradient(r.x, g) || !p.JacobianValues(r.x, jv)) return INFINITY;
+  double gmax = 1;
+  for (double v : g) gmax = std::max(gmax, std::abs(v));
+  for (size_t k = 0; k < jv.size(); ++k) g[cols[k]] += jv[k] * r.lambda[rows[k]];
+  double worst = 0;
+  for (size_t j = 0; j < g.size(); ++j) {
+    worst = std::max(worst, std::abs(g[j] - r.z_lower[j] + r.z_upper[j]));
+  }
+  return worst / gmax;
+}
+
+std::string ModelText(const std::string& variables, const std::string& equations) {
+  return "Model test\n  Variables\n" + variables + "  End Variables\n  Equations\n" +
+         equations + "  End Equations\nEnd Model\n";
+}
+
+const std::vector<ModelCase>& ModelCases() {
+  using solvers::kNoFeasibleSolution, solvers::kSuccess, solvers::kUnbounded;
+  // x^2 + y^2 = 4, xy = 1 with the smaller y: y = sqrt(2 - sqrt(3)), x = 1 / y.
+  const double curved_y = std::sqrt(2.0 - std::sqrt(3.0));
+  static const std::vector<ModelCase> cases = {
+      {"hs071",  // inequality and equality rows, active bounds
+       ModelText("    x[1] = 1, >= 1, <= 5\n    x[2:3] = 5, >= 1, <= 5\n    x[4] = 1, >= 1, <= 5\n",
+                 "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
+                 "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n"),
+       kSuccess, 17.0140172891563},
+      {"linear_program",
+       ModelText("    x = 0, >= 0\n    y = 0, >= 0\n",
+                 "    x + 2*y <= 4\n    3*x + y <= 6\n    maximize x + y\n"),
+       kSuccess, -2.8},
+      {"both_bounds_active",
+       ModelText("    x = 1, >= 0, <= 2\n    y = 1, >= 0, <= 5\n",
+                 "    minimize (x - 3)^2 + (y + 1)^2\n"),
+       kSuccess, 2.0},
+      {"equality_rows_only",
+       ModelText("    x = 0\n    y = 0\n    z = 0\n",
+                 "    x + y + z = 3\n    x - y = 1\n    minimize x^2 + y^2 + z^2\n"),
+       kSuccess, 3.5},
+      {"rank_deficient_jacobian",  // repeated rows
+       ModelText("    x = 0\n    y = 2\n    z = 0\n",
+                 "    x + y + z = 3\n    2*x + 2*y + 2*z = 6\n    x + y + z = 3\n"
+                 "    minimize x^2 + y^2 + z^2\n"),
+       kSuccess, 3.0},
+      {"rosenbrock",
+       ModelText("    x = -1.2\n    y = 1\n", "    minimize 100*(y - x^2)^2 + (1 - x)^2\n"),
+       kSuccess, 0.0},
+      {"nonconvex_range_row",
+       ModelText("    x = 0.6, >= -2, <= 2\n    y = 0.2, >= -2, <= 2\n",
+                 "    x^2 + y^2 >= 1\n    x^2 + y^2 <= 2\n    minimize x*y\n"),
+       kSuccess, -1.0},
+      {"nonconvex_on_a_circle",
+       ModelText("    x = 0.8\n    y = -0.2\n", "    x^2 + y^2 = 1\n    minimize x*y\n"),
+       kSuccess, -0.5},
+      {"domain_error_at_a_trial_point",  // the first Newton step leaves the log's domain
+       ModelText("    x = 10\n", "    minimize x - 2*log(x)\n"), kSuccess,
+       2.0 - 2.0 * std::log(2.0)},
+      {"infeasible_start_of_a_curved_equality",
+       ModelText("    x = 3, >= 0\n    y = 3, >= 0\n",
+                 "    x^2 + y^2 = 4\n    x*y = 1\n    minimize x + 3*y\n"),
+       kSuccess, 1.0 / curved_y + 3 * curved_y},
+      {"infeasible_rows",
+       ModelText("    x = 0\n    y = 0\n",
+                 "    x^2 + y^2 <= 1\n    x + y >= 3\n    minimize x + y\n"),
+       kNoFeasibleSolution, 0.0},
+      {"unbounded_objective",
+       ModelText("    x = 1, >= 0\n    y = 1\n", "    y = 2*x\n    minimize -x - y\n"),
+       kUnbounded, 0.0},
+  };
+  return cases;
+}
 
 double RelativeError(double f, double optimum) {
   if (optimum == 0.0) return std::abs(f);

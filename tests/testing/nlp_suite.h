@@ -14,7 +14,9 @@
 
 #include "model/access.h"
 #include "model/records.h"
+#include "solvers/biopt_solver.h"
 #include "solvers/model_problem.h"
+#include "solvers/problem.h"
 
 namespace kx::testing {
 
@@ -44,6 +46,46 @@ inline constexpr auto SuiteEntryName = [](const auto& info) { return info.param.
 // The suite in name order; `include_large` false leaves out the scalable problems.
 std::vector<SuiteEntry> NlpSuite(bool include_large);
 std::vector<SuiteEntry> MinlpSuite();  // tests/models/minlp/*.zpm, same header
+
+// The solvers under test, and one way to run each: quietly, in a fresh scratch directory
+// where the solver writes its log files.
+enum class SolverKind { kAsopt, kBiopt, kIpopt };
+struct Solved {
+  solvers::SolverResult result;
+  std::string output;  // what the solve printed
+  int nodes = 0;       // leaves ASOPT solved
+};
+Solved SolveQuietly(SolverKind solver, solvers::Problem& problem,
+                    const solvers::SolverSettings& settings,
+                    const solvers::biopt::Options& biopt_options = {});
+// BIOPT's barrier rules (and, for the adaptive rule, centring oracles), quiet: no log file.
+struct BarrierRule {
+  const char* name;
+  solvers::biopt::Options options;
+};
+const std::vector<BarrierRule>& BarrierRules();
+
+// ASOPT from a cold start with `options` as the run's "asopt.opt" (none when empty).
+Solved SolveAsoptWithOptions(solvers::Problem& problem, const std::string& options,
+                             const solvers::SolverSettings& settings = {});
+
+// Largest |grad f + J' lambda - z_lower + z_upper| at the result, relative to
+// max(1, largest gradient entry); infinite when an evaluation fails.
+double Stationarity(solvers::Problem& problem, const solvers::SolverResult& r);
+
+// "Model test" with the given variable and equation sections.
+std::string ModelText(const std::string& variables, const std::string& equations);
+
+// Small models with a known outcome that ASOPT and BIOPT must both reach: a status and, on
+// success, the optimum.
+struct ModelCase {
+  std::string name;
+  std::string text;
+  int status = 0;
+  double optimum = 0;
+};
+inline void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.name; }
+const std::vector<ModelCase>& ModelCases();
 
 // |f - optimum| / max(|optimum|, 1e-8): relative to the optimum's own size, so an objective
 // of order 1e-2 is judged as strictly as one of order 1e2; |f| when the optimum is 0.

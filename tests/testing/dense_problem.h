@@ -1,4 +1,4 @@
-// A small hand-written problem for the BIOPT tests: dense callbacks, optional NaN results,
+// A small hand-written problem for the solver tests: dense callbacks, optional NaN results,
 // optional start multipliers.
 #pragma once
 
@@ -8,9 +8,9 @@
 
 #include "solvers/problem.h"
 
-namespace kx::solvers::testing {
+namespace kx::testing {
 
-class DenseProblem : public Problem {
+class DenseProblem : public solvers::Problem {
  public:
   using Vec = std::vector<double>;
   int n = 0, m = 0;
@@ -86,4 +86,4 @@ class DenseProblem : public Problem {
   }
 };
 
-}  // namespace kx::solvers::testing
+}  // namespace kx::testing
