@@ -287,7 +287,7 @@ SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm,
     ReportStartingPoint(access, dynamic, state.diaglevel);
   }
   CheckSimulationDof(access, state.flags.imode);
-  const auto reduction = ReduceBeforeSolve(state, access);
+  const auto reduction = ReduceBeforeSolve(state, access, dynamic);
   SolveOutcome out;
   {
     solvers::ModelProblem problem(access, dynamic, state.app);

@@ -110,7 +110,7 @@ int SolveSteadyState(CycleState& state, CycleModel& m) {
     ReportStartingPoint(access, /*dynamic=*/false, state.diaglevel);
   }
   CheckSimulationDof(access, imode);
-  const auto reduction = ReduceBeforeSolve(state, access);
+  const auto reduction = ReduceBeforeSolve(state, access, /*dynamic=*/false);
   if (state.diaglevel >= 2) model::WriteSparsityListing(access, "model_sparsity.txt");
   SolveOutcome out;
   {

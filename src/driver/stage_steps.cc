@@ -1,5 +1,7 @@
 #include "driver/stage_steps.h"
 
+#include <algorithm>
+
 #include <filesystem>
 
 #include "base/report.h"
@@ -7,6 +9,7 @@
 #include "base/text.h"
 #include "files/file_routine.h"
 #include "analysis/derivative_check.h"
+#include "analysis/presolve.h"
 #include "model/routines.h"
 
 namespace kx::driver {
@@ -36,10 +39,25 @@ int NotSolved(CycleState& state, std::string_view what) {
 }
 
 std::optional<analysis::ReductionRecord> ReduceBeforeSolve(const CycleState& state,
-                                                           model::ModelAccess& access) {
-  if (state.store.Int("REDUCE") <= 0) return std::nullopt;
-  ScopedTimer timer("Model reduction");
-  return analysis::ReduceModel(access, state.diaglevel >= 1);
+                                                           model::ModelAccess& access,
+                                                           bool dynamic) {
+  const int reduce = state.store.Int("REDUCE");
+  if (reduce <= 0) return std::nullopt;
+  std::optional<analysis::ReductionRecord> record;
+  {
+    ScopedTimer timer("Model reduction");
+    record = analysis::ReduceModel(access, state.diaglevel >= 1);
+  }
+  if (reduce >= 2) {
+    ScopedTimer timer("Presolve");
+    analysis::PresolveSettings settings;
+    settings.tolerance = state.store.Real("RTOL");
+    settings.max_iter = std::max(1, state.store.Int("MAX_ITER"));
+    settings.diaglevel = state.diaglevel;
+    settings.dynamic = dynamic;
+    analysis::BlockPresolve(access, settings);
+  }
+  return record;
 }
 
 void RestoreAfterSolve(model::ModelAccess& access,

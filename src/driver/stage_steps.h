@@ -27,10 +27,12 @@ int NotSolved(CycleState& state, std::string_view what);
 void DerivativeChecks(const CycleState& state, model::ModelAccess& access,
                       solvers::Problem& problem, bool dynamic);
 
-// REDUCE > 0: model reduction before the solve (a line per action at DIAGLEVEL >= 1). The
-// record undoes it after the solve (RestoreAfterSolve).
+// REDUCE > 0: model reduction before the solve (a line per action at DIAGLEVEL >= 1); REDUCE
+// >= 2 then presolves a square system block by block. The record undoes the reduction after
+// the solve (RestoreAfterSolve).
 std::optional<analysis::ReductionRecord> ReduceBeforeSolve(const CycleState& state,
-                                                           model::ModelAccess& access);
+                                                           model::ModelAccess& access,
+                                                           bool dynamic);
 void RestoreAfterSolve(model::ModelAccess& access,
                        const std::optional<analysis::ReductionRecord>& record);
 

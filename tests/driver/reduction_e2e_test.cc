@@ -81,5 +81,52 @@ TEST_F(Reduction, ReducedValuesReachTheResultsAndRestartFile) {
   EXPECT_NE(Read("rto.t0").find("ss.d = 3.0000"), std::string::npos) << Read("rto.t0");
 }
 
+TEST_F(Reduction, BlockPresolveMessages) {
+  struct Case {
+    const char* what;
+    std::string model;
+    const char* dbs;
+    const char* expected;
+  } cases[] = {
+      {"solved", Model("    x = 1\n    y = 1\n", "    x*y = 6\n    x^2 + y = 7\n"),
+       "ZPM.IMODE = 1\nZPM.REDUCE = 2\nZPM.DIAGLEVEL = 1\n",
+       " Pre-solve turn off DOF\n Pre-solve Variables: 2\n Pre-solve Equations: 2\n"
+       " --- Solve block size: 2\nSuccessful Pre-solve Solution\n"},
+      {"not square", Model("    x = 1\n    y = 1\n", "    x*y = 6\n    minimize x^2\n"),
+       "ZPM.IMODE = 3\nZPM.REDUCE = 2\n",
+       "Presolve requires equal number of variables and equations\nVariables: 2\n"
+       "Equations: 1\n"},
+      {"no zero-free diagonal",
+       Model("    x = 1\n    y = 1\n    z = 1\n", "    x^2 = 1\n    exp(x) = 3\n    x + y + z = 3\n"),
+       "ZPM.IMODE = 1\nZPM.REDUCE = 2\n",
+       "Presolve did not find a zero-free diagonal\nDiagonal Non-zeros: 2\nDiagonal Length   : 3\n"},
+      {"failed block", Model("    x = 1\n    y = 1\n", "    x^2 = -1\n    y = x^3 + 1\n"),
+       "ZPM.IMODE = 1\nZPM.REDUCE = 2\n",
+       "Could not perform presolve. Failed at block 1\nwith infeasible variables and equations "
+       "reported in presolve.txt\nUse command zpm_get(server,app,'presolve.txt') to retrieve "
+       "file\nUnsuccessful Pre-solve with error code -1\n"},
+  };
+  for (const Case& c : cases) {
+    Write("app.zpm", c.model);
+    Write("app.dbs", c.dbs);
+    RunResult r = Run("app -cold");
+    EXPECT_TRUE(r.Has("--- Begin Pre-solve  -----------------------\n")) << c.what;
+    EXPECT_TRUE(r.Has(c.expected)) << c.what << "\n" << r.out;
+    EXPECT_TRUE(r.Has("--- End Pre-solve -----------------------------------\n")) << c.what;
+  }
+  EXPECT_NE(Read("presolve.txt").find("eqn 1, "), std::string::npos) << Read("presolve.txt");
+  EXPECT_NE(Read("presolve.txt").find("\nx, "), std::string::npos) << Read("presolve.txt");
+}
+
+TEST_F(Reduction, PresolveSaysWhenADerivativeFallsOutsideItsVariablesBlock) {
+  Write("app.zpm", "Model app\n  Variables\n    x = 0\n  End Variables\n"
+                   "  Equations\n    $x = 2\n  End Equations\nEnd Model\n");
+  Write("app.dbs", "ZPM.IMODE = 4\nZPM.REDUCE = 2\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 2\n");
+  RunResult r = Run("app -cold");
+  EXPECT_TRUE(r.Has("Cutback: variable and associated differential are not in the same block"))
+      << r.out;
+  EXPECT_EQ(r.status, 1) << r.out;
+}
+
 }  // namespace
 }  // namespace kx::driver
