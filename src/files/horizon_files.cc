@@ -2,7 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
+#include "base/sentinels.h"
 
 namespace kx::files {
 
@@ -12,9 +13,9 @@ bool WriteInitialConditions(const std::string& path, const horizon::Horizon& hor
                                  horizon.grid.times.empty() ? 0.0 : horizon.grid.times[0]);
   for (int b = 1; b <= base.nvar; ++b) {
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
-    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, v.val, v.fixed ? "" : " *");
+    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, WritableValue(v.val), v.fixed ? "" : " *");
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteDerivatives(const std::string& path, const horizon::Horizon& horizon) {
@@ -22,9 +23,9 @@ bool WriteDerivatives(const std::string& path, const horizon::Horizon& horizon) 
   std::string text = fmt::format("! time derivatives: {} differential copies\n", store.ndiff);
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
-    if (v.idiff > 0) text += fmt::format("{} = {:.17g}\n", v.name, v.d_val);
+    if (v.idiff > 0) text += fmt::format("{} = {:.17g}\n", v.name, WritableValue(v.d_val));
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 }  // namespace kx::files

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "lang/vector_index.h"
@@ -195,7 +196,7 @@ void ModelFileReader::StartFileBlock(const Statement& s) {
     Fatal({fmt::format("Unspecified file name at line {}", s.line)});
   }
   if (name.size() <= 4) Fatal({"Invalid file write due to filename length <=4: " + name});
-  if (name.find_first_of("/\\") != std::string::npos || name.find("..") != std::string::npos) {
+  if (!IsPlainFileName(name) || name.find("..") != std::string::npos) {
     Fatal({"Invalid file name (files are written only in the working directory): " + name});
   }
   size_t dot = name.rfind('.');
@@ -212,9 +213,10 @@ void ModelFileReader::StartFileBlock(const Statement& s) {
 void ModelFileReader::FinishFileBlock() {
   in_file_ = false;
   std::string path = options_.output_dir + "/" + file_name_;
-  std::ofstream out(path, std::ios::binary);
-  if (!out) Fatal({"Error: unable to write file " + file_name_});
-  out << file_body_;
+  // A File block names a plain file of the working directory: a symbolic link there is
+  // refused, never followed, and a failed write stops here with the reason.
+  if (!WriteFileAtomically(path, file_body_, WriteMode::kPlainFileName))
+    Fatal({"Error: unable to write file " + file_name_ + ": " + LastWriteError()});
   model_.files_written.push_back(file_name_);
 }
 
