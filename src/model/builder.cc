@@ -5,6 +5,7 @@
 #include <cctype>
 #include <chrono>
 #include <filesystem>
+#include <new>
 #include <unordered_map>
 
 #include "base/report.h"
@@ -71,17 +72,26 @@ class Builder {
   const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
+// Runs one timed phase. Memory exhaustion inside it stops the run with one line naming the
+// phase, never with the text of an exception.
 template <typename F>
 void Builder::Phase(const char* label, F&& body) {
   Clock::time_point start = Clock::now();
-  body();
+  try {
+    body();
+  } catch (const std::bad_alloc&) {
+    std::string_view phase = label;
+    phase = phase.substr(0, phase.find(" (sec)"));
+    Fatal({fmt::format("Error: out of memory in phase \"{}\"", phase)}, "Stopping...");
+  }
   Sayf("{:<46}{:12.6f}", label, SecondsSince(start));
 }
 
 ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read) {
   Clock::time_point start = Clock::now();
   lang::ModelFileReader reader(&compiler_,
-                               {options_.diaglevel, options_.work_dir, options_.max_range});
+                               {options_.diaglevel, options_.work_dir, options_.max_range,
+                                options_.max_memory});
   lang::ModelCounts counts;
   Phase("Read model file (sec):", [&] { read(&reader); });
   Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
