@@ -30,7 +30,11 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
   in->resize(columns.size());
   for (size_t k = 0; k < columns.size(); ++k) {
     int c = columns[k];
-    (*in)[k] = c > store.nvar ? store.Var(c - store.nvar).d_val : store.Var(c).val;
+    if (c < 0) {
+      (*in)[k] = store.intermediates[-c - 1].value;
+    } else {
+      (*in)[k] = c > store.nvar ? store.Var(c - store.nvar).d_val : store.Var(c).val;
+    }
   }
 }
 
