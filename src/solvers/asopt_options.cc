@@ -2,8 +2,10 @@
 
 #include <cmath>
 #include <fstream>
+#include <sstream>
 
 #include "base/base.h"
+#include "base/file_writer.h"
 
 namespace kx::solvers {
 namespace {
@@ -224,8 +226,7 @@ void AsoptOptions::ReadLine(std::string_view raw, int line_number) {
 }
 
 bool AsoptOptions::Write(const std::string& path) const {
-  std::ofstream out(path);
-  if (!out) return false;
+  std::ostringstream out;
   out << " !   Current options for solver ASOPT\n";
   out << " !   Save file as asopt.opt and modify options\n";
   for (AsoptOption option : kWriteOrder) {
@@ -235,7 +236,7 @@ bool AsoptOptions::Write(const std::string& path) const {
     }
     out << '\n';
   }
-  return static_cast<bool>(out);
+  return WriteFileAtomically(path, out.str());
 }
 
 AsoptParameters MapParameters(const AsoptOptions& options) {
