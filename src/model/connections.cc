@@ -38,7 +38,9 @@ void AppendAliases(Variable* survivor, Variable* absorbed) {
   survivor->aliases.insert(survivor->aliases.end(),
                            std::make_move_iterator(absorbed->aliases.begin()),
                            std::make_move_iterator(absorbed->aliases.end()));
-  absorbed->aliases.clear();
+  // Releases the storage too: clear() keeps the capacity, and along a chain of n merges the
+  // absorbed records would keep O(n^2) moved-from strings alive (1.5 GB at n = 10000).
+  std::vector<std::string>().swap(absorbed->aliases);
 }
 
 [[noreturn]] void FailConnection(const lang::ConnectionDecl& c, const ModelStore& store,

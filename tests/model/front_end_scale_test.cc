@@ -55,5 +55,22 @@ TEST(FrontEndScale, FaultAtTheHeadOfAChainCountsOncePerProgram) {
   EXPECT_EQ(r.store.start_errors.divide_by_zero, 2);
 }
 
+// Along a chain of connections every merge moves the alias list on to the survivor; the
+// absorbed records keep no storage, so memory stays linear in the chain (it was quadratic).
+TEST(FrontEndScale, ConnectionChainKeepsOneAliasList) {
+  ScratchDir dir;
+  auto r = Build("Variables\nx[1:2000] = 1\nEnd Variables\nConnections\n"
+                 "x[2:2000] = x[1:1999]\nEnd Connections\nEquations\nx[1] = 2\nEnd Equations\n",
+                 dir);
+  ASSERT_FALSE(r.stopped) << r.output;
+  size_t held = 0, survivors = 0;
+  for (const Variable& v : r.store.vars) {
+    held += v.aliases.capacity();
+    survivors += v.forward < 0;
+  }
+  EXPECT_EQ(survivors, 1u);
+  EXPECT_LE(held, 2 * 1999u);
+}
+
 }  // namespace
 }  // namespace kx::model
