@@ -70,8 +70,10 @@ bool WriteAll(int fd, std::string_view text) {
   return true;
 }
 
-// Creates the temporary file beside the target (never following a link) and fills it.
+// Creates the temporary file beside the target (never following a link) and fills it. A file
+// of that name can only be left by a killed run whose process id was ours: it goes first.
 bool WriteTemporary(const std::string& tmp, std::string_view text, std::string* why) {
+  ::unlink(tmp.c_str());
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) {
     *why = std::strerror(errno);

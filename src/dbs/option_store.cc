@@ -128,7 +128,8 @@ int OptionStore::GetInt(std::string_view owner, std::string_view key) const {
   // otherwise be undefined behaviour to convert.
   const double v = slot->record->Get(slot->index);
   if (std::isnan(v)) return 0;
-  return static_cast<int>(std::clamp(v, static_cast<double>(INT_MIN), static_cast<double>(INT_MAX)));
+  constexpr double kLowest = INT_MIN, kHighest = INT_MAX;
+  return static_cast<int>(std::clamp(v, kLowest, kHighest));
 }
 
 double OptionStore::GetReal(std::string_view owner, std::string_view key) const {

@@ -13,7 +13,8 @@ bool WriteInitialConditions(const std::string& path, const horizon::Horizon& hor
                                  horizon.grid.times.empty() ? 0.0 : horizon.grid.times[0]);
   for (int b = 1; b <= base.nvar; ++b) {
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
-    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, WritableValue(v.val), v.fixed ? "" : " *");
+    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, WritableValue(v.val),
+                        v.fixed ? "" : " *");
   }
   return WriteFileAtomically(path, text);
 }

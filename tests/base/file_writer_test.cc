@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -66,6 +67,20 @@ TEST(FileWriter, FailedWriteKeepsThePreviousVersionAndSaysWhy) {
   EXPECT_EQ(out.lines()[0],
             "Warning: unable to write file " + dir.File("results.csv") + ": File too large");
   EXPECT_EQ(LastWriteError(), "File too large");
+}
+
+// A killed run leaves its temporary file; a later run with the same process id (ids are
+// reused) still writes, and a link planted under the temporary name is not followed.
+TEST(FileWriter, LeftoverTemporaryDoesNotBlockTheNextWrite) {
+  ScratchDir dir("kx_writer");
+  ScratchDir outside("kx_outside");
+  outside.Write("target", "outside\n");
+  const std::string tmp = dir.File(".a.t0.tmp" + std::to_string(::getpid()));
+  std::filesystem::create_symlink(outside.File("target"), tmp);
+  ASSERT_TRUE(WriteFileAtomically(dir.File("a.t0"), "x = 1\n"));
+  EXPECT_EQ(dir.Read("a.t0"), "x = 1\n");
+  EXPECT_EQ(outside.Read("target"), "outside\n");
+  EXPECT_EQ(OtherFiles(dir, {"a.t0"}), 0);
 }
 
 TEST(FileWriter, MissingDirectoryIsReportedWithTheReason) {

@@ -66,7 +66,8 @@ TEST(FileBlock, FailedWriteStopsAndKeepsThePreviousFile) {
   rlimit tight = saved;
   tight.rlim_cur = 8;
   setrlimit(RLIMIT_FSIZE, &tight);
-  std::vector<std::string> lines = StopLines(FileBlock("data.csv", std::string(100, '7') + "\n"), dir);
+  std::vector<std::string> lines =
+      StopLines(FileBlock("data.csv", std::string(100, '7') + "\n"), dir);
   setrlimit(RLIMIT_FSIZE, &saved);
   std::signal(SIGXFSZ, handler);
   ASSERT_FALSE(lines.empty());
