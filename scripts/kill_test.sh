@@ -55,7 +55,10 @@ whole() {  # whole FILE: 0 when FILE is a complete version
   [ "$(tail -c 1 "$f" | od -An -c | tr -d ' ')" = '\n' ] || return 1
   [ "$(wc -l < "$f")" -eq "${lines[$f]}" ] || return 1
   case "$f" in
-    *.json) python3 -c 'import json,sys; json.load(open(sys.argv[1]))' "$f" 2>/dev/null || return 1 ;;
+    *.json)
+      if command -v python3 > /dev/null; then
+        python3 -c 'import json,sys; json.load(open(sys.argv[1]))' "$f" 2>/dev/null || return 1
+      fi ;;
   esac
   return 0
 }
