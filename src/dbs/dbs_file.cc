@@ -84,6 +84,11 @@ void AppendRecord(std::string& out, const std::string& owner, const Record& r,
 
 double WrittenValue(const Record& record, size_t k) {
   const double v = record.Get(k);
+  if (record.type() == 'I' && !FitsInteger(v)) {
+    // Integer records hold what GetInt reads: the int range, NaN as the default.
+    if (std::isnan(v)) return record.default_value();
+    return v > 0 ? INT_MAX : -static_cast<double>(INT_MAX);
+  }
   if (std::isinf(v) && record.name == "UPPER" && v > 0) return kUnsetUpper;
   if (std::isinf(v) && record.name == "LOWER" && v < 0) return kUnsetLower;
   return WritableValue(v);

@@ -82,6 +82,9 @@ TEST(DbsNumericGate, NothingWrittenIsRefusedOnTheNextRead) {
   s.Set("inflow", "DMAX", kInf);
   s.Set("inflow", "MEAS", std::numeric_limits<double>::quiet_NaN());
   s.SetGlobal("OBJFCNVAL", -kInf);
+  s.SetGlobal("MAX_ITER", kInf);
+  s.SetGlobal("NODES", std::numeric_limits<double>::quiet_NaN());
+  s.SetGlobal("CTRL_HOR", -1e30);
   for (int form : {1, 2}) {
     const std::string text = FormatDbs(s, form, 1);
     EXPECT_EQ(text.find("inf"), text.find("inflow"))  // only the variable's name
@@ -97,6 +100,9 @@ TEST(DbsNumericGate, NothingWrittenIsRefusedOnTheNextRead) {
     EXPECT_EQ(back.GetReal("inflow", "DMAX"), kUnlimited);
     EXPECT_EQ(back.GetReal("inflow", "MEAS"), kNoValue);
     EXPECT_EQ(back.Real("OBJFCNVAL"), -kUnlimited);
+    EXPECT_EQ(back.Int("MAX_ITER"), std::numeric_limits<int>::max());
+    EXPECT_EQ(back.Int("NODES"), 2);
+    EXPECT_EQ(back.Int("CTRL_HOR"), -std::numeric_limits<int>::max());
   }
   const std::string json = FormatOptionsJson(s);
   EXPECT_EQ(json.find("null"), std::string::npos);
