@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "base/report.h"
 
 namespace kx::analysis {
@@ -105,7 +105,7 @@ int VerifyObjectiveGradient(solvers::Problem& p, std::span<const double> x0,
                         g[j], numeric, bad ? "**" : "");
   }
   text += fmt::format(" Timing information\n   {:.6f} sec\n", Seconds(start));
-  dbs::WriteFileAtomically(Path(dir, "verify_obj_grad.txt"), text);
+  WriteFileAtomically(Path(dir, "verify_obj_grad.txt"), text);
   return errors;
 }
 
@@ -150,9 +150,9 @@ int VerifyJacobian(solvers::Problem& p, std::span<const double> x0, const Proble
       ErrorReport(text, p, x, names, jac, i, j, analytic, numeric);
     }
   }
-  dbs::WriteFileAtomically(Path(dir, "verify_jacobian.txt"), text);
-  dbs::WriteFileAtomically(Path(dir, "sparsity.txt"), sparsity);
-  dbs::WriteFileAtomically(Path(dir, "jacobian.txt"), values);
+  WriteFileAtomically(Path(dir, "verify_jacobian.txt"), text);
+  WriteFileAtomically(Path(dir, "sparsity.txt"), sparsity);
+  WriteFileAtomically(Path(dir, "jacobian.txt"), values);
   return errors;
 }
 
@@ -212,7 +212,7 @@ int VerifyHessian(solvers::Problem& p, std::span<const double> x0, const Problem
     }
     for (int k = j; k < n; ++k) check(m, k, j, (g1[k] - g0[k]) / kHessianStep);
   }
-  dbs::WriteFileAtomically(Path(dir, "verify_hessian.txt"), text);
+  WriteFileAtomically(Path(dir, "verify_hessian.txt"), text);
   return errors;
 }
 

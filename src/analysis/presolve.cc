@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "base/report.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "model/block_newton.h"
 #include "model/btf.h"
 
@@ -144,7 +144,7 @@ class Presolver {
       const model::Variable& v = store_.Var(c);
       text += fmt::format("{}, {:.8e}, {:.8e}, {:.8e}\n", v.name, v.val, v.lower, v.upper);
     }
-    dbs::WriteFileAtomically(Path("presolve.txt"), text);
+    WriteFileAtomically(Path("presolve.txt"), text);
     Say("Use command zpm_get(server,app,'presolve.txt') to retrieve file");
   }
 
@@ -156,7 +156,7 @@ class Presolver {
       const model::Variable& v = store_.Var(n);
       text += fmt::format("{} = {:.17g}{}\n", v.name, v.val, v.fixed ? "" : " *");
     }
-    dbs::WriteFileAtomically(Path(prefix + ".t0"), text);
+    WriteFileAtomically(Path(prefix + ".t0"), text);
     Say("...done");
   }
 

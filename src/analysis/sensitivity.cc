@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "base/report.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "linalg/sparse_lu.h"
 #include "model/jacobian.h"
 
@@ -114,8 +114,8 @@ bool WriteSensitivityFiles(model::ModelAccess& access, bool dynamic,
     dof += fmt::format("{} = {:.17g}\n", in.name, store.Var(in.numbers.front()).val);
   const std::string prefix = dir.empty() || dir == "." ? "" : dir + "/";
   Say("Sensitivity analysis written to sensitivity.txt and sensitivity_dof.t0");
-  return dbs::WriteFileAtomically(prefix + "sensitivity.txt", table) &&
-         dbs::WriteFileAtomically(prefix + "sensitivity_dof.t0", dof);
+  return WriteFileAtomically(prefix + "sensitivity.txt", table) &&
+         WriteFileAtomically(prefix + "sensitivity_dof.t0", dof);
 }
 
 }  // namespace kx::analysis

@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -68,6 +69,8 @@ std::optional<double> ParseNumber(std::string_view s) {
   char* end = nullptr;
   double v = std::strtod(t.c_str(), &end);
   if (end != t.c_str() + t.size() || end == t.c_str()) return std::nullopt;
+  // An overflow gives an infinity; an underflow a tiny or zero value, which is kept.
+  if (!std::isfinite(v)) return std::nullopt;
   return v;
 }
 

@@ -16,9 +16,12 @@ std::string RemoveBlanks(std::string_view s);
 std::vector<std::string> Split(std::string_view s, char sep);
 bool StartsWith(std::string_view s, std::string_view prefix);
 bool EndsWith(std::string_view s, std::string_view suffix);
-// Parses the whole of s (blanks around allowed) as a real number; "d"/"D" exponents accepted.
+// Parses the whole of s (blanks around allowed) as a finite real number; "d"/"D" exponents
+// accepted. Every number the engine reads from a file passes here: "inf", "nan", hex and a
+// magnitude past the largest double ("1e999") are not numbers.
 std::optional<double> ParseNumber(std::string_view s);
-// Shortest text that reads back to exactly v ("%.17g" style, trimmed).
+// Shortest text that reads back to exactly v ("%.17g" style, trimmed). Only for finite v:
+// files are written through WritableValue (base/sentinels.h) first.
 std::string FormatReal(double v);
 
 }  // namespace kx

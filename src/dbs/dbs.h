@@ -4,7 +4,7 @@
 // on base only; never sees the model, the horizon or the solvers.
 #pragma once
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "dbs/cycle_outcome.h"
 #include "dbs/dbs_file.h"
 #include "dbs/option_store.h"

@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <climits>
 #include <cmath>
 #include <optional>
 
 #include "base/report.h"
+#include "base/sentinels.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 
 namespace kx::dbs {
 namespace {
@@ -35,6 +37,12 @@ std::optional<DbsLine> SplitLine(std::string_view line) {
   return DbsLine{name, Trim(rest.substr(0, rest.find(',')))};
 }
 
+// True when the value, truncated as integer records are read, is an int.
+bool FitsInteger(double v) {
+  const double t = std::trunc(v);
+  return t >= -static_cast<double>(INT_MAX) && t <= static_cast<double>(INT_MAX);
+}
+
 // Applies one non-comment line; returns the warning text for a bad line, or "".
 std::string ApplyLine(std::string_view line, OptionStore& store) {
   auto parts = SplitLine(line);
@@ -43,6 +51,10 @@ std::string ApplyLine(std::string_view line, OptionStore& store) {
   if (!slot) return fmt::format("unknown name {}", parts->name);
   auto value = ParseNumber(parts->value);
   if (!value) return fmt::format("value of {} is not a number: \"{}\"", parts->name, parts->value);
+  if (slot->record->type() == 'I' && !FitsInteger(*value)) {
+    return fmt::format("value of {} is out of the integer range: \"{}\", {} kept", parts->name,
+                       parts->value, FormatValue(*slot->record, slot->index));
+  }
   slot->record->values[slot->index] = *value;
   return "";
 }
@@ -70,8 +82,20 @@ void AppendRecord(std::string& out, const std::string& owner, const Record& r,
 
 }  // namespace
 
+double WrittenValue(const Record& record, size_t k) {
+  const double v = record.Get(k);
+  if (record.type() == 'I' && !FitsInteger(v)) {
+    // Integer records hold what GetInt reads: the int range, NaN as the default.
+    if (std::isnan(v)) return record.default_value();
+    return v > 0 ? INT_MAX : -static_cast<double>(INT_MAX);
+  }
+  if (std::isinf(v) && record.name == "UPPER" && v > 0) return kUnsetUpper;
+  if (std::isinf(v) && record.name == "LOWER" && v < 0) return kUnsetLower;
+  return WritableValue(v);
+}
+
 std::string FormatValue(const Record& record, size_t k) {
-  double v = record.Get(k);
+  const double v = WrittenValue(record, k);
   if (record.type() == 'I' && std::fabs(v) < 9.0e15)
     return fmt::format("{}", static_cast<long long>(v));
   return FormatReal(v);

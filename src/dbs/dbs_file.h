@@ -34,6 +34,11 @@ std::string FormatDbs(const OptionStore& store, int form, int level);
 // Writes FormatDbs() to `path` atomically; false (after a warning) on failure.
 bool WriteDbsFile(const std::string& path, const OptionStore& store, int form, int level);
 
+// The value written for element k: one every reader accepts. An infinite UPPER (LOWER) is the
+// unset bound sentinel, any other infinity the unlimited value, NaN the never-set value; an
+// integer record past the int range is written at its end, NaN there as the default.
+double WrittenValue(const Record& record, size_t k);
+
 // A record element in DBS value form: integers without a decimal point, reals in the
 // shortest text that reads back to the same double.
 std::string FormatValue(const Record& record, size_t k);

@@ -1,6 +1,7 @@
 #include "dbs/option_store.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 
 #include "base/report.h"
@@ -122,7 +123,13 @@ std::optional<Slot> OptionStore::LocateOrReport(std::string_view owner,
 
 int OptionStore::GetInt(std::string_view owner, std::string_view key) const {
   auto slot = LocateOrReport(owner, key);
-  return slot ? static_cast<int>(std::trunc(slot->record->Get(slot->index))) : 0;
+  if (!slot) return 0;
+  // Saturates: a value past the int range (set by the engine, never read from a file) would
+  // otherwise be undefined behaviour to convert.
+  const double v = slot->record->Get(slot->index);
+  if (std::isnan(v)) return 0;
+  constexpr double kLowest = INT_MIN, kHighest = INT_MAX;
+  return static_cast<int>(std::clamp(v, kLowest, kHighest));
 }
 
 double OptionStore::GetReal(std::string_view owner, std::string_view key) const {

@@ -3,7 +3,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
+#include "dbs/dbs_file.h"
 
 namespace kx::dbs {
 namespace {
@@ -11,7 +12,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 Json ElementJson(const Record& r, size_t k) {
-  double v = r.Get(k);
+  const double v = WrittenValue(r, k);  // as in a DBS file: sentinels, never inf or NaN
   if (r.type() == 'I' && std::fabs(v) < 9.0e15) return Json(static_cast<long long>(v));
   return Json(v);
 }

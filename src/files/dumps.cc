@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 
 namespace kx::files {
 namespace {
@@ -146,7 +146,7 @@ bool WriteDump(int imsg, const std::string& path, const model::ModelStore& store
     case 28: text = "! node and horizon pointers\n" + Pointers(store); break;
     default: return false;
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteInfeasibilities(const std::string& path, const model::ModelStore& store,
@@ -174,7 +174,7 @@ bool WriteInfeasibilities(const std::string& path, const model::ModelStore& stor
                         e.name, e.residual, e.lower, e.upper,
                         Violation(e) > tolerance ? "VIOLATED" : "ok", e.text);
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 }  // namespace kx::files

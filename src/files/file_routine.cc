@@ -5,7 +5,7 @@
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "dbs/cycle_outcome.h"
 #include "dbs/dbs_file.h"
 #include "dbs/options_json.h"
@@ -25,7 +25,7 @@ FileRoutine*& Installed() {
 }
 
 int WriteDummySparsity() {
-  return dbs::WriteFileAtomically(kSparsityFile, "! sparsity.unt: dummy sparsity file\n") ? 0 : 1;
+  return WriteFileAtomically(kSparsityFile, "! sparsity.unt: dummy sparsity file\n") ? 0 : 1;
 }
 
 // Requests named in the help that have no implementation yet say so and do nothing.

@@ -5,9 +5,9 @@
 #include <cmath>
 #include <fstream>
 
+#include "base/file_writer.h"
 #include "base/sentinels.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
 
 namespace kx::files {
 
@@ -17,9 +17,10 @@ bool WriteInitialConditions(const std::string& path, const horizon::Horizon& hor
                                  horizon.grid.times.empty() ? 0.0 : horizon.grid.times[0]);
   for (int b = 1; b <= base.nvar; ++b) {
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
-    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, v.val, v.fixed ? "" : " *");
+    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, WritableValue(v.val),
+                        v.fixed ? "" : " *");
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteDerivatives(const std::string& path, const horizon::Horizon& horizon) {
@@ -27,9 +28,9 @@ bool WriteDerivatives(const std::string& path, const horizon::Horizon& horizon) 
   std::string text = fmt::format("! time derivatives: {} differential copies\n", store.ndiff);
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
-    if (v.idiff > 0) text += fmt::format("{} = {:.17g}\n", v.name, v.d_val);
+    if (v.idiff > 0) text += fmt::format("{} = {:.17g}\n", v.name, WritableValue(v.d_val));
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteMeasurementHistory(const std::string& path, const MeasurementHistory& history) {
@@ -41,7 +42,7 @@ bool WriteMeasurementHistory(const std::string& path, const MeasurementHistory& 
                                     : fmt::format("{}, {}, {}\n", name, i, values[i]);
     }
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 MeasurementHistory ReadMeasurementHistory(const std::string& path) {
@@ -73,7 +74,7 @@ bool WriteTransfer(const std::string& path, const horizon::Horizon& horizon,
     const model::Variable& v = horizon.store.Var(horizon.Number(point, b));
     text += fmt::format("{} = {:.17g}\n", base.Var(b).name, v.val);
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteInitialConditionReport(const std::string& path, const horizon::Horizon& horizon,
@@ -89,7 +90,7 @@ bool WriteInitialConditionReport(const std::string& path, const horizon::Horizon
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
     text += fmt::format("{:<30} {:.17g}\n", base.Var(b).name, v.val);
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 }  // namespace kx::files

@@ -4,7 +4,7 @@
 
 #include "base/report.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 
 namespace kx::files {
 namespace {
@@ -69,7 +69,7 @@ std::vector<int> ReadInfoFile(const std::string& path, dbs::OptionStore& store,
                               const ModelKindFn& model_kind) {
   std::vector<int> counts(4, 0);
   std::string text;
-  if (!dbs::ReadWholeFile(path, &text)) return counts;
+  if (!ReadWholeFile(path, &text)) return counts;
   std::vector<InfoEntry> entries = ParseInfoText(text, path);
   RegisterInfoEntries(entries, path, store, model_kind);
   for (const InfoEntry& e : entries) ++counts[static_cast<int>(e.cls)];

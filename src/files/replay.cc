@@ -7,7 +7,7 @@
 
 #include "base/report.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 
 namespace kx::files {
 namespace {
@@ -31,7 +31,7 @@ std::vector<std::string> NonBlankLines(std::string_view text) {
 
 bool ReplayRow(int row, const std::string& csv_path, const std::string& measurements_path) {
   std::string text;
-  if (!dbs::ReadWholeFile(csv_path, &text)) {
+  if (!ReadWholeFile(csv_path, &text)) {
     Say("Warning: replay file not found: " + csv_path);
     return false;
   }
@@ -49,7 +49,7 @@ bool ReplayRow(int row, const std::string& csv_path, const std::string& measurem
     if (name.empty() || !value) continue;
     out += fmt::format("{} = {}\n", name, FormatReal(*value));
   }
-  return dbs::WriteFileAtomically(measurements_path, out);
+  return WriteFileAtomically(measurements_path, out);
 }
 
 }  // namespace kx::files

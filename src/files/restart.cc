@@ -5,8 +5,10 @@
 #include <fstream>
 #include <unordered_map>
 
+#include "base/report.h"
+#include "base/sentinels.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 
 namespace kx::files {
 namespace {
@@ -28,8 +30,10 @@ std::string WrittenName(const model::Variable& v) {
   return v.number_h > 0 ? v.name : std::string(kSteadyPrefix) + v.name;
 }
 
-// Splits "NAME = VALUE [*]" into an entry; false for anything else.
-bool ParseLine(std::string_view line, RestartEntry* e) {
+// Splits "NAME = VALUE [*]" into an entry; false for anything else. `bad_value` is set when
+// the line has that form but its value is not a finite number.
+bool ParseLine(std::string_view line, RestartEntry* e, bool* bad_value) {
+  *bad_value = false;
   std::string_view t = Trim(line);
   if (t.empty() || t[0] == '!') return false;
   size_t eq = t.rfind('=');
@@ -38,10 +42,11 @@ bool ParseLine(std::string_view line, RestartEntry* e) {
   e->calculated = !rhs.empty() && rhs.back() == '*';
   if (e->calculated) rhs = Trim(rhs.substr(0, rhs.size() - 1));
   std::optional<double> v = ParseNumber(rhs);
-  if (!v) return false;
   e->name = ToLower(Trim(t.substr(0, eq)));
-  e->value = *v;
-  return !e->name.empty();
+  if (e->name.empty()) return false;
+  *bad_value = !v;
+  e->value = v.value_or(0.0);
+  return v.has_value();
 }
 
 // Model variables by name (aliases included) -> numbers. By root, every copy of a variable
@@ -132,8 +137,15 @@ bool ReadRestartEntries(const std::string& path, std::vector<RestartEntry>* entr
   if (!in) return false;
   std::string line;
   RestartEntry e;
-  while (std::getline(in, line))
-    if (ParseLine(line, &e)) entries->push_back(e);
+  bool bad_value = false;
+  for (int number = 1; std::getline(in, line); ++number) {
+    if (ParseLine(line, &e, &bad_value)) {
+      entries->push_back(e);
+    } else if (bad_value) {
+      Sayf("Warning: {} line {}: value of {} is not a number, read as no value", path, number,
+           e.name);
+    }
+  }
   return true;
 }
 
@@ -158,18 +170,19 @@ bool WriteRestart(const std::string& path, const model::ModelStore& store, bool 
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
     if ((calculated_only && v.fixed) || v.vtype == model::kVarStepLength) continue;
-    text += fmt::format("{} = {:.17g}{}\n", WrittenName(v), v.val, v.fixed ? "" : " *");
+    text += fmt::format("{} = {:.17g}{}\n", WrittenName(v), WritableValue(v.val),
+                        v.fixed ? "" : " *");
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteMultipliers(const std::string& path, model::ModelAccess& access) {
   std::string text = fmt::format("! multipliers: {} constraint rows\n", access.NumRows());
   for (int r = 1; r <= access.NumRows(); ++r) {
     const model::Equation& e = access.Row(r);
-    text += fmt::format("{} = {:.17g}\n", e.name, e.lambda);
+    text += fmt::format("{} = {:.17g}\n", e.name, WritableValue(e.lambda));
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool ReadMultipliers(const std::string& path, model::ModelAccess& access) {

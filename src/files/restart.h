@@ -22,7 +22,8 @@ struct RestartEntry {
 };
 
 // Parses a restart file; false when it cannot be opened. Lines that are not "NAME = VALUE"
-// are skipped (headers and comments are allowed anywhere).
+// are skipped (headers and comments are allowed anywhere). A VALUE that is not a finite
+// number prints a warning naming the file and line and is skipped as if it were missing.
 bool ReadRestartEntries(const std::string& path, std::vector<RestartEntry>* entries);
 
 // The root of a restart name: the mode and node prefixes ("ss.", "p(3).n(2).") removed.

@@ -2,9 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "model/checks.h"
 
 namespace kx::files {
@@ -61,10 +62,12 @@ bool WriteResultsCsv(const std::string& path, const ResultsTable& table) {
   text += "\n";
   for (size_t row = 0; row < table.time.size(); ++row) {
     text += fmt::format("{:.17g}", table.time[row]);
-    for (const auto& column : table.values) text += fmt::format(",{:.17g}", column[row]);
+    // A value that is not finite is an empty cell: "no value" to the data reader.
+    for (const auto& column : table.values)
+      text += std::isfinite(column[row]) ? fmt::format(",{:.17g}", column[row]) : ",";
     text += "\n";
   }
-  return dbs::WriteFileAtomically(path, text);
+  return WriteFileAtomically(path, text);
 }
 
 bool WriteResultsJson(const std::string& path, const ResultsTable& table) {
@@ -79,7 +82,7 @@ bool WriteResultsJson(const std::string& path, const ResultsTable& table) {
     for (double v : table.values[c]) column.push_back(Number(v));
     members.emplace_back(table.names[c], std::move(column));
   }
-  return dbs::WriteFileAtomically(path, j.dump(1) + "\n");
+  return WriteFileAtomically(path, j.dump(1) + "\n");
 }
 
 }  // namespace kx::files

@@ -1,8 +1,9 @@
 #include "horizon/checks.h"
 
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "model/access.h"
 
@@ -30,7 +31,7 @@ void CheckHorizonLinks(const Horizon& horizon, const std::string& dir) {
 }
 
 void WriteHorizonListing(const Horizon& horizon, const std::string& path) {
-  std::ofstream out(path);
+  std::ostringstream out;
   out << " Horizon of the differential variables\n";
   out << fmt::format(" steps: {}  nodes per step: {}  time points: {}\n",
                      horizon.grid.num_steps(), horizon.grid.nodes, horizon.grid.num_points());
@@ -41,6 +42,7 @@ void WriteHorizonListing(const Horizon& horizon, const std::string& path) {
     out << fmt::format("{:>10} {:>6} {:>6} {:>5} {:>10} {:>12}  {}\n", el.number, el.position,
                        el.num_positions, el.node, el.next_node, el.next_horizon, name);
   }
+  WriteFileAtomically(path, out.str());
 }
 
 HorizonCounts ReportCounts(const model::ModelStore& base, Horizon& horizon) {

@@ -18,6 +18,17 @@ uint64_t Bits(double v) {
   return u;
 }
 
+// Operations that count a domain fault for some argument.
+bool OpCanFault(Op op) {
+  switch (op) {
+    case Op::kDiv: case Op::kLog: case Op::kLog10: case Op::kSqrt: case Op::kAsin:
+    case Op::kAcos:
+      return true;
+    default:
+      return false;
+  }
+}
+
 uint64_t HashNode(Op op, int a, int b, double value) {
   uint64_t h = static_cast<uint64_t>(op) * 0x9E3779B97F4A7C15ull;
   h ^= (static_cast<uint64_t>(static_cast<uint32_t>(a)) << 32 | static_cast<uint32_t>(b)) +
@@ -46,6 +57,7 @@ Graph::Graph() : slots_(kInitialSlots, -1), stamp_(kInitialSlots, 0) {}
 
 void Graph::Clear() {
   nodes_.clear();
+  can_fault_.clear();
   if (++generation_ == 0) {  // wrapped: stale stamps could look live again
     std::fill(stamp_.begin(), stamp_.end(), 0);
     generation_ = 1;
@@ -75,7 +87,11 @@ int Graph::Intern(Op op, int a, int b, double value) {
     if (x.op == op && x.a == a && x.b == b && Bits(x.value) == Bits(value)) return slots_[s];
   }
   const int id = size();
+  const bool has_children = op != Op::kConst && op != Op::kInput;
+  const bool can_fault = has_children && (OpCanFault(op) || can_fault_[a] ||
+                                          (b >= 0 && can_fault_[b]));
   nodes_.push_back({op, a, b, value});
+  can_fault_.push_back(can_fault ? 1 : 0);
   slots_[s] = id;
   stamp_[s] = generation_;
   return id;
@@ -146,7 +162,7 @@ int Graph::SimplifyAdd(int a, int b) {
 int Graph::SimplifySub(int a, int b) {
   if (IsConstValue(b, 0)) return a;
   if (IsConstValue(a, 0)) return Unary(Op::kNeg, b);
-  if (a == b) return Const(0);
+  if (a == b && !CanFault(a)) return Const(0);
   if (IsOp(b, Op::kNeg)) return Binary(Op::kAdd, a, nodes_[b].a);
   return Intern(Op::kSub, a, b, 0);
 }
@@ -155,7 +171,7 @@ int Graph::SimplifyMul(int a, int b) {
   if (IsConst(b) && !IsConst(a)) std::swap(a, b);  // constant first
   if (IsConst(a)) {
     const double c = nodes_[a].value;
-    if (c == 0) return a;
+    if (c == 0 && !CanFault(b)) return a;
     if (c == 1) return b;
     if (c == -1) return Unary(Op::kNeg, b);
     const Node y = nodes_[b];  // a copy: building nodes may move nodes_
@@ -173,8 +189,8 @@ int Graph::SimplifyMul(int a, int b) {
   return Intern(Op::kMul, a, b, 0);
 }
 
+// 0/b stays a division unless b is a constant (then it has folded): b may be 0 at runtime.
 int Graph::SimplifyDiv(int a, int b) {
-  if (IsConstValue(a, 0)) return a;
   if (IsConstValue(b, 1)) return a;
   if (IsConstValue(b, -1)) return Unary(Op::kNeg, a);
   if (IsOp(a, Op::kNeg)) return Unary(Op::kNeg, Binary(Op::kDiv, nodes_[a].a, b));
@@ -184,11 +200,11 @@ int Graph::SimplifyDiv(int a, int b) {
 int Graph::SimplifyPow(int a, int b) {
   if (IsConst(b)) {
     const double c = nodes_[b].value;
-    if (c == 0) return Const(1);
+    if (c == 0 && !CanFault(a)) return Const(1);
     if (c == 1) return a;
     if (c == 2) return Unary(Op::kSquare, a);
   }
-  if (IsConstValue(a, 1)) return a;
+  if (IsConstValue(a, 1) && !CanFault(b)) return a;
   return Intern(Op::kPow, a, b, 0);
 }
 

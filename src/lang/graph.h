@@ -1,6 +1,9 @@
 // lang/graph: the expression DAG the compiler builds, differentiates and emits. Nodes are
 // hash-consed (a structurally equal node is built once and shared) and simplified as they are
-// built: constants fold, and x+0, x*1, x*0, x^1, x^0, --x and the like never become nodes.
+// built: constants fold, and x+0, x*1, x^1, --x and the like never become nodes. A rule that
+// would drop a subexpression (0*x, x-x, x^0, 0/x) applies only when the dropped part cannot
+// meet a domain fault: an input (a variable or a parameter) is a runtime value, and 1/p must
+// still count its division by zero when p is 0 in some cycle.
 // Children are always built before their parents, so node ids are a topological order.
 #pragma once
 
@@ -41,6 +44,9 @@ class Graph {
   int size() const { return static_cast<int>(nodes_.size()); }
   bool IsConst(int id) const { return nodes_[id].op == Op::kConst; }
   bool IsConstValue(int id, double v) const { return IsConst(id) && nodes_[id].value == v; }
+  // True when evaluating node `id` can meet a domain fault (a division, log, sqrt, asin or
+  // acos below it).
+  bool CanFault(int id) const { return can_fault_[id] != 0; }
 
  private:
   int Intern(Op op, int a, int b, double value);
@@ -55,6 +61,7 @@ class Graph {
   bool IsOp(int id, Op op) const { return nodes_[id].op == op; }
 
   std::vector<Node> nodes_;      // node id -> node; ids are topological
+  std::vector<uint8_t> can_fault_;  // node id -> 1 when a fault-capable op lies below it
   std::vector<int32_t> slots_;   // open-addressing hash table of node ids; size a power of 2
   std::vector<uint32_t> stamp_;  // slot is live when stamp_[slot] == generation_
   uint32_t generation_ = 1;      // bumped by Clear() so the table empties in O(1)

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "lang/vector_index.h"
@@ -195,7 +196,7 @@ void ModelFileReader::StartFileBlock(const Statement& s) {
     Fatal({fmt::format("Unspecified file name at line {}", s.line)});
   }
   if (name.size() <= 4) Fatal({"Invalid file write due to filename length <=4: " + name});
-  if (name.find_first_of("/\\") != std::string::npos || name.find("..") != std::string::npos) {
+  if (!IsPlainFileName(name) || name.find("..") != std::string::npos) {
     Fatal({"Invalid file name (files are written only in the working directory): " + name});
   }
   size_t dot = name.rfind('.');
@@ -212,9 +213,10 @@ void ModelFileReader::StartFileBlock(const Statement& s) {
 void ModelFileReader::FinishFileBlock() {
   in_file_ = false;
   std::string path = options_.output_dir + "/" + file_name_;
-  std::ofstream out(path, std::ios::binary);
-  if (!out) Fatal({"Error: unable to write file " + file_name_});
-  out << file_body_;
+  // A File block names a plain file of the working directory: a symbolic link there is
+  // refused, never followed, and a failed write stops here with the reason.
+  if (!WriteFileAtomically(path, file_body_, WriteMode::kPlainFileName))
+    Fatal({"Error: unable to write file " + file_name_ + ": " + LastWriteError()});
   model_.files_written.push_back(file_name_);
 }
 
@@ -283,31 +285,84 @@ void ModelFileReader::InitializeConstants() {
   }
 }
 
-// Expands the statements of one section over their vector indices, in place.
-void ModelFileReader::ExpandSection(std::vector<Statement>* statements) {
-  std::vector<Statement> out;
-  out.reserve(statements->size());
-  for (Statement& s : *statements) {
+long StoreCapacity(int max_memory) {
+  long capacity = 100;
+  for (int k = 0; k < max_memory; ++k) capacity *= 10;
+  return capacity;
+}
+
+// Finds the vector indices of every statement of one section; returns the number of
+// statements the section expands to. Nothing is copied yet.
+long ModelFileReader::FindCopies(const std::vector<Statement>& statements,
+                                 std::vector<IndexedStatement>* indexed) {
+  long total = 0;
+  for (size_t i = 0; i < statements.size(); ++i) {
+    const Statement& s = statements[i];
     if (!HasIndex(s.text)) {
-      out.push_back(std::move(s));
+      ++total;
       continue;
     }
     auto evaluate = [&](std::string_view t) {
       if (options_.diaglevel >= 3) Say("Evaluate array constant in expression: " + std::string(t));
       return EvaluateConstantText(t, s.line);
     };
-    std::vector<IndexRange> indices = FindIndices(s.text, s.line, evaluate);
-    long copies = CountCopies(indices, options_.max_range);
-    for (long k = 0; k < copies; ++k) out.push_back({s.line, WriteCopy(s.text, indices, k)});
+    IndexedStatement x{i, FindIndices(s.text, s.line, evaluate), 1};
+    x.copies = CountCopies(x.indices, options_.max_range);
+    total += x.copies;
+    indexed->push_back(std::move(x));
+  }
+  return total;
+}
+
+// Stops before anything is allocated when a store would hold more than its capacity.
+void ModelFileReader::CheckStoreSizes(const long (&counts)[4]) const {
+  static constexpr const char* kStores[] = {"variables", "intermediates", "equations",
+                                            "connections"};
+  const long capacity = StoreCapacity(options_.max_memory);
+  for (int k = 0; k < 4; ++k) {
+    if (counts[k] <= capacity) continue;
+    Fatal({fmt::format("Error: Not enough memory to store model {}: {} elements, room for {}",
+                       kStores[k], counts[k], capacity),
+           "Increase MAX_MEMORY 10^(2-10), Currently: 10^" + std::to_string(options_.max_memory)},
+          "Stopping...");
+  }
+}
+
+// Expands the statements of one section over their vector indices, in place.
+void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed,
+                                    std::vector<Statement>* statements) {
+  if (indexed.empty()) return;
+  long total = static_cast<long>(statements->size());
+  for (const IndexedStatement& x : indexed) total += x.copies - 1;
+  std::vector<Statement> out;
+  out.reserve(total);
+  size_t next = 0;  // next entry of `indexed`
+  for (size_t i = 0; i < statements->size(); ++i) {
+    Statement& s = (*statements)[i];
+    if (next == indexed.size() || indexed[next].statement != i) {
+      out.push_back(std::move(s));
+      continue;
+    }
+    const IndexedStatement& x = indexed[next++];
+    for (long k = 0; k < x.copies; ++k) out.push_back({s.line, WriteCopy(s.text, x.indices, k)});
   }
   *statements = std::move(out);
 }
 
+// Counts every store first, so that a model too large for MAX_MEMORY stops before any copy
+// is written; then expands.
 const ModelCounts& ModelFileReader::DetermineSize() {
-  for (Section sec : {Section::kParameters, Section::kVariables, Section::kIntermediates,
-                      Section::kEquations, Section::kConnections}) {
-    ExpandSection(&statements_[static_cast<int>(sec)]);
-  }
+  constexpr Section kExpanded[] = {Section::kParameters, Section::kVariables,
+                                   Section::kIntermediates, Section::kEquations,
+                                   Section::kConnections};
+  std::vector<IndexedStatement> indexed[std::size(kExpanded)];
+  long totals[std::size(kExpanded)];
+  for (size_t k = 0; k < std::size(kExpanded); ++k)
+    totals[k] = FindCopies(statements_[static_cast<int>(kExpanded[k])], &indexed[k]);
+  const long stores[4] = {totals[0] + totals[1], totals[2], totals[3], totals[4]};
+  CheckStoreSizes(stores);
+  for (size_t k = 0; k < std::size(kExpanded); ++k)
+    ExpandSection(indexed[k], &statements_[static_cast<int>(kExpanded[k])]);
   ModelCounts& c = model_.counts;
   auto count = [&](Section sec) { return static_cast<long>(statements_[static_cast<int>(sec)].size()); };
   c.constants = static_cast<long>(model_.constants.size());

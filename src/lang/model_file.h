@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "lang/compiler.h"
+#include "lang/vector_index.h"
 
 namespace kx::lang {
 
@@ -110,6 +111,18 @@ struct ReaderOptions {
   int diaglevel = 0;
   std::string output_dir = ".";  // where embedded File blocks are written
   long max_range = 10000000;     // longest vector index range accepted
+  int max_memory = 4;            // ZPM.MAX_MEMORY: each record store holds 100 * 10^max_memory
+};
+
+// Elements one record store of the model (variables and parameters, intermediates,
+// equations, connections) may hold: 100 times the per-equation storage 10^max_memory.
+long StoreCapacity(int max_memory);
+
+// A statement whose vector indices are found, before its copies are written out.
+struct IndexedStatement {
+  size_t statement = 0;             // position in its section
+  std::vector<IndexRange> indices;  // its bracketed indices
+  long copies = 1;                  // statements it expands to
 };
 
 // Object type keywords of the Objects section, in the order they are tested.
@@ -138,7 +151,11 @@ class ModelFileReader {
   bool SwitchSection(const Statement& s);
   void StartFileBlock(const Statement& s);
   void FinishFileBlock();
-  void ExpandSection(std::vector<Statement>* statements);
+  long FindCopies(const std::vector<Statement>& statements,
+                  std::vector<IndexedStatement>* indexed);
+  void CheckStoreSizes(const long (&counts)[4]) const;
+  void ExpandSection(const std::vector<IndexedStatement>& indexed,
+                     std::vector<Statement>* statements);
   double EvaluateConstantText(std::string_view text, int line);
   double EvaluateInitialValue(std::string_view text, const std::string& name, int line);
   void CollectDeclaredNames();

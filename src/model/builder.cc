@@ -5,6 +5,7 @@
 #include <cctype>
 #include <chrono>
 #include <filesystem>
+#include <new>
 #include <unordered_map>
 
 #include "base/report.h"
@@ -54,6 +55,7 @@ class Builder {
   Symbol Resolve(std::string_view name, bool derivative);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
+  Symbol ResolveValueInput(std::string_view name, bool derivative);
 
   BuildOptions options_;
   lang::Compiler compiler_;
@@ -71,17 +73,26 @@ class Builder {
   const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
+// Runs one timed phase. Memory exhaustion inside it stops the run with one line naming the
+// phase, never with the text of an exception.
 template <typename F>
 void Builder::Phase(const char* label, F&& body) {
   Clock::time_point start = Clock::now();
-  body();
+  try {
+    body();
+  } catch (const std::bad_alloc&) {
+    std::string_view phase = label;
+    phase = phase.substr(0, phase.find(" (sec)"));
+    Fatal({fmt::format("Error: out of memory in phase \"{}\"", phase)}, "Stopping...");
+  }
   Sayf("{:<46}{:12.6f}", label, SecondsSince(start));
 }
 
 ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read) {
   Clock::time_point start = Clock::now();
   lang::ModelFileReader reader(&compiler_,
-                               {options_.diaglevel, options_.work_dir, options_.max_range});
+                               {options_.diaglevel, options_.work_dir, options_.max_range,
+                                options_.max_memory});
   lang::ModelCounts counts;
   Phase("Read model file (sec):", [&] { read(&reader); });
   Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
@@ -356,11 +367,37 @@ void Builder::CheckUninitialized() const {
   }
 }
 
+// The value program of an intermediate reads the intermediates it names as inputs (their
+// values are computed first, in declaration order) instead of inlining them: a chain of n
+// intermediates compiles in O(n), not O(n^2). Its model columns stay as they are; intermediate
+// j is input column -(j+1).
 void Builder::CompileIntermediateValues() {
+  const int first_intermediate_column = 2 * store_.nvar + 1;
+  const lang::Resolver value_inputs = [this](std::string_view name, bool derivative) {
+    return ResolveValueInput(name, derivative);
+  };
   for (Intermediate& m : store_.intermediates) {
     m.program = static_cast<int>(store_.programs.size());
-    store_.programs.push_back(compiler_.CompileIntermediateValue(m.handle, &m.columns));
+    store_.programs.push_back(compiler_.CompileEquation(1, m.text, value_inputs, &m.columns));
+    for (int& c : m.columns)
+      if (c >= first_intermediate_column) c = -(c - first_intermediate_column + 1);
   }
+}
+
+// Names in an intermediate's value program: an intermediate is the model column past every
+// variable and derivative that CompileIntermediateValues turns into -(j+1); anything else
+// resolves as in an equation. Every name was checked when the intermediate was defined.
+Symbol Builder::ResolveValueInput(std::string_view name, bool derivative) {
+  const std::string key(name);
+  if (!derivative && constants_.count(key) == 0 && names_.count(key) == 0) {
+    if (auto j = intermediates_.find(key); j != intermediates_.end()) {
+      Symbol sym;
+      sym.kind = Symbol::Kind::kColumn;
+      sym.column = 2 * store_.nvar + 1 + j->second;
+      return sym;
+    }
+  }
+  return Resolve(name, derivative);
 }
 
 void Builder::FinishCounts() {

@@ -30,7 +30,7 @@ ModelStore BuildModel(const std::string& model_file, const BuildOptions& options
 ModelStore BuildModelFromText(std::string_view text, const BuildOptions& options);
 
 // Gathers the values of a program's input columns: 1..nvar values, nvar+i the dx/dt of
-// variable i.
+// variable i, -(j+1) the current value of intermediate j (value programs of intermediates).
 void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
                   std::vector<double>* in);
 

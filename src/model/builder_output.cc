@@ -1,8 +1,9 @@
 // What the builder reports once the model is compiled: intermediate values and initial
 // residuals, the model size report and the initial-value diagnostic files.
 #include <cmath>
-#include <fstream>
+#include <sstream>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "model/builder.h"
 
@@ -29,7 +30,11 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
   in->resize(columns.size());
   for (size_t k = 0; k < columns.size(); ++k) {
     int c = columns[k];
-    (*in)[k] = c > store.nvar ? store.Var(c - store.nvar).d_val : store.Var(c).val;
+    if (c < 0) {
+      (*in)[k] = store.intermediates[-c - 1].value;
+    } else {
+      (*in)[k] = c > store.nvar ? store.Var(c - store.nvar).d_val : store.Var(c).val;
+    }
   }
 }
 
@@ -63,7 +68,7 @@ void PrintSizeReport(const ModelStore& store, const lang::ModelCounts& c) {
 }
 
 void WriteInitialFiles(const ModelStore& store, const std::string& dir) {
-  std::ofstream values(dir + "/model_init_values.txt");
+  std::ostringstream values;
   values << "! Initial values: number, name, value, lower, upper, d(value)/dt\n";
   for (int n = 1; n <= store.nvar; ++n) {
     const Variable& v = store.Var(n);
@@ -74,12 +79,14 @@ void WriteInitialFiles(const ModelStore& store, const std::string& dir) {
   for (const Intermediate& m : store.intermediates) {
     values << fmt::format("{:>8} {:<40} {:>24.16e}\n", "", m.name, m.value);
   }
-  std::ofstream res(dir + "/model_init_res.txt");
+  WriteFileAtomically(dir + "/model_init_values.txt", values.str());
+  std::ostringstream res;
   res << "! Initial residuals: equation, residual, residual expression\n";
   for (size_t e = 0; e < store.eqns.size(); ++e) {
     const Equation& q = store.eqns[e];
     res << fmt::format("Eqn({}) {:>24.16e}   0 = {}\n", e + 1, q.residual, q.residual_text);
   }
+  WriteFileAtomically(dir + "/model_init_res.txt", res.str());
 }
 
 }  // namespace kx::model

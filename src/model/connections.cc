@@ -1,9 +1,9 @@
 #include "model/connections.h"
 
-#include <fstream>
 #include <iterator>
 #include <optional>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "model/checks.h"
@@ -38,7 +38,9 @@ void AppendAliases(Variable* survivor, Variable* absorbed) {
   survivor->aliases.insert(survivor->aliases.end(),
                            std::make_move_iterator(absorbed->aliases.begin()),
                            std::make_move_iterator(absorbed->aliases.end()));
-  absorbed->aliases.clear();
+  // Releases the storage too: clear() keeps the capacity, and along a chain of n merges the
+  // absorbed records would keep O(n^2) moved-from strings alive (1.5 GB at n = 10000).
+  std::vector<std::string>().swap(absorbed->aliases);
 }
 
 [[noreturn]] void FailConnection(const lang::ConnectionDecl& c, const ModelStore& store,
@@ -48,8 +50,9 @@ void AppendAliases(Variable* survivor, Variable* absorbed) {
   Say("connection failed");
   Say("unable to locate variable");
   Say("creating file connect_error.t0 to display valid variable names");
-  std::ofstream out(options.work_dir + "/connect_error.t0");
-  for (const Variable& v : store.vars) out << v.name << '\n';
+  std::string names;
+  for (const Variable& v : store.vars) names += v.name + '\n';
+  WriteFileAtomically(options.work_dir + "/connect_error.t0", names);
   Fatal({fmt::format("Connection # {}", c.number), "A: " + c.a, "B: " + c.b}, "STOPPING. . .");
 }
 
@@ -75,10 +78,10 @@ bool ApplySpecCode(const lang::ConnectionDecl& c, int a, ModelStore* store) {
 }
 
 void WriteConnectionsFile(const ModelStore& store, const std::string& work_dir) {
-  std::ofstream out(work_dir + "/model_connections.txt");
-  for (const Connection& c : store.connections) {
-    out << "Connection # " << c.number << "\nA: " << c.a << "\nB: " << c.b << "\n\n";
-  }
+  std::string text;
+  for (const Connection& c : store.connections)
+    text += fmt::format("Connection # {}\nA: {}\nB: {}\n\n", c.number, c.a, c.b);
+  WriteFileAtomically(work_dir + "/model_connections.txt", text);
 }
 
 }  // namespace

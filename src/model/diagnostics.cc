@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
+#include <sstream>
+
+#include "base/file_writer.h"
 
 namespace kx::model {
 namespace {
@@ -17,7 +19,7 @@ std::string ColumnName(const ModelStore& store, int col) {
 }  // namespace
 
 void WriteByteCodeListing(const ModelStore& store, const std::string& path) {
-  std::ofstream out(path);
+  std::ostringstream out;
   out << "! Byte code of every equation: columns read (model column and name), then the\n"
          "! residual, first-derivative and second-derivative segments of its program.\n";
   for (size_t e = 0; e < store.eqns.size(); ++e) {
@@ -29,13 +31,14 @@ void WriteByteCodeListing(const ModelStore& store, const std::string& path) {
                          ColumnName(store, q.columns[k]));
     if (q.program >= 0) out << store.programs[q.program].Listing();
   }
+  WriteFileAtomically(path, out.str());
 }
 
 void WriteSparsityListing(ModelAccess& access, const std::string& path) {
   const ModelStore& store = access.store();
   const JacobianPattern& jac = access.Jacobian(Shape::kSteady);
   const HessianPattern& hess = access.Hessian(Shape::kSteady);
-  std::ofstream out(path);
+  std::ostringstream out;
   out << fmt::format("! Steady-state problem: {} variables, {} constraint rows\n", store.nvar,
                      access.NumRows());
   out << fmt::format("! Jacobian non-zeros {}, Hessian non-zeros (lower triangle) {}\n",
@@ -48,6 +51,7 @@ void WriteSparsityListing(ModelAccess& access, const std::string& path) {
   for (size_t k = 0; k < hess.rows.size(); ++k)
     out << fmt::format("{:>8} {:>8}  {}  {}\n", hess.rows[k], hess.cols[k],
                        ColumnName(store, hess.rows[k]), ColumnName(store, hess.cols[k]));
+  WriteFileAtomically(path, out.str());
 }
 
 }  // namespace kx::model

@@ -78,7 +78,7 @@ struct Intermediate {
   std::string text;             // defining expression
   int handle = -1;              // lang::Compiler intermediate handle
   int program = -1;             // value program (ModelStore::programs)
-  std::vector<int> columns;     // inputs of the value program
+  std::vector<int> columns;     // inputs of the value program; -(j+1): intermediate j
   double value = 0;
   int line = 0;
 };

@@ -3,8 +3,10 @@
 #include <cmath>
 #include <fstream>
 #include <limits>
+#include <sstream>
 
 #include "base/base.h"
+#include "base/file_writer.h"
 
 namespace kx::solvers {
 namespace {
@@ -325,15 +327,14 @@ void AsoptOptions::ReadLine(std::string_view raw, int line_number) {
 }
 
 bool AsoptOptions::Write(const std::string& path) const {
-  std::ofstream out(path);
-  if (!out) return false;
+  std::ostringstream out;
   out << " !   Current options for solver ASOPT\n";
   out << " !   Save file as asopt.opt and modify options\n";
   for (int i = 0; i < kNumAsoptOptions; ++i) {
     out << fmt::format("{:<36} {}{}\n", kTable[i].name, FormatReal(values_[i]),
                        kTable[i].file_note);
   }
-  return static_cast<bool>(out);
+  return WriteFileAtomically(path, out.str());
 }
 
 AsoptParameters MapParameters(const AsoptOptions& options) {

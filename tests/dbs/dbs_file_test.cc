@@ -7,7 +7,7 @@
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "base/text.h"
-#include "dbs/atomic_file.h"
+#include "base/file_writer.h"
 #include "testing/scratch_dir.h"
 
 namespace kx::dbs {
