@@ -9,7 +9,7 @@ namespace {
 // Calculated initial conditions belong to moving-horizon estimation; every other dynamic mode
 // keeps the initial conditions fixed.
 void NoteInitialConditions(const HorizonSettings& s) {
-  if (s.icd_calc <= 0) return;
+  if (s.icd_calc <= 0 || s.imode == 5) return;
   if (s.imode == 8) {
     Say("Calculated Initial Conditions Not Available for Sequential Estimation");
   } else {

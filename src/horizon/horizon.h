@@ -1,4 +1,7 @@
-// horizon: lays a steady-state model over a time horizon for the dynamic modes (IMODE 4-9).
+// horizon: lays a steady-state model over a time horizon for the dynamic modes (IMODE 4-9) or
+// over the data sets of IMODE 2, decides the roles of the classified variables (classes), and
+// adds the rows of estimation (estimation) and control (control, inputs) through generated
+// members and rows compiled once (terms); simulates a horizon step by step (sequential).
 // Takes the built model store, the option store and the optional data file; gives a model
 // store with every variable and equation replicated over the time points and the collocation
 // rows that tie the differential variables together. Never sees the solvers.
