@@ -303,7 +303,8 @@ TEST(SetUpDynamicModel, ModeAndInitialConditionMessages) {
   };
   const Case cases[] = {
       {4, 0, "Prediction Horizon: 2"},
-      {5, 1,
+      {5, 1, "Prediction Horizon: 2"},  // estimation calculates the initial conditions
+      {6, 1,
        "Note: ICD_CALC = 1 ignored: calculated initial conditions come with estimation; the "
        "initial conditions stay fixed"},
       {8, 1, "Calculated Initial Conditions Not Available for Sequential Estimation"},
