@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
 #include <vector>
 
+#include "analysis/infeasibility.h"
 #include "base/report.h"
 #include "base/timers.h"
 #include "files/dumps.h"
@@ -80,6 +82,22 @@ void PrintSummary(const std::string& solver, const SolveOutcome& out) {
   Fatal({"Do not write DBS or restart files in benchmark mode"});
 }
 
+// A small set of equations and bounds that cannot hold together, for the head of
+// "infeasibilities.txt", with one line that points at it; empty when none was found.
+std::string DiagnoseConflict(const dbs::OptionStore& o, model::ModelAccess& access, bool dynamic) {
+  analysis::ConflictSettings settings;
+  settings.dynamic = dynamic;
+  settings.tolerance = o.Real("RTOL");
+  settings.seconds = std::clamp(o.Real("MAX_TIME"), 1.0, 30.0);
+  ScopedTimer timer("Infeasibility diagnosis");
+  const std::optional<analysis::Conflict> c = analysis::FindConflict(access, settings);
+  if (!c) return "";
+  Sayf("Conflicting equations: {} equations and {} bounds cannot hold together (listed first "
+       "in {}; {} feasibility solves)",
+       c->rows.size(), c->bounds.size(), kInfeasibilityFile, c->solves);
+  return analysis::DescribeConflict(access.store(), *c);
+}
+
 void WriteOutcomeKeys(dbs::OptionStore& o, const SolveOutcome& out) {
   const int previous = o.Int("APPINFO");
   o.SetGlobal("APPINFO", out.status);
@@ -127,7 +145,8 @@ SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
   if (out.status != 0) {
     Say("Creating file: " + std::string(kInfeasibilityFile));
     Say("Use command zpm_get(server,app,'infeasibilities.txt') to retrieve file");
-    files::WriteInfeasibilities(kInfeasibilityFile, access.store(), settings.constraint_tol);
+    files::WriteInfeasibilities(kInfeasibilityFile, access.store(), settings.constraint_tol,
+                                DiagnoseConflict(options, access, imode >= 4));
   }
   PrintSummary(solvers::SolverDisplayName(solver), out);
   WriteOutcomeKeys(options, out);

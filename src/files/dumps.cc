@@ -150,7 +150,7 @@ bool WriteDump(int imsg, const std::string& path, const model::ModelStore& store
 }
 
 bool WriteInfeasibilities(const std::string& path, const model::ModelStore& store,
-                          double tolerance) {
+                          double tolerance, std::string_view preamble) {
   std::vector<int> order;
   for (size_t i = 0; i < store.eqns.size(); ++i)
     if (store.eqns[i].active && !store.eqns[i].obj_eqn) order.push_back(static_cast<int>(i));
@@ -163,7 +163,8 @@ bool WriteInfeasibilities(const std::string& path, const model::ModelStore& stor
   });
   int violated = 0;
   for (int i : order) violated += Violation(store.eqns[i]) > tolerance;
-  std::string text = fmt::format(
+  std::string text(preamble);
+  text += fmt::format(
       "! infeasibilities: {} of {} equations outside their bounds by more than {:g}\n", violated,
       order.size(), tolerance);
   text += fmt::format("{:>8} {:<20} {:>24} {:>24} {:>24} {:>10}  {}\n", "index", "name",

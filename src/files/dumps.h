@@ -19,6 +19,6 @@ bool WriteDump(int imsg, const std::string& path, const model::ModelStore& store
 // "infeasibilities.txt": every active equation with its residual and bounds, the rows whose
 // residual lies outside its bounds by more than `tolerance` marked and listed first.
 bool WriteInfeasibilities(const std::string& path, const model::ModelStore& store,
-                          double tolerance);
+                          double tolerance, std::string_view preamble = "");
 
 }  // namespace kx::files
