@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,9 +31,11 @@ namespace kx::bench {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// One finished process: its wall time from spawn to exit and its exit status.
+// One finished process: its wall time from spawn to exit, its processor time and its exit
+// status. On a shared machine the processor time is the steadier figure.
 struct ProcessRun {
-  double seconds = -1;  // negative when it could not be started
+  double seconds = -1;  // wall, negative when it could not be started
+  double cpu = -1;      // user + system of the process
   int status = -1;      // exit status, -1 when it did not exit normally
 };
 
@@ -54,8 +57,11 @@ inline ProcessRun RunProcess(const std::vector<std::string>& argv, const std::st
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) return run;
   int wstatus = 0;
-  waitpid(pid, &wstatus, 0);
+  rusage usage{};
+  wait4(pid, &wstatus, 0, &usage);
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  auto sec = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * t.tv_usec; };
+  run.cpu = sec(usage.ru_utime) + sec(usage.ru_stime);
   run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
   return run;
 }
