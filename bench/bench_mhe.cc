@@ -293,7 +293,7 @@ int LoggedIterations() {
 constexpr std::pair<const char*, const char*> kPhases[] = {
     {"Model build", "build"},         {"Horizon set-up", "horizon"},
     {"Structure and starting point", "structure"}, {"Solver", "solver"},
-    {"Solver: ipopt", "library"},     {"callbacks", "callbacks"},
+    {"library", "library"},     {"callbacks", "callbacks"},
     {"zpm_files", "files"},           {"Total", "total"}};
 
 struct WindowResult {
@@ -343,8 +343,7 @@ WindowResult MeasureWindow(int steps, int repeat) {
       w.cons_engine = ReadConsoleNumber(console, "Number of constraints");
       w.free_engine = ReadConsoleNumber(console, "Number of state variables");
     }
-    std::map<std::string, double> timers = ReadTimerTable(console);
-    timers["callbacks"] = CallbackSeconds(timers);
+    const std::map<std::string, double> timers = TimersOf(console);
     for (const auto& [name, seconds] : timers) {
       auto [it, added] = w.phases.emplace(name, seconds);
       if (!added) it->second = std::min(it->second, seconds);

@@ -141,7 +141,8 @@ inline double ReadConsoleNumber(const std::string& console, const std::string& l
   return std::nan("");
 }
 
-// Seconds under the engine's function-evaluation timers (objective, rows, derivatives).
+// Seconds under the engine's function-evaluation timers (objective, rows, derivatives); the
+// library calls them, so they are part of "Solver: ipopt".
 inline double CallbackSeconds(const std::map<std::string, double>& timers) {
   double sum = 0;
   for (const char* name : {"Objective Calc: zpm_p", "Constraint Calc: zpm_c",
@@ -151,6 +152,15 @@ inline double CallbackSeconds(const std::map<std::string, double>& timers) {
     if (it != timers.end()) sum += it->second;
   }
   return sum;
+}
+
+// The timer table with two derived entries: "callbacks" (CallbackSeconds) and "library" (the
+// library call without the callbacks).
+inline std::map<std::string, double> TimersOf(const std::string& console) {
+  std::map<std::string, double> timers = ReadTimerTable(console);
+  timers["callbacks"] = CallbackSeconds(timers);
+  if (timers.count("Solver: ipopt")) timers["library"] = timers["Solver: ipopt"] - timers["callbacks"];
+  return timers;
 }
 
 // The options the engine's interior-point call sets, plus its log file.
