@@ -82,9 +82,9 @@ inline void WriteText(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-// Wall seconds per timer of the table printed at DIAGLEVEL 1 ("#  Timer  Calls  Wall  CPU"
-// rows), by timer name.
-inline std::map<std::string, double> ReadTimerTable(const std::string& console) {
+// Seconds per timer of the table printed at DIAGLEVEL 1 ("#  Timer  Calls  Wall  CPU" rows),
+// by timer name: wall, or processor time when `cpu`.
+inline std::map<std::string, double> ReadTimerTable(const std::string& console, bool cpu) {
   std::map<std::string, double> wall;
   std::istringstream in(console);
   bool inside = false;
@@ -101,7 +101,7 @@ inline std::map<std::string, double> ReadTimerTable(const std::string& console) 
     if (words.size() < 5) continue;
     std::string name = words[1];
     for (size_t i = 2; i + 3 < words.size(); ++i) name += " " + words[i];
-    wall[name] = std::atof(words[words.size() - 2].c_str());
+    wall[name] = std::atof(words[words.size() - (cpu ? 1 : 2)].c_str());
   }
   return wall;
 }
@@ -156,8 +156,8 @@ inline double CallbackSeconds(const std::map<std::string, double>& timers) {
 
 // The timer table with two derived entries: "callbacks" (CallbackSeconds) and "library" (the
 // library call without the callbacks).
-inline std::map<std::string, double> TimersOf(const std::string& console) {
-  std::map<std::string, double> timers = ReadTimerTable(console);
+inline std::map<std::string, double> TimersOf(const std::string& console, bool cpu) {
+  std::map<std::string, double> timers = ReadTimerTable(console, cpu);
   timers["callbacks"] = CallbackSeconds(timers);
   if (timers.count("Solver: ipopt")) timers["library"] = timers["Solver: ipopt"] - timers["callbacks"];
   return timers;
