@@ -1,6 +1,6 @@
 // Model predictive control as a user meets it: whole `kestrix` processes.
 //
-//   bench_mpc [--cycles C] [--repeat R] [--skip-small] [--skip-large]
+//   bench_mpc [--cycles C] [--repeat R] [--keep-slowest DIR] [--skip-small] [--skip-large]
 //   bench_mpc --hand-coded-only              (solves the chain of chain_start.txt)
 //   bench_mpc --write-chain DIR              (writes the chain's input files into DIR)
 //
@@ -12,7 +12,10 @@
 //     files written) and implement tc.NEWVAL. Median and worst wall and processor time, once
 //     with the default solver (SOLVER 1) and once with SOLVER 3; the timer table of one more
 //     warm cycle at DIAGLEVEL 1; and the floors: starting a process that exits at once
-//     (/bin/true) and `kestrix` stopping on a missing model file.
+//     (/bin/true) and `kestrix` stopping on a missing model file. A cycle still running after
+//     kCycleLimit is stopped (the plant keeps its coolant); cycles over five times the median
+//     are listed, and --keep-slowest DIR keeps the files from before each solver's slowest
+//     cycle, so that it can be run again by hand.
 // (b) A large controller: 25 tanks in series (50 states), 10 coolant MVs each cooling a group
 //     of two or three tanks, the temperature of each group's last tank a CV with CV_TYPE 2,
 //     100 steps of 0.2 min, NODES 2. `kestrix chain -ipopt` against this program's
@@ -127,8 +130,23 @@ t.FSTATUS = 1
                      kPeriod, solver, kBandHi, kBandLo);
 }
 
+constexpr double kCycleLimit = 20;  // s: a control cycle still running then is stopped
+
+// The files of the working directory by name, as they were before a cycle.
+using Snapshot = std::map<std::string, std::string>;
+
+Snapshot TakeSnapshot() {
+  Snapshot files;
+  for (const fs::directory_entry& e : fs::directory_iterator("."))
+    if (e.is_regular_file()) files[e.path().filename().string()] = ReadText(e.path().string());
+  return files;
+}
+
 struct LatencyRun {
   std::vector<double> wall, cpu;  // per warm cycle, s
+  std::vector<int> stopped;       // warm cycles stopped at kCycleLimit
+  Snapshot slowest;               // the working directory before the slowest warm cycle
+  int slowest_cycle = 0;
   double cold = 0;                // the first cycle, wall s
   double last_t = 0, last_tc = 0;  // plant temperature and coolant after the run
   int failed = 0;                 // cycles whose exit status was not success
@@ -136,11 +154,10 @@ struct LatencyRun {
   ProcessRun timed;               // that cycle's process
 };
 
-// One control cycle: writes the measurement, runs the engine, returns tc.NEWVAL (or the
-// previous coolant when the cycle failed).
-ProcessRun ControlCycle(double measured, const std::string& extra, std::string* console) {
-  WriteText("measurements.dbs", fmt::format("t.MEAS = {:.6f}\n{}", measured, extra));
-  const ProcessRun r = RunProcess({KestrixPath(), "cstr"}, "console.txt");
+// One control cycle: runs the engine on the measurements written before, stopped at
+// kCycleLimit.
+ProcessRun ControlCycle(std::string* console) {
+  const ProcessRun r = RunProcess({KestrixPath(), "cstr"}, "console.txt", kCycleLimit);
   *console = ReadText("console.txt");
   return r;
 }
@@ -155,12 +172,24 @@ LatencyRun MeasureLatency(int solver, int cycles) {
   std::string console;
   for (int k = 0; k <= cycles + 1; ++k) {
     const bool timed = k == cycles + 1;  // the extra cycle with the timer table
-    const ProcessRun r = ControlCycle(t, timed ? "ZPM.DIAGLEVEL = 1\n" : "", &console);
+    WriteText("measurements.dbs",
+              fmt::format("t.MEAS = {:.6f}\n{}", t, timed ? "ZPM.DIAGLEVEL = 1\n" : ""));
+    Snapshot before;
+    if (k > 0 && !timed) before = TakeSnapshot();
+    const ProcessRun r = ControlCycle(&console);
+    // A failed or stopped cycle leaves the coolant where it was, as a plant would.
     if (r.status != 1) ++run.failed;
     else tc = ReadDbsValue("cstr.dbs", "tc.NEWVAL");
-    if (k == 0) run.cold = r.seconds;
-    else if (timed) run.timed_console = console, run.timed = r;
-    else run.wall.push_back(r.seconds), run.cpu.push_back(r.cpu);
+    if (k == 0) {
+      run.cold = r.seconds;
+    } else if (timed) {
+      run.timed_console = console, run.timed = r;
+    } else {
+      if (r.stopped) run.stopped.push_back(k);
+      if (run.cpu.empty() || r.cpu > *std::max_element(run.cpu.begin(), run.cpu.end()))
+        run.slowest = std::move(before), run.slowest_cycle = k;
+      run.wall.push_back(r.seconds), run.cpu.push_back(r.cpu);
+    }
     PlantStep(kPeriod, 20, tc, kPlantHx, &ca, &t);
   }
   run.last_t = t;
@@ -180,7 +209,17 @@ std::pair<double, double> Floor(const std::vector<std::string>& argv, int runs) 
   return {Median(wall), Median(cpu)};
 }
 
-void RunSmall(int cycles) {
+// Writes the snapshot before the slowest cycle of `solver` into keep/solver<N>.
+void KeepSlowest(const std::string& keep, int solver, const LatencyRun& r) {
+  if (keep.empty() || r.slowest.empty()) return;
+  const fs::path dir = fs::path(keep) / fmt::format("solver{}", solver);
+  fs::create_directories(dir);
+  for (const auto& [name, text] : r.slowest) WriteText((dir / name).string(), text);
+  Sayf("SOLVER {}: the files before cycle {} (the slowest) are in {}", solver, r.slowest_cycle,
+       dir.string());
+}
+
+void RunSmall(int cycles, const std::string& keep) {
   Sayf("(a) Small controller: one tank, MV tc, CV t in [{}, {}] K, 10 steps of {} min, NODES 3;",
        kBandLo, kBandHi, kPeriod);
   Sayf("    plant heat-transfer coefficient {:.4g} (model {}); {} warm cycles, each a whole process",
@@ -201,9 +240,18 @@ void RunSmall(int cycles) {
          1e3 * *std::max_element(r.cpu.begin(), r.cpu.end()));
   }
   for (const auto& [solver, r] : runs) {
-    Sayf("SOLVER {}: first (cold) cycle {:.2f} ms; {} failed cycles; plant t {:.3f} K, tc {:.3f} K "
-         "at the end",
-         solver, 1e3 * r.cold, r.failed, r.last_t, r.last_tc);
+    Sayf("SOLVER {}: first (cold) cycle {:.2f} ms; {} failed cycles, {} of them stopped at {} s; "
+         "plant t {:.3f} K, tc {:.3f} K at the end",
+         solver, 1e3 * r.cold, r.failed, r.stopped.size(), kCycleLimit, r.last_t, r.last_tc);
+    const double median = Median(r.cpu);
+    std::string slow;
+    for (size_t i = 0; i < r.cpu.size(); ++i) {
+      if (r.cpu[i] > 5 * median)
+        slow += fmt::format(" {}:{:.0f}/{:.0f}", i + 1, 1e3 * r.wall[i], 1e3 * r.cpu[i]);
+    }
+    Sayf("SOLVER {}: cycles over 5x the median processor time (cycle:wall ms/cpu ms):{}", solver,
+         slow.empty() ? " none" : slow);
+    KeepSlowest(keep, solver, r);
   }
   for (const auto& [solver, r] : runs) {
     Sayf("Where the time goes, one warm cycle at DIAGLEVEL 1, SOLVER {}:", solver);
@@ -596,6 +644,7 @@ void RunLarge(int repeat) {
 
 int main(int argc, char** argv) {
   int cycles = 50, repeat = 3;
+  std::string keep;
   bool small = true, large = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -608,18 +657,20 @@ int main(int argc, char** argv) {
       cycles = std::max(1, std::atoi(argv[++i]));
     } else if (arg == "--repeat" && i + 1 < argc) {
       repeat = std::max(1, std::atoi(argv[++i]));
+    } else if (arg == "--keep-slowest" && i + 1 < argc) {
+      keep = argv[++i];
     } else if (arg == "--skip-small") {
       small = false;
     } else if (arg == "--skip-large") {
       large = false;
     } else {
-      kx::Sayf("usage: {} [--cycles C] [--repeat R] [--skip-small] [--skip-large] | "
+      kx::Sayf("usage: {} [--cycles C] [--repeat R] [--keep-slowest DIR] [--skip-small] [--skip-large] | "
                "--hand-coded-only",
                argv[0]);
       return 2;
     }
   }
-  if (small) kx::bench::RunSmall(cycles);
+  if (small) kx::bench::RunSmall(cycles, keep);
   if (large) kx::bench::RunLarge(repeat);
   return 0;
 }

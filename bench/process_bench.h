@@ -12,6 +12,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <thread>
 #include <cmath>
 #include <coin/IpIpoptApplication.hpp>
 #include <filesystem>
@@ -37,11 +41,14 @@ struct ProcessRun {
   double seconds = -1;  // wall, negative when it could not be started
   double cpu = -1;      // user + system of the process
   int status = -1;      // exit status, -1 when it did not exit normally
+  bool stopped = false;  // killed on reaching the time limit
 };
 
 // Runs `argv` in the current directory with its standard output and error sent to `out`
-// (created or truncated) and waits for it.
-inline ProcessRun RunProcess(const std::vector<std::string>& argv, const std::string& out) {
+// (created or truncated) and waits for it; with a `limit` (seconds, > 0) a watchdog kills it
+// when it runs longer.
+inline ProcessRun RunProcess(const std::vector<std::string>& argv, const std::string& out,
+                             double limit = 0) {
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
@@ -56,9 +63,30 @@ inline ProcessRun RunProcess(const std::vector<std::string>& argv, const std::st
   const int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) return run;
+  std::mutex mutex;
+  std::condition_variable done;
+  bool exited = false;
+  std::thread watchdog;
+  if (limit > 0) {
+    watchdog = std::thread([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!done.wait_for(lock, std::chrono::duration<double>(limit), [&] { return exited; })) {
+        run.stopped = true;
+        kill(pid, SIGKILL);  // not yet reaped: the id is still this child's
+      }
+    });
+  }
   int wstatus = 0;
   rusage usage{};
   wait4(pid, &wstatus, 0, &usage);
+  if (watchdog.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      exited = true;
+    }
+    done.notify_one();
+    watchdog.join();
+  }
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   auto sec = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * t.tv_usec; };
   run.cpu = sec(usage.ru_utime) + sec(usage.ru_stime);
