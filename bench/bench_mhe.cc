@@ -145,8 +145,8 @@ class MheTnlp : public Ipopt::TNLP {
   using Index = Ipopt::Index;
   using Number = Ipopt::Number;
   explicit MheTnlp(Window w) : w_(std::move(w)), n_(w_.steps()) {}
-  double objective = 0, hx = 0;
-  int status = -1;
+  double objective = 0, hx = 0;  // at the solution
+  int status = -1;                // the library's return code
 
   bool get_nlp_info(Index& n, Index& m, Index& nnz_jac, Index& nnz_h,
                     IndexStyleEnum& style) override {
@@ -201,10 +201,10 @@ class MheTnlp : public Ipopt::TNLP {
     int k = 0;
     for (int p = 1; p <= n_; ++p) {
       const int r1 = 2 * p - 2, r2 = 2 * p - 1;
-      double dt = w_.dt[p], rca = 0, rt = 0, t = 0, hx = 0, tc = w_.tc[p];
+      double dt = w_.dt[p], rca = 0, rt = 0, t = 0, coef = 0, tc = w_.tc[p];
       if (v != nullptr) {
         t = x[T(p)];
-        hx = x[0];
+        coef = x[0];
         const RateDerivatives d = RateSlopes(x[Ca(p)], t);
         rca = d.ca;
         rt = d.t;
@@ -214,7 +214,7 @@ class MheTnlp : public Ipopt::TNLP {
       Put(rows, cols, v, k, r1, T(p), dt * rt);
       if (p > 1) Put(rows, cols, v, k, r2, T(p - 1), -1.0);
       Put(rows, cols, v, k, r2, Ca(p), -dt * kDhr * rca);
-      Put(rows, cols, v, k, r2, T(p), 1 + dt * kQv - dt * kDhr * rt + dt * hx);
+      Put(rows, cols, v, k, r2, T(p), 1 + dt * kQv - dt * kDhr * rt + dt * coef);
       Put(rows, cols, v, k, r2, 0, -dt * (tc - t));
     }
     return true;
@@ -297,15 +297,15 @@ constexpr std::pair<const char*, const char*> kPhases[] = {
     {"zpm_files", "files"},           {"Total", "total"}};
 
 struct WindowResult {
-  int steps = 0;
+  int steps = 0;                                // window length
   double kestrix = INFINITY, coded = INFINITY;  // best process wall, s
   double cpu_k = INFINITY, cpu_c = INFINITY;      // best process processor time, s
   std::map<std::string, double> phases;         // best wall per timer, s
   std::map<std::string, double> cpu_phases;     // best processor time per timer, s
-  double hx_engine = NAN, hx_coded = NAN, obj_engine = NAN, obj_coded = NAN;
-  int it_engine = -1, it_coded = -1;
+  double hx_engine = NAN, hx_coded = NAN, obj_engine = NAN, obj_coded = NAN;  // of the best runs
+  int it_engine = -1, it_coded = -1;            // library iterations of the best runs
   double vars_engine = NAN, cons_engine = NAN, free_engine = NAN;  // as the engine reports
-  bool ok = true;
+  bool ok = true;                               // every run solved
 };
 
 // Lowers each entry of `best` to the one of `timers` where that is smaller.
