@@ -295,6 +295,9 @@ void ApplyMv(Horizon& h, const MvTerms& t, const ControlSettings& s) {
     const int k = h.grid.StepOf(p);
     for (int m : {t.delta_m, t.slope_m, t.pos_m, t.neg_m})
       if (!end) Hold(h.store.Var(h.Number(p, m)), 0.0);
+    // The squared move penalty reads du itself: the split parts stay at 0, out of the solve.
+    if (!t.linear_penalty)
+      for (int m : {t.pos_m, t.neg_m}) Hold(h.store.Var(h.Number(p, m)), 0.0);
     SetValue(h, p, t.dcost_m, t.dcost * (1.0 + (k - 1) * s.mv_dcost_slope));
     SetValue(h, p, t.cost_m, t.cost);
     if (!end) continue;
