@@ -11,15 +11,6 @@
 namespace kx::horizon {
 namespace {
 
-using RowList = std::vector<RowInput>;
-
-// A generated row: name, listed text, residual over placeholders, kind.
-struct RowDef {
-  const char* name;
-  const char* text;
-  const char* expr;
-  RowKind kind;
-};
 
 constexpr RowDef kTrajHi = {"traj_hi", R"(0 = \tau \frac{\partial tr_{hi}}{\partial t} + tr_{hi} - sp_{hi})",
                             "tau*$tr_hi + tr_hi - sp_hi", RowKind::kEquality};

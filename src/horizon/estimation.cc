@@ -11,15 +11,6 @@
 namespace kx::horizon {
 namespace {
 
-using RowList = std::vector<RowInput>;
-
-// The rows of each error model: name, display text, residual over placeholders, kind.
-struct RowDef {
-  const char* name;
-  const char* text;
-  const char* expr;
-  RowKind kind;
-};
 
 constexpr RowDef kLinearRows[] = {
     {"meas_err_hi", R"(0 < err_{hi} - \left( ev - meas_{hi} \right))", "err_hi - (ev - meas_hi)",

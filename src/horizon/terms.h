@@ -31,6 +31,18 @@ struct RowInput {
 // Kind of a generated row: "0 =" equality, "0 <" residual >= 0, objective contribution.
 enum class RowKind { kEquality, kNonNegative, kObjective };
 
+// A generated row as the tables of estimation and control give it: its name (after the
+// owner's "name."), the text the listings show, the residual over placeholders, its kind.
+struct RowDef {
+  const char* name;
+  const char* text;
+  const char* expr;
+  RowKind kind;
+};
+
+// The placeholders of one owner's rows, bound to its members.
+using RowList = std::vector<RowInput>;
+
 class TermBuilder {
  public:
   explicit TermBuilder(model::ModelStore& store) : store_(store) {}
