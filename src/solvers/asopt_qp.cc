@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <unordered_map>
 
 #include <fmt/format.h>
 
@@ -18,6 +20,7 @@ constexpr int kDegenerateLimit = 8;           // degenerate steps before the sma
 constexpr int kCrashPasses = 12;              // working-set guesses before the active-set method
 constexpr int kCrashFlipLimit = 2;            // state changes before the guess leaves it alone
 constexpr int kBounceLimit = 4;               // constraints dropped right after a tiny addition
+constexpr int kRepeatLimit = 3;               // visits of one working set that end the solve
 constexpr double kActivityTolerance = 1e-12;  // row rounding relative to its largest term
 
 // Largest step component, for telling real progress from rounding-level moves.
@@ -118,7 +121,28 @@ class ActiveSetQp {
   int added_var_ = -1, added_row_ = -1;  // the constraint the last step added
   bool tiny_since_add_ = false;          // every step since that add was tiny
   bool keep_residuals_ = false;          // leave row residuals within tolerance uncorrected
+  std::unordered_map<uint64_t, int> visits_;  // working sets seen (by hash) and how often
+
+  bool WorkingSetRepeats();
 };
+
+// A working set the iterations come back to again and again: they cycle without progress (a
+// step of a convex QP from a working set lowers the objective, so an exact solve never returns
+// to one). Seen in control problems with degenerate move rows, where the cycle would otherwise
+// run to the iteration limit, 10 (n + m) factorisations.
+bool ActiveSetQp::WorkingSetRepeats() {
+  uint64_t h = 1469598103934665603ull;  // FNV-1a over (index, state) of the active constraints
+  auto mix = [&h](uint64_t v) {
+    h ^= v;
+    h *= 1099511628211ull;
+  };
+  for (size_t j = 0; j < var_state_.size(); ++j)
+    if (var_state_[j] != Activity::kFree) mix(j * 4 + static_cast<uint64_t>(var_state_[j]));
+  for (size_t i = 0; i < row_state_.size(); ++i)
+    if (row_state_[i] != Activity::kFree)
+      mix((i + var_state_.size()) * 4 + static_cast<uint64_t>(row_state_[i]));
+  return ++visits_[h] >= kRepeatLimit;
+}
 
 void ActiveSetQp::BuildRows() {
   row_start_.assign(m_ + 1, 0);
@@ -674,9 +698,13 @@ QpResult ActiveSetQp::Run(const QpWorkingSet& guess) {
     for (int i = 0; i < m_; ++i) r_[i] = RowTimes(i, x_);
     if (var < 0 && row < 0) {
       if (AtOptimalWorkingSet(alpha)) return Finish(QpStatus::kOptimal);
-      continue;
+    } else {
+      AddBlocking(var, row, alpha, tiny);
     }
-    AddBlocking(var, row, alpha, tiny);
+    if (WorkingSetRepeats()) {
+      TraceStep(0.0, 0.0, "working set repeats: cycling");
+      break;
+    }
   }
   return Finish(QpStatus::kIterationLimit);
 }
