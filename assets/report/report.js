@@ -1,7 +1,7 @@
 // Draws a Kestrix report page from the JSON block "kx-data" that the engine writes into it.
 // The page marks itself for automated checks: body[data-ready] once drawn, data-plots (number
 // of plots), data-plots-with-data (plots with at least one finite point) and data-errors
-// (script errors seen).
+// (script errors and console errors seen).
 (function () {
   "use strict";
 
@@ -14,10 +14,17 @@
   var errors = 0;
   var plots = [];
 
-  window.addEventListener("error", function () {
+  function countError() {
     errors += 1;
     document.body.setAttribute("data-errors", String(errors));
-  });
+  }
+  window.addEventListener("error", countError);
+  window.addEventListener("unhandledrejection", countError);
+  var consoleError = console.error;
+  console.error = function () {
+    countError();
+    return consoleError.apply(console, arguments);
+  };
 
   function el(tag, attrs, text) {
     var e = document.createElement(tag);
@@ -38,6 +45,15 @@
     return false;
   }
 
+  // Tick labels with as many decimals as the tick spacing needs, so close ticks differ.
+  function ticks(u, splits, axis, space, incr) {
+    if (!(incr > 0)) return splits.map(fmt);
+    var big = splits.some(function (v) { return Math.abs(v) >= 1e6; });
+    if (big || incr < 1e-6) return splits.map(function (v) { return v.toExponential(2); });
+    var frac = incr.toFixed(12).replace(/0+$/, "").split(".")[1] || "";
+    return splits.map(function (v) { return v.toFixed(Math.min(frac.length, 12)); });
+  }
+
   function constant(x, v) {
     return x.map(function () { return v; });
   }
@@ -53,7 +69,7 @@
     var opts = {
       width: 440, height: 220,
       scales: {x: {time: false}},
-      axes: [{label: xLabel, size: 40}, {size: 60}],
+      axes: [{label: xLabel, size: 40, values: ticks}, {size: 70, values: ticks}],
       legend: {show: true},
       series: [{label: xLabel}].concat(series.map(function (s, i) {
         var out = {label: s.label, stroke: s.colour || COLOURS[i % COLOURS.length], width: 2,
