@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <optional>
 #include <sstream>
@@ -149,6 +150,15 @@ double ParseCell(std::string_view cell) {
 
 std::string FormatCell(double v) { return std::isfinite(v) ? fmt::format("{:.10g}", v) : ""; }
 
+std::string RowsText(const ReportHistory& h) {
+  std::string text;
+  for (const auto& row : h.rows) {
+    for (size_t c = 0; c < row.size(); ++c) text += (c ? "," : "") + FormatCell(row[c]);
+    text += "\n";
+  }
+  return text;
+}
+
 // The other report pages beside this one, sorted, for the navigation bar.
 std::vector<std::string> SiblingPages(const std::string& own) {
   std::vector<std::string> pages;
@@ -194,6 +204,9 @@ ReportHistory ReadHistory(const std::string& path) {
   ReportHistory h;
   std::string text;
   if (!dbs::ReadWholeFile(path, &text)) return h;
+  // A last line without its newline is a torn append: it is not trusted.
+  h.complete = text.empty() || text.back() == '\n';
+  if (!h.complete) text.erase(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     if (Trim(line).empty()) continue;
@@ -213,12 +226,22 @@ ReportHistory ReadHistory(const std::string& path) {
 bool WriteHistory(const std::string& path, const ReportHistory& h) {
   std::string text;
   for (size_t c = 0; c < h.columns.size(); ++c) text += (c ? "," : "") + h.columns[c];
-  text += "\n";
-  for (const auto& row : h.rows) {
-    for (size_t c = 0; c < row.size(); ++c) text += (c ? "," : "") + FormatCell(row[c]);
-    text += "\n";
-  }
+  text += "\n" + RowsText(h);
   return dbs::WriteFileAtomically(path, text);
+}
+
+bool SaveHistory(const std::string& path, const ReportHistory& on_disk, const ReportHistory& row,
+                 int keep) {
+  const size_t limit = 2 * static_cast<size_t>(std::max(keep, 1));
+  if (on_disk.complete && !on_disk.columns.empty() && on_disk.columns == row.columns &&
+      on_disk.rows.size() + row.rows.size() <= limit) {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    out << RowsText(row);
+    if (out.flush()) return true;
+  }
+  ReportHistory whole = on_disk;
+  AppendHistory(whole, row, keep);
+  return WriteHistory(path, whole);
 }
 
 std::string RenderReportPage(const ReportInputs& in) {
@@ -250,11 +273,14 @@ bool WriteReportPage(const std::string& app, const dbs::OptionStore& options, in
   in.imode = imode;
   in.options = &options;
   in.results = &results;
-  in.history = ReadHistory(history_path);
-  AppendHistory(in.history, HistoryRowOf(options, solve_status), options.Int("HIST_HOR"));
+  const int keep = options.Int("HIST_HOR");
+  const ReportHistory on_disk = ReadHistory(history_path);
+  const ReportHistory row = HistoryRowOf(options, solve_status);
+  const bool history_ok = SaveHistory(history_path, on_disk, row, keep);
+  in.history = on_disk;
+  AppendHistory(in.history, row, keep);
   if (imode == 5 || imode == 8) in.measurements = ReadMeasurementHistory("est.meas");
   in.sibling_pages = SiblingPages(app + "_report.html");
-  const bool history_ok = WriteHistory(history_path, in.history);
   return dbs::WriteFileAtomically(app + "_report.html", RenderReportPage(in)) && history_ok;
 }
 

@@ -24,6 +24,7 @@ namespace kx::files {
 struct ReportHistory {
   std::vector<std::string> columns;         // "cycle", "status", "objective", ..., then names
   std::vector<std::vector<double>> rows;    // rows[cycle][column]; NaN for no value
+  bool complete = true;                     // read: the file ended with a whole line
 };
 
 // Everything a page shows, gathered from the cycle.
@@ -45,9 +46,18 @@ ReportHistory HistoryRowOf(const dbs::OptionStore& options, int solve_status);
 // history again. Keeps at most `keep` rows (at least 1).
 void AppendHistory(ReportHistory& history, const ReportHistory& row, int keep);
 
-// Reads a history file; empty when missing. Writes one (atomically).
+// Reads a history file; empty when missing; a last line without its newline (a torn
+// append) and a row with the wrong number of cells are skipped. Writes one (atomically).
 ReportHistory ReadHistory(const std::string& path);
 bool WriteHistory(const std::string& path, const ReportHistory& history);
+
+// Stores this cycle's `row` after `on_disk` (the file as read). The row is appended to the
+// file while the columns match and the file holds fewer than 2*`keep` rows; otherwise the
+// file is rewritten atomically with the newest `keep` rows. Appending one line keeps the
+// cost of a cycle low (a whole-file replace costs a flush); readers take the newest `keep`
+// rows and skip a torn last line, so a cycle stopped mid-append loses only its own row.
+bool SaveHistory(const std::string& path, const ReportHistory& on_disk, const ReportHistory& row,
+                 int keep);
 
 // The whole page as text.
 std::string RenderReportPage(const ReportInputs& inputs);

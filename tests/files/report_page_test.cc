@@ -93,6 +93,28 @@ TEST(ReportHistory, FileRoundTripKeepsMissingValuesMissing) {
   EXPECT_TRUE(ReadHistory("missing.csv").rows.empty());
 }
 
+TEST(ReportHistory, AppendsUntilTwiceTheHorizonThenRewritesTheNewest) {
+  WorkingDir dir("kx_report_save");
+  const std::vector<std::string> columns = {"cycle", "x"};
+  for (int cycle = 1; cycle <= 7; ++cycle) {
+    const ReportHistory row{columns, {{double(cycle), 0.5}}};
+    ASSERT_TRUE(SaveHistory("h.csv", ReadHistory("h.csv"), row, 3));
+  }
+  // 1..6 grow the file to 2*3 rows; 7 rewrites it with the newest 3.
+  EXPECT_EQ(dir.Read("h.csv"), "cycle,x\n5,0.5\n6,0.5\n7,0.5\n");
+  ASSERT_TRUE(SaveHistory("h.csv", ReadHistory("h.csv"), {{"cycle", "y"}, {{8, 1}}}, 3));
+  EXPECT_EQ(dir.Read("h.csv"), "cycle,y\n8,1\n");  // new columns start again
+}
+
+TEST(ReportHistory, TornLastLineIsReplacedNotExtended) {
+  WorkingDir dir("kx_report_torn");
+  dir.Write("h.csv", "cycle,x\n1,0.5\n2,0.");  // a cycle stopped mid-append
+  const ReportHistory on_disk = ReadHistory("h.csv");
+  EXPECT_FALSE(on_disk.complete);
+  ASSERT_TRUE(SaveHistory("h.csv", on_disk, {{"cycle", "x"}, {{3, 1}}}, 10));
+  EXPECT_EQ(dir.Read("h.csv"), "cycle,x\n1,0.5\n3,1\n");
+}
+
 TEST(ReportPage, EmbedsTheCycleDataWithUnsetValuesAsNull) {
   const dbs::OptionStore o = CycleStore();
   const ResultsTable results = TwoPointResults();
@@ -150,14 +172,13 @@ TEST(ReportPage, CycleWritesPageAndAppendsHistory) {
     o.SetGlobal("CYCLECOUNT", cycle);
     ASSERT_TRUE(WriteReportPage("tank", o, 5, 0, results));
   }
-  const ReportHistory h = ReadHistory("tank_history.csv");
-  ASSERT_EQ(h.rows.size(), 2u);
-  EXPECT_EQ(h.rows[0][0], 2);
-  EXPECT_EQ(h.rows[1][0], 3);
+  EXPECT_EQ(ReadHistory("tank_history.csv").rows.size(), 3u);  // appended, not yet trimmed
   const nlohmann::json d = PageData(dir.Read("tank_report.html"));
   EXPECT_EQ(d["pages"], nlohmann::json::array({"other_report.html"}));
   EXPECT_EQ(d["measurements"]["level"][1], 1.05);
-  EXPECT_EQ(d["history"]["rows"].size(), 2u);
+  ASSERT_EQ(d["history"]["rows"].size(), 2u);  // the newest HIST_HOR
+  EXPECT_EQ(d["history"]["rows"][0][0], 2);
+  EXPECT_EQ(d["history"]["rows"][1][0], 3);
 }
 
 }  // namespace
