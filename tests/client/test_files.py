@@ -110,3 +110,31 @@ class AppSettingsTest(ScratchTest):
 
 if __name__ == "__main__":
     unittest.main()
+
+
+class PackageBuildTest(ScratchTest):
+    """The in-tree build backend: the wheel pip installs."""
+
+    def test_wheel_holds_the_package_and_a_matching_record(self):
+        import base64
+        import hashlib
+        import sys
+        import zipfile
+        sys.path.insert(0, os.path.join(os.path.dirname(kestrix.__file__), "..", "backend"))
+        import kestrix_build
+        name = kestrix_build.build_wheel(self.dir)
+        self.assertEqual(name, "kestrix-0.8.2-py3-none-any.whl")
+        with zipfile.ZipFile(os.path.join(self.dir, name)) as wheel:
+            names = wheel.namelist()
+            for module in ("__init__", "app", "files"):
+                self.assertIn(f"kestrix/{module}.py", names)
+            record = wheel.read("kestrix-0.8.2.dist-info/RECORD").decode().splitlines()
+            for line in record:
+                path, digest, size = line.split(",")
+                if not digest:
+                    continue
+                data = wheel.read(path)
+                expected = base64.urlsafe_b64encode(hashlib.sha256(data).digest()).rstrip(b"=")
+                self.assertEqual(digest, "sha256=" + expected.decode(), path)
+                self.assertEqual(int(size), len(data), path)
+            self.assertIn("Name: kestrix", wheel.read("kestrix-0.8.2.dist-info/METADATA").decode())
