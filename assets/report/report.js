@@ -10,7 +10,7 @@
     7: "sequential simulation", 8: "sequential estimation", 9: "sequential control"};
   var COLOURS = ["#1f6fb4", "#d9541e", "#2b9a3b", "#8a3fb8", "#b8860b", "#17a2b8", "#c2185b"];
   var TABLE_KEYS = ["STATUS", "FSTATUS", "PSTATUS", "MEAS", "NEWVAL", "MODEL", "LOWER", "UPPER",
-    "SP", "SPHI", "SPLO", "DMAX", "CV_TYPE", "BIAS", "COST"];
+    "SP", "SPHI", "SPLO", "DMAX", "BIAS", "COST"];
   var errors = 0;
   var plots = [];
 
@@ -166,7 +166,7 @@
         var m = D.measurements[v.name];
         if (m) series.push({label: "measured", values: m.slice(0, x.length), colour: "#d9541e", points: true});
       } else if (v.class === "CV") {
-        var sq = p.CV_TYPE === 2;
+        var sq = D.cv_type === 2;  // squared error: a set point; otherwise a band
         if (sq && p.SP !== null && p.SP !== undefined)
           series.push({label: "SP", values: constant(x, p.SP), colour: "#2b9a3b", dash: [6, 4]});
         if (!sq && p.SPHI !== null && p.SPHI !== undefined)

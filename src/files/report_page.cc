@@ -63,7 +63,7 @@ double CurrentValue(const dbs::Variable& v) {
 
 constexpr std::string_view kTableProperties[] = {
     "STATUS", "FSTATUS", "PSTATUS", "MEAS",  "NEWVAL", "MODEL", "LOWER", "UPPER",
-    "SP",     "SPHI",    "SPLO",    "DMAX",  "CV_TYPE", "BIAS", "COST"};
+    "SP",     "SPHI",    "SPLO",    "DMAX",  "BIAS",   "COST"};
 
 Json VariableJson(const dbs::Variable& v) {
   Json j = {{"name", v.name}, {"class", std::string(dbs::ClassName(v.cls))},
@@ -107,6 +107,7 @@ Json PageData(const ReportInputs& in) {
   return {{"app", in.app},
           {"imode", in.imode},
           {"outcome", OutcomeJson(o)},
+          {"cv_type", o.Int("CV_TYPE")},
           {"menu", o.Int("WEB_MENU") > 0},
           {"plot_seconds", o.Int("WEB_PLOT_FREQ")},
           {"pages", in.sibling_pages},

@@ -126,6 +126,7 @@ TEST(ReportPage, EmbedsTheCycleDataWithUnsetValuesAsNull) {
   EXPECT_NE(page.find("http-equiv=\"refresh\" content=\"1200\""), std::string::npos);
   const nlohmann::json d = PageData(page);
   EXPECT_EQ(d["imode"], 6);
+  EXPECT_EQ(d["cv_type"], 1);
   EXPECT_EQ(d["outcome"]["objective"], 3.5);
   EXPECT_EQ(d["outcome"]["cycle"], 5);
   EXPECT_EQ(d["pages"][0], "est_report.html");
