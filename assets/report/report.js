@@ -109,7 +109,7 @@
     var o = D.outcome, s = section(page, "outcome", "Outcome");
     var good = o.appstatus === 1;
     var t = el("table", {"class": "outcome"});
-    [["Status", good ? "successful" : "failed (solver status " + o.solvestatus + ")"],
+    [["Status", good ? "successful" : "failed (solver code " + o.appinfo + ")"],
       ["Objective", fmt(o.objective)], ["Iterations", fmt(o.iterations)],
       ["Solve time (s)", fmt(o.solvetime)], ["Cycle", fmt(o.cycle)]].forEach(function (r) {
       var tr = el("tr", {});

@@ -78,7 +78,7 @@ Json VariableJson(const dbs::Variable& v) {
 }
 
 Json OutcomeJson(const dbs::OptionStore& o) {
-  return {{"appstatus", o.Int("APPSTATUS")},   {"solvestatus", o.Int("SOLVESTATUS")},
+  return {{"appstatus", o.Int("APPSTATUS")},   {"appinfo", o.Int("APPINFO")},
           {"objective", Number(o.Real("OBJFCNVAL"))}, {"iterations", o.Int("ITERATIONS")},
           {"solvetime", Number(o.Real("SOLVETIME"))}, {"cycle", o.Int("CYCLECOUNT") + 1}};
 }
