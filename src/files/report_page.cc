@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
-#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "base/sentinels.h"
@@ -61,13 +61,12 @@ double CurrentValue(const dbs::Variable& v) {
   return Property(v, input ? "NEWVAL" : "MODEL");
 }
 
-constexpr std::string_view kTableProperties[] = {
-    "STATUS", "FSTATUS", "PSTATUS", "MEAS",  "NEWVAL", "MODEL", "LOWER", "UPPER",
-    "SP",     "SPHI",    "SPLO",    "DMAX",  "BIAS",   "COST"};
+constexpr std::string_view kTableProperties[] = {"STATUS", "FSTATUS", "PSTATUS", "MEAS", "NEWVAL",
+                                                 "MODEL",  "LOWER",   "UPPER",   "SP",   "SPHI",
+                                                 "SPLO",   "DMAX",    "BIAS",    "COST"};
 
 Json VariableJson(const dbs::Variable& v) {
-  Json j = {{"name", v.name}, {"class", std::string(dbs::ClassName(v.cls))},
-            {"units", v.units}};
+  Json j = {{"name", v.name}, {"class", std::string(dbs::ClassName(v.cls))}, {"units", v.units}};
   Json props = Json::object();
   for (std::string_view key : kTableProperties) {
     const double value = Property(v, key);
@@ -78,7 +77,7 @@ Json VariableJson(const dbs::Variable& v) {
 }
 
 Json OutcomeJson(const dbs::OptionStore& o) {
-  return {{"appstatus", o.Int("APPSTATUS")},   {"appinfo", o.Int("APPINFO")},
+  return {{"appstatus", o.Int("APPSTATUS")},          {"appinfo", o.Int("APPINFO")},
           {"objective", Number(o.Real("OBJFCNVAL"))}, {"iterations", o.Int("ITERATIONS")},
           {"solvetime", Number(o.Real("SOLVETIME"))}, {"cycle", o.Int("CYCLECOUNT") + 1}};
 }
@@ -128,11 +127,20 @@ std::string HtmlEscape(std::string_view s) {
   std::string out;
   for (char c : s) {
     switch (c) {
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '&': out += "&amp;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '&':
+        out += "&amp;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;

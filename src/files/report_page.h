@@ -22,20 +22,20 @@ namespace kx::files {
 
 // The history file: a header line, then one row per cycle, oldest first.
 struct ReportHistory {
-  std::vector<std::string> columns;         // "cycle", "status", "objective", ..., then names
-  std::vector<std::vector<double>> rows;    // rows[cycle][column]; NaN for no value
-  bool complete = true;                     // read: the file ended with a whole line
+  std::vector<std::string> columns;       // "cycle", "status", "objective", ..., then names
+  std::vector<std::vector<double>> rows;  // rows[cycle][column]; NaN for no value
+  bool complete = true;                   // read: the file ended with a whole line
 };
 
 // Everything a page shows, gathered from the cycle.
 struct ReportInputs {
-  std::string app;                          // application name, lower case
-  int imode = 3;                            // IMODE of the cycle
+  std::string app;                            // application name, lower case
+  int imode = 3;                              // IMODE of the cycle
   const dbs::OptionStore* options = nullptr;  // options, outcome keys and class properties
-  const ResultsTable* results = nullptr;    // the cycle's results (results.json)
-  MeasurementHistory measurements;          // estimation: measured values per results row
-  ReportHistory history;                    // the last HIST_HOR cycles, this one included
-  std::vector<std::string> sibling_pages;   // other "*_report.html" files of the folder
+  const ResultsTable* results = nullptr;      // the cycle's results (results.json)
+  MeasurementHistory measurements;            // estimation: measured values per results row
+  ReportHistory history;                      // the last HIST_HOR cycles, this one included
+  std::vector<std::string> sibling_pages;     // other "*_report.html" files of the folder
 };
 
 // The history row of this cycle: cycle number, solve status, objective, iterations, solve

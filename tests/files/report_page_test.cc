@@ -48,21 +48,21 @@ nlohmann::json PageData(const std::string& page) {
 
 TEST(ReportHistory, RowHoldsOutcomeThenEachVariableByClass) {
   const ReportHistory h = HistoryRowOf(CycleStore(), 0);
-  const std::vector<std::string> columns = {"cycle",   "status", "objective", "iterations",
-                                            "solvetime", "valve", "inflow",  "outflow",
-                                            "level",   "level.meas"};
+  const std::vector<std::string> columns = {"cycle",     "status",    "objective", "iterations",
+                                            "solvetime", "valve",     "inflow",    "outflow",
+                                            "level",     "level.meas"};
   EXPECT_EQ(h.columns, columns);
   ASSERT_EQ(h.rows.size(), 1u);
   const std::vector<double>& r = h.rows[0];
-  EXPECT_EQ(r[0], 5);    // the cycle this one becomes
-  EXPECT_EQ(r[1], 1);    // good
+  EXPECT_EQ(r[0], 5);  // the cycle this one becomes
+  EXPECT_EQ(r[1], 1);  // good
   EXPECT_EQ(r[2], 3.5);
   EXPECT_EQ(r[3], 7);
-  EXPECT_EQ(r[5], 0.6);  // FV NEWVAL
-  EXPECT_EQ(r[6], 1.5);  // MV NEWVAL
-  EXPECT_EQ(r[7], 1.25); // SV MODEL
-  EXPECT_EQ(r[8], 0.9);  // CV MODEL
-  EXPECT_EQ(r[9], 0.95); // CV MEAS
+  EXPECT_EQ(r[5], 0.6);   // FV NEWVAL
+  EXPECT_EQ(r[6], 1.5);   // MV NEWVAL
+  EXPECT_EQ(r[7], 1.25);  // SV MODEL
+  EXPECT_EQ(r[8], 0.9);   // CV MODEL
+  EXPECT_EQ(r[9], 0.95);  // CV MEAS
   EXPECT_EQ(HistoryRowOf(CycleStore(), 2).rows[0][1], 0);
 }
 
