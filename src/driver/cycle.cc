@@ -9,8 +9,8 @@
 #include "base/timers.h"
 #include "driver/model_stage.h"
 #include "files/dumps.h"
-#include "files/report_page.h"
 #include "files/replay.h"
+#include "files/report_page.h"
 #include "files/restart.h"
 #include "files/results.h"
 #include "horizon/classes.h"
@@ -90,6 +90,7 @@ void WriteDatabase(const CycleState& state, int solve_status) {
   files::zpm_files(56, "options.json");
 }
 
+// The solution table of the cycle: one row in steady state, one per step boundary otherwise.
 files::ResultsTable ResultsOf(const CycleModel& m) {
   return m.horizon ? files::DynamicResults(*m.horizon, m.base) : files::SteadyResults(m.base);
 }
