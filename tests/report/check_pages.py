@@ -5,11 +5,13 @@ For each example the script runs real cycles through the Python client, opens th
 engine wrote (from disk, no network), and checks that the page script finished
 (body[data-ready]), saw no script error (body[data-errors] = 0, and no uncaught error or
 console error in Chromium's log) and drew plots that all have data (data-plots =
-data-plots-with-data > 0). It also takes a screenshot of each page into --shots.
+data-plots-with-data > 0). It also takes a screenshot of each page into --shots, and checks on one page that, served over
+http, the page redraws itself when a newer cycle has rewritten it (WEB_PLOT_FREQ).
 
 Usage: check_pages.py --chromium PATH [--kestrix PATH] [--shots DIR]
 """
 import argparse
+import http.server
 import math
 import os
 import re
@@ -17,6 +19,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 sys.path.insert(0, os.path.join(ROOT, "clients", "python"))
@@ -115,6 +118,43 @@ def check_page(binary, page, shot):
     return problems, plots
 
 
+def check_follow(binary, page):
+    """Serves `page` once, then a copy whose cycle number is 777, and checks that the page
+    fetched the copy and redrew (the outcome table shows cycle 777)."""
+    with open(page, "rb") as f:
+        first = f.read()
+    second, count = re.subn(rb'"cycle":\d+\}', b'"cycle":777}', first, count=1)
+    if count != 1:
+        return ["no cycle number in the page data"]
+    served = []
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            body = first if not served else second
+            served.append(self.path)
+            self.send_response(200)
+            self.send_header("Content-Type", "text/html")
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *args):
+            pass
+
+    server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    profile = tempfile.mkdtemp(prefix="kx_chromium_")
+    try:
+        url = f"http://127.0.0.1:{server.server_port}/{os.path.basename(page)}"
+        dom = chromium(binary, ["--dump-dom", url], profile).stdout
+    finally:
+        server.shutdown()
+        shutil.rmtree(profile, ignore_errors=True)
+    if "Cycle</th><td>777</td>" not in dom:
+        return [f"served over http the page did not redraw ({len(served)} requests)"]
+    return []
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--chromium", required=True)
@@ -135,6 +175,12 @@ def main():
                 problems, plots = check_page(args.chromium, page, shot)
                 status = "ok" if not problems else "FAILED"
                 print(f"{os.path.basename(page)}: {plots} plots, {status}; screenshot {shot}")
+                for p in problems:
+                    print("   " + p)
+                failures += bool(problems)
+            if name == "tank":
+                problems = check_follow(args.chromium, page)
+                print("plot updates over http: " + ("ok" if not problems else "FAILED"))
                 for p in problems:
                     print("   " + p)
                 failures += bool(problems)
