@@ -20,7 +20,8 @@ build: configure
 demo: build
 	@rm -rf $(BUILD)/demo-run && cp -r examples/demo $(BUILD)/demo-run
 	@cd $(BUILD)/demo-run && ../kestrix demo; status=$$?; \
-	  echo "kestrix exit status: $$status (1 = good cycle, 0 = failed or stopped)"
+	  echo "kestrix exit status: $$status (1 = good cycle, 0 = failed or stopped)"; \
+	  echo "report page: $(BUILD)/demo-run/demo_report.html"
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600

@@ -7,6 +7,7 @@ packages=(
   libgtest-dev googletest libbenchmark-dev
   coinor-libipopt-dev libmumps-seq-dev libsuitesparse-dev
   nlohmann-json3-dev libfmt-dev libsundials-dev
+  python3 python3-venv chromium  # the Python client and its tests; the report page test
 )
 
 missing=()

@@ -2,8 +2,9 @@
 """Outer program of a moving-horizon estimator: a simulated tank plays the plant.
 
 Each period the plant moves on 0.25 h, its level is measured with noise, and the script
-writes only the new measurements (level.MEAS and inflow.MEAS) to measurements.dbs, runs one
-estimation cycle of the engine and reads the estimated valve coefficient back from mhe.dbs.
+hands only the new measurements (level.MEAS and inflow.MEAS) to the engine, runs one
+estimation cycle and reads the estimated valve coefficient back from mhe.dbs, all through the
+Python client (clients/python).
 
 Usage: python3 run_mhe.py [--kestrix PATH] [--cycles N] [--work DIR]
 """
@@ -12,22 +13,16 @@ import math
 import os
 import random
 import shutil
-import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "clients", "python"))
+import kestrix  # noqa: E402
+
 TRUE_VALVE = 0.6   # what the estimator should find
 AREA = 2.0
 PERIOD = 0.25      # h
 NOISE = 0.005      # m, standard deviation of the level measurement
-
-
-def find_kestrix(given):
-    for path in (given, shutil.which("kestrix"),
-                 os.path.join(HERE, "..", "..", "build", "kestrix")):
-        if path and os.path.isfile(path) and os.access(path, os.X_OK):
-            return os.path.abspath(path)
-    sys.exit("kestrix not found: build it with 'make' or pass --kestrix PATH")
 
 
 def plant_step(level, inflow, hours, valve=TRUE_VALVE, area=AREA, substeps=20):
@@ -43,18 +38,12 @@ def plant_step(level, inflow, hours, valve=TRUE_VALVE, area=AREA, substeps=20):
     return level
 
 
-def read_dbs(path):
-    """The 'NAME VALUE' records of a DBS file the engine wrote, as a dict."""
-    values = {}
-    with open(path) as f:
-        for line in f:
-            parts = line.replace("=", " ").replace(",", " ").split()
-            if len(parts) >= 2:
-                try:
-                    values[parts[0].lower()] = float(parts[1])
-                except ValueError:
-                    pass
-    return values
+def fresh_app(name, work, kestrix_path, files, source=HERE):
+    """Application `name` in an emptied folder `work`, with `files` copied from `source`."""
+    shutil.rmtree(work, ignore_errors=True)
+    app = kestrix.App(name, folder=work, kestrix=kestrix_path)
+    app.copy_from(source, files)
+    return app
 
 
 def main():
@@ -63,29 +52,28 @@ def main():
     parser.add_argument("--cycles", type=int, default=60)
     parser.add_argument("--work", default="mhe-run")
     args = parser.parse_args()
-    kestrix = find_kestrix(args.kestrix)
-
-    shutil.rmtree(args.work, ignore_errors=True)
-    os.makedirs(args.work)
-    for name in ("mhe.zpm", "mhe.info", "mhe.dbs"):
-        shutil.copy(os.path.join(HERE, name), args.work)
+    app = fresh_app("mhe", args.work, args.kestrix, ["mhe.zpm", "mhe.info", "mhe.dbs"])
 
     rng = random.Random(7)
-    level, estimate = 4.0, None
-    print(f"{'cycle':>5} {'time':>6} {'inflow':>7} {'level':>8} {'valve':>8}")
-    for cycle in range(1, args.cycles + 1):
-        inflow = 1.0 + 0.4 * math.sin(cycle / 5.0)  # the inflow wanders
-        level = plant_step(level, inflow, PERIOD)
-        measured = level + rng.gauss(0.0, NOISE)
-        with open(os.path.join(args.work, "measurements.dbs"), "w") as f:
-            f.write(f"level.MEAS = {measured:.6f}\ninflow.MEAS = {inflow:.6f}\n")
-        run = subprocess.run([kestrix, "mhe"], cwd=args.work, capture_output=True, text=True)
-        if run.returncode != 1:
-            print(run.stdout[-2000:])
-            sys.exit(f"cycle {cycle}: the estimation cycle failed")
-        estimate = read_dbs(os.path.join(args.work, "mhe.dbs"))["valve.newval"]
-        print(f"{cycle:5d} {cycle * PERIOD:6.2f} {inflow:7.3f} {measured:8.4f} {estimate:8.4f}")
+    plant = {"level": 4.0}
 
+    def measure(cycle):
+        inflow = 1.0 + 0.4 * math.sin(cycle / 5.0)  # the inflow wanders
+        plant["level"] = plant_step(plant["level"], inflow, PERIOD)
+        plant["measured"] = plant["level"] + rng.gauss(0.0, NOISE)
+        plant["inflow"] = inflow
+        return {"level": plant["measured"], "inflow": inflow}
+
+    def show(cycle, cycles):
+        print(f"{cycle:5d} {cycle * PERIOD:6.2f} {plant['inflow']:7.3f} {plant['measured']:8.4f} "
+              f"{app.get('valve', 'NEWVAL'):8.4f}")
+
+    print(f"{'cycle':>5} {'time':>6} {'inflow':>7} {'level':>8} {'valve':>8}")
+    try:
+        kestrix.run_cycles(app, args.cycles, measure, show)
+    except kestrix.CycleFailed as failed:
+        sys.exit(str(failed))
+    estimate = app.get("valve", "NEWVAL")
     error = abs(estimate - TRUE_VALVE) / TRUE_VALVE
     print(f"final estimate {estimate:.4f}, true {TRUE_VALVE}, error {100 * error:.2f}%")
     sys.exit(0 if error <= 0.02 else 1)

@@ -10,6 +10,7 @@
 #include "driver/model_stage.h"
 #include "files/dumps.h"
 #include "files/replay.h"
+#include "files/report_page.h"
 #include "files/restart.h"
 #include "files/results.h"
 #include "horizon/classes.h"
@@ -89,11 +90,23 @@ void WriteDatabase(const CycleState& state, int solve_status) {
   files::zpm_files(56, "options.json");
 }
 
+// The solution table of the cycle: one row in steady state, one per step boundary otherwise.
+files::ResultsTable ResultsOf(const CycleModel& m) {
+  return m.horizon ? files::DynamicResults(*m.horizon, m.base) : files::SteadyResults(m.base);
+}
+
+// If WEB > 0, the report page "APP_report.html" and its history file.
+void WriteReport(const CycleState& state, int solve_status) {
+  if (state.web <= 0 || !state.model) return;
+  ScopedTimer timer("Web report");
+  files::WriteReportPage(state.app, state.store, state.flags.imode, solve_status,
+                         ResultsOf(*state.model));
+}
+
 // "results.csv" (unless CSV_WRITE is 0) and "results.json" from the model of the cycle.
 void WriteResults(const CycleState& state) {
   if (!state.model) return;
-  files::ResultsTable table = state.model->horizon ? files::DynamicResults(*state.model->horizon, state.model->base)
-                                                    : files::SteadyResults(state.model->base);
+  files::ResultsTable table = ResultsOf(*state.model);
   if (state.store.Int("CSV_WRITE") != 0) files::WriteResultsCsv("results.csv", table);
   files::WriteResultsJson("results.json", table);
 }
@@ -158,6 +171,7 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   state.files = &routine;
   Prologue(state, argc, argv);
   int solve_status = stage(state);
+  WriteReport(state, solve_status);
   WriteDatabase(state, solve_status);
   Epilogue(state, solve_status);
   FlushOutput();
