@@ -2,9 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "dbs/option_table.h"
+#include "dbs/options_doc.h"
+#include "dbs/options_json.h"
 
 namespace kx::dbs {
 namespace {
@@ -104,6 +111,51 @@ TEST(OptionTable, EveryClassPropertyHasADefinitionAndOutcomesAreOutputs) {
     for (std::string_view p : ClassProperties(c))
       EXPECT_NE(FindPropertyDef(p), nullptr) << ClassName(c) << " " << p;
   for (std::string_view key : OutcomeKeys()) EXPECT_EQ(FindGlobalDef(key)->direction, 2);
+}
+
+TEST(OptionsJson, HoldsGlobalsOutcomeKeysAndVariablesWithTypedValues) {
+  OptionStore s;
+  s.AddVariable("u", VarClass::kMV);
+  s.SetHorizon(2);
+  s.SetGlobal("IMODE", 4.8);
+  s.SetGlobal("SOLVETIME", 0.25);
+  s.Set("u", "PRED[2]", 3.5);
+  auto j = nlohmann::json::parse(FormatOptionsJson(s));
+  EXPECT_EQ(j["ZPM"]["IMODE"], 4);
+  EXPECT_TRUE(j["ZPM"]["IMODE"].is_number_integer());
+  EXPECT_EQ(j["NLC"]["SOLVETIME"], 0.25);
+  EXPECT_EQ(j["NLC"].size(), 6u);
+  EXPECT_EQ(j["ZPM"].size(), 61u);
+  EXPECT_EQ(j["u"]["PRED"], nlohmann::json::parse("[1.0, 3.5]"));
+  EXPECT_EQ(j["u"]["DCOST"], 9.999999747378752e-06);
+  EXPECT_EQ(j["u"]["OSTATUS[1]"], 0);
+  // Keys keep store order.
+  auto ordered = nlohmann::ordered_json::parse(FormatOptionsJson(s));
+  EXPECT_EQ(ordered.begin().key(), "ZPM");
+  EXPECT_EQ(ordered["ZPM"].begin().key(), "APPINFO");
+}
+
+constexpr const char* kPage = KX_SOURCE_DIR "/docs/options.md";
+
+// The committed page must be exactly what the tables generate. To regenerate after a table
+// change, run this test with KX_UPDATE_DOCS=1.
+TEST(OptionsDoc, CommittedPageMatchesTheTables) {
+  std::string generated = RenderOptionsMarkdown();
+  if (std::getenv("KX_UPDATE_DOCS") != nullptr) std::ofstream(kPage) << generated;
+  std::ifstream in(kPage);
+  ASSERT_TRUE(in) << kPage << " is missing";
+  std::stringstream committed;
+  committed << in.rdbuf();
+  EXPECT_EQ(committed.str(), generated)
+      << "docs/options.md drifted from src/dbs/option_table.cc; rerun with KX_UPDATE_DOCS=1";
+}
+
+TEST(OptionsDoc, EveryOptionAndPropertyHasARow) {
+  std::string page = RenderOptionsMarkdown();
+  for (const OptionDef& d : GlobalOptionTable())
+    EXPECT_NE(page.find("| `" + std::string(d.name) + "` |"), std::string::npos) << d.name;
+  for (const OptionDef& d : PropertyTable())
+    EXPECT_NE(page.find("| `" + std::string(d.name) + "` |"), std::string::npos) << d.name;
 }
 
 }  // namespace

@@ -15,11 +15,6 @@ std::string Model(const std::string& variables, const std::string& equations) {
          "  End Equations\nEnd Model\n";
 }
 
-double DbsValue(const std::string& dbs, const std::string& key) {
-  size_t at = dbs.find("\n" + key + " ");
-  return at == std::string::npos ? -1e300 : std::stod(dbs.substr(at + key.size() + 2));
-}
-
 size_t Count(const std::string& text, const std::string& what) {
   size_t n = 0;
   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;

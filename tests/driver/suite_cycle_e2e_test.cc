@@ -13,11 +13,6 @@
 namespace kx::driver {
 namespace {
 
-double DbsValue(const std::string& dbs, const std::string& key) {
-  size_t at = dbs.find("\n" + key + " ");
-  return at == std::string::npos ? -1e300 : std::stod(dbs.substr(at + key.size() + 2));
-}
-
 // Nonconvex problems on which the built-in interior-point solver ends at another local
 // minimum than the known optimum from the suite's start point (a worse one).
 bool OtherLocalMinimum(const std::string& solver, const std::string& problem) {

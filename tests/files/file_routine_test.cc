@@ -4,6 +4,8 @@
 
 #include "base/report.h"
 #include "base/timers.h"
+#include "files/info_file.h"
+#include "files/replay.h"
 #include "testing/scratch_dir.h"
 
 namespace kx::files {
@@ -83,6 +85,78 @@ TEST(FileRoutine, DbsWriteDoesTheCycleBookkeeping) {
   dir.Write("app.dbs", "untouched");
   EXPECT_EQ(routine.Run(52, "app"), 1);
   EXPECT_EQ(dir.Read("app.dbs"), "untouched");
+}
+
+TEST(InfoFile, ParsesDeclarationsInFileOrder) {
+  auto entries = ParseInfoText("! classes\n\nFV, K\n  mv ,valve\nSv temp\n# done\n% note\nCV,tank.level\n",
+                               "app.info");
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_EQ(entries[0].name, "k");
+  EXPECT_EQ(entries[1].cls, dbs::VarClass::kMV);
+  EXPECT_EQ(entries[1].name, "valve");
+  EXPECT_EQ(entries[2].cls, dbs::VarClass::kSV);
+  EXPECT_EQ(entries[3].name, "tank.level");
+  EXPECT_EQ(entries[3].line, 8);
+}
+
+TEST(InfoFile, BadLinesStopNamingTheLine) {
+  struct Case {
+    const char* text;
+    const char* message;
+  } cases[] = {{"FV, a\nXV, b\n", "Error in app.info at line 2: class must be FV, MV, SV or CV"},
+               {"MV\n", "Error in app.info at line 1: expected CLASS, name"},
+               {"CV, a b\n", "Error in app.info at line 1: expected one variable name"}};
+  for (const auto& c : cases) {
+    OutputCapture out;
+    EXPECT_THROW(ParseInfoText(c.text, "app.info"), Stop) << c.text;
+    EXPECT_TRUE(out.Contains(c.message)) << out.text();
+  }
+}
+
+TEST(InfoFile, ModelCheckRefusesUnknownNamesAndWrongKinds) {
+  // 1 parameter, 2 variable, 0 unknown.
+  ModelKindFn kind = [](std::string_view n) { return n == "p" ? 1 : n == "x" ? 2 : 0; };
+  struct Case {
+    const char* text;
+    const char* message;  // "" when accepted
+  } cases[] = {{"FV, p\nCV, x\n", ""},
+               {"MV, p\nSV, x\n", ""},
+               {"FV, p\nCV, y\n", "line 2: y is not in the model"},
+               {"SV, p\n", "line 1: p must be a variable for class SV"},
+               {"MV, x\n", "line 1: x must be a parameter for class MV"},
+               {"FV, p\nMV, p\n", "line 2: p is already declared with another class"}};
+  for (const auto& c : cases) {
+    dbs::OptionStore store;
+    OutputCapture out;
+    auto entries = ParseInfoText(c.text, "app.info");
+    if (*c.message == '\0') {
+      EXPECT_NO_THROW(RegisterInfoEntries(entries, "app.info", store, kind)) << c.text;
+    } else {
+      EXPECT_THROW(RegisterInfoEntries(entries, "app.info", store, kind), Stop) << c.text;
+      EXPECT_TRUE(out.Contains(c.message)) << c.text << "\n" << out.text();
+    }
+  }
+  dbs::OptionStore store;
+  RegisterInfoEntries(ParseInfoText("CV, anything\n", "app.info"), "app.info", store, nullptr);
+  EXPECT_NE(store.FindVariable("anything"), nullptr);
+}
+
+TEST(Replay, WritesTheSelectedRowAsDbsLines) {
+  WorkingDir dir("kx_replay");
+  dir.Write("replay.csv", "\"tank.level.MEAS\", ZPM.FILTER ,x.MEAS\n1,0.5,7\n2.5,,nan\n3,0.25,9\n");
+  OutputCapture out;
+  ASSERT_TRUE(ReplayRow(2, "replay.csv", "measurements.dbs"));
+  EXPECT_EQ(dir.Read("measurements.dbs"),
+            "! replay of row 2 of replay.csv\ntank.level.MEAS = 2.5\n");
+  ASSERT_TRUE(ReplayRow(3, "replay.csv", "measurements.dbs"));
+  EXPECT_NE(dir.Read("measurements.dbs").find("ZPM.FILTER = 0.25\nx.MEAS = 9\n"),
+            std::string::npos);
+  dir.Write("measurements.dbs", "kept\n");
+  EXPECT_FALSE(ReplayRow(4, "replay.csv", "measurements.dbs"));
+  EXPECT_FALSE(ReplayRow(1, "missing.csv", "measurements.dbs"));
+  EXPECT_EQ(dir.Read("measurements.dbs"), "kept\n");
+  EXPECT_TRUE(out.Contains("Warning: replay.csv has no data row 4"));
+  EXPECT_TRUE(out.Contains("Warning: replay file not found: missing.csv"));
 }
 
 }  // namespace

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <tuple>
 
 #include "base/report.h"
+#include "base/sentinels.h"
 #include "files/dumps.h"
 #include "files/file_routine.h"
+#include "files/results.h"
 #include "model/builder.h"
 #include "testing/scratch_dir.h"
 
@@ -33,13 +36,15 @@ struct State {
   bool p_fixed, a_fixed;
 };
 
-State StateOf(const model::ModelStore& s) {
-  auto find = [&](const char* name) -> const model::Variable& {
-    for (int n = 1; n <= s.nvar; ++n)
-      if (s.Var(n).name == name) return s.Var(n);
-    throw std::runtime_error(name);
-  };
-  return {find("p").val, find("a").val, find("b").val, find("p").fixed, find("a").fixed};
+model::Variable& Named(model::ModelStore& s, const char* name) {
+  for (int n = 1; n <= s.nvar; ++n)
+    if (s.Var(n).name == name) return s.Var(n);
+  throw std::runtime_error(name);
+}
+
+State StateOf(model::ModelStore& s) {
+  return {Named(s, "p").val, Named(s, "a").val, Named(s, "b").val, Named(s, "p").fixed,
+          Named(s, "a").fixed};
 }
 
 TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
@@ -174,6 +179,51 @@ TEST(Infeasibilities, ViolatedRowsComeFirstWorstFirst) {
   size_t at2 = text.find("eqn 2"), at3 = text.find("eqn 3"), at1 = text.find("eqn 1");
   EXPECT_LT(at2, at3);
   EXPECT_LT(at3, at1);
+}
+
+// A restart value that is not a finite number is reported with file and line and read as no
+// value; a value the engine holds that is not finite is written as a sentinel that reads back.
+TEST(RestartGate, NonFiniteValuesWarnOnReadingAndAreWrittenAsSentinels) {
+  kx::testing::ScratchDir dir("kx_restart_gate");
+  dir.Write("ss.t0", "! header\nss.a = 1e999\nss.b = 5 *\nss.a = nan\n");
+  model::ModelStore s = Build();
+  {
+    OutputCapture out;
+    RestartStats stats;
+    ASSERT_TRUE(ReadRestart(dir.File("ss.t0"), RestartRead::kByName, s, &stats));
+    const std::string at = "Warning: " + dir.File("ss.t0") + " line ";
+    EXPECT_EQ(out.lines(),
+              (std::vector<std::string>{
+                  at + "2: value of ss.a is not a number, read as no value",
+                  at + "4: value of ss.a is not a number, read as no value"}));
+    EXPECT_EQ(stats.matched, 1);
+  }
+  EXPECT_EQ(Named(s, "a").val, 1.0);  // declared value kept
+  EXPECT_EQ(Named(s, "b").val, 5.0);
+  Named(s, "a").val = std::numeric_limits<double>::infinity();
+  Named(s, "b").val = std::numeric_limits<double>::quiet_NaN();
+  ASSERT_TRUE(WriteRestart(dir.File("ss.t0"), s, false));
+  const std::string text = dir.Read("ss.t0");
+  EXPECT_EQ(text.find("inf"), std::string::npos) << text;
+  EXPECT_EQ(text.find("nan"), std::string::npos) << text;
+  model::ModelStore back = Build();
+  OutputCapture out;
+  ASSERT_TRUE(ReadRestart(dir.File("ss.t0"), RestartRead::kByPosition, back));
+  EXPECT_TRUE(out.text().empty()) << out.text();
+  EXPECT_EQ(Named(back, "a").val, kUnlimited);
+  EXPECT_EQ(Named(back, "b").val, kNoValue);
+}
+
+// A value that is not finite is an empty cell: the data reader's "no value".
+TEST(ResultsGate, NonFiniteValuesAreEmptyCells) {
+  kx::testing::ScratchDir dir("kx_results_gate");
+  ResultsTable t;
+  t.time = {0, 1};
+  t.names = {"x", "y"};
+  t.values = {{1.5, std::numeric_limits<double>::infinity()},
+              {std::numeric_limits<double>::quiet_NaN(), 2}};
+  ASSERT_TRUE(WriteResultsCsv(dir.File("results.csv"), t));
+  EXPECT_EQ(dir.Read("results.csv"), "time,x,y\n0,1.5,\n1,,2\n");
 }
 
 }  // namespace
