@@ -19,7 +19,7 @@ namespace {
 
 using testing::ModelText;
 
-const std::string& Hs071() { return testing::ModelCases()[0].text; }
+const std::string& Hs071() { return testing::ModelCaseText("hs071"); }
 
 testing::Solved SolveText(const std::string& text, const std::string& options) {
   auto model = testing::LoadModelText(text);
@@ -32,13 +32,18 @@ TEST(AsoptSqpTest, IterationLimitFromTheOptionsFile) {
   EXPECT_EQ(s.result.iterations, 2);
 }
 
-// Solves the model text with ASOPT and with the interior-point library and expects both to
+// A model of tests/models/sqp/.
+std::string SqpModel(const std::string& name) {
+  return std::string(KX_SOURCE_DIR) + "/tests/models/sqp/" + name + ".zpm";
+}
+
+// Solves the model file with ASOPT and with the interior-point library and expects both to
 // succeed with the same objective, relative to the objective less `constant` (a cost that is
 // the same at every point). Returns the ASOPT result.
-SolverResult ExpectInteriorPointOptimum(const std::string& text, const SolverSettings& settings,
+SolverResult ExpectInteriorPointOptimum(const std::string& name, const SolverSettings& settings,
                                         double constant = 0.0) {
-  auto asopt_model = testing::LoadModelText(text);
-  auto ipopt_model = testing::LoadModelText(text);
+  auto asopt_model = testing::LoadModelFile(SqpModel(name));
+  auto ipopt_model = testing::LoadModelFile(SqpModel(name));
   const SolverResult a =
       testing::SolveQuietly(testing::SolverKind::kAsopt, *asopt_model->problem, settings).result;
   const SolverResult b =
@@ -50,68 +55,29 @@ SolverResult ExpectInteriorPointOptimum(const std::string& text, const SolverSet
   return a;
 }
 
-// A control problem whose cost is weighted by the mesh width and a small factor: every
-// gradient entry is below 1e-6, so an absolute stationarity test at the default tolerance
-// passes after the first step, far from the optimum. The objective itself is about 1.6e-6:
-// compare it relative to its own size.
+// Every gradient entry is below 1e-6, so an absolute stationarity test at the default
+// tolerance passes after the first step, far from the optimum. The objective itself is about
+// 1.6e-6: compare it relative to its own size.
 TEST(AsoptSqpTest, SmallGradientObjectiveReachesItsOptimum) {
-  const std::string body =
-      "  Variables\n    u[1:n] = 0\n    f[1:n] = 0, >= -10, <= 10\n  End Variables\n"
-      "  Equations\n"
-      "    -2*u[1] + u[2] + h^2*(2*exp(u[1]) + f[1]) = 0\n"
-      "    u[1:n-2] - 2*u[2:n-1] + u[3:n] + h^2*(2*exp(u[2:n-1]) + f[2:n-1]) = 0\n"
-      "    u[n-1] - 2*u[n] + h^2*(2*exp(u[n]) + f[n]) = 0\n"
-      "    minimize 1e-4*h*((u[1:n] - 0.3)^2 + 0.01*f[1:n]^2)\n";
-  const std::string head =
-      "Model control\n  Constants\n    n = 400\n    h = 1/(n + 1)\n  End Constants\n";
-  // The second model adds a constant cost through a parameter: a fixed variable whose large
-  // gradient must not loosen the stationarity test of the free ones.
   const SolverSettings settings{.constraint_tol = 1e-10, .max_iter = 200};
-  ExpectInteriorPointOptimum(head + body + "  End Equations\nEnd Model\n", settings);
-  ExpectInteriorPointOptimum(head + "  Parameters\n    price = 3\n  End Parameters\n" + body +
-                                 "    minimize 100*price\n  End Equations\nEnd Model\n",
-                             settings, 300.0);
+  ExpectInteriorPointOptimum("small_gradient", settings);
+  ExpectInteriorPointOptimum("small_gradient_constant", settings, 300.0);
 }
 
-// Beam control: the fourth derivative of u plus exp(u) equals v, clamped at both ends,
-// discretised with the fourth difference. The rows' smallest eigenvalue is about (pi/n)^4, so
-// the row multipliers are about 1e8 times the objective gradient. The linear solves then miss
-// the rows by about eps * |multiplier|, and near the optimum the penalty times the rounding of
-// the violation swamps the predicted merit decrease, as the stationarity's rounding does the
-// dual error: each of these turns the iteration into a crawl that never meets the tolerances.
+// The rows' smallest eigenvalue is about (pi/n)^4, so the row multipliers are about 1e8 times
+// the objective gradient. The linear solves then miss the rows by about eps * |multiplier|,
+// and near the optimum the penalty times the rounding of the violation swamps the predicted
+// merit decrease, as the stationarity's rounding does the dual error: each of these turns the
+// iteration into a crawl that never meets the tolerances.
 TEST(AsoptSqpTest, HugeMultipliersStillConverge) {
-  const std::string text =
-      "Model beam\n  Constants\n    n = 300\n    h4 = 1/(n-1)^4\n  End Constants\n"
-      "  Variables\n    u[1:n] = 0\n    v[1:n] = 0, >= -2, <= 2\n  End Variables\n"
-      "  Equations\n    u[1] = 0\n    u[2] = 0\n    u[n-1] = 0\n    u[n] = 0\n"
-      "    u[1:n-4] - 4*u[2:n-3] + 6*u[3:n-2] - 4*u[4:n-1] + u[5:n] + h4*exp(u[3:n-2]) = "
-      "h4*v[3:n-2]\n"
-      "    minimize (u[1:n] - 0.5)^2\n    minimize 1e-3*v[1:n]^2\n  End Equations\n"
-      "End Model\n";
   const SolverSettings settings{.objective_tol = 1e-8, .constraint_tol = 1e-8, .max_iter = 100};
-  EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 10);
+  EXPECT_LE(ExpectInteriorPointOptimum("beam", settings).iterations, 10);
 }
 
-// An implicit-Euler simulation of an exothermic stirred tank: a square system (fixed initial
-// state, one equation per unknown) whose first Newton step leaves the variable bounds. It
-// must be solved like a damped Newton method, in a few iterations.
+// A square system whose first Newton step leaves the variable bounds must be solved like a
+// damped Newton method, in a few iterations.
 TEST(AsoptSqpTest, SquareSimulationSystemConvergesLikeNewton) {
-  const std::string text =
-      "Model tank\n  Constants\n    n = 60\n    dt = 0.05\n  End Constants\n"
-      "  Parameters\n    q = 100\n    v = 100\n    rho = 1000\n    cp = 0.239\n"
-      "    mdelh = 5e4\n    er = 8750\n    k0 = 7.2e10\n    ua = 5e4\n    tf = 350\n"
-      "    caf = 1\n    tc = 300\n  End Parameters\n"
-      "  Variables\n    ca[1] = 0.8, >= 0.8, <= 0.8\n    ca[2:n+1] = 0.8, >= 0\n"
-      "    t[1] = 335, >= 335, <= 335\n    t[2:n+1] = 335, >= 250, <= 500\n"
-      "    rate[1:n+1] = 0\n    qgen[1:n+1] = 0\n  End Variables\n"
-      "  Equations\n"
-      "    rate[1:n+1] = k0*exp(-er/t[1:n+1])*ca[1:n+1]\n"
-      "    qgen[1:n+1] = mdelh*v*rate[1:n+1]\n"
-      "    v*(ca[2:n+1] - ca[1:n]) = dt*(q*(caf - ca[2:n+1]) - v*rate[2:n+1])\n"
-      "    rho*cp*v*(t[2:n+1] - t[1:n]) = dt*(q*rho*cp*(tf - t[2:n+1]) + qgen[2:n+1] + "
-      "ua*(tc - t[2:n+1]))\n"
-      "  End Equations\nEnd Model\n";
-  auto model = testing::LoadModelText(text);
+  auto model = testing::LoadModelFile(SqpModel("stirred_tank"));
   const SolverResult r = testing::SolveQuietly(testing::SolverKind::kAsopt, *model->problem,
                                                SolverSettings{.constraint_tol = 1e-8})
                              .result;
@@ -130,20 +96,12 @@ TEST(AsoptSqpTest, SquareSimulationSystemConvergesLikeNewton) {
   }
 }
 
-// A hanging chain of rigid links between two fixed supports, started from a V shape: the
-// Hessian at the start is nearly zero and the supports are fixed variables. ASOPT must reach
-// the interior-point solver's optimum in a modest number of iterations.
+// From a V shape the Hessian at the start is nearly zero and the supports are fixed
+// variables: ASOPT must reach the interior-point solver's optimum in a modest number of
+// iterations.
 TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
-  const std::string text =
-      "Model chain\n  Constants\n    m = 200\n    len = 1.5/m\n  End Constants\n"
-      "  Variables\n    dx[1:m] = 0.8*len\n    dy[1:m/2] = -0.6*len\n    dy[m/2+1:m] = 0.6*len\n"
-      "    y[1] = 0, >= 0, <= 0\n    y[2:m+1] = 0\n    sx[1] = 0, >= 0, <= 0\n    sx[2:m] = 0\n"
-      "    sx[m+1] = 1, >= 1, <= 1\n  End Variables\n"
-      "  Equations\n    dx[1:m]^2 + dy[1:m]^2 = len^2\n    y[2:m+1] = y[1:m] + dy[1:m]\n"
-      "    sx[2:m+1] = sx[1:m] + dx[1:m]\n    y[m+1] = 0\n"
-      "    minimize len*(y[1:m] + y[2:m+1])/2\n  End Equations\nEnd Model\n";
   const SolverSettings settings{.constraint_tol = 1e-9, .max_iter = 500};
-  EXPECT_LE(ExpectInteriorPointOptimum(text, settings).iterations, 60);
+  EXPECT_LE(ExpectInteriorPointOptimum("chain", settings).iterations, 60);
 }
 
 // A problem that supplies no second derivatives: the solver keeps its own diagonal estimate,

@@ -19,7 +19,7 @@ using testing::WorkingDir;
 
 using Vec = std::vector<double>;
 
-const std::string& Hs071() { return testing::ModelCases()[0].text; }
+const std::string& Hs071() { return testing::ModelCaseText("hs071"); }
 
 // min (x1 - 1)^2 + 100 (x2 - x1^2)^2  s.t.  x1 + x2 >= 2.5, with first derivatives only.
 // `gradient_error` scales d f / d x1 so that the derivative checker has something to find.
