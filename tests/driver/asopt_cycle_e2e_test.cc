@@ -1,5 +1,6 @@
 // The default solver as a user meets it: `kestrix app` in a directory with a model and an
-// "asopt.opt", checked by the console lines and the objective the cycle writes.
+// "asopt.opt", checked by the console lines and the objective the cycle writes. (The options
+// reader and the branch-and-bound cases have their unit tests in tests/solvers.)
 #include <cmath>
 #include <filesystem>
 #include <string>
@@ -39,29 +40,6 @@ TEST_F(AsoptCycle, OptionsFileAndBranchAndBoundThroughTheProgram) {
        Model(one_integer, "    minimize (int_x-3)^2\n"), "MINLP_Print_Level 2 ! with steps\n", 0.0,
        {"* Step: Attempt NLP convergence\n", "Found integer solution on root node\n"},
        {"Unknown option", "Invalid syntax"}, 1},
-      {"bad value: four lines, option unchanged, reading goes on",
-       Model(one_integer, "    minimize (int_x-3)^2\n"),
-       "minlp_print_level two\ninformation_messages 1\n", 0.0,
-       {"Invalid syntax in options file (asopt.opt) at line 1\nLine  : minlp_print_level two\n"
-        "Option: minlp_print_level\nValue : two\n",
-        "  Subroutine Ace_MINLP_solve Inputs  \n", "Found integer solution on root node\n"},
-       {"* Step:"}, 1},
-      {"unknown name and reading goes on", Model(one_integer, "    minimize (int_x-3)^2\n"),
-       "no_such_option 1\nminlp_print_level 2\n", 0.0,
-       {"Unknown option: no_such_option\n", "* Step: Check input to solver\n"}, {}, 1},
-      {"no integer variables", Model("    x = 0\n", "    minimize (x-1.5)^2\n"), "", 0.0,
-       {"No integer variables - completed branching\n", "Successful solution\n"},
-       {"| MINLP Iter:"}, 0},
-      {"integer solution at the root: no branching",
-       Model(one_integer, "    minimize (int_x-3)^2\n"), "", 0.0,
-       {"Found integer solution on root node\n",
-        "MINLP: no other leaves, optimal solution found\n"},
-       {"Not an integer solution", "trial leaf"}, 1},
-      {"a branch past the absolute bound is eliminated, the other kept",
-       Model("    int_x = 0, >= 0, <= 2.5\n", "    minimize (int_x-5)^2\n"), "", 9.0,
-       {"The upper leaf violated an absolute bound and was eliminated\n",
-        "First integer solution\n", "MINLP: no other leaves, optimal solution found\n"},
-       {"The lower leaf violated"}, 2},
       // With a negative integer tolerance no value counts as integer: every leaf branches on
       // the integral value 3 (the start is the optimum, so every leaf ends exactly there), and
       // x >= 3 then x <= 3 meets x <= 3 then x >= 3 in one leaf: 4 leaves in all.
