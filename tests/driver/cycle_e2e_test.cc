@@ -429,14 +429,7 @@ std::string Field(const std::string& line, int column) {
 
 class DynamicCycle : public CycleTest {
  protected:
-  void SetUp() override {
-    for (const char* f : {"tank.zpm", "tank.csv", "tank.info", "tank.dbs"}) {
-      std::ifstream in(std::string(KX_SOURCE_DIR) + "/examples/tank/" + f);
-      std::stringstream text;
-      text << in.rdbuf();
-      Write(f, text.str());
-    }
-  }
+  void SetUp() override { CopyTankExample(); }
 };
 
 TEST_F(DynamicCycle, TankSimulationWritesItsFilesAndTheNextCycleMovesOneStepOn) {
@@ -658,10 +651,7 @@ class SuiteCycle : public CycleTest, public ::testing::WithParamInterface<Param>
 
 TEST_P(SuiteCycle, ReachesTheKnownOptimumAndRestartsWarm) {
   const auto& [e, solver] = GetParam();
-  std::ifstream in(e.path);
-  std::stringstream text;
-  text << in.rdbuf();
-  Write("app.zpm", text.str());
+  Write("app.zpm", kx::testing::ReadFile(e.path));
   Write("overrides.dbs", "ZPM.RTOL = 1e-9\nZPM.MAX_ITER = 3000\n");
   RunResult r = Run("app -" + solver);
   ASSERT_EQ(r.status, 1) << r.out;

@@ -27,6 +27,11 @@ class CycleTest : public ::testing::Test {
   void Write(const std::string& name, const std::string& text) { dir_.Write(name, text); }
   std::string Read(const std::string& name) { return dir_.Read(name); }
   bool Exists(const std::string& name) { return dir_.Exists(name); }
+  // Copies the files of the bundled tank example into the working directory.
+  void CopyTankExample() {
+    for (const char* f : {"tank.zpm", "tank.csv", "tank.info", "tank.dbs"})
+      Write(f, kx::testing::ReadFile(std::string(KX_SOURCE_DIR) + "/examples/tank/" + f));
+  }
 
   // `shell` runs before the program in the same shell (e.g. a ulimit).
   RunResult Run(const std::string& args, const std::string& shell = "true") {

@@ -5,7 +5,6 @@
 #include <string>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 #include "base/report.h"
@@ -153,12 +152,8 @@ std::string ModelText(const std::string& variables, const std::string& equations
 const std::vector<ModelCase>& ModelCases() {
   static const std::vector<ModelCase> cases = [] {
     std::vector<ModelCase> list;
-    for (const SuiteEntry& e : Scan("cases", true)) {
-      std::ifstream in(e.path);
-      std::stringstream text;
-      text << in.rdbuf();
-      list.push_back({e.name, text.str(), e.status, e.optimum});
-    }
+    for (const SuiteEntry& e : Scan("cases", true))
+      list.push_back({e.name, ReadFile(e.path), e.status, e.optimum});
     return list;
   }();
   return cases;
