@@ -277,7 +277,7 @@ TEST(OptionStore, UnknownNameIsReportedAndTheRunGoesOn) {
                                       "zpm_dbs_add_property: not found X.DCOST"}));
 }
 
-// Defaults and descriptions are checked once, through docs/options.md (options_doc_test); here
+// Defaults and descriptions are checked once, through docs/options.md (OptionsDoc below); here
 // each class gets its own property list, names fold to lower case and arrays start at their
 // default.
 TEST(OptionStore, NewVariablesTakeTheirClassProperties) {

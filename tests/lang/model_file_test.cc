@@ -228,7 +228,8 @@ TEST(FileBlock, SymbolicLinkIsRefusedNotFollowed) {
   kx::testing::ScratchDir outside("kx_file_block_outside");
   outside.Write("victim.csv", "precious\n");
   std::filesystem::create_symlink(outside.File("victim.csv"), dir.File("data.csv"));
-  std::vector<std::string> lines = ReadStop("File data.csv\n1, 2\nEnd File\n", {.output_dir = dir.str()});
+  std::vector<std::string> lines =
+      ReadStop("File data.csv\n1, 2\nEnd File\n", {.output_dir = dir.str()});
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], "Error: unable to write file data.csv: it is a symbolic link");
   EXPECT_EQ(outside.Read("victim.csv"), "precious\n");
@@ -247,7 +248,8 @@ TEST(FileBlock, FailedWriteStopsAndKeepsThePreviousFile) {
   tight.rlim_cur = 8;
   setrlimit(RLIMIT_FSIZE, &tight);
   std::vector<std::string> lines =
-      ReadStop("File data.csv\n" + std::string(100, '7') + "\nEnd File\n", {.output_dir = dir.str()});
+      ReadStop("File data.csv\n" + std::string(100, '7') + "\nEnd File\n",
+               {.output_dir = dir.str()});
   setrlimit(RLIMIT_FSIZE, &saved);
   std::signal(SIGXFSZ, handler);
   ASSERT_FALSE(lines.empty());
