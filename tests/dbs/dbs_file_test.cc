@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -15,7 +13,6 @@
 #include "dbs/cycle_outcome.h"
 #include "dbs/option_store.h"
 #include "dbs/option_table.h"
-#include "dbs/options_doc.h"
 #include "dbs/options_json.h"
 #include "testing/scratch_dir.h"
 
@@ -277,7 +274,7 @@ TEST(OptionStore, UnknownNameIsReportedAndTheRunGoesOn) {
                                       "zpm_dbs_add_property: not found X.DCOST"}));
 }
 
-// Defaults and descriptions are checked once, through docs/options.md (OptionsDoc below); here
+// Defaults and descriptions are checked once, through docs/options.md (options_doc_test); here
 // each class gets its own property list, names fold to lower case and arrays start at their
 // default.
 TEST(OptionStore, NewVariablesTakeTheirClassProperties) {
@@ -362,25 +359,6 @@ TEST(OptionsJson, HoldsGlobalsOutcomeKeysAndVariablesWithTypedValues) {
   auto ordered = nlohmann::ordered_json::parse(FormatOptionsJson(s));
   EXPECT_EQ(ordered.begin().key(), "ZPM");
   EXPECT_EQ(ordered["ZPM"].begin().key(), "APPINFO");
-}
-
-constexpr const char* kPage = KX_SOURCE_DIR "/docs/options.md";
-
-// The committed page must be exactly what the tables generate. To regenerate after a table
-// change, run this test with KX_UPDATE_DOCS=1.
-TEST(OptionsDoc, CommittedPageMatchesTheTables) {
-  std::string generated = RenderOptionsMarkdown();
-  if (std::getenv("KX_UPDATE_DOCS") != nullptr) std::ofstream(kPage) << generated;
-  EXPECT_EQ(kx::testing::ReadFile(kPage), generated)
-      << "docs/options.md drifted from src/dbs/option_table.cc; rerun with KX_UPDATE_DOCS=1";
-}
-
-TEST(OptionsDoc, EveryOptionAndPropertyHasARow) {
-  std::string page = RenderOptionsMarkdown();
-  for (const OptionDef& d : GlobalOptionTable())
-    EXPECT_NE(page.find("| `" + std::string(d.name) + "` |"), std::string::npos) << d.name;
-  for (const OptionDef& d : PropertyTable())
-    EXPECT_NE(page.find("| `" + std::string(d.name) + "` |"), std::string::npos) << d.name;
 }
 
 }  // namespace
