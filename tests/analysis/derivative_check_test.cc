@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "base/report.h"
@@ -89,12 +87,7 @@ struct JacobianCase {
 
 class DerivativeCheck : public ::testing::Test {
  protected:
-  std::string Read(const char* name) {
-    std::ifstream in(dir_.str() + "/" + name);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  std::string Read(const char* name) { return dir_.Read(name); }
   kx::testing::ScratchDir dir_{"kx_verify"};
   OutputCapture quiet_;
 };

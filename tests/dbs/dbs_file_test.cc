@@ -2,12 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "base/text.h"
-#include "base/file_writer.h"
+#include "dbs/cycle_outcome.h"
+#include "dbs/option_store.h"
+#include "dbs/option_table.h"
+#include "dbs/options_json.h"
 #include "testing/scratch_dir.h"
 
 namespace kx::dbs {
@@ -138,20 +144,221 @@ TEST(DbsFile, MissingFileIsNotAnErrorAndLaterFilesOverride) {
   EXPECT_TRUE(out.text().empty());
 }
 
-TEST(AtomicFile, AFailedWriteLeavesTheOldFileAndNoTemporary) {
-  kx::testing::ScratchDir dir("kx_atomic_test");
-  std::string path = dir.File("app.dbs");
-  ASSERT_TRUE(WriteFileAtomically(path, "old\n"));
-  ASSERT_TRUE(WriteFileAtomically(path, "new\n"));
-  std::string text;
-  ASSERT_TRUE(ReadWholeFile(path, &text));
-  EXPECT_EQ(text, "new\n");
+// Values read from DBS files pass one gate: finite numbers only, integer options within the
+// int range; and every value the store holds is written as text the gate accepts.
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+// Each line is refused with one warning naming file and line; the value before it stays.
+TEST(DbsNumericGate, RefusedValuesWarnAndKeepThePreviousValue) {
+  struct Case {
+    const char* line;
+    const char* owner;
+    const char* key;
+    double kept;
+    const char* warning;
+  };
+  const Case cases[] = {
+      {"ZPM.MAX_ITER = 1e10", "ZPM", "MAX_ITER", 100,
+       "Warning: g.dbs line 1: value of ZPM.MAX_ITER is out of the integer range: \"1e10\", "
+       "100 kept; line skipped"},
+      {"ZPM.CYCLECOUNT = 1e21", "ZPM", "CYCLECOUNT", 0,
+       "Warning: g.dbs line 1: value of ZPM.CYCLECOUNT is out of the integer range: \"1e21\", "
+       "0 kept; line skipped"},
+      {"ZPM.MAX_ITER -3e9", "ZPM", "MAX_ITER", 100, nullptr},
+      {"x.UPPER = 1e999", "x", "UPPER", kUnsetUpper,
+       "Warning: g.dbs line 1: value of x.UPPER is not a number: \"1e999\"; line skipped"},
+      {"x.MEAS = -1e999", "x", "MEAS", kNoValue, nullptr},
+      {"x.LOWER = inf", "x", "LOWER", kUnsetLower, nullptr},
+      {"ZPM.OTOL = nan", "ZPM", "OTOL", 1e-6, nullptr},
+  };
+  for (const Case& c : cases) {
+    OptionStore s;
+    s.AddVariable("x", VarClass::kCV);
+    OutputCapture out;
+    DbsReadResult r = ReadDbsText(c.line, "g.dbs", s);
+    EXPECT_EQ(r.warnings, 1) << c.line;
+    EXPECT_EQ(r.applied, 0) << c.line;
+    EXPECT_EQ(s.GetReal(c.owner, c.key), c.kept) << c.line;
+    ASSERT_EQ(out.lines().size(), 1u) << c.line;
+    if (c.warning) EXPECT_EQ(out.lines()[0], c.warning);
+  }
+}
+
+TEST(DbsNumericGate, IntegerLimitsThemselvesAreAccepted) {
+  OptionStore s;
   OutputCapture out;
-  EXPECT_FALSE(WriteFileAtomically(dir.File("no_such_dir/x.dbs"), "x"));
-  EXPECT_TRUE(out.Contains("Warning: unable to write file"));
-  int files = 0;
-  for (auto& e : std::filesystem::directory_iterator(dir.path())) files += e.is_regular_file();
-  EXPECT_EQ(files, 1);
+  EXPECT_EQ(ReadDbsText("ZPM.MAX_ITER = 2147483647\nZPM.CYCLECOUNT -2147483647.9\n", "g", s)
+                .applied, 2);
+  EXPECT_EQ(s.Int("MAX_ITER"), std::numeric_limits<int>::max());
+  EXPECT_EQ(s.Int("CYCLECOUNT"), -std::numeric_limits<int>::max());
+}
+
+// Counters stop at the largest int instead of wrapping to a negative count.
+TEST(DbsNumericGate, CountersSaturate) {
+  OptionStore s;
+  s.SetGlobal("CYCLECOUNT", std::numeric_limits<int>::max());
+  s.SetGlobal("BAD_CYCLES", std::numeric_limits<int>::max());
+  RecordCycleOutcome(s, false);
+  EXPECT_EQ(s.Int("CYCLECOUNT"), std::numeric_limits<int>::max());
+  EXPECT_EQ(s.Int("BAD_CYCLES"), std::numeric_limits<int>::max());
+  s.SetGlobal("MAX_ITER", 1e30);  // engine-set values convert without overflow
+  EXPECT_EQ(s.Int("MAX_ITER"), std::numeric_limits<int>::max());
+}
+
+// Infinite and NaN values held by the store are written as the sentinels, in both DBS forms
+// and options.json, and a second read of the written file changes nothing and warns nothing.
+TEST(DbsNumericGate, NothingWrittenIsRefusedOnTheNextRead) {
+  OptionStore s;
+  s.AddVariable("inflow", VarClass::kMV);
+  s.Set("inflow", "UPPER", kInf);
+  s.Set("inflow", "LOWER", -kInf);
+  s.Set("inflow", "DMAX", kInf);
+  s.Set("inflow", "MEAS", std::numeric_limits<double>::quiet_NaN());
+  s.SetGlobal("OBJFCNVAL", -kInf);
+  s.SetGlobal("MAX_ITER", kInf);
+  s.SetGlobal("NODES", std::numeric_limits<double>::quiet_NaN());
+  s.SetGlobal("CTRL_HOR", -1e30);
+  for (int form : {1, 2}) {
+    const std::string text = FormatDbs(s, form, 1);
+    EXPECT_EQ(text.find("inf"), text.find("inflow"))  // only the variable's name
+        << text;
+    EXPECT_EQ(text.find("nan"), std::string::npos);
+    OptionStore back;
+    back.AddVariable("inflow", VarClass::kMV);
+    OutputCapture out;
+    DbsReadResult r = ReadDbsText(text, "w.dbs", back);
+    EXPECT_EQ(r.warnings, 0) << out.text();
+    EXPECT_EQ(back.GetReal("inflow", "UPPER"), kUnsetUpper);
+    EXPECT_EQ(back.GetReal("inflow", "LOWER"), kUnsetLower);
+    EXPECT_EQ(back.GetReal("inflow", "DMAX"), kUnlimited);
+    EXPECT_EQ(back.GetReal("inflow", "MEAS"), kNoValue);
+    EXPECT_EQ(back.Real("OBJFCNVAL"), -kUnlimited);
+    EXPECT_EQ(back.Int("MAX_ITER"), std::numeric_limits<int>::max());
+    EXPECT_EQ(back.Int("NODES"), 2);
+    EXPECT_EQ(back.Int("CTRL_HOR"), -std::numeric_limits<int>::max());
+  }
+  const std::string json = FormatOptionsJson(s);
+  EXPECT_EQ(json.find("null"), std::string::npos);
+  EXPECT_NE(json.find("1.23456789e+20"), std::string::npos);
+}
+
+TEST(OptionStore, NlcIsASecondNameForTheGlobals) {
+  OptionStore store;
+  store.Set("nlc", "solvestatus", 0);
+  EXPECT_EQ(store.GetInt("ZPM", "SOLVESTATUS"), 0);
+  store.SetGlobal("OBJFCNVAL", 12.5);
+  EXPECT_EQ(store.GetReal("NLC", "OBJFCNVAL"), 12.5);
+}
+
+TEST(OptionStore, IntegerRecordsAreTruncatedOnRead) {
+  OptionStore store;
+  store.SetGlobal("IMODE", 5.9);
+  store.SetGlobal("MAX_ITER", -3.7);
+  store.SetGlobal("OTOL", 2.5e-3);
+  EXPECT_EQ(store.Int("IMODE"), 5);
+  EXPECT_EQ(store.Real("IMODE"), 5.0);
+  EXPECT_EQ(store.Int("MAX_ITER"), -3);
+  EXPECT_EQ(store.Real("OTOL"), 2.5e-3);
+}
+
+TEST(OptionStore, UnknownNameIsReportedAndTheRunGoesOn) {
+  OptionStore store;
+  OutputCapture out;
+  EXPECT_EQ(store.Int("NOT_AN_OPTION"), 0);
+  store.Set("ZPM", "ALSO_MISSING", 4);
+  store.AddVariable("x", VarClass::kSV);
+  EXPECT_EQ(store.GetReal("x", "DCOST"), 0.0);  // MV property, not on an SV
+  EXPECT_EQ(out.lines(),
+            (std::vector<std::string>{"zpm_dbs_add_property: not found ZPM.NOT_AN_OPTION",
+                                      "zpm_dbs_add_property: not found ZPM.ALSO_MISSING",
+                                      "zpm_dbs_add_property: not found X.DCOST"}));
+}
+
+// Defaults and descriptions are checked once, through docs/options.md (options_doc_test); here
+// each class gets its own property list, names fold to lower case and arrays start at their
+// default.
+TEST(OptionStore, NewVariablesTakeTheirClassProperties) {
+  OptionStore store;
+  store.AddVariable("Flow", VarClass::kMV);
+  store.AddVariable("level", VarClass::kCV);
+  EXPECT_EQ(store.GetReal("FLOW", "dcost"), FindPropertyDef("DCOST")->default_value);
+  EXPECT_EQ(store.GetReal("level", "PRED[1]"), FindPropertyDef("PRED")->default_value);
+  EXPECT_EQ(store.GetReal("level", "MEAS"), kNoValue);
+  for (VarClass c : {VarClass::kFV, VarClass::kMV, VarClass::kSV, VarClass::kCV}) {
+    const std::string name(ClassName(c));
+    store.AddVariable(name, c);
+    EXPECT_EQ(store.FindVariable(name)->cls, c);
+    EXPECT_EQ(store.FindVariable(name)->records.size(), ClassProperties(c).size()) << name;
+  }
+}
+
+TEST(OptionStore, AddingAVariableTwiceKeepsItsRecords) {
+  OptionStore store;
+  ASSERT_TRUE(store.AddVariable("x", VarClass::kMV));
+  store.Set("x", "COST", 3);
+  EXPECT_TRUE(store.AddVariable("X", VarClass::kMV));
+  EXPECT_FALSE(store.AddVariable("x", VarClass::kCV));
+  EXPECT_EQ(store.GetReal("x", "COST"), 3);
+  EXPECT_EQ(store.variables().size(), 1u);
+}
+
+TEST(OptionStore, ArraysFollowTheHorizonAndGrowOnlyOnRequest) {
+  OptionStore store;
+  store.AddVariable("u", VarClass::kMV);
+  EXPECT_FALSE(store.Locate("u", "PRED[2]").has_value());
+  auto slot = store.Locate("u", "PRED[4]", /*grow=*/true);
+  ASSERT_TRUE(slot.has_value());
+  EXPECT_EQ(slot->index, 3u);
+  EXPECT_EQ(slot->record->values.size(), 4u);
+  store.SetHorizon(10);
+  store.Set("u", "DPRED[10]", 0.5);
+  EXPECT_EQ(store.GetReal("u", "DPRED[10]"), 0.5);
+  EXPECT_EQ(store.GetReal("u", "PRED[7]"), 1.0);
+  EXPECT_FALSE(store.Locate("u", "PRED[0]", true).has_value());
+  EXPECT_FALSE(store.Locate("u", "PRED[x]", true).has_value());
+  EXPECT_FALSE(store.Locate("u", "COST[1]", true).has_value());  // not an array
+  store.AddVariable("y", VarClass::kSV);  // registered after the horizon: sized to it
+  EXPECT_TRUE(store.Locate("y", "PRED[10]").has_value());
+}
+
+TEST(OptionStore, FullNamesSplitAtTheLastDot) {
+  OptionStore store;
+  store.AddVariable("tank.level", VarClass::kCV);
+  ASSERT_TRUE(store.LocateName("TANK.LEVEL.SPHI").has_value());
+  EXPECT_TRUE(store.LocateName("zpm.imode").has_value());
+  EXPECT_TRUE(store.LocateName("NLC.APPSTATUS").has_value());
+  for (const char* bad : {"IMODE", ".IMODE", "ZPM.", "tank.SPHI", "other.level.SPHI"})
+    EXPECT_FALSE(store.LocateName(bad).has_value()) << bad;
+}
+
+TEST(OptionTable, EveryClassPropertyHasADefinitionAndOutcomesAreOutputs) {
+  EXPECT_EQ(FindPropertyDef("OSTATUSCHG[2]")->name, "OSTATUSCHG");
+  for (VarClass c : {VarClass::kFV, VarClass::kMV, VarClass::kSV, VarClass::kCV})
+    for (std::string_view p : ClassProperties(c))
+      EXPECT_NE(FindPropertyDef(p), nullptr) << ClassName(c) << " " << p;
+  for (std::string_view key : OutcomeKeys()) EXPECT_EQ(FindGlobalDef(key)->direction, 2);
+}
+
+TEST(OptionsJson, HoldsGlobalsOutcomeKeysAndVariablesWithTypedValues) {
+  OptionStore s;
+  s.AddVariable("u", VarClass::kMV);
+  s.SetHorizon(2);
+  s.SetGlobal("IMODE", 4.8);
+  s.SetGlobal("SOLVETIME", 0.25);
+  s.Set("u", "PRED[2]", 3.5);
+  auto j = nlohmann::json::parse(FormatOptionsJson(s));
+  EXPECT_EQ(j["ZPM"]["IMODE"], 4);
+  EXPECT_TRUE(j["ZPM"]["IMODE"].is_number_integer());
+  EXPECT_EQ(j["NLC"]["SOLVETIME"], 0.25);
+  EXPECT_EQ(j["NLC"].size(), 6u);
+  EXPECT_EQ(j["ZPM"].size(), 61u);
+  EXPECT_EQ(j["u"]["PRED"], nlohmann::json::parse("[1.0, 3.5]"));
+  EXPECT_EQ(j["u"]["DCOST"], 9.999999747378752e-06);
+  EXPECT_EQ(j["u"]["OSTATUS[1]"], 0);
+  // Keys keep store order.
+  auto ordered = nlohmann::ordered_json::parse(FormatOptionsJson(s));
+  EXPECT_EQ(ordered.begin().key(), "ZPM");
+  EXPECT_EQ(ordered["ZPM"].begin().key(), "APPINFO");
 }
 
 }  // namespace

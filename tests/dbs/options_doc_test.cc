@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "dbs/option_table.h"
+#include "testing/scratch_dir.h"
 
 namespace kx::dbs {
 namespace {
@@ -18,11 +18,7 @@ constexpr const char* kPage = KX_SOURCE_DIR "/docs/options.md";
 TEST(OptionsDoc, CommittedPageMatchesTheTables) {
   std::string generated = RenderOptionsMarkdown();
   if (std::getenv("KX_UPDATE_DOCS") != nullptr) std::ofstream(kPage) << generated;
-  std::ifstream in(kPage);
-  ASSERT_TRUE(in) << kPage << " is missing";
-  std::stringstream committed;
-  committed << in.rdbuf();
-  EXPECT_EQ(committed.str(), generated)
+  EXPECT_EQ(kx::testing::ReadFile(kPage), generated)
       << "docs/options.md drifted from src/dbs/option_table.cc; rerun with KX_UPDATE_DOCS=1";
 }
 

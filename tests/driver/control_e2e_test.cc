@@ -12,35 +12,6 @@
 namespace kx::driver {
 namespace {
 
-double DbsValue(const std::string& dbs, const std::string& name) {
-  std::istringstream in(dbs);
-  std::string key;
-  double value;
-  while (in >> key >> value)
-    if (key == name) return value;
-  return std::nan("");
-}
-
-// One column of results.csv.
-std::vector<double> Column(const std::string& csv, const std::string& name) {
-  std::istringstream in(csv);
-  std::string line;
-  std::getline(in, line);
-  std::vector<std::string> head;
-  std::stringstream hs(line);
-  for (std::string cell; std::getline(hs, cell, ',');) head.push_back(cell);
-  const size_t c = std::find(head.begin(), head.end(), name) - head.begin();
-  std::vector<double> values;
-  while (std::getline(in, line)) {
-    std::stringstream ls(line);
-    std::string cell;
-    for (size_t i = 0; i <= c && std::getline(ls, cell, ','); ++i) {
-    }
-    values.push_back(std::stod(cell));
-  }
-  return values;
-}
-
 // tau x' = -x + K u with tau = 2, K = 3.
 constexpr const char* kPlant =
     "Model app\n"

@@ -4,8 +4,11 @@
 
 #include <sys/wait.h>
 
+#include <cmath>
 #include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -24,9 +27,16 @@ class CycleTest : public ::testing::Test {
   void Write(const std::string& name, const std::string& text) { dir_.Write(name, text); }
   std::string Read(const std::string& name) { return dir_.Read(name); }
   bool Exists(const std::string& name) { return dir_.Exists(name); }
+  // Copies the files of the bundled tank example into the working directory.
+  void CopyTankExample() {
+    for (const char* f : {"tank.zpm", "tank.csv", "tank.info", "tank.dbs"})
+      Write(f, kx::testing::ReadFile(std::string(KX_SOURCE_DIR) + "/examples/tank/" + f));
+  }
 
-  RunResult Run(const std::string& args) {
-    std::string cmd = "cd '" + dir_.str() + "' && '" KX_BINARY "' " + args + " 2>&1";
+  // `shell` runs before the program in the same shell (e.g. a ulimit).
+  RunResult Run(const std::string& args, const std::string& shell = "true") {
+    std::string cmd =
+        "cd '" + dir_.str() + "' && " + shell + " && '" KX_BINARY "' " + args + " 2>&1";
     RunResult r;
     FILE* pipe = popen(cmd.c_str(), "r");
     char buf[4096];
@@ -38,5 +48,36 @@ class CycleTest : public ::testing::Test {
 
   kx::testing::ScratchDir dir_{"kx_cycle"};
 };
+
+// The value of KEY in a written DBS text ("KEY VALUE" lines); NaN when it is missing.
+inline double DbsValue(const std::string& dbs, const std::string& key) {
+  const std::string text = "\n" + dbs;
+  const size_t at = text.find("\n" + key + " ");
+  return at == std::string::npos ? std::nan("") : std::stod(text.substr(at + key.size() + 2));
+}
+
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// Column NAME of a CSV text with a header line: one value per data row.
+inline std::vector<double> Column(const std::string& csv, const std::string& name) {
+  std::vector<std::string> lines = Lines(csv);
+  std::vector<double> values;
+  if (lines.empty()) return values;
+  std::stringstream head(lines[0]);
+  size_t c = 0;
+  for (std::string cell; std::getline(head, cell, ',') && cell != name;) ++c;
+  for (size_t r = 1; r < lines.size(); ++r) {
+    std::stringstream row(lines[r]);
+    std::string cell;
+    for (size_t i = 0; i <= c; ++i) std::getline(row, cell, ',');
+    values.push_back(std::stod(cell));
+  }
+  return values;
+}
 
 }  // namespace kx::driver

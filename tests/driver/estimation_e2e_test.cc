@@ -13,16 +13,6 @@
 namespace kx::driver {
 namespace {
 
-// The value of a DBS record "NAME VALUE" in a written DBS file; NaN when missing.
-double DbsValue(const std::string& dbs, const std::string& name) {
-  std::istringstream in(dbs);
-  std::string key;
-  double value;
-  while (in >> key >> value)
-    if (key == name) return value;
-  return std::nan("");
-}
-
 // ----- IMODE 2: a straight line y = a x + b fitted to six data sets -----
 
 constexpr const char* kLineModel =

@@ -9,21 +9,6 @@
 namespace kx::driver {
 namespace {
 
-// The value at `row` of results.csv's column `name` (row 0 = first data row).
-double ResultAt(const std::string& csv, const std::string& name, int row) {
-  std::istringstream in(csv);
-  std::string line, cell;
-  std::getline(in, line);
-  std::stringstream hs(line);
-  int column = 0;
-  for (int c = 0; std::getline(hs, cell, ','); ++c)
-    if (cell == name) column = c;
-  for (int r = 0; r <= row; ++r) std::getline(in, line);
-  std::stringstream ls(line);
-  for (int c = 0; c <= column; ++c) std::getline(ls, cell, ',');
-  return std::stod(cell);
-}
-
 // d(variable)/d(input) from sensitivity.txt.
 double TableValue(const std::string& table, const std::string& variable, int input) {
   std::istringstream in(table);
@@ -51,7 +36,7 @@ class Sensitivity : public CycleTest {
       Write("ss.t0", "");
       Write("measurements.dbs", name + ".MEAS = " + std::to_string(value + (s ? -h : h)) + "\n");
       EXPECT_EQ(Run(args).status, 1);
-      at[s] = ResultAt(Read("results.csv"), variable, row);
+      at[s] = Column(Read("results.csv"), variable)[row];
     }
     Write("measurements.dbs", "");
     return (at[0] - at[1]) / (2 * h);

@@ -1,7 +1,6 @@
 // The step-by-step simulation through the program: the sequential mode gives the simultaneous
 // solution, and a cold simultaneous solve starts from it.
 #include <cmath>
-#include <fstream>
 #include <sstream>
 #include <vector>
 
@@ -59,13 +58,7 @@ TEST_F(Sequential, ColdSimultaneousSolveStartsFromTheStepByStepTrajectory) {
 }
 
 TEST_F(Sequential, SequentialModeEqualsTheSimultaneousSolution) {
-  const std::string dir = KX_SOURCE_DIR "/examples/tank/";
-  for (const char* f : {"tank.zpm", "tank.csv", "tank.info", "tank.dbs"}) {
-    std::ifstream in(dir + f);
-    std::stringstream s;
-    s << in.rdbuf();
-    Write(f, s.str());
-  }
+  CopyTankExample();
   ASSERT_EQ(Run("tank -cold -sim").status, 1);
   const auto simultaneous = Rows(Read("results.csv"));
   RunResult r = Run("tank -cold -sqs");

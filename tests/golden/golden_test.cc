@@ -35,12 +35,7 @@ struct GoldenCase {
   std::string input;  // file under input/, "-" for none
 };
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using kx::testing::ReadFile;
 
 std::vector<GoldenCase> LoadCases() {
   std::vector<GoldenCase> cases;

@@ -17,11 +17,13 @@
 
 namespace kx::horizon::testing {
 
-inline model::ModelStore BuildQuietly(const std::string& text) {
+// Builds tests/models/horizon/NAME.zpm.
+inline model::ModelStore BuildQuietly(const std::string& name) {
   OutputCapture quiet;
   model::BuildOptions options;
   options.max_memory = 10;
-  return model::BuildModelFromText(text, options);
+  return model::BuildModel(std::string(KX_SOURCE_DIR) + "/tests/models/horizon/" + name + ".zpm",
+                           options);
 }
 
 // Grid and replication of `base` with NODES `nodes` and steps `dt`, output swallowed.

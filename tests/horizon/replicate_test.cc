@@ -22,36 +22,9 @@ using testing::BuildQuietly;
 using testing::ReplicateQuietly;
 using testing::SolveSquare;
 
-constexpr double kRate = -0.7;  // a of dx/dt = a x
+// tests/models/horizon/linear.zpm: dx/dt = a x from x(0).
+constexpr double kRate = -0.7;  // a
 constexpr double kStart = 2.0;  // x(0)
-
-const char* const kLinearModel = R"(Model lin
-  Parameters
-    a = -0.7
-  End Parameters
-  Variables
-    x = 2
-  End Variables
-  Equations
-    $x = a*x
-  End Equations
-End Model
-)";
-
-const char* const kDaeModel = R"(Model dae
-  Parameters
-    k = 0.5
-  End Parameters
-  Variables
-    x = 1
-    y = 1
-  End Variables
-  Equations
-    $x = -k*x*y
-    y = 1 + x^2
-  End Equations
-End Model
-)";
 
 int NumberOf(const model::ModelStore& store, const std::string& name) {
   for (int n = 1; n <= store.nvar; ++n) {
@@ -91,7 +64,7 @@ std::vector<double> DiscreteStep(int nodes, double dt, double x1) {
 }
 
 TEST(Replicate, LinearTestEquationMatchesTheDiscreteCollocationSolution) {
-  model::ModelStore base = BuildQuietly(kLinearModel);
+  model::ModelStore base = BuildQuietly("linear");
   const std::vector<std::vector<double>> step_sets = {
       {0.2, 0.2, 0.2, 0.2, 0.2},     // equal steps
       {0.1, 0.35, 0.05, 0.5, 1.25},  // unequal steps, as from data rows
@@ -118,7 +91,7 @@ TEST(Replicate, LinearTestEquationMatchesTheDiscreteCollocationSolution) {
 }
 
 TEST(Replicate, DaeHasTheRightCountsAndSolvesSquare) {
-  model::ModelStore base = BuildQuietly(kDaeModel);
+  model::ModelStore base = BuildQuietly("dae");
   Horizon h = ReplicateQuietly(base, 3, {0.5, 0.5, 1.0});
   const model::ModelStore& s = h.store;
   // 7 points x 3 variables + 3 step lengths; x is differential at points 1..6.
@@ -154,7 +127,7 @@ TEST(Replicate, DaeHasTheRightCountsAndSolvesSquare) {
 }
 
 TEST(Replicate, RecordsAreNamedAndNumberedByStepAndNode) {
-  model::ModelStore base = BuildQuietly(kDaeModel);
+  model::ModelStore base = BuildQuietly("dae");
   Horizon h = ReplicateQuietly(base, 3, {1.0, 2.0});
   const model::ModelStore& s = h.store;
   struct Case {
@@ -194,7 +167,7 @@ TEST(Replicate, RecordsAreNamedAndNumberedByStepAndNode) {
 }
 
 TEST(Replicate, DataColumnsGiveValuesPerTimePoint) {
-  model::ModelStore base = BuildQuietly(kLinearModel);
+  model::ModelStore base = BuildQuietly("linear");
   DataFile d = ParseDataFile("time,a,x,bogus\n0,-0.5,3,1\n0.5,,4,1\n1.5,-1,-,1\n", "app.csv");
   HorizonSettings s;
   s.nodes = 3;
@@ -226,7 +199,7 @@ TEST(Replicate, DataColumnsGiveValuesPerTimePoint) {
 }
 
 TEST(HorizonChecks, MissingLinksStopAndWriteTheListing) {
-  model::ModelStore base = BuildQuietly(kDaeModel);
+  model::ModelStore base = BuildQuietly("dae");
   Horizon good = ReplicateQuietly(base, 3, {1.0, 1.0});
   {
     OutputCapture out;
@@ -259,7 +232,7 @@ TEST(HorizonChecks, MissingLinksStopAndWriteTheListing) {
 }
 
 TEST(HorizonChecks, InconsistentCountsStop) {
-  model::ModelStore base = BuildQuietly(kDaeModel);
+  model::ModelStore base = BuildQuietly("dae");
   {
     Horizon h = ReplicateQuietly(base, 2, {1.0, 1.0});
     // Drop the last copy of the differential model equation.
@@ -292,7 +265,7 @@ TEST(HorizonChecks, InconsistentCountsStop) {
 }
 
 TEST(SetUpDynamicModel, ModeAndInitialConditionMessages) {
-  model::ModelStore base = BuildQuietly(kDaeModel);
+  model::ModelStore base = BuildQuietly("dae");
   HorizonSettings s;
   s.imode = 3;
   EXPECT_EQ(kx::testing::StopLines([&] { SetUpDynamicModel(base, s, nullptr, "."); }),

@@ -1,6 +1,10 @@
 #include "lang/model_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
 
 #include "base/report.h"
 #include "testing/scratch_dir.h"
@@ -12,6 +16,17 @@ namespace {
 ParsedModel Read(const std::string& text, const ReaderOptions& options = {}) {
   Compiler compiler;
   return ReadModelText(text, &compiler, options);
+}
+
+// The lines of the stop a read ends with; empty when it reads through.
+std::vector<std::string> ReadStop(const std::string& text, const ReaderOptions& options = {}) {
+  OutputCapture out;
+  try {
+    Read(text, options);
+  } catch (const Stop& stop) {
+    return stop.lines();
+  }
+  return {};
 }
 
 std::string Vars(const std::string& body) {
@@ -125,15 +140,6 @@ TEST(ModelFileObjectsAndConnections, Stored) {
   EXPECT_EQ(m.connections[1].number, 2);
 }
 
-TEST(ModelFileFiles, EmbeddedFileIsWrittenVerbatim) {
-  kx::testing::ScratchDir dir("kx_model_file");
-  ReaderOptions o;
-  o.output_dir = dir.str();
-  ParsedModel m = Read("File data.csv\ntime, u\n! not a comment here\n0, 1\nEnd File\n", o);
-  EXPECT_EQ(m.files_written, (std::vector<std::string>{"data.csv"}));
-  EXPECT_EQ(dir.Read("data.csv"), "time, u\n! not a comment here\n0, 1\n");
-}
-
 // The stops of the reader are golden files (tests/golden/input/reader.zpm); the line-length
 // limits need generated lines.
 TEST(ModelFileLines, LengthLimitsOfLinesAndContinuations) {
@@ -164,6 +170,91 @@ TEST(ModelFileLines, MissingModelFileStops) {
             (std::vector<std::string>{"Parsing model file " + missing,
                                       "Error: File " + missing + " not available.",
                                       "STOPPING..."}));
+}
+
+// Every record store is checked against MAX_MEMORY before any vector statement is expanded:
+// a model too large stops at once with the store named.
+TEST(ModelSize, EachStoreIsCheckedAgainstMaxMemory) {
+  struct Case {
+    const char* text;
+    const char* first_line;  // nullptr: the model fits
+  };
+  const Case cases[] = {
+      {"Variables\nx[1:10000] = 1\nEnd Variables\n", nullptr},
+      {"Variables\nx[1:10001] = 1\nEnd Variables\n",
+       "Error: Not enough memory to store model variables: 10001 elements, room for 10000"},
+      // Parameters and variables share one store.
+      {"Parameters\np[1:5000] = 1\nEnd Parameters\nVariables\nx[1:5000] = 1\ny = 2\n"
+       "End Variables\n",
+       "Error: Not enough memory to store model variables: 10001 elements, room for 10000"},
+      {"Intermediates\nv[1:20000] = 1\nEnd Intermediates\n",
+       "Error: Not enough memory to store model intermediates: 20000 elements, room for 10000"},
+      {"Equations\nx[1:9000] = 1\nx[2:3000] = 2\nEnd Equations\n",
+       "Error: Not enough memory to store model equations: 11999 elements, room for 10000"},
+      {"Connections\na[1:10001] = b[1:10001]\nEnd Connections\n",
+       "Error: Not enough memory to store model connections: 10001 elements, room for 10000"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> lines = ReadStop(c.text, {.max_memory = 2});
+    if (!c.first_line) {
+      EXPECT_TRUE(lines.empty()) << c.text;
+      continue;
+    }
+    EXPECT_EQ(lines, (std::vector<std::string>{c.first_line,
+                                               "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
+                                               "Stopping..."}))
+        << c.text;
+  }
+}
+
+// Ten million elements at the default level stop before a single copy is made (a run that
+// expanded them first would take many seconds and gigabytes here).
+TEST(ModelSize, HugeModelStopsBeforeExpansion) {
+  std::vector<std::string> lines =
+      ReadStop("Variables\nx[1:10000000] = 1\nEnd Variables\nEquations\n"
+               "x[1:10000000] = 2\nEnd Equations\n");
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0],
+            "Error: Not enough memory to store model variables: 10000000 elements, room for "
+            "1000000");
+  EXPECT_EQ(StoreCapacity(4), 1000000);
+  EXPECT_EQ(StoreCapacity(10), 1000000000000);
+}
+
+// Embedded File blocks never write through a symbolic link, and a failed write stops with its
+// reason (directory parts in the name are golden cases).
+TEST(FileBlock, SymbolicLinkIsRefusedNotFollowed) {
+  kx::testing::ScratchDir dir("kx_file_block");
+  kx::testing::ScratchDir outside("kx_file_block_outside");
+  outside.Write("victim.csv", "precious\n");
+  std::filesystem::create_symlink(outside.File("victim.csv"), dir.File("data.csv"));
+  std::vector<std::string> lines =
+      ReadStop("File data.csv\n1, 2\nEnd File\n", {.output_dir = dir.str()});
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], "Error: unable to write file data.csv: it is a symbolic link");
+  EXPECT_EQ(outside.Read("victim.csv"), "precious\n");
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.File("data.csv")));
+}
+
+// A full disk: the block stops with the reason, and the file written by an earlier run
+// stays whole (no 0-byte file).
+TEST(FileBlock, FailedWriteStopsAndKeepsThePreviousFile) {
+  kx::testing::ScratchDir dir("kx_file_block");
+  dir.Write("data.csv", "old, file\n");
+  rlimit saved;
+  getrlimit(RLIMIT_FSIZE, &saved);
+  auto handler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit tight = saved;
+  tight.rlim_cur = 8;
+  setrlimit(RLIMIT_FSIZE, &tight);
+  std::vector<std::string> lines =
+      ReadStop("File data.csv\n" + std::string(100, '7') + "\nEnd File\n",
+               {.output_dir = dir.str()});
+  setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, handler);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], "Error: unable to write file data.csv: File too large");
+  EXPECT_EQ(dir.Read("data.csv"), "old, file\n");
 }
 
 }  // namespace

@@ -142,11 +142,7 @@ TEST(AsoptOptionsTest, WrittenFileReadsBackInTableOrder) {
 TEST(AsoptOptionsTest, CommittedPageMatchesTheTable) {
   const std::string generated = RenderAsoptOptionsMarkdown();
   if (std::getenv("KX_UPDATE_DOCS") != nullptr) std::ofstream(kPage) << generated;
-  std::ifstream in(kPage);
-  ASSERT_TRUE(in) << kPage << " is missing";
-  std::stringstream committed;
-  committed << in.rdbuf();
-  EXPECT_EQ(committed.str(), generated)
+  EXPECT_EQ(testing::ReadFile(kPage), generated)
       << "docs/asopt_options.md drifted from src/solvers/asopt_options.cc; rerun with "
          "KX_UPDATE_DOCS=1";
 }

@@ -200,13 +200,13 @@ TEST(Biopt, EndsDegenerateInputsWithAStatus) {
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.x.size(), static_cast<size_t>(c.problem.n));
   }
-  auto hs071 = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
+  auto hs071 = kx::testing::LoadModelText(kx::testing::ModelCaseText("hs071"));
   EXPECT_EQ(Solve(*hs071->problem, few).status, kMaxIterations);
 }
 
 // From the previous solution with its multipliers.
 TEST(Biopt, WarmStartReachesTheOptimumFaster) {
-  auto model = kx::testing::LoadModelText(kx::testing::ModelCases()[0].text);
+  auto model = kx::testing::LoadModelText(kx::testing::ModelCaseText("hs071"));
   solvers::ModelProblem& p = *model->problem;
   const SolverResult cold = Solve(p);
   ASSERT_EQ(cold.status, kSuccess);

@@ -19,7 +19,7 @@ using testing::WorkingDir;
 
 using Vec = std::vector<double>;
 
-const std::string& Hs071() { return testing::ModelCases()[0].text; }
+const std::string& Hs071() { return testing::ModelCaseText("hs071"); }
 
 // min (x1 - 1)^2 + 100 (x2 - x1^2)^2  s.t.  x1 + x2 >= 2.5, with first derivatives only.
 // `gradient_error` scales d f / d x1 so that the derivative checker has something to find.
@@ -60,11 +60,6 @@ TEST(IpoptCallTest, SolvesAConstrainedProblemWithExactDerivatives) {
   EXPECT_GT(r.iterations, 3);
   EXPECT_GT(r.residual_evals, r.iterations);
   EXPECT_GE(r.jacobian_evals, r.iterations);
-  const auto lines = out.lines();
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines[0], std::string(46, '*'));
-  EXPECT_EQ(lines[1], "Steady State Optimization with Interior Point Solver");
-  EXPECT_EQ(lines[2], std::string(46, '*'));
   EXPECT_TRUE(out.Contains("Info: Exact Hessian"));
   EXPECT_TRUE(out.Contains("The solution was found."));
   EXPECT_TRUE(out.Contains("The final value of the objective function is 17.01401"));

@@ -5,6 +5,7 @@
 #include <string>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "base/report.h"
 #include "base/text.h"
@@ -37,6 +38,7 @@ SuiteEntry ReadEntry(const std::filesystem::path& path) {
     if (t[0] != '!') break;
     t = std::string(Trim(std::string_view(t).substr(1)));
     if (StartsWith(t, "optimum:")) e.optimum = std::stod(t.substr(8));
+    if (StartsWith(t, "status:")) e.status = std::stoi(t.substr(7));
     if (StartsWith(t, "size:")) e.large = Trim(std::string_view(t).substr(5)) == "large";
   }
   return e;
@@ -148,58 +150,19 @@ std::string ModelText(const std::string& variables, const std::string& equations
 }
 
 const std::vector<ModelCase>& ModelCases() {
-  using solvers::kNoFeasibleSolution, solvers::kSuccess, solvers::kUnbounded;
-  // x^2 + y^2 = 4, xy = 1 with the smaller y: y = sqrt(2 - sqrt(3)), x = 1 / y.
-  const double curved_y = std::sqrt(2.0 - std::sqrt(3.0));
-  static const std::vector<ModelCase> cases = {
-      {"hs071",  // inequality and equality rows, active bounds
-       ModelText("    x[1] = 1, >= 1, <= 5\n    x[2:3] = 5, >= 1, <= 5\n    x[4] = 1, >= 1, <= 5\n",
-                 "    x[1]*x[2]*x[3]*x[4] >= 25\n    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-                 "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n"),
-       kSuccess, 17.0140172891563},
-      {"linear_program",
-       ModelText("    x = 0, >= 0\n    y = 0, >= 0\n",
-                 "    x + 2*y <= 4\n    3*x + y <= 6\n    maximize x + y\n"),
-       kSuccess, -2.8},
-      {"both_bounds_active",
-       ModelText("    x = 1, >= 0, <= 2\n    y = 1, >= 0, <= 5\n",
-                 "    minimize (x - 3)^2 + (y + 1)^2\n"),
-       kSuccess, 2.0},
-      {"equality_rows_only",
-       ModelText("    x = 0\n    y = 0\n    z = 0\n",
-                 "    x + y + z = 3\n    x - y = 1\n    minimize x^2 + y^2 + z^2\n"),
-       kSuccess, 3.5},
-      {"rank_deficient_jacobian",  // repeated rows
-       ModelText("    x = 0\n    y = 2\n    z = 0\n",
-                 "    x + y + z = 3\n    2*x + 2*y + 2*z = 6\n    x + y + z = 3\n"
-                 "    minimize x^2 + y^2 + z^2\n"),
-       kSuccess, 3.0},
-      {"rosenbrock",
-       ModelText("    x = -1.2\n    y = 1\n", "    minimize 100*(y - x^2)^2 + (1 - x)^2\n"),
-       kSuccess, 0.0},
-      {"nonconvex_range_row",
-       ModelText("    x = 0.6, >= -2, <= 2\n    y = 0.2, >= -2, <= 2\n",
-                 "    x^2 + y^2 >= 1\n    x^2 + y^2 <= 2\n    minimize x*y\n"),
-       kSuccess, -1.0},
-      {"nonconvex_on_a_circle",
-       ModelText("    x = 0.8\n    y = -0.2\n", "    x^2 + y^2 = 1\n    minimize x*y\n"),
-       kSuccess, -0.5},
-      {"domain_error_at_a_trial_point",  // the first Newton step leaves the log's domain
-       ModelText("    x = 10\n", "    minimize x - 2*log(x)\n"), kSuccess,
-       2.0 - 2.0 * std::log(2.0)},
-      {"infeasible_start_of_a_curved_equality",
-       ModelText("    x = 3, >= 0\n    y = 3, >= 0\n",
-                 "    x^2 + y^2 = 4\n    x*y = 1\n    minimize x + 3*y\n"),
-       kSuccess, 1.0 / curved_y + 3 * curved_y},
-      {"infeasible_rows",
-       ModelText("    x = 0\n    y = 0\n",
-                 "    x^2 + y^2 <= 1\n    x + y >= 3\n    minimize x + y\n"),
-       kNoFeasibleSolution, 0.0},
-      {"unbounded_objective",
-       ModelText("    x = 1, >= 0\n    y = 1\n", "    y = 2*x\n    minimize -x - y\n"),
-       kUnbounded, 0.0},
-  };
+  static const std::vector<ModelCase> cases = [] {
+    std::vector<ModelCase> list;
+    for (const SuiteEntry& e : Scan("cases", true))
+      list.push_back({e.name, ReadFile(e.path), e.status, e.optimum});
+    return list;
+  }();
   return cases;
+}
+
+const std::string& ModelCaseText(const std::string& name) {
+  for (const ModelCase& c : ModelCases())
+    if (c.name == name) return c.text;
+  throw std::runtime_error("no model case " + name);
 }
 
 double RelativeError(double f, double optimum) {

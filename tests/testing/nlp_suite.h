@@ -1,7 +1,9 @@
 // Test problems for the solvers: models written in the modelling language, built through the
 // real compiler, and handed to a solver as a solvers::Problem. The suite files live in
-// tests/models/nlp/*.zpm; each starts with comment lines that give its known optimum:
+// tests/models/nlp/*.zpm, the small cases in tests/models/cases/*.zpm; each starts with
+// comment lines that give its known outcome:
 //   ! optimum: -44.0
+//   ! status: -1         (cases only: the solver status expected, 0 when omitted)
 //   ! size: large        (optional: a scalable problem of 1e4 variables or more)
 //   ! source: <literature reference>
 #pragma once
@@ -35,6 +37,7 @@ struct SuiteEntry {
   std::string name;   // file stem
   std::string path;   // absolute path of the .zpm file
   double optimum = 0;
+  int status = 0;
   bool large = false;
 };
 
@@ -85,7 +88,8 @@ struct ModelCase {
   double optimum = 0;
 };
 inline void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.name; }
-const std::vector<ModelCase>& ModelCases();
+const std::vector<ModelCase>& ModelCases();  // in name order
+const std::string& ModelCaseText(const std::string& name);
 
 // |f - optimum| / max(|optimum|, 1e-8): relative to the optimum's own size, so an objective
 // of order 1e-2 is judged as strictly as one of order 1e2; |f| when the optimum is 0.

@@ -11,6 +11,12 @@
 
 namespace kx::testing {
 
+// The whole text of a file; empty when it cannot be read.
+inline std::string ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 class ScratchDir {
  public:
   // The name is the tag, the process id and a per-process count, so tests run in parallel
@@ -37,10 +43,7 @@ class ScratchDir {
   void Write(const std::string& name, const std::string& text) const {
     std::ofstream(path_ / name) << text;
   }
-  std::string Read(const std::string& name) const {
-    std::ifstream in(path_ / name);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
+  std::string Read(const std::string& name) const { return ReadFile(path_ / name); }
   bool Exists(const std::string& name) const { return std::filesystem::exists(path_ / name); }
 
  private:
