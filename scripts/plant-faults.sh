@@ -65,7 +65,7 @@ build=$(cd "$build" && pwd) || { echo "no build directory; configure one first" 
 logs="$build/fault-study"
 mkdir -p "$logs"
 
-targets=$(cmake --build "$build" --target help | grep -o 'kx_[a-z]*_tests\|kestrix' | sort -u)
+targets=$(cmake --build "$build" --target help | grep -o 'kx_[a-z]*_tests\|kx_fuzz\|kestrix' | sort -u)
 [ -n "$targets" ] || { echo "no kestrix/test targets in $build" >&2; exit 2; }
 
 # The file being modified and its saved original; restored on any exit.
