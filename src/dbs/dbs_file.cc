@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <climits>
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -37,6 +38,11 @@ std::optional<DbsLine> SplitLine(std::string_view line) {
   return DbsLine{name, Trim(rest.substr(0, rest.find(',')))};
 }
 
+// The documented range of a global integer record, or null.
+const OptionRange* RangeOf(const Record& r) {
+  return FindGlobalDef(r.name) == r.def ? FindGlobalRange(r.name) : nullptr;
+}
+
 // True when the value, truncated as integer records are read, is an int.
 bool FitsInteger(double v) {
   const double t = std::trunc(v);
@@ -54,6 +60,12 @@ std::string ApplyLine(std::string_view line, OptionStore& store) {
   if (slot->record->type() == 'I' && !FitsInteger(*value)) {
     return fmt::format("value of {} is out of the integer range: \"{}\", {} kept", parts->name,
                        parts->value, FormatValue(*slot->record, slot->index));
+  }
+  const Record& r = *slot->record;
+  if (const OptionRange* range = RangeOf(r);
+      range && (std::trunc(*value) < range->lowest || std::trunc(*value) > range->highest)) {
+    return fmt::format("value of {} is outside its range {} to {}: \"{}\", {} kept", parts->name,
+                       range->lowest, range->highest, parts->value, FormatValue(r, slot->index));
   }
   slot->record->values[slot->index] = *value;
   return "";
@@ -83,12 +95,15 @@ void AppendRecord(std::string& out, const std::string& owner, const Record& r,
 }  // namespace
 
 double WrittenValue(const Record& record, size_t k) {
-  const double v = record.Get(k);
+  double v = record.Get(k);
   if (record.type() == 'I' && !FitsInteger(v)) {
     // Integer records hold what GetInt reads: the int range, NaN as the default.
     if (std::isnan(v)) return record.default_value();
-    return v > 0 ? INT_MAX : -static_cast<double>(INT_MAX);
+    v = v > 0 ? INT_MAX : -static_cast<double>(INT_MAX);
   }
+  if (const OptionRange* range = RangeOf(record))  // written within what is read back
+    return std::clamp(v, static_cast<double>(range->lowest), static_cast<double>(range->highest));
+  if (record.type() == 'I') return v;
   if (std::isinf(v) && record.name == "UPPER" && v > 0) return kUnsetUpper;
   if (std::isinf(v) && record.name == "LOWER" && v < 0) return kUnsetLower;
   return WritableValue(v);

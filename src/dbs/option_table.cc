@@ -92,6 +92,22 @@ constexpr OptionDef kGlobals[] = {
     {"WEB_PLOT_FREQ", 'I', 1, 1, "Automatic refresh rate on Plots (default 1 second)"},
 };
 
+constexpr int kMost = 2147483647;
+// The documented ranges of integer options, as their descriptions give them.
+constexpr OptionRange kRanges[] = {
+    {"AUTO_COLD", 0, kMost},   {"BNDS_CHK", 0, 1},       {"COLDSTART", 0, 100},
+    {"CSV_READ", 0, 2},        {"CSV_WRITE", 0, 1},      {"CTRL_HOR", 1, kMost},
+    {"CTRL_UNITS", 1, 5},      {"CV_WGT_START", 0, kMost}, {"DBS_LEVEL", 0, 1},
+    {"DIAGLEVEL", 0, kMost},   {"FRZE_CHK", 0, 1},       {"HIST_HOR", 0, kMost},
+    {"HIST_UNITS", 0, 5},      {"ICD_CALC", 0, 1},       {"LINEAR", 0, 1},
+    {"MAX_ITER", 1, kMost},    {"MEAS_CHK", 0, 1},       {"MV_STEP_HOR", 1, kMost},
+    {"MV_TYPE", 0, 1},         {"PRED_HOR", 1, kMost},   {"REDUCE", 0, 2},
+    {"REPLAY", 0, kMost},      {"REQCTRLMODE", 0, 3},    {"SCALING", 0, 1},
+    {"SENSITIVITY", 0, 1},     {"SEQUENTIAL", 0, 1},     {"SPECS", 0, 1},
+    {"TIME_SHIFT", 0, 1},      {"WEB", 0, 1},            {"WEB_MENU", 0, 1},
+    {"WEB_PLOT_FREQ", 0, kMost}, {"WEB_REFRESH", 0, kMost},
+};
+
 // The DCOST default is the single-precision 1.0e-5 widened to double (9.999999747378752e-06).
 constexpr double kDcostDefault = static_cast<double>(1.0e-5f);
 
@@ -201,6 +217,12 @@ std::span<const std::string_view> ClassProperties(VarClass cls) {
 }
 
 const OptionDef* FindGlobalDef(std::string_view key) { return FindIn(kGlobals, key); }
+
+const OptionRange* FindGlobalRange(std::string_view key) {
+  for (const OptionRange& r : kRanges)
+    if (r.name == key) return &r;
+  return nullptr;
+}
 
 const OptionDef* FindPropertyDef(std::string_view registered_name) {
   std::string_view base = registered_name.substr(0, registered_name.find('['));

@@ -18,6 +18,18 @@ struct OptionDef {
   std::string_view description;  // text written to full DBS files and reports
 };
 
+// The documented range of an integer global option. A DBS value outside it is refused with a
+// warning and the value before it kept. Options with a stop of their own for a bad value
+// (IMODE, NODES, CV_TYPE, EV_TYPE, SOLVER, MAX_MEMORY) have no row here.
+struct OptionRange {
+  std::string_view name;
+  int lowest;
+  int highest;
+};
+
+// The range of global option `key`, or null when it has none.
+const OptionRange* FindGlobalRange(std::string_view key);
+
 // Classes of model variables that carry properties.
 enum class VarClass { kFV, kMV, kSV, kCV };
 

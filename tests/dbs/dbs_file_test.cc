@@ -165,6 +165,10 @@ TEST(DbsNumericGate, RefusedValuesWarnAndKeepThePreviousValue) {
        "Warning: g.dbs line 1: value of ZPM.CYCLECOUNT is out of the integer range: \"1e21\", "
        "0 kept; line skipped"},
       {"ZPM.MAX_ITER -3e9", "ZPM", "MAX_ITER", 100, nullptr},
+      {"ZPM.MAX_ITER = 0", "ZPM", "MAX_ITER", 100,
+       "Warning: g.dbs line 1: value of ZPM.MAX_ITER is outside its range 1 to 2147483647: "
+       "\"0\", 100 kept; line skipped"},
+      {"ZPM.TIME_SHIFT = 2", "ZPM", "TIME_SHIFT", 1, nullptr},
       {"x.UPPER = 1e999", "x", "UPPER", kUnsetUpper,
        "Warning: g.dbs line 1: value of x.UPPER is not a number: \"1e999\"; line skipped"},
       {"x.MEAS = -1e999", "x", "MEAS", kNoValue, nullptr},
@@ -235,7 +239,7 @@ TEST(DbsNumericGate, NothingWrittenIsRefusedOnTheNextRead) {
     EXPECT_EQ(back.Real("OBJFCNVAL"), -kUnlimited);
     EXPECT_EQ(back.Int("MAX_ITER"), std::numeric_limits<int>::max());
     EXPECT_EQ(back.Int("NODES"), 2);
-    EXPECT_EQ(back.Int("CTRL_HOR"), -std::numeric_limits<int>::max());
+    EXPECT_EQ(back.Int("CTRL_HOR"), 1);  // written at the lowest of its documented range
   }
   const std::string json = FormatOptionsJson(s);
   EXPECT_EQ(json.find("null"), std::string::npos);
