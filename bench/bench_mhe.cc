@@ -36,7 +36,7 @@ namespace {
 
 using namespace cstr;
 
-// The estimator's data; the tank's are in cstr_model.h and written again in kModel.
+// The estimator's data; the tank's are in cstr_model.h.
 constexpr double kCa0 = 0.877, kT0 = 324.5;  // declared values: the fixed first point
 constexpr double kHxStart = 1.5, kHxLower = 0.1, kHxUpper = 10.0;
 constexpr double kHxTrue = kHx;       // what generates the data
@@ -46,37 +46,7 @@ constexpr int kSubsteps = 10;         // RK4 steps per window step in the data s
 constexpr double kTol = 1e-6;         // RTOL and the library's tol
 constexpr double kWmeas = 1.0;
 
-constexpr const char* kModel = R"(! Stirred tank with an exothermic first-order reaction
-Model cstr
-  Parameters
-    ! coolant temperature, K
-    tc = 300
-    ! heat-transfer coefficient UA/(V rho Cp), 1/min (estimated)
-    hx = 1.5, >= 0.1, <= 10
-    ! feed flow over volume, 1/min
-    qv = 1
-    ! feed concentration, mol/L, and temperature, K
-    caf = 1
-    tf = 350
-    ! rate constant, 1/min, and activation temperature, K
-    k0 = 7.2e10
-    ear = 8750
-    ! reaction heat over rho Cp, K L/mol
-    dhr = 209.2
-  End Parameters
-  Variables
-    ca = 0.877, >= 0
-    t = 324.5
-  End Variables
-  Intermediates
-    rate = k0 * exp(-ear / t) * ca
-  End Intermediates
-  Equations
-    $ca = qv * (caf - ca) - rate
-    $t = qv * (tf - t) + dhr * rate + hx * (tc - t)
-  End Equations
-End Model
-)";
+const std::string kModel = cstr::ModelText("300", "1.5, >= 0.1, <= 10");
 
 constexpr const char* kInfo = "FV, hx\nCV, t\n";
 

@@ -67,37 +67,7 @@ void PrintPhases(const std::string& console, const ProcessRun& run) {
 
 // ----- (a) the small controller -----
 
-constexpr const char* kSmallModel = R"(! Stirred tank whose coolant temperature holds the tank temperature
-Model cstr
-  Parameters
-    ! coolant temperature, K (the manipulated variable)
-    tc = 300, >= 280, <= 320
-    ! heat-transfer coefficient UA/(V rho Cp), 1/min
-    hx = 2.092
-    ! feed flow over volume, 1/min
-    qv = 1
-    ! feed concentration, mol/L, and temperature, K
-    caf = 1
-    tf = 350
-    ! rate constant, 1/min, and activation temperature, K
-    k0 = 7.2e10
-    ear = 8750
-    ! reaction heat over rho Cp, K L/mol
-    dhr = 209.2
-  End Parameters
-  Variables
-    ca = 0.877, >= 0
-    t = 324.5
-  End Variables
-  Intermediates
-    rate = k0 * exp(-ear / t) * ca
-  End Intermediates
-  Equations
-    $ca = qv * (caf - ca) - rate
-    $t = qv * (tf - t) + dhr * rate + hx * (tc - t)
-  End Equations
-End Model
-)";
+const std::string kSmallModel = cstr::ModelText("300, >= 280, <= 320", "2.092");
 
 constexpr const char* kSmallInfo = "MV, tc\nCV, t\n";
 

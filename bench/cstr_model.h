@@ -7,7 +7,11 @@
 // One tank is fed at caf, tf; a chain of tanks feeds each with the one before.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <cmath>
+#include <string>
+#include <string_view>
 
 namespace kx::bench::cstr {
 
@@ -18,6 +22,43 @@ inline constexpr double kK0 = 7.2e10;   // rate constant, 1/min
 inline constexpr double kEar = 8750.0;  // activation temperature, K
 inline constexpr double kDhr = 209.2;   // reaction heat over rho Cp, K L/mol
 inline constexpr double kHx = 2.092;    // nominal heat-transfer coefficient, 1/min
+
+// The one-tank model file; `tc` and `hx` are the two parameters' declarations (value and
+// bounds), which differ between the estimator and the controller.
+inline std::string ModelText(std::string_view tc, std::string_view hx) {
+  return fmt::format(R"(! Stirred tank with an exothermic first-order reaction
+Model cstr
+  Parameters
+    ! coolant temperature, K
+    tc = {}
+    ! heat-transfer coefficient UA/(V rho Cp), 1/min
+    hx = {}
+    ! feed flow over volume, 1/min
+    qv = {}
+    ! feed concentration, mol/L, and temperature, K
+    caf = {}
+    tf = {}
+    ! rate constant, 1/min, and activation temperature, K
+    k0 = {}
+    ear = {}
+    ! reaction heat over rho Cp, K L/mol
+    dhr = {}
+  End Parameters
+  Variables
+    ca = 0.877, >= 0
+    t = 324.5
+  End Variables
+  Intermediates
+    rate = k0 * exp(-ear / t) * ca
+  End Intermediates
+  Equations
+    $ca = qv * (caf - ca) - rate
+    $t = qv * (tf - t) + dhr * rate + hx * (tc - t)
+  End Equations
+End Model
+)",
+                     tc, hx, kQv, kCaf, kTf, kK0, kEar, kDhr);
+}
 
 inline double Rate(double ca, double t) { return kK0 * std::exp(-kEar / t) * ca; }
 
