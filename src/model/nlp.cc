@@ -115,4 +115,25 @@ void Nlp::HessianValues(std::span<const double> x, double obj_factor,
   access_.HessianValues(jac_shape_, scaled_, weights, values);
 }
 
+std::vector<int> Nlp::IntegerColumns() const {
+  std::vector<int> columns;
+  const ModelStore& store = access_.store();
+  for (int n = 1; n <= store.nvar; ++n)
+    if (store.Var(n).integer) columns.push_back(n);
+  return columns;
+}
+
+void Nlp::StoreSolution(std::span<const double> x, std::span<const double> lambda) {
+  Forget();
+  SetX(x);
+  if (!lambda.empty()) {
+    if (scaled_) {
+      access_.SetMultipliers(lambda);
+    } else {
+      for (int r = 1; r <= access_.NumRows(); ++r) access_.Row(r).lambda = lambda[r - 1];
+    }
+  }
+  access_.EvaluateResiduals();
+}
+
 }  // namespace kx::model

@@ -48,6 +48,14 @@ class Nlp {
   void HessianValues(std::span<const double> x, double obj_factor,
                      std::span<const double> lambda, std::span<double> values);
 
+  // Exact second derivatives are supplied (HessianValues may be called).
+  bool has_hessian() const { return access_.store().exact_hessian; }
+  // Columns (1-based) of the variables that must take integer values.
+  std::vector<int> IntegerColumns() const;
+  // Writes a solution into the store: the point, the rows' multipliers (when given; those of
+  // the rows as handed out) and the residuals that follow.
+  void StoreSolution(std::span<const double> x, std::span<const double> lambda);
+
  private:
   ModelAccess& access_;
   bool dynamic_;        // x holds the differential variables' derivatives too

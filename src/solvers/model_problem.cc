@@ -12,7 +12,7 @@ void ToZeroBased(std::span<int> v) {
 }  // namespace
 
 ModelProblem::ModelProblem(model::ModelAccess& access, bool dynamic, std::string name)
-    : access_(access), nlp_(access, dynamic, /*scaled=*/false), name_(std::move(name)) {}
+    : nlp_(access, dynamic, /*scaled=*/false), name_(std::move(name)) {}
 
 void ModelProblem::Bounds(std::span<double> xl, std::span<double> xu) { nlp_.GetBounds(xl, xu); }
 
@@ -28,11 +28,8 @@ bool ModelProblem::StartMultipliers(std::span<double> lambda) {
 }
 
 std::vector<int> ModelProblem::IntegerVariables() {
-  std::vector<int> list;
-  const model::ModelStore& store = access_.store();
-  for (int n = 1; n <= store.nvar; ++n) {
-    if (store.Var(n).integer) list.push_back(n - 1);
-  }
+  std::vector<int> list = nlp_.IntegerColumns();
+  ToZeroBased(list);
   return list;
 }
 
@@ -82,12 +79,7 @@ void ModelProblem::Start(std::span<double> x) {
 }
 
 void ModelProblem::Store(std::span<const double> x, std::span<const double> lambda) {
-  nlp_.Forget();
-  nlp_.SetX(x);
-  if (!lambda.empty()) {
-    for (int r = 1; r <= nlp_.num_cons(); ++r) access_.Row(r).lambda = lambda[r - 1];
-  }
-  access_.EvaluateResiduals();
+  nlp_.StoreSolution(x, lambda);
 }
 
 }  // namespace kx::solvers

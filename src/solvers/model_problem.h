@@ -21,7 +21,7 @@ class ModelProblem : public Problem {
   int num_cons() override { return nlp_.num_cons(); }
   int nnz_jac() override { return nlp_.nnz_jac(); }
   int nnz_hess() override { return nlp_.nnz_hess(); }
-  bool has_hessian() override { return access_.store().exact_hessian; }
+  bool has_hessian() override { return nlp_.has_hessian(); }
 
   void Bounds(std::span<double> xl, std::span<double> xu) override;
   void ConstraintBounds(std::span<double> cl, std::span<double> cu) override;
@@ -46,7 +46,6 @@ class ModelProblem : public Problem {
   std::vector<double> start_multipliers;
 
  private:
-  model::ModelAccess& access_;
   model::Nlp nlp_;
   std::string name_;
 };
