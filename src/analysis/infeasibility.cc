@@ -16,10 +16,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double Violation(const model::Equation& e) {
-  return std::max({0.0, e.lower - e.residual, e.residual - e.upper});
-}
-
 class ConflictSearch {
  public:
   ConflictSearch(model::ModelAccess& access, const ConflictSettings& s)
@@ -48,9 +44,9 @@ class ConflictSearch {
     std::vector<int> candidates = rows_;
     // The most violated rows first: the conflict is searched among them first.
     std::stable_sort(candidates.begin(), candidates.end(), [&](int a, int b) {
-      return Violation(store_.eqns[a]) > Violation(store_.eqns[b]);
+      return store_.eqns[a].Violation() > store_.eqns[b].Violation();
     });
-    if (candidates.empty() || Violation(store_.eqns[candidates[0]]) <= s_.tolerance)
+    if (candidates.empty() || store_.eqns[candidates[0]].Violation() <= s_.tolerance)
       return std::nullopt;
     if (Feasible(candidates)) return std::nullopt;
     Conflict c;

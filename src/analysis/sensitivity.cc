@@ -31,9 +31,8 @@ SplitJacobian Evaluate(model::ModelAccess& access, const std::vector<int>& unkno
   j.inputs.assign(num_inputs, std::vector<double>(m, 0.0));
   for (int r = 0; r < m; ++r) {
     const int e = layout.constraint_eqns[r];
-    const lang::Program& prog = store.programs[store.eqns[e].program];
-    model::GatherInputs(layout, e, scratch.in.data());
-    prog.Gradient(scratch.in.data(), scratch.work.data(), scratch.grad.data(), &scratch.errors);
+    double residual = 0;
+    model::RowGradient(store, layout, e, &scratch, &residual);
     const int first = layout.slot_begin[e];
     for (int s = first; s < layout.slot_begin[e + 1]; ++s) {
       const int col = layout.slot_column[s];

@@ -82,17 +82,20 @@ void ApplySteadyRestart(CycleModel& m, const std::vector<files::RestartEntry>& e
 }
 
 // Warm: the mode's own file, shifted one step on with TIME_SHIFT. Otherwise (or when that
-// file is missing) "rto.t0" or "ss.t0" as the initial condition. True for a warm start.
+// file is missing) "rto.t0" or "ss.t0" as the initial condition. True for a warm start;
+// `own` (when given) keeps the mode's own file's entries.
 bool ReadDynamicRestart(const CycleState& state, CycleModel& m, int time_shift,
-                        const std::vector<char>& history = {}) {
+                        const std::vector<char>& history = {},
+                        std::vector<files::RestartEntry>* own = nullptr) {
   const bool cold = state.store.Int("COLDSTART") > 0;
-  const std::string own = state.mode_word + ".t0";
+  const std::string own_file = state.mode_word + ".t0";
   std::vector<files::RestartEntry> entries;
-  if (!cold && files::ReadRestartEntries(own, &entries)) {
+  if (!cold && files::ReadRestartEntries(own_file, &entries)) {
     ApplyOwnRestart(m, entries, time_shift > 0 ? m.horizon->grid.nodes - 1 : 0, history);
+    if (own) *own = std::move(entries);
     return true;
   }
-  if (!cold) Say("WARNING: restart file not found - " + own);
+  if (!cold) Say("WARNING: restart file not found - " + own_file);
   const std::string steady = std::filesystem::exists("rto.t0") ? "rto.t0" : "ss.t0";
   if (files::ReadRestartEntries(steady, &entries)) ApplySteadyRestart(m, entries);
   return false;
@@ -129,7 +132,7 @@ void ApplyInputMeasurements(const std::vector<horizon::ClassedVariable>& classes
 // A free FV moves at most DMAX from its last implemented value (the NEWVAL it starts with).
 void LimitMove(const dbs::OptionStore& o, const horizon::ClassedVariable& c, horizon::Horizon& h) {
   const double dmax = o.GetReal(c.name, "DMAX");
-  const double last = o.GetReal(c.name, "NEWVAL");
+  const double last = c.last;
   if (dmax >= kUnlimited || last == kNoValue) return;
   for (int p = 0; p < h.grid.num_points(); ++p) {
     model::Variable& v = h.store.Var(h.Number(p, c.number));
@@ -397,13 +400,11 @@ void CheckTiers(const dbs::OptionStore& o) {
 }
 
 // An MV the controller does not move holds its current value over the whole horizon.
-void HoldInputs(const dbs::OptionStore& o, const std::vector<horizon::ClassedVariable>& classes,
-                CycleModel& m) {
+void HoldInputs(const std::vector<horizon::ClassedVariable>& classes, CycleModel& m) {
   horizon::Horizon& h = *m.horizon;
   for (const horizon::ClassedVariable& c : classes) {
     if (c.cls != dbs::VarClass::kMV || c.role != horizon::Role::kFixed) continue;
-    const double last = o.GetReal(c.name, "NEWVAL");
-    const double current = c.Filtered(last != kNoValue ? last : m.base.Var(c.number).val);
+    const double current = c.Current(m.base.Var(c.number).val);
     for (int p = 0; p < h.grid.num_points(); ++p) h.store.Var(h.Number(p, c.number)).val = current;
   }
 }
@@ -446,12 +447,11 @@ void UpdateBias(const std::vector<horizon::ClassedVariable>& classes, CycleModel
   }
 }
 
-// TR_INIT 1 re-centres when the previous cycle left no trajectory (cold, or the CV was off).
-bool RestartHasTrajectories(const CycleState& state, const ControlTerms& control) {
-  std::vector<files::RestartEntry> entries;
-  if (state.store.Int("COLDSTART") > 0 ||
-      !files::ReadRestartEntries(state.mode_word + ".t0", &entries))
-    return false;
+// TR_INIT 1 re-centres when the previous cycle left no trajectory (cold, or the CV was off):
+// `entries` are those of the mode's own restart file, empty on a cold start.
+bool RestartHasTrajectories(const std::vector<files::RestartEntry>& entries,
+                            const ControlTerms& control) {
+  if (entries.empty()) return false;
   std::unordered_map<std::string, int> names;
   for (const files::RestartEntry& e : entries) names.emplace(e.name, 0);
   for (const horizon::CvTerms& t : control.cvs) {
@@ -533,8 +533,9 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
 
   ApplyClassesOverHorizon(state.store, classes, m, imode);
   if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
+  std::vector<files::RestartEntry> restart;  // the mode's own file on a warm start
   const bool warm = ReadDynamicRestart(state, m, settings.time_shift,
-                                       HistoryInputs(classes, m.base, imode));
+                                       HistoryInputs(classes, m.base, imode), &restart);
   ApplyInputMeasurements(classes, m, imode, warm);
   horizon::MeasurementTable measurements;
   if (imode == 5) {
@@ -543,12 +544,12 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
     horizon::ApplyMeasurements(*m.horizon, evs, measurements, est);
   }
   if (control) {
-    HoldInputs(state.store, classes, m);
+    HoldInputs(classes, m);
     ReadTransferFile(m);
     UpdateBias(classes, m, *control);
     horizon::HorizonRows rows(*m.horizon);
     horizon::ApplyControl(rows, control->cvs, control->mvs, control->settings,
-                          !RestartHasTrajectories(state, *control));
+                          !RestartHasTrajectories(restart, *control));
   }
   // An estimator's parameters are unknown: a trajectory simulated with their first guesses
   // drifts from the measurements and starts the fit further off than the declared values do

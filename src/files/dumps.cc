@@ -10,13 +10,6 @@
 namespace kx::files {
 namespace {
 
-// How far an equation's residual lies outside its bounds (0 when inside).
-double Violation(const model::Equation& e) {
-  if (e.residual < e.lower) return e.lower - e.residual;
-  if (e.residual > e.upper) return e.residual - e.upper;
-  return std::isnan(e.residual) ? INFINITY : 0.0;
-}
-
 std::string EquationLine(int index, const model::Equation& e) {
   return fmt::format("{:>8} {:<20} {:>24.16g} {:>24.16g} {:>24.16g}  {}\n", index, e.name,
                      e.residual, e.lower, e.upper, e.text);
@@ -156,13 +149,13 @@ bool WriteInfeasibilities(const std::string& path, const model::ModelStore& stor
     if (store.eqns[i].active && !store.eqns[i].obj_eqn) order.push_back(static_cast<int>(i));
   // Worst violation first; the listing of the satisfied rows follows in equation order.
   std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
-    double va = Violation(store.eqns[a]), vb = Violation(store.eqns[b]);
+    double va = store.eqns[a].Violation(), vb = store.eqns[b].Violation();
     bool ia = va > tolerance, ib = vb > tolerance;
     if (ia != ib) return ia;
     return ia && va > vb;
   });
   int violated = 0;
-  for (int i : order) violated += Violation(store.eqns[i]) > tolerance;
+  for (int i : order) violated += store.eqns[i].Violation() > tolerance;
   std::string text(preamble);
   text += fmt::format(
       "! infeasibilities: {} of {} equations outside their bounds by more than {:g}\n", violated,
@@ -173,7 +166,7 @@ bool WriteInfeasibilities(const std::string& path, const model::ModelStore& stor
     const model::Equation& e = store.eqns[i];
     text += fmt::format("{:>8} {:<20} {:>24.16g} {:>24.16g} {:>24.16g} {:>10}  {}\n", i + 1,
                         e.name, e.residual, e.lower, e.upper,
-                        Violation(e) > tolerance ? "VIOLATED" : "ok", e.text);
+                        e.Violation() > tolerance ? "VIOLATED" : "ok", e.text);
   }
   return WriteFileAtomically(path, text);
 }

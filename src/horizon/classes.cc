@@ -61,6 +61,7 @@ std::vector<ClassedVariable> ClassifyVariables(const dbs::OptionStore& o,
     c.upper = o.GetReal(dv.name, "UPPER");
     c.fstatus = o.GetReal(dv.name, "FSTATUS");
     c.meas = c.good ? o.GetReal(dv.name, "MEAS") : kNoValue;
+    if (c.IsInput()) c.last = o.GetReal(dv.name, "NEWVAL");
     c.role = RoleOf(c, imode, ctrlmode);
     list.push_back(std::move(c));
   }

@@ -42,6 +42,7 @@ struct ClassedVariable {
   double upper = kUnsetUpper;  // UPPER (sentinel when not set)
   double meas = kNoValue;    // MEAS of a good instrument, else kNoValue
   double fstatus = 1.0;      // FSTATUS
+  double last = kNoValue;    // NEWVAL of an FV or MV: the value implemented last cycle
 
   bool IsInput() const { return cls == dbs::VarClass::kFV || cls == dbs::VarClass::kMV; }
   bool IsFree() const { return role == Role::kShared || role == Role::kPerStep; }
@@ -49,6 +50,8 @@ struct ClassedVariable {
   double Filtered(double value) const {
     return IsInput() && meas != kNoValue ? fstatus * meas + (1.0 - fstatus) * value : value;
   }
+  // The value an input holds now: its MEAS (filtered) over its last NEWVAL, else `declared`.
+  double Current(double declared) const { return Filtered(last != kNoValue ? last : declared); }
 };
 
 // The classified variables that name a model variable, in APP.info order. `ctrlmode` only

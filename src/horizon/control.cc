@@ -179,8 +179,7 @@ MvTerms ReadMv(const ClassedVariable& c, const dbs::OptionStore& o, const Contro
   t.name = c.name;
   t.mv = c.number;
   t.tier = o.GetInt(c.name, "TIER");
-  const double last = o.GetReal(c.name, "NEWVAL");
-  t.current = c.Filtered(last != kNoValue ? last : v.val);
+  t.current = c.Current(v.val);
   t.dcost = o.GetReal(c.name, "DCOST");
   t.cost = o.GetReal(c.name, "COST");
   t.dmax = std::abs(o.GetReal(c.name, "DMAX"));

@@ -41,14 +41,9 @@ bool BlockNewton::Evaluate(std::span<const int> rows, bool with_jacobian) {
   jr_.clear(), jc_.clear(), jv_.clear();
   for (size_t i = 0; i < rows.size(); ++i) {
     const int e = rows[i];
-    const lang::Program& p = store_.programs[store_.eqns[e].program];
-    GatherInputs(layout_, e, scratch_.in.data());
-    const int before = scratch_.errors.Total();
-    const double r = with_jacobian ? p.Gradient(scratch_.in.data(), scratch_.work.data(),
-                                                scratch_.grad.data(), &scratch_.errors)
-                                   : p.Residual(scratch_.in.data(), scratch_.work.data(),
-                                                &scratch_.errors);
-    if (scratch_.errors.Total() != before || !std::isfinite(r)) return false;
+    double r = 0;
+    if (with_jacobian ? !RowGradient(store_, layout_, e, &scratch_, &r) : !Residual(e, &r))
+      return false;
     res_[i] = r;
     if (!with_jacobian) continue;
     const int first = layout_.slot_begin[e];

@@ -1,5 +1,7 @@
 #include "model/jacobian.h"
 
+#include <cmath>
+
 #include <algorithm>
 
 #include "base/check.h"
@@ -52,6 +54,16 @@ void ScaleJacobian(const ModelStore& store, const EquationLayout& layout,
       values[k] *= sv[pattern.cols[k]] / se;
     }
   }
+}
+
+bool RowGradient(const ModelStore& store, const EquationLayout& layout, int e,
+                 EvalScratch* scratch, double* residual) {
+  const lang::Program& p = store.programs[store.eqns[e].program];
+  GatherInputs(layout, e, scratch->in.data());
+  const int before = scratch->errors.Total();
+  *residual = p.Gradient(scratch->in.data(), scratch->work.data(), scratch->grad.data(),
+                         &scratch->errors);
+  return scratch->errors.Total() == before && std::isfinite(*residual);
 }
 
 }  // namespace kx::model

@@ -37,6 +37,12 @@ inline void GatherInputs(const EquationLayout& layout, int e, double* in) {
   for (int k = 0; k < n; ++k) in[k] = *src[k];
 }
 
+// Residual of equation e at the current values and its gradient, one entry per input slot of
+// e (slot_begin[e] ...), in scratch->grad. False when the evaluation met a domain fault or a
+// value that is not finite.
+bool RowGradient(const ModelStore& store, const EquationLayout& layout, int e,
+                 EvalScratch* scratch, double* residual);
+
 // Unscaled Jacobian values of `pattern` into `values` (size nnz, coordinate order); stores each
 // row's residual in its record.
 void FillJacobian(ModelStore& store, const EquationLayout& layout, const JacobianPattern& pattern,

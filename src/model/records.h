@@ -3,6 +3,7 @@
 // the access routines (model/access) and the assembly (model/jacobian, model/hessian).
 #pragma once
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,13 @@ struct Equation {
   std::vector<int> columns;     // model column of each program input: 1..nvar x, nvar+i dx_i/dt
   int line = 0;                 // model-file line (messages)
   int statement = 0;            // equation statement (1-based) the row came from; 0 generated
+
+  // How far the residual lies outside its bounds: 0 inside, infinite for a NaN residual.
+  double Violation() const {
+    if (residual < lower) return lower - residual;
+    if (residual > upper) return residual - upper;
+    return residual != residual ? std::numeric_limits<double>::infinity() : 0.0;
+  }
 };
 
 struct Intermediate {
