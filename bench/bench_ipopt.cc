@@ -26,6 +26,7 @@
 
 #include "base/report.h"
 #include "base/timers.h"
+#include "process_bench.h"
 #include "solvers/ipopt_call.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
@@ -139,16 +140,6 @@ class BratuTnlp : public Ipopt::TNLP {
     BratuTnlp* owner;
     Clock::time_point start;
   };
-  // Structure on the first call (values == nullptr), values afterwards.
-  static void Put(Index* rows, Index* cols, Number* v, int& k, int r, int c, double value) {
-    if (v == nullptr) {
-      rows[k] = r;
-      cols[k] = c;
-    } else {
-      v[k] = value;
-    }
-    ++k;
-  }
   const double h_ = 1.0 / (kPoints + 1);
 };
 

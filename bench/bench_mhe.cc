@@ -224,16 +224,6 @@ class MheTnlp : public Ipopt::TNLP {
   static double Sq(double a) { return a * a; }
   static double CaBefore(const Number* x, int p) { return p > 1 ? x[Ca(p - 1)] : kCa0; }
   static double TBefore(const Number* x, int p) { return p > 1 ? x[T(p - 1)] : kT0; }
-  // Structure on the first call (values == nullptr), values afterwards.
-  static void Put(Index* rows, Index* cols, Number* v, int& k, int r, int c, double value) {
-    if (v == nullptr) {
-      rows[k] = r;
-      cols[k] = c;
-    } else {
-      v[k] = value;
-    }
-    ++k;
-  }
 
   Window w_;
   int n_;  // steps
@@ -252,12 +242,6 @@ int SolveHandCoded() {
   return nlp->status == 0 ? 0 : 1;
 }
 
-// The iteration count from the library's log in the current directory.
-int LoggedIterations() {
-  const std::string log = ReadText("ipopt.out");
-  const size_t at = log.rfind("Number of Iterations....:");
-  return at == std::string::npos ? -1 : std::atoi(log.c_str() + at + 25);
-}
 
 // The phases of the timer table, in the order printed, with their labels.
 constexpr std::pair<const char*, const char*> kPhases[] = {

@@ -499,15 +499,6 @@ class ChainTnlp : public Ipopt::TNLP {
   static int Row(int i, int k) { return (k - 1) * 2 * kTanks + 2 * i; }
   static double UBefore(const Number* x, int g, int k) { return k > 1 ? x[U(g, k - 1)] : kTcStart; }
   static bool IsCv(int i) { return CvTank(GroupOf(i)) == i; }
-  static void Put(Index* rows, Index* cols, Number* v, int& n, int r, int c, double value) {
-    if (v == nullptr) {
-      rows[n] = r;
-      cols[n] = c;
-    } else {
-      v[n] = value;
-    }
-    ++n;
-  }
 
   std::vector<double> x0_;  // the present: ca_i, t_i
   std::vector<double> tr_;  // reference trajectory per CV and point 1..N
@@ -531,11 +522,6 @@ int SolveHandCoded() {
   return nlp->status == 0 ? 0 : 1;
 }
 
-int LoggedIterations() {
-  const std::string log = ReadText("ipopt.out");
-  const size_t at = log.rfind("Number of Iterations....:");
-  return at == std::string::npos ? -1 : std::atoi(log.c_str() + at + 25);
-}
 
 // Writes the chain's input files (model, classes, settings, start) into `dir`.
 void WriteChainInputs(const fs::path& dir) {

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <thread>
 #include <cmath>
+#include <cstdlib>
 #include <coin/IpIpoptApplication.hpp>
 #include <filesystem>
 #include <fstream>
@@ -216,6 +217,25 @@ inline double Median(std::vector<double> v) {
 inline void CopyInputs(const fs::path& from, const std::vector<std::string>& names) {
   for (const std::string& n : names)
     fs::copy_file(from / n, n, fs::copy_options::overwrite_existing);
+}
+
+// One entry of a hand-coded problem's sparse matrix: its position on the structure call
+// (values == nullptr), its value afterwards; k counts the entries.
+inline void Put(int* rows, int* cols, double* values, int& k, int r, int c, double value) {
+  if (values == nullptr) {
+    rows[k] = r;
+    cols[k] = c;
+  } else {
+    values[k] = value;
+  }
+  ++k;
+}
+
+// The iteration count from the library's log "ipopt.out" in the current directory.
+inline int LoggedIterations() {
+  const std::string log = ReadText("ipopt.out");
+  const size_t at = log.rfind("Number of Iterations....:");
+  return at == std::string::npos ? -1 : std::atoi(log.c_str() + at + 25);
 }
 
 }  // namespace kx::bench
