@@ -48,7 +48,7 @@ struct SparseJacobian {
   }
 };
 
-void ErrorReport(std::string& text, solvers::Problem& p, std::span<const double> x,
+void ErrorReport(std::string& text, std::span<const double> x,
                  const ProblemNames& names, const SparseJacobian& jac, int i, int j, double an,
                  double num) {
   text += "_Error_Report_____________________________________________________\n";
@@ -64,9 +64,9 @@ void ErrorReport(std::string& text, solvers::Problem& p, std::span<const double>
     text += fmt::format("       {:<30} {:.8e}\n", names.variable(col), x[col]);
 }
 
-void SayCount(const char* routine, const char* word, int errors, bool file_written) {
-  (void)word;
-  const std::string see = file_written ? std::string(" (see verify_") + word + ".txt)" : "";
+// "zpm_verify_jacobian: located N errors (see verify_jacobian.txt)".
+void SayCount(const char* routine, const char* word, int errors) {
+  const std::string see = std::string(" (see verify_") + word + ".txt)";
   if (errors == 1) {
     Sayf("{}: located 1 error{}", routine, see);
   } else {
@@ -147,7 +147,7 @@ int VerifyJacobian(solvers::Problem& p, std::span<const double> x0, const Proble
       ++errors;
       text += fmt::format(" {:>9} {:>8} {:15.8e} {:15.8e} {}\n", i + 1, j + 1, analytic, numeric,
                           an ? "(==)" : "(xx)");
-      ErrorReport(text, p, x, names, jac, i, j, analytic, numeric);
+      ErrorReport(text, x, names, jac, i, j, analytic, numeric);
     }
   }
   WriteFileAtomically(Path(dir, "verify_jacobian.txt"), text);
@@ -227,7 +227,7 @@ void RunDerivativeChecks(solvers::Problem& p, const ProblemNames& names, int num
   if (gradient > 0)
     Sayf("objective gradient: {} differences (see verify_obj_grad.txt)", gradient);
   Say("checking constraint 1st derivatives...");
-  SayCount("zpm_verify_jacobian", "jacobian", VerifyJacobian(p, x, names, num_states, dir), true);
+  SayCount("zpm_verify_jacobian", "jacobian", VerifyJacobian(p, x, names, num_states, dir));
   Say("...done");
   if (diaglevel < 6) return;
   if (!p.has_hessian()) {
@@ -235,7 +235,7 @@ void RunDerivativeChecks(solvers::Problem& p, const ProblemNames& names, int num
     return;
   }
   Say("checking 2nd derivatives...");
-  SayCount("zpm_verify_hessian", "hessian", VerifyHessian(p, x, names, dir), true);
+  SayCount("zpm_verify_hessian", "hessian", VerifyHessian(p, x, names, dir));
   Say("...done");
 }
 

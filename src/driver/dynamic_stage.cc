@@ -310,7 +310,7 @@ SolveOutcome SolveTiers(CycleState& state, CycleModel& m, bool warm, bool dynami
   SolveOutcome out;
   for (int tier : tiers) {
     if (tiers.size() > 1) Sayf("Tiered Optimization Cycle: {}", tier);
-    horizon::ApplyTier(*m.horizon, control->cvs, control->mvs, tier, control->settings);
+    horizon::ApplyTier(*m.horizon, control->cvs, control->mvs, tier);
     out = SolveOnce(state, *m.access, warm || tier != tiers.front(), dynamic);
     if (out.status != 0) break;
   }

@@ -246,7 +246,7 @@ void ApplyCv(Horizon& h, const CvTerms& t, const ControlSettings& s, bool recent
   }
 }
 
-void AddMvRows(HorizonRows& rows, const MvTerms& t, const ControlSettings& s) {
+void AddMvRows(HorizonRows& rows, const MvTerms& t) {
   Horizon& h = rows.horizon();
   const int nodes = h.grid.nodes;
   const std::string du_text = fmt::format("0= du  - (u_{} - u_1)", nodes);
@@ -273,7 +273,6 @@ void AddMvRows(HorizonRows& rows, const MvTerms& t, const ControlSettings& s) {
       rows.Add(p, prefix + ".mv_cost", "minimize cost * u", "a*b", {n(t.cost_m, p), n(t.mv, p)},
                RowKind::kObjective);
   }
-  (void)s;
 }
 
 // Values and limits of one free MV's members; steps that may not move hold du at 0.
@@ -343,7 +342,7 @@ void ApplyControl(HorizonRows& rows, const std::vector<CvTerms>& cvs,
   Horizon& h = rows.horizon();
   for (const CvTerms& t : cvs) ApplyCv(h, t, s, recentre);
   for (const MvTerms& t : mvs) {
-    AddMvRows(rows, t, s);
+    AddMvRows(rows, t);
     ApplyMv(h, t, s);
   }
   // The first point is the measured present: no set-point rows there.
@@ -364,7 +363,7 @@ std::vector<int> Tiers(const std::vector<CvTerms>& cvs, const std::vector<MvTerm
 }
 
 void ApplyTier(Horizon& h, const std::vector<CvTerms>& cvs, const std::vector<MvTerms>& mvs,
-               int tier, const ControlSettings& s) {
+               int tier) {
   std::vector<char> off(h.store.eqns.size(), 0);
   for (const CvTerms& t : cvs) {
     if (!t.controlled) continue;
@@ -391,7 +390,6 @@ void ApplyTier(Horizon& h, const std::vector<CvTerms>& cvs, const std::vector<Mv
     }
   }
   model::CountEquationKinds(&h.store);
-  (void)s;
 }
 
 }  // namespace kx::horizon

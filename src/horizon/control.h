@@ -92,7 +92,7 @@ void ApplyControl(HorizonRows& rows, const std::vector<CvTerms>& cvs,
 
 // Tier t: CVs and MVs whose TIER is above t act as STATUS = 0 (set-point rows off, MV held).
 void ApplyTier(Horizon& h, const std::vector<CvTerms>& cvs, const std::vector<MvTerms>& mvs,
-               int tier, const ControlSettings& settings);
+               int tier);
 
 // The distinct TIER values of the controlled CVs and free MVs, ascending (at least {1}).
 std::vector<int> Tiers(const std::vector<CvTerms>& cvs, const std::vector<MvTerms>& mvs);
