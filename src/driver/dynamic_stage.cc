@@ -217,7 +217,9 @@ horizon::MeasurementTable GatherMeasurements(const CycleState& state, const Cycl
   const horizon::Horizon& h = *m.horizon;
   const int points = h.grid.num_points();
   const int per_step = h.data_sets ? 1 : h.grid.nodes - 1;
-  const files::MeasurementHistory history = files::ReadMeasurementHistory("est.meas");
+  // Data sets have no history: each row is its own set.
+  const files::MeasurementHistory history =
+      h.data_sets ? files::MeasurementHistory{} : files::ReadMeasurementHistory("est.meas");
   horizon::MeasurementTable table;
   for (const horizon::EvTerms& t : evs) {
     std::vector<double> values(points, kNoValue);
@@ -226,7 +228,7 @@ horizon::MeasurementTable GatherMeasurements(const CycleState& state, const Cycl
       const int row = p / per_step;
       if (column >= 0 && row < data->num_rows) values[p] = data->At(row, column);
     }
-    if (auto it = history.find(t.name); it != history.end() && !h.data_sets) {
+    if (auto it = history.find(t.name); it != history.end()) {
       for (size_t i = shift; i < it->second.size(); ++i) {
         const int p = static_cast<int>(i - shift) * per_step;
         if (p < points && it->second[i] != kNoValue) values[p] = it->second[i];
