@@ -14,6 +14,7 @@
 #include "lang/compiler.h"
 #include "model/checks.h"
 #include "model/connections.h"
+#include "objects/expander.h"
 
 namespace kx::model {
 namespace {
@@ -41,7 +42,6 @@ class Builder {
   void CreateRecords();
   void AddVariable(const lang::VariableDecl& d, char vtype);
   void SetInitialDerivatives();
-  void CheckObjects() const;
   void NumberVariables();
   void CheckRecords() const;
   void CompileIntermediates();
@@ -96,7 +96,10 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   lang::ModelCounts counts;
   Phase("Read model file (sec):", [&] { read(&reader); });
   Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
-  Phase("Determine model size (sec):", [&] { counts = reader.DetermineSize(); });
+  Phase("Determine model size (sec):", [&] {
+    objects::ExpandObjects(&reader, {options_.work_dir, options_.diaglevel});
+    counts = reader.DetermineSize();
+  });
   Phase("Allocate memory (sec):", [&] {
     store_.vars.reserve(counts.parameters + counts.variables);
     store_.eqns.reserve(counts.equations);
@@ -106,7 +109,6 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   Phase("Parse and store model (sec):", [&] {
     parsed_ = reader.Parse();
     CreateRecords();
-    CheckObjects();
     ApplyConnections(parsed_.connections, names_, {options_.diaglevel, options_.work_dir},
                      &store_);
     NumberVariables();
@@ -138,7 +140,8 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   v.fixed = vtype == kVarParameter;
   v.preferred = true;
   v.obj_def = StartsWith(d.name, "obj");
-  v.integer = StartsWith(d.name, "int");
+  // An object member named int... (`a.int_b`) is integer like a declared int... name.
+  v.integer = StartsWith(d.name, "int") || d.name.find(".int") != std::string::npos;
   v.slack = StartsWith(d.name, "slk");
   v.val = d.value;
   v.lower = d.lower;
@@ -191,13 +194,6 @@ void Builder::SetInitialDerivatives() {
              fmt::format("line number: {}", d.line)});
     }
     store_.vars[it->second].d_val = d.value;
-  }
-}
-
-void Builder::CheckObjects() const {
-  for (const auto& o : store_.objects) {
-    Fatal({fmt::format("Object {} of type {} is not available yet", o.name, o.type),
-           "The object library comes in a later version; declare its equations directly"});
   }
 }
 
