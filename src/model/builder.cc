@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "base/report.h"
 #include "base/text.h"
@@ -41,6 +42,7 @@ class Builder {
   void Phase(const char* label, F&& body);
   void CreateRecords();
   void AddVariable(const lang::VariableDecl& d, char vtype);
+  bool IsObjectMember(const std::string& name) const;
   void SetInitialDerivatives();
   void NumberVariables();
   void CheckRecords() const;
@@ -65,6 +67,7 @@ class Builder {
   NameIndex names_;                                    // variable and parameter names
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
+  std::unordered_set<std::string> object_names_;       // declared objects
   std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
   std::vector<char> tainted_;          // per intermediate: reads an out-of-order value
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
@@ -138,7 +141,9 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   v.name = d.name;
   v.vtype = vtype;
   v.fixed = vtype == kVarParameter;
-  v.preferred = true;
+  // A connection between an object member and a declared name keeps the declared record
+  // (its value, bounds and name survive).
+  v.preferred = !IsObjectMember(d.name);
   v.obj_def = StartsWith(d.name, "obj");
   // An object member named int... (`a.int_b`) is integer like a declared int... name.
   v.integer = StartsWith(d.name, "int") || d.name.find(".int") != std::string::npos;
@@ -152,8 +157,14 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   store_.vars.push_back(std::move(v));
 }
 
+bool Builder::IsObjectMember(const std::string& name) const {
+  const size_t dot = name.find('.');
+  return dot != std::string::npos && object_names_.count(name.substr(0, dot)) > 0;
+}
+
 void Builder::CreateRecords() {
   store_.name = parsed_.name;
+  for (const auto& o : parsed_.objects) object_names_.insert(o.name);
   for (const auto& c : parsed_.constants) {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});

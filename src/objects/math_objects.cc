@@ -263,17 +263,17 @@ const std::vector<ObjectType>& MathObjectTypes() {
                      {"s2 <= big*(1 - int_b)", "", "integer"}}},
       {.keywords = {"sign"},
        .family = "Mathematical",
-       .summary = "y = sign(x) in [-1, 1]: x = xp - xn with xp (1 - y) = 0 and xn (1 + y) = 0 "
-                  "(at x = 0 any y in [-1, 1])",
+       .summary = "y = sign(x) in [-1, 1]: x = xp - xn, y (xp + xn) = xp - xn, xp and xn >= 0 "
+                  "and complementary (at x = 0 any y in [-1, 1])",
        .arguments = {kIntegerArg},
        .members = {{"x", K::kVariable, "", "", "", "", "", "input"},
                    {"y", K::kVariable, "", "", "-1", "1", "", "output sign(x)"},
-                   {"xp", K::kVariable, "", "0", "0", "", "", "positive part of x"},
-                   {"xn", K::kVariable, "", "0", "0", "", "", "negative part of x"},
+                   // Starting both parts at 1 keeps the first linearisation consistent.
+                   {"xp", K::kVariable, "", "1", "0", "", "", "positive part of x"},
+                   {"xn", K::kVariable, "", "1", "0", "", "", "negative part of x"},
                    kIntegerSwitch, kBigM},
        .equations = {{"x = xp - xn"},
-                     {"xp*(1 - y) <= 0", "", "!integer"},
-                     {"xn*(1 + y) <= 0", "", "!integer"},
+                     {"y*(xp + xn) = xp - xn", "", "!integer"},
                      {"xp*xn <= 0", "", "!integer"},
                      {"y = 2*int_b - 1", "", "integer"},
                      {"xp <= big*int_b", "", "integer"},

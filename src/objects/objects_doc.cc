@@ -27,7 +27,9 @@ Each object adds members to the model, named `name.member` (`f.y`, `s.x`, `p[2].
 members `t.y[2]`). Members are ordinary parameters, variables, intermediates and equations:
 use them in equations (`f.u = valve`), in the Connections section (`f.u = u`, `f.tau = 4`,
 `f.y = calculated`), in `APP.info` (`MV, p[1].sp`), the DBS files and the results. Parameters
-are fixed unless classified FV or MV; variables are free. Data files named by arguments are
+are fixed unless classified FV or MV; variables are free. When the Connections section joins
+a member with one of your own variables (`lc.pv = level`), your variable survives: its value,
+bounds and name are kept and the member becomes another name of it. Data files named by arguments are
 read from the working directory (an embedded `File` block of the model works): one row a line,
 numbers separated by commas, semicolons or blanks, lines starting with `!`, `#` or `%`
 skipped, a first line that is not all numbers taken as a header.
@@ -40,6 +42,17 @@ Equations marked "integer" / "not integer" are written only in that form (`integ
 the big-M form with an integer switch for the branch-and-bound solver; the default is the
 smooth complementarity form, for every solver). A member named `int...` is an integer
 variable.
+
+Objects are expanded into ordinary statements before the model is counted: the size report
+counts the objects ("Objects") and, under the other labels, their members and equations with
+the rest. At `DIAGLEVEL` 4 and above every generated statement is echoed
+(`  object statement: ...`). A declaration the library cannot use stops the run with
+"Problem with object input:" and a line naming the object, its type and its line: an unknown
+argument, too many positional arguments, a missing or non-numeric file, knots that do not
+increase, matrices whose sizes do not fit.
+
+Runnable examples: `examples/objects_pid` (a PI level loop on a tank, control objects) and
+`examples/objects_math` (a pump operating point with a spline, a lookup table and `abs`).
 )";
 
 const char* KindName(MemberKind k) {
