@@ -43,6 +43,7 @@ class Builder {
   void CreateRecords();
   void AddVariable(const lang::VariableDecl& d, char vtype);
   bool IsObjectMember(const std::string& name) const;
+  std::string ObjectMembers(const std::string& name) const;
   void SetInitialDerivatives();
   void NumberVariables();
   void CheckRecords() const;
@@ -267,8 +268,33 @@ void Builder::FailUnknownName(std::string_view name, bool derivative) const {
     if ((pos == 0 || !in_name(pos - 1)) && (end == lower.size() || !in_name(end))) break;
     pos = lower.find(token, pos + 1);
   }
-  Fatal({"Invalid element: " + token, "*** Error in syntax of function string: " + text,
-         fmt::format("Position: {}", pos == std::string::npos ? 1 : pos + 1)});
+  std::vector<std::string> lines = {"Invalid element: " + token,
+                                    "*** Error in syntax of function string: " + text,
+                                    fmt::format("Position: {}", pos == std::string::npos ? 1 : pos + 1)};
+  const std::string members = ObjectMembers(std::string(name));
+  if (!members.empty()) lines.push_back(members);
+  Fatal(lines);
+}
+
+// "Members of object f: tau, k, u, y" when `name` is `f.something` for a declared object f;
+// empty otherwise. Vector members are listed once, without their index.
+std::string Builder::ObjectMembers(const std::string& name) const {
+  const size_t dot = name.find('.');
+  if (dot == std::string::npos || object_names_.count(name.substr(0, dot)) == 0) return "";
+  const std::string prefix = name.substr(0, dot + 1);
+  std::vector<std::string> members;
+  std::unordered_set<std::string> seen;
+  auto add = [&](const std::string& full) {
+    if (!StartsWith(full, prefix)) return;
+    std::string m = full.substr(prefix.size());
+    m = m.substr(0, m.find('['));
+    if (seen.insert(m).second) members.push_back(m);
+  };
+  for (const Variable& v : store_.vars) add(v.name);
+  for (const Intermediate& m : store_.intermediates) add(m.name);
+  std::string list;
+  for (const std::string& m : members) list += (list.empty() ? "" : ", ") + m;
+  return "Members of object " + name.substr(0, dot) + ": " + list;
 }
 
 // An intermediate read before it is defined (listed later, or itself) gives no value: it is

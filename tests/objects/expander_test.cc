@@ -130,6 +130,8 @@ TEST(Expander, UnknownMemberInAnEquationIsNamed) {
   std::vector<std::string> lines =
       kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
   EXPECT_NE(Joined(lines).find("Invalid element: f.yy"), std::string::npos) << Joined(lines);
+  EXPECT_NE(Joined(lines).find("Members of object f: tau, k, u, y"), std::string::npos)
+      << Joined(lines);
 }
 
 TEST(Expander, DataFilesMayBeEmbeddedInTheModel) {
