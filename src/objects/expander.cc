@@ -54,10 +54,13 @@ const ArgSpec* FindArgument(const ObjectType& type, std::string_view name) {
   return nullptr;
 }
 
-std::string ArgumentNames(const ObjectType& type) {
+// The names an argument may have: the entry's arguments, and with `parameters` its scalar
+// parameters too.
+std::string ArgumentNames(const ObjectType& type, bool parameters = true) {
   std::string names;
   for (const ArgSpec& a : type.arguments) names += (names.empty() ? "" : ", ") + std::string(a.name);
   for (const MemberSpec& m : type.members) {
+    if (!parameters) break;
     if (m.kind == MemberKind::kParameter && m.size[0] == '\0')
       names += (names.empty() ? "" : ", ") + std::string(m.name);
   }
@@ -256,12 +259,13 @@ std::vector<std::pair<std::string, std::string>> NameArguments(const ObjectInsta
   std::vector<std::string> parts = SplitArguments(text);
   size_t positional = 0;
   for (const std::string& p : parts) {
+    if (p.empty()) FailObject(o, "an argument is empty: " + text);
     const size_t eq = p.find('=');
     if (eq == std::string::npos) {
       if (positional >= type.arguments.size()) {
         FailObject(o, fmt::format("{} takes {} positional argument{} ({}), {} given", o.type,
                                   type.arguments.size(), type.arguments.size() == 1 ? "" : "s",
-                                  ArgumentNames(type), parts.size()));
+                                  ArgumentNames(type, false), parts.size()));
       }
       named.emplace_back(type.arguments[positional++].name, p);
       continue;
@@ -441,6 +445,12 @@ void ExpandObjects(lang::ModelFileReader* reader, const ExpandOptions& options) 
   ObjectStatements all;
   for (const lang::Statement& s : objects) {
     const lang::ObjectDeclText decl = lang::ParseObjectStatement(s);
+    if (decl.name.find('.') != std::string::npos) {
+      Fatal({"Problem with object input:",
+             fmt::format("Object {} ({}, line {}): an object name cannot contain '.'", decl.name,
+                         decl.type, decl.line)},
+            "STOPPING. . .");
+    }
     const ObjectType* type = FindObjectType(decl.type);
     if (type == nullptr) {
       Fatal({fmt::format("Object {} of type {} is not available yet (line {})", decl.name,

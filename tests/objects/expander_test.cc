@@ -83,7 +83,10 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   };
   const Case kCases[] = {
       {"f = lag(tua=2)", "Object f (lag, line 2): unknown argument tua; lag takes: tau, k"},
-      {"f = lag(2)", "lag takes 0 positional arguments (tau, k), 1 given"},
+      {"f = lag(2)", "lag takes 0 positional arguments (none), 1 given"},
+      {"a = abs(1, 2)", "abs takes 1 positional argument (integer), 2 given"},
+      {"a = abs(,)", "an argument is empty: ,"},
+      {"a.b = lag", "an object name cannot contain '.'"},
       {"f = lag(tau=1, tau=2)", "argument tau is given twice"},
       {"f = lag(tau=)", "argument tau has no value"},
       {"f = lag(tau=nosuch)", "Unknown constant: nosuch"},
