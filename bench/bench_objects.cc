@@ -21,7 +21,8 @@ namespace {
 // N loops: a controller c_k reads the lag f_k and drives its input.
 std::string ObjectModel(int n) {
   std::string s = "Objects\n";
-  for (int k = 1; k <= n; ++k) s += fmt::format(" f{0} = lag(tau=2)\n c{0} = pid(kc=0.5, taui=3)\n", k);
+  for (int k = 1; k <= n; ++k)
+    s += fmt::format(" f{0} = lag(tau=2)\n c{0} = pid(kc=0.5, taui=3)\n", k);
   s += "End Objects\nConnections\n";
   for (int k = 1; k <= n; ++k) s += fmt::format(" c{0}.pv = f{0}.y\n c{0}.op = f{0}.u\n", k);
   s += "End Connections\nEquations\n";
@@ -32,15 +33,19 @@ std::string ObjectModel(int n) {
 std::string PlainModel(int n) {
   std::string par = "Parameters\n", var = "Variables\n", eqs = "Equations\n", con = "Connections\n";
   for (int k = 1; k <= n; ++k) {
-    par += fmt::format(" f{0}.tau = 2\n f{0}.k = 1\n c{0}.kc = 0.5\n c{0}.taui = 3\n c{0}.taud = 0\n"
-                       " c{0}.bias = 0\n c{0}.op_hi = 100\n c{0}.op_lo = 0\n", k);
-    var += fmt::format(" f{0}.u\n f{0}.y\n c{0}.pv\n c{0}.sp\n c{0}.e\n c{0}.ie\n c{0}.op_u\n c{0}.op\n", k);
+    par += fmt::format(
+        " f{0}.tau = 2\n f{0}.k = 1\n c{0}.kc = 0.5\n c{0}.taui = 3\n c{0}.taud = 0\n"
+        " c{0}.bias = 0\n c{0}.op_hi = 100\n c{0}.op_lo = 0\n",
+        k);
+    var += fmt::format(
+        " f{0}.u\n f{0}.y\n c{0}.pv\n c{0}.sp\n c{0}.e\n c{0}.ie\n c{0}.op_u\n c{0}.op\n", k);
     eqs += fmt::format(
         " f{0}.tau*$f{0}.y = f{0}.k*f{0}.u - f{0}.y\n c{0}.e = c{0}.sp - c{0}.pv\n"
         " c{0}.op_u = c{0}.bias + c{0}.kc*(c{0}.e + c{0}.ie/c{0}.taui)\n"
         " c{0}.op = ((c{0}.op_u + c{0}.op_lo + abs(c{0}.op_u - c{0}.op_lo))/2 + c{0}.op_hi - "
         "abs((c{0}.op_u + c{0}.op_lo + abs(c{0}.op_u - c{0}.op_lo))/2 - c{0}.op_hi))/2\n"
-        " $c{0}.ie = c{0}.e + (c{0}.op - c{0}.op_u)/c{0}.kc\n c{0}.sp = 1\n", k);
+        " $c{0}.ie = c{0}.e + (c{0}.op - c{0}.op_u)/c{0}.kc\n c{0}.sp = 1\n",
+        k);
     con += fmt::format(" c{0}.pv = f{0}.y\n c{0}.op = f{0}.u\n", k);
   }
   return par + "End Parameters\n" + var + "End Variables\n" + eqs + "End Equations\n" + con +
@@ -59,7 +64,8 @@ double BestBuild(const std::string& text, size_t* vars) {
     } catch (const Stop&) {
       return -1;
     }
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    best = std::min(
+        best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
   return best;
 }
@@ -88,7 +94,8 @@ int main(int argc, char** argv) {
     const double t_obj = kx::bench::BestBuild(kx::bench::ObjectModel(n), &vo);
     const double t_plain = kx::bench::BestBuild(kx::bench::PlainModel(n), &vp);
     if (t_obj < 0 || t_plain < 0 || vo != vp) {
-      std::printf("%10d build stopped or the two models differ (%zu vs %zu records)\n", 2 * n, vo, vp);
+      std::printf("%10d build stopped or the two models differ (%zu vs %zu records)\n", 2 * n, vo,
+                  vp);
       return 1;
     }
     const double growth = previous > 0 ? (t_obj / n) / (previous / previous_n) : 1.0;

@@ -16,6 +16,7 @@
 #include "model/checks.h"
 #include "model/connections.h"
 #include "objects/expander.h"
+#include "objects/object_table.h"
 
 namespace kx::model {
 namespace {
@@ -43,6 +44,7 @@ class Builder {
   void CreateRecords();
   void AddVariable(const lang::VariableDecl& d, char vtype);
   bool IsObjectMember(const std::string& name) const;
+  std::string MemberUnits(const std::string& name) const;
   std::string ObjectMembers(const std::string& name) const;
   void SetInitialDerivatives();
   void NumberVariables();
@@ -68,7 +70,7 @@ class Builder {
   NameIndex names_;                                    // variable and parameter names
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
-  std::unordered_set<std::string> object_names_;       // declared objects
+  std::unordered_map<std::string, std::string> object_types_;  // declared object -> type
   std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
   std::vector<char> tainted_;          // per intermediate: reads an out-of-order value
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
@@ -145,6 +147,7 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   // A connection between an object member and a declared name keeps the declared record
   // (its value, bounds and name survive).
   v.preferred = !IsObjectMember(d.name);
+  if (!v.preferred) v.units = MemberUnits(d.name);
   v.obj_def = StartsWith(d.name, "obj");
   // An object member named int... (`a.int_b`) is integer like a declared int... name.
   v.integer = StartsWith(d.name, "int") || d.name.find(".int") != std::string::npos;
@@ -158,14 +161,21 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   store_.vars.push_back(std::move(v));
 }
 
+// Units of an object member from its object's table (`f.tau` of a lag: "s").
+std::string Builder::MemberUnits(const std::string& name) const {
+  const size_t dot = name.find('.');
+  const std::string member = name.substr(dot + 1, name.find('[', dot) - dot - 1);
+  return objects::MemberUnits(object_types_.at(name.substr(0, dot)), member);
+}
+
 bool Builder::IsObjectMember(const std::string& name) const {
   const size_t dot = name.find('.');
-  return dot != std::string::npos && object_names_.count(name.substr(0, dot)) > 0;
+  return dot != std::string::npos && object_types_.count(name.substr(0, dot)) > 0;
 }
 
 void Builder::CreateRecords() {
   store_.name = parsed_.name;
-  for (const auto& o : parsed_.objects) object_names_.insert(o.name);
+  for (const auto& o : parsed_.objects) object_types_.emplace(o.name, o.type);
   for (const auto& c : parsed_.constants) {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});
@@ -268,9 +278,10 @@ void Builder::FailUnknownName(std::string_view name, bool derivative) const {
     if ((pos == 0 || !in_name(pos - 1)) && (end == lower.size() || !in_name(end))) break;
     pos = lower.find(token, pos + 1);
   }
+  const size_t position = pos == std::string::npos ? 1 : pos + 1;
   std::vector<std::string> lines = {"Invalid element: " + token,
                                     "*** Error in syntax of function string: " + text,
-                                    fmt::format("Position: {}", pos == std::string::npos ? 1 : pos + 1)};
+                                    fmt::format("Position: {}", position)};
   const std::string members = ObjectMembers(std::string(name));
   if (!members.empty()) lines.push_back(members);
   Fatal(lines);
@@ -280,7 +291,7 @@ void Builder::FailUnknownName(std::string_view name, bool derivative) const {
 // empty otherwise. Vector members are listed once, without their index.
 std::string Builder::ObjectMembers(const std::string& name) const {
   const size_t dot = name.find('.');
-  if (dot == std::string::npos || object_names_.count(name.substr(0, dot)) == 0) return "";
+  if (dot == std::string::npos || object_types_.count(name.substr(0, dot)) == 0) return "";
   const std::string prefix = name.substr(0, dot + 1);
   std::vector<std::string> members;
   std::unordered_set<std::string> seen;

@@ -14,7 +14,8 @@ void PrepareStateSpace(ObjectInstance* o) {
   const Table& a = o->tables.at("a");
   const Table& b = o->tables.at("b");
   const Table& c = o->tables.at("c");
-  if (a.rows != a.cols) FailObject(*o, fmt::format("A ({}) is {} x {}, not square", a.file, a.rows, a.cols));
+  if (a.rows != a.cols)
+    FailObject(*o, fmt::format("A ({}) is {} x {}, not square", a.file, a.rows, a.cols));
   if (b.rows != a.rows) {
     FailObject(*o, fmt::format("B ({}) has {} rows, A has {}", b.file, b.rows, a.rows));
   }
@@ -57,27 +58,26 @@ const std::vector<ObjectType>& ControlObjectTypes() {
        .summary = "PID controller, position form, output clamped to [op_lo, op_hi], "
                   "derivative on the measurement, anti-windup by back-calculation",
        .arguments = {},
-       .members =
-           {{"kc", K::kParameter, "", "1", "", "", "op/pv", "controller gain"},
-            {"taui", K::kParameter, "", "1", "", "", "s", "integral time"},
-            {"taud", K::kParameter, "", "0", "", "", "s",
-             "derivative time (0: no derivative term, pv is not made differential)"},
-            {"bias", K::kParameter, "", "0", "", "", "op", "output at zero error and integral"},
-            {"op_hi", K::kParameter, "", "100", "", "", "op", "upper output limit"},
-            {"op_lo", K::kParameter, "", "0", "", "", "op", "lower output limit"},
-            {"pv", K::kVariable, "", "", "", "", "", "process variable (measurement)"},
-            {"sp", K::kVariable, "", "", "", "", "", "set point"},
-            {"e", K::kVariable, "", "", "", "", "", "error sp - pv"},
-            {"ie", K::kVariable, "", "", "", "", "", "integral of the error (state)"},
-            {"op_u", K::kVariable, "", "", "", "", "op", "unclamped output"},
-            {"op", K::kVariable, "", "", "", "", "op", "output, clamped"}},
-       .equations =
-           {{"e = sp - pv"},
-            {"op_u = bias + kc*(e + ie/taui - taud*$pv)", "", "taud"},
-            {"op_u = bias + kc*(e + ie/taui)", "", "!taud"},
-            {"op = ((op_u + op_lo + abs(op_u - op_lo))/2 + op_hi - "
-             "abs((op_u + op_lo + abs(op_u - op_lo))/2 - op_hi))/2"},
-            {"$ie = e + (op - op_u)/kc"}},
+       .members = {{"kc", K::kParameter, "", "1", "", "", "op/pv", "controller gain"},
+                   {"taui", K::kParameter, "", "1", "", "", "s", "integral time"},
+                   {"taud", K::kParameter, "", "0", "", "", "s",
+                    "derivative time (0: no derivative term, pv is not made differential)"},
+                   {"bias", K::kParameter, "", "0", "", "", "op",
+                    "output at zero error and integral"},
+                   {"op_hi", K::kParameter, "", "100", "", "", "op", "upper output limit"},
+                   {"op_lo", K::kParameter, "", "0", "", "", "op", "lower output limit"},
+                   {"pv", K::kVariable, "", "", "", "", "", "process variable (measurement)"},
+                   {"sp", K::kVariable, "", "", "", "", "", "set point"},
+                   {"e", K::kVariable, "", "", "", "", "", "error sp - pv"},
+                   {"ie", K::kVariable, "", "", "", "", "", "integral of the error (state)"},
+                   {"op_u", K::kVariable, "", "", "", "", "op", "unclamped output"},
+                   {"op", K::kVariable, "", "", "", "", "op", "output, clamped"}},
+       .equations = {{"e = sp - pv"},
+                     {"op_u = bias + kc*(e + ie/taui - taud*$pv)", "", "taud"},
+                     {"op_u = bias + kc*(e + ie/taui)", "", "!taud"},
+                     {"op = ((op_u + op_lo + abs(op_u - op_lo))/2 + op_hi - "
+                      "abs((op_u + op_lo + abs(op_u - op_lo))/2 - op_hi))/2"},
+                     {"$ie = e + (op - op_u)/kc"}},
        .prepare = CheckPid},
       {.keywords = {"lti"},
        .family = "Control",

@@ -67,8 +67,8 @@ bool ReadTable(const std::string& path, const std::string& name, Table* table, b
     first = false;
     if (header) continue;
     if (table->rows > 0 && static_cast<int>(row.size()) != table->cols) {
-      *error = fmt::format("file {} line {}: {} numbers where the rows above have {}", name,
-                           number, row.size(), table->cols);
+      *error = fmt::format("file {} line {}: {} numbers where the rows above have {}", name, number,
+                           row.size(), table->cols);
       return false;
     }
     table->cols = static_cast<int>(row.size());

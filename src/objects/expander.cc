@@ -58,7 +58,8 @@ const ArgSpec* FindArgument(const ObjectType& type, std::string_view name) {
 // parameters too.
 std::string ArgumentNames(const ObjectType& type, bool parameters = true) {
   std::string names;
-  for (const ArgSpec& a : type.arguments) names += (names.empty() ? "" : ", ") + std::string(a.name);
+  for (const ArgSpec& a : type.arguments)
+    names += (names.empty() ? "" : ", ") + std::string(a.name);
   for (const MemberSpec& m : type.members) {
     if (!parameters) break;
     if (m.kind == MemberKind::kParameter && m.size[0] == '\0')
@@ -186,8 +187,9 @@ std::string Qualify(const std::string& text, const ObjectInstance& o, const Obje
   size_t i = 0;
   while (i < text.size()) {
     const char c = text[i];
-    if (std::isdigit(static_cast<unsigned char>(c)) || (c == '.' && i + 1 < text.size() &&
-                                                        std::isdigit(static_cast<unsigned char>(text[i + 1])))) {
+    if (std::isdigit(static_cast<unsigned char>(c)) ||
+        (c == '.' && i + 1 < text.size() &&
+         std::isdigit(static_cast<unsigned char>(text[i + 1])))) {
       const size_t end = SkipNumber(text, i);
       out.append(text, i, end - i);
       i = end;
@@ -274,8 +276,8 @@ std::vector<std::pair<std::string, std::string>> NameArguments(const ObjectInsta
     const MemberSpec* m = FindMember(type, key);
     const bool parameter = m != nullptr && m->kind == MemberKind::kParameter && m->size[0] == '\0';
     if (FindArgument(type, key) == nullptr && !parameter) {
-      FailObject(o, fmt::format("unknown argument {}; {} takes: {}", key, o.type,
-                                ArgumentNames(type)));
+      FailObject(
+          o, fmt::format("unknown argument {}; {} takes: {}", key, o.type, ArgumentNames(type)));
     }
     named.emplace_back(key, std::string(Trim(std::string_view(p).substr(eq + 1))));
   }
@@ -325,7 +327,7 @@ std::string MemberText(const MemberSpec& m, const ObjectInstance& o, const Objec
 
 void WriteMember(const MemberSpec& m, const ObjectInstance& o, const ObjectType& type,
                  ObjectStatements* out) {
-  std::vector<lang::Statement>* target = m.kind == MemberKind::kParameter ? &out->parameters
+  std::vector<lang::Statement>* target = m.kind == MemberKind::kParameter  ? &out->parameters
                                          : m.kind == MemberKind::kVariable ? &out->variables
                                                                            : &out->intermediates;
   if (m.size[0] == '\0') {
@@ -386,8 +388,8 @@ std::vector<lang::Statement> ExpandObjectVectors(const std::vector<lang::Stateme
 }
 
 void Echo(const ObjectStatements& st) {
-  for (const auto* part : {&st.parameters, &st.variables, &st.intermediates, &st.equations,
-                           &st.connections}) {
+  for (const auto* part :
+       {&st.parameters, &st.variables, &st.intermediates, &st.equations, &st.connections}) {
     for (const lang::Statement& s : *part) Say("  object statement: " + s.text);
   }
 }

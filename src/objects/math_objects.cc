@@ -111,12 +111,14 @@ std::vector<double> SplineCurvatures(const Curve& c) {
 std::string CubicSplineText(const Curve& c) {
   const std::vector<double> m = SplineCurvatures(c);
   std::vector<double> d(c.x.size() - 1);
-  for (size_t k = 0; k + 1 < c.x.size(); ++k) d[k] = (m[k + 1] - m[k]) / (6 * (c.x[k + 1] - c.x[k]));
+  for (size_t k = 0; k + 1 < c.x.size(); ++k)
+    d[k] = (m[k + 1] - m[k]) / (6 * (c.x[k + 1] - c.x[k]));
   const double h0 = c.x[1] - c.x[0];
   const double b0 = (c.y[1] - c.y[0]) / h0 - h0 * (2 * m[0] + m[1]) / 6;
   const std::string t0 = "(" + Shift("x", c.x[0]) + ")";
   Terms t = {{c.y[0], ""}, {b0, t0}, {m[0] / 2, t0 + "^2"}, {d[0], t0 + "^3"}};
-  for (size_t k = 1; k + 1 < c.x.size(); ++k) t.push_back({d[k] - d[k - 1], PositivePart("x", c.x[k]) + "^3"});
+  for (size_t k = 1; k + 1 < c.x.size(); ++k)
+    t.push_back({d[k] - d[k - 1], PositivePart("x", c.x[k]) + "^3"});
   return Combine(t);
 }
 
@@ -185,13 +187,15 @@ void PrepareAxb(ObjectInstance* o) {
 // f = 1/2 x'Qx + c'x with each pair x_i x_j written once.
 void PrepareQobj(ObjectInstance* o) {
   const Table& q = o->tables.at("q");
-  if (q.rows != q.cols) FailObject(*o, fmt::format("Q ({}) is {} x {}, not square", q.file, q.rows, q.cols));
+  if (q.rows != q.cols)
+    FailObject(*o, fmt::format("Q ({}) is {} x {}, not square", q.file, q.rows, q.cols));
   const int n = q.rows;
   std::vector<double> c(n, 0.0);
   if (auto it = o->tables.find("c"); it != o->tables.end()) {
     c = VectorOf(*o, it->second);
     if (static_cast<int>(c.size()) != n)
-      FailObject(*o, fmt::format("c ({}) has {} values, Q has {} rows", it->second.file, c.size(), n));
+      FailObject(*o,
+                 fmt::format("c ({}) has {} values, Q has {} rows", it->second.file, c.size(), n));
   }
   Terms t;
   for (int i = 0; i < n; ++i) {
@@ -206,10 +210,11 @@ void PrepareQobj(ObjectInstance* o) {
 
 // Members of the two forms of the complementarity objects: the integer form adds a binary
 // switch `int_b` and the big-M parameter.
-const MemberSpec kIntegerSwitch = {"int_b", K::kVariable, "", "0", "0", "1", "-",
-                                   "binary switch of the integer form", "integer"};
-const MemberSpec kBigM = {"big", K::kParameter, "", "1e4", "", "", "",
-                          "bound on the slacks in the integer form", "integer"};
+const MemberSpec kIntegerSwitch = {
+    "int_b", K::kVariable, "", "0", "0", "1", "-", "binary switch of the integer form", "integer"};
+const MemberSpec kBigM = {
+    "big",    K::kParameter, "", "1e4", "", "", "", "bound on the slacks in the integer form",
+    "integer"};
 const ArgSpec kIntegerArg = {"integer", ArgKind::kInteger, "0",
                              "1: integer (big-M) form for branch and bound; 0: complementarity"};
 
@@ -225,7 +230,8 @@ const std::vector<ObjectType>& MathObjectTypes() {
                    {"y", K::kVariable, "", "", "", "", "", "output |x|"},
                    {"xp", K::kVariable, "", "0", "0", "", "", "positive part of x"},
                    {"xn", K::kVariable, "", "0", "0", "", "", "negative part of x"},
-                   kIntegerSwitch, kBigM},
+                   kIntegerSwitch,
+                   kBigM},
        .equations = {{"x = xp - xn"},
                      {"y = xp + xn"},
                      {"xp*xn <= 0", "", "!integer"},
@@ -240,7 +246,8 @@ const std::vector<ObjectType>& MathObjectTypes() {
                    {"y", K::kVariable, "", "", "", "", "", "output max(x1, x2)"},
                    {"s1", K::kVariable, "", "0", "0", "", "", "slack y - x1"},
                    {"s2", K::kVariable, "", "0", "0", "", "", "slack y - x2"},
-                   kIntegerSwitch, kBigM},
+                   kIntegerSwitch,
+                   kBigM},
        .equations = {{"y = x1 + s1"},
                      {"y = x2 + s2"},
                      {"s1*s2 <= 0", "", "!integer"},
@@ -255,7 +262,8 @@ const std::vector<ObjectType>& MathObjectTypes() {
                    {"y", K::kVariable, "", "", "", "", "", "output min(x1, x2)"},
                    {"s1", K::kVariable, "", "0", "0", "", "", "slack x1 - y"},
                    {"s2", K::kVariable, "", "0", "0", "", "", "slack x2 - y"},
-                   kIntegerSwitch, kBigM},
+                   kIntegerSwitch,
+                   kBigM},
        .equations = {{"y = x1 - s1"},
                      {"y = x2 - s2"},
                      {"s1*s2 <= 0", "", "!integer"},
@@ -271,7 +279,8 @@ const std::vector<ObjectType>& MathObjectTypes() {
                    // Starting both parts at 1 keeps the first linearisation consistent.
                    {"xp", K::kVariable, "", "1", "0", "", "", "positive part of x"},
                    {"xn", K::kVariable, "", "1", "0", "", "", "negative part of x"},
-                   kIntegerSwitch, kBigM},
+                   kIntegerSwitch,
+                   kBigM},
        .equations = {{"x = xp - xn"},
                      {"y*(xp + xn) = xp - xn", "", "!integer"},
                      {"xp*xn <= 0", "", "!integer"},
@@ -290,7 +299,8 @@ const std::vector<ObjectType>& MathObjectTypes() {
        .family = "Mathematical",
        .summary = "piecewise-linear y(x) through the points of a file (columns x, y); "
                   "the end slopes continue beyond the points",
-       .arguments = {{"data", ArgKind::kFile, nullptr, "file of points: columns x, y; x increasing"}},
+       .arguments = {{"data", ArgKind::kFile, nullptr,
+                      "file of points: columns x, y; x increasing"}},
        .members = {{"x", K::kVariable, "", "", "", "", "", "input"},
                    {"y", K::kVariable, "", "", "", "", "", "output"}},
        .equations = {{"y = {curve}"}},

@@ -21,4 +21,12 @@ const ObjectType* FindObjectType(std::string_view keyword) {
   return nullptr;
 }
 
+std::string MemberUnits(std::string_view keyword, std::string_view member) {
+  const ObjectType* t = FindObjectType(keyword);
+  if (t == nullptr) return "";
+  for (const MemberSpec& m : t->members)
+    if (member == m.name) return m.units;
+  return "";
+}
+
 }  // namespace kx::objects

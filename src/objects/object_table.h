@@ -24,15 +24,15 @@ enum class MemberKind { kParameter, kVariable, kIntermediate };
 
 // One named member an object adds to the model, `obj.name` (vector: `obj.name[1:size]`).
 struct MemberSpec {
-  const char* name;         // lower case
+  const char* name;  // lower case
   MemberKind kind;
-  const char* size = "";    // "" for a scalar, else the size placeholder key ("n")
-  const char* value = "";   // declared value (intermediate: its definition); "" none
-  const char* lower = "";   // lower bound text, "" none
-  const char* upper = "";   // upper bound text, "" none
-  const char* units = "";   // units shown in the docs
+  const char* size = "";   // "" for a scalar, else the size placeholder key ("n")
+  const char* value = "";  // declared value (intermediate: its definition); "" none
+  const char* lower = "";  // lower bound text, "" none
+  const char* upper = "";  // upper bound text, "" none
+  const char* units = "";  // units shown in the docs
   const char* description = "";
-  const char* when = "";    // "" always; "key": only when {key} != 0; "!key": when it is 0
+  const char* when = "";  // "" always; "key": only when {key} != 0; "!key": when it is 0
 };
 
 enum class ArgKind {
@@ -82,9 +82,9 @@ struct ObjectInstance {
 using PrepareFn = void (*)(ObjectInstance* o);
 
 struct ObjectType {
-  std::vector<const char*> keywords;     // type keywords; the first names the entry
-  const char* family;                    // family title in the docs
-  const char* summary;                   // one line
+  std::vector<const char*> keywords;  // type keywords; the first names the entry
+  const char* family;                 // family title in the docs
+  const char* summary;                // one line
   std::vector<ArgSpec> arguments;
   std::vector<MemberSpec> members;
   std::vector<EquationSpec> equations;
@@ -97,6 +97,9 @@ const std::vector<const ObjectType*>& ObjectTypes();
 
 // The entry of a type keyword, or nullptr.
 const ObjectType* FindObjectType(std::string_view keyword);
+
+// Units of member `member` (no index) of an object of type `keyword`; "" when not known.
+std::string MemberUnits(std::string_view keyword, std::string_view member);
 
 // Families (one per file); ObjectTypes() gathers them.
 const std::vector<ObjectType>& MathObjectTypes();

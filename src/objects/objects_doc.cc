@@ -57,18 +57,24 @@ Runnable examples: `examples/objects_pid` (a PI level loop on a tank, control ob
 
 const char* KindName(MemberKind k) {
   switch (k) {
-    case MemberKind::kParameter: return "parameter";
-    case MemberKind::kVariable: return "variable";
-    case MemberKind::kIntermediate: return "intermediate";
+    case MemberKind::kParameter:
+      return "parameter";
+    case MemberKind::kVariable:
+      return "variable";
+    case MemberKind::kIntermediate:
+      return "intermediate";
   }
   return "";
 }
 
 const char* ArgKindName(ArgKind k) {
   switch (k) {
-    case ArgKind::kNumber: return "number";
-    case ArgKind::kInteger: return "integer";
-    case ArgKind::kFile: return "file";
+    case ArgKind::kNumber:
+      return "number";
+    case ArgKind::kInteger:
+      return "integer";
+    case ArgKind::kFile:
+      return "file";
   }
   return "";
 }
@@ -76,7 +82,8 @@ const char* ArgKindName(ArgKind k) {
 // A table cell: a '|' of the text would end the cell.
 std::string Cell(const char* s) {
   std::string out;
-  for (const char* p = s; *p != '\0'; ++p) out += *p == '|' ? std::string("\\|") : std::string(1, *p);
+  for (const char* p = s; *p != '\0'; ++p)
+    out += *p == '|' ? std::string("\\|") : std::string(1, *p);
   return out;
 }
 
@@ -92,9 +99,11 @@ std::string ArgumentTable(const ObjectType& t) {
   if (t.arguments.empty()) return "Arguments: none besides the parameters.\n\n";
   std::string out = "| argument | kind | default | description |\n|---|---|---|---|\n";
   for (const ArgSpec& a : t.arguments) {
-    const std::string def = a.fallback == nullptr ? "required"
-                            : a.fallback[0] == '\0' ? "none" : Code(a.fallback);
-    out += fmt::format("| `{}` | {} | {} | {} |\n", a.name, ArgKindName(a.kind), def, Cell(a.description));
+    const std::string def = a.fallback == nullptr   ? "required"
+                            : a.fallback[0] == '\0' ? "none"
+                                                    : Code(a.fallback);
+    out += fmt::format("| `{}` | {} | {} | {} |\n", a.name, ArgKindName(a.kind), def,
+                       Cell(a.description));
   }
   return out + "\n";
 }
@@ -104,10 +113,10 @@ std::string MemberTable(const ObjectType& t) {
       "| member | kind | size | default | lower | upper | units | description | only when |\n"
       "|---|---|---|---|---|---|---|---|---|\n";
   for (const MemberSpec& m : t.members) {
-    out += fmt::format("| `{}` | {} | {} | {} | {} | {} | {} | {} | {} |\n", m.name,
-                       KindName(m.kind), Code(Cell(m.size)), Code(Cell(m.value)),
-                       Code(Cell(m.lower)), Code(Cell(m.upper)), Cell(m.units), Cell(m.description),
-                       Condition(m.when));
+    out +=
+        fmt::format("| `{}` | {} | {} | {} | {} | {} | {} | {} | {} |\n", m.name, KindName(m.kind),
+                    Code(Cell(m.size)), Code(Cell(m.value)), Code(Cell(m.lower)),
+                    Code(Cell(m.upper)), Cell(m.units), Cell(m.description), Condition(m.when));
   }
   return out + "\n";
 }
@@ -126,7 +135,8 @@ std::string EquationList(const std::vector<EquationSpec>& eqs, const char* title
 
 std::string Section(const ObjectType& t) {
   std::string title;
-  for (const char* k : t.keywords) title += (title.empty() ? "" : ", ") + std::string("`") + k + "`";
+  for (const char* k : t.keywords)
+    title += (title.empty() ? "" : ", ") + std::string("`") + k + "`";
   return fmt::format("### {}\n\n{}.\n\n", title, t.summary) + ArgumentTable(t) + MemberTable(t) +
          EquationList(t.equations, "Equations") + EquationList(t.connections, "Connections");
 }

@@ -23,7 +23,8 @@ constexpr const char* kSimulate = "ZPM.IMODE = 4\nZPM.NODES = 4\n";
 TEST(Lag, StepResponseFollowsTheExponential) {
   const std::string model =
       "Objects\n f = lag(tau=2, k=3)\nEnd Objects\nEquations\n f.u = 1\nEnd Equations\n";
-  const testing::Run r = RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
+  const testing::Run r =
+      RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
   ASSERT_EQ(r.status, 1) << r.out;
   for (size_t k = 0; k < r.results.at("time").size(); ++k) {
     const double t = r.At("time", k);
@@ -36,9 +37,11 @@ TEST(Lag, StepResponseFollowsTheExponential) {
 // op_hi = 3 it is t until t = 2 and 3 - exp(-(t - 2)) after.
 TEST(Pid, OpenLoopRampClampAndAntiWindupFollowTheirClosedForms) {
   const std::string model =
-      "Objects\n c = pid(kc=1, taui=1, op_hi=3, op_lo=-10)\n d = pid(kc=2, taui=4, bias=1)\nEnd Objects\n"
+      "Objects\n c = pid(kc=1, taui=1, op_hi=3, op_lo=-10)\n d = pid(kc=2, taui=4, bias=1)\nEnd "
+      "Objects\n"
       "Equations\n c.pv = 0\n c.sp = 1\n d.pv = 0.5\n d.sp = 1\nEnd Equations\n";
-  const testing::Run r = RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
+  const testing::Run r =
+      RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
   ASSERT_EQ(r.status, 1) << r.out;
   for (size_t k = 0; k < r.results.at("time").size(); ++k) {
     const double t = r.At("time", k);
@@ -55,7 +58,8 @@ TEST(Pid, ClosedLoopOnAFirstOrderPlant) {
       "Objects\n c = pid(kc=1, taui=2)\n plant = lag(tau=2)\nEnd Objects\n"
       "Connections\n c.op = plant.u\n c.pv = plant.y\nEnd Connections\n"
       "Equations\n c.sp = 10\nEnd Equations\n";
-  const testing::Run r = RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
+  const testing::Run r =
+      RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
   ASSERT_EQ(r.status, 1) << r.out;
   for (size_t k = 0; k < r.results.at("time").size(); ++k) {
     const double t = r.At("time", k);
@@ -68,7 +72,8 @@ TEST(Pid, ClosedLoopOnAFirstOrderPlant) {
 TEST(StateSpace, MatchesADirectSimulation) {
   const double a[2][2] = {{-1, 0.5}, {-0.4, -2}}, b[2] = {1, 0.3}, c[2] = {1, -2}, d = 0.5;
   const std::string model =
-      "Objects\n s = lti(a.csv, b.csv, c.csv, d.csv)\nEnd Objects\nEquations\n s.u[1] = 1\nEnd Equations\n";
+      "Objects\n s = lti(a.csv, b.csv, c.csv, d.csv)\nEnd Objects\nEquations\n s.u[1] = 1\nEnd "
+      "Equations\n";
   const testing::Run r = RunModel({{"m.zpm", model},
                                    {"a.csv", "-1, 0.5\n-0.4, -2\n"},
                                    {"b.csv", "1\n0.3\n"},

@@ -18,8 +18,8 @@ std::map<std::string, std::string> ExampleFiles(const std::string& folder,
 }
 
 TEST(ObjectExamples, PumpOperatingPoint) {
-  const testing::Run r =
-      testing::RunModel(ExampleFiles("objects_math", {"fit.zpm", "fit.dbs", "head.csv", "eff.csv"}), "fit");
+  const testing::Run r = testing::RunModel(
+      ExampleFiles("objects_math", {"fit.zpm", "fit.dbs", "head.csv", "eff.csv"}), "fit");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_NEAR(r.At("flow"), 39, 1e-6);
   EXPECT_NEAR(r.At("head.y"), 41.97, 0.005);
@@ -38,8 +38,8 @@ TEST(ObjectExamples, PidLevelLoopClampsAndSettles) {
     top_op_u = std::max(top_op_u, r.At("lc.op_u", k));
     EXPECT_NEAR(r.At("lc.pv", k), r.At("level", k), 1e-12);  // one variable, two names
   }
-  EXPECT_NEAR(highest, 2, 1e-6);   // clamped at op_hi
-  EXPECT_GT(top_op_u, 2.5);        // while the unclamped output was above it
+  EXPECT_NEAR(highest, 2, 1e-6);  // clamped at op_hi
+  EXPECT_GT(top_op_u, 2.5);       // while the unclamped output was above it
   EXPECT_NEAR(r.At("level", time.size() - 1), 1.5, 2e-3);
 }
 

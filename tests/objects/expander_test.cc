@@ -26,8 +26,8 @@ model::ModelStore Build(const std::string& text, const ScratchDir& dir) {
 
 std::vector<std::string> Statements(const ObjectStatements& s) {
   std::vector<std::string> out;
-  for (const auto* part : {&s.parameters, &s.variables, &s.intermediates, &s.equations,
-                           &s.connections}) {
+  for (const auto* part :
+       {&s.parameters, &s.variables, &s.intermediates, &s.equations, &s.connections}) {
     for (const lang::Statement& st : *part) out.push_back(st.text);
   }
   return out;
@@ -47,9 +47,12 @@ TEST(Expander, MatrixRowsSkipZerosAndKeepSigns) {
   dir.Write("b.csv", "0\n1\n");
   dir.Write("c.csv", "1 0\n");
   ObjectInstance o = testing::Prepare("lti(a.csv, b.csv, c.csv)", dir.str());
-  const std::vector<std::string> expected = {
-      "s.x[1:2] = 0", "s.u[1:1] = 0", "s.y[1:1] = 0", "$s.x[1] = (1*s.x[2]) + 0",
-      "$s.x[2] = (-2*s.x[1] - 0.5*s.x[2]) + (1*s.u[1])", "s.y[1] = (1*s.x[1]) + 0"};
+  const std::vector<std::string> expected = {"s.x[1:2] = 0",
+                                             "s.u[1:1] = 0",
+                                             "s.y[1:1] = 0",
+                                             "$s.x[1] = (1*s.x[2]) + 0",
+                                             "$s.x[2] = (-2*s.x[1] - 0.5*s.x[2]) + (1*s.u[1])",
+                                             "s.y[1] = (1*s.x[1]) + 0"};
   EXPECT_EQ(Statements(WriteStatements(o, *FindObjectType("lti"))), expected);
 }
 
@@ -72,6 +75,8 @@ TEST(Expander, VectorsOfObjectsAndMembersReachTheModel) {
   EXPECT_FALSE(by_name["a.xp"]->integer);
   EXPECT_EQ(by_name["p[1].tau"]->val, 2);
   EXPECT_EQ(by_name["p[2].tau"]->val, 4);  // the connection sets the value
+  EXPECT_EQ(by_name["p[3].tau"]->units, "s");
+  EXPECT_EQ(by_name["t.x[2]"]->units, "");
   EXPECT_EQ(store.objects.size(), 5u);
 }
 
@@ -94,7 +99,8 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"s = sum(2.5)", "argument n = 2.5 must be a whole number"},
       {"s = sum(0)", "size n = 0 must be a whole number of at least 1"},
       {"s = cspline(missing.csv)", "Error: File missing.csv not available."},
-      {"s = cspline(flat.csv)", "the x values in flat.csv must increase: point 3 (x = 1) follows x = 1"},
+      {"s = cspline(flat.csv)",
+       "the x values in flat.csv must increase: point 3 (x = 1) follows x = 1"},
       {"s = cspline(bad.csv)", "file bad.csv line 3: \"x7\" is not a number"},
       {"s = cspline(ragged.csv)", "file ragged.csv line 2: 3 numbers where the rows above have 2"},
       {"s = cspline(one.csv)", "needs at least 2 points"},
@@ -117,12 +123,13 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   dir.Write("v.csv", "5\n6\n");
   dir.Write("a.csv", "1 0 0\n0 1 0\n0 0 1\n");
   for (const Case& c : kCases) {
-    const std::string text = std::string("Objects\n") + c.declaration +
-                             "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\nEnd Equations\n";
+    const std::string text =
+        std::string("Objects\n") + c.declaration +
+        "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\nEnd Equations\n";
     std::vector<std::string> lines =
         kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
-    EXPECT_NE(Joined(lines).find(c.message), std::string::npos)
-        << c.declaration << "\n" << Joined(lines);
+    EXPECT_NE(Joined(lines).find(c.message), std::string::npos) << c.declaration << "\n"
+                                                                << Joined(lines);
   }
 }
 

@@ -15,7 +15,8 @@ using testing::EvalAt;
 using testing::Prepare;
 using testing::RunModel;
 
-std::string Curve(const std::string& type_text, const ScratchDir& dir, const char* key = "{curve}") {
+std::string Curve(const std::string& type_text, const ScratchDir& dir,
+                  const char* key = "{curve}") {
   ObjectInstance o = Prepare(type_text, dir.str());
   return InstantiateText(key, o, *FindObjectType(o.type), 0);
 }
@@ -31,7 +32,8 @@ TEST(Spline, PassesThroughItsKnotsWithContinuousSlopeAndCurvature) {
   ScratchDir dir;
   const std::vector<double> x = {-1, 0.5, 1, 3, 3.5, 6}, y = {2, -1, 0.5, 4, 3, -2};
   std::string text = "x, y\n";
-  for (size_t k = 0; k < x.size(); ++k) text += std::to_string(x[k]) + ", " + std::to_string(y[k]) + "\n";
+  for (size_t k = 0; k < x.size(); ++k)
+    text += std::to_string(x[k]) + ", " + std::to_string(y[k]) + "\n";
   dir.Write("knots.csv", text);
   const std::string s = Curve("cspline(knots.csv)", dir);
   const double h = 1e-4;
@@ -116,8 +118,9 @@ TEST(Complementarity, AbsMaxMinSignOnBothSides) {
         if (form[0] != '\0' && solver != 1) continue;  // Ipopt solves only the relaxation
         const std::string model = std::string("Objects\n ") + c.declaration + form +
                                   "\nEnd Objects\nEquations\n " + c.inputs + "\nEnd Equations\n";
-        const testing::Run r = RunModel(
-            {{"m.zpm", model}, {"m.dbs", "ZPM.IMODE = 3\nZPM.SOLVER = " + std::to_string(solver) + "\n"}});
+        const testing::Run r =
+            RunModel({{"m.zpm", model},
+                      {"m.dbs", "ZPM.IMODE = 3\nZPM.SOLVER = " + std::to_string(solver) + "\n"}});
         ASSERT_EQ(r.status, 1) << model << r.out;
         for (const Expected& e : c.outputs)
           EXPECT_NEAR(r.At(e.member), e.value, 1e-5) << model << " solver " << solver;

@@ -2,6 +2,7 @@
 // results.csv read by column, and an object's generated expression evaluated at a point.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -9,8 +10,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "base/text.h"
 #include "lang/compiler.h"
