@@ -111,7 +111,7 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"s = qobj(v.csv)", "Q (v.csv) is 2 x 1, not square"},
       {"c = pid(kc=0)", "kc must not be 0"},
       {"c = pid(op_lo=5, op_hi=1)", "op_lo must be below op_hi"},
-      {"x = nosuchtype", "Model object type error"},
+      {"x = nosuchtype", "Lookup Object: nosuchtype\nline number: 2"},
       {"x = lag(tau=1", "Problem with object input:"},
   };
   ScratchDir dir;
@@ -140,7 +140,8 @@ TEST(Expander, UnknownMemberInAnEquationIsNamed) {
   std::vector<std::string> lines =
       kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
   EXPECT_NE(Joined(lines).find("Invalid element: f.yy"), std::string::npos) << Joined(lines);
-  EXPECT_NE(Joined(lines).find("Members of object f: tau, k, u, y"), std::string::npos)
+  EXPECT_NE(Joined(lines).find("line number: 6\nMembers of object f: tau, k, u, y"),
+            std::string::npos)
       << Joined(lines);
 }
 
