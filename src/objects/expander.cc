@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <map>
 #include <set>
 
 #include "base/report.h"
@@ -445,8 +446,15 @@ void ExpandObjects(lang::ModelFileReader* reader, const ExpandOptions& options) 
   objects = ExpandObjectVectors(objects, reader);
   const std::vector<std::string> compounds = ReadCompounds(reader);
   ObjectStatements all;
+  std::map<std::string, int> declared;  // object name -> line
   for (const lang::Statement& s : objects) {
     const lang::ObjectDeclText decl = lang::ParseObjectStatement(s);
+    if (auto [it, fresh] = declared.emplace(decl.name, decl.line); !fresh) {
+      Fatal({"Problem with object input:",
+             fmt::format("Object {} ({}, line {}): already declared on line {}", decl.name,
+                         decl.type, decl.line, it->second)},
+            "STOPPING. . .");
+    }
     if (decl.name.find('.') != std::string::npos) {
       Fatal({"Problem with object input:",
              fmt::format("Object {} ({}, line {}): an object name cannot contain '.'", decl.name,

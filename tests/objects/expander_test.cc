@@ -92,6 +92,8 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"a = abs(1, 2)", "abs takes 1 positional argument (integer), 2 given"},
       {"a = abs(,)", "an argument is empty: ,"},
       {"a.b = lag", "an object name cannot contain '.'"},
+      {"f = lag\n f = pid", "Object f (pid, line 3): already declared on line 2"},
+      {"p[1:2] = lag\n p[2] = lag", "Object p[2] (lag, line 3): already declared on line 2"},
       {"f = lag(tau=1, tau=2)", "argument tau is given twice"},
       {"f = lag(tau=)", "argument tau has no value"},
       {"f = lag(tau=nosuch)", "Unknown constant: nosuch"},
