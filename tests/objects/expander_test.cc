@@ -80,6 +80,34 @@ TEST(Expander, VectorsOfObjectsAndMembersReachTheModel) {
   EXPECT_EQ(store.objects.size(), 5u);
 }
 
+// The parts of the table format no library object uses yet: intermediates, members and rows
+// per compound, {obj}, table elements and connection lines.
+TEST(Expander, IntermediatesCompoundsAndConnectionsOfATableEntry) {
+  using K = MemberKind;
+  const ObjectType type = {
+      .keywords = {"feed"},
+      .family = "Test",
+      .summary = "test entry",
+      .arguments = {{"mw", ArgKind::kFile, nullptr, "molar masses"}},
+      .members = {{"n", K::kVariable, "nc", "1", "0"},
+                  {"total", K::kIntermediate, "", "n[1] + n[{nc}]"},
+                  {"mass", K::kVariable, "nc", "0"}},
+      .equations = {{"mass[{i}] = {mw[i,1]}*n[{i}]", "nc"}},
+      .connections = {{"{obj}.n[1] = x"}}};
+  ScratchDir dir;
+  dir.Write("mw.csv", "18.015\n-2.5\n");
+  lang::ObjectDeclText decl{"s1", "feed", "mw.csv", 4};
+  auto evaluate = [](std::string_view t) { return *ParseNumber(t); };
+  const ObjectInstance o = MakeInstance(decl, type, {"water", "x2"}, evaluate, dir.str());
+  const ObjectStatements st = WriteStatements(o, type);
+  const std::vector<std::string> expected = {
+      "s1.n[1:2] = 1, >= 0", "s1.mass[1:2] = 0", "s1.total = s1.n[1] + s1.n[2]",
+      "s1.mass[1] = 18.015*s1.n[1]", "s1.mass[2] = (-2.5)*s1.n[2]", "s1.n[1] = x"};
+  EXPECT_EQ(Statements(st), expected);
+  ASSERT_EQ(st.connections.size(), 1u);
+  EXPECT_EQ(st.connections[0].line, 4);
+}
+
 // Every bad declaration stops with a message that names the object and its line.
 TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   struct Case {
