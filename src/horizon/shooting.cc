@@ -1,0 +1,268 @@
+#include "horizon/shooting.h"
+
+#include <algorithm>
+
+#include "base/check.h"
+#include "base/report.h"
+#include "base/timers.h"
+#include "model/sparsity.h"
+
+namespace kx::horizon {
+
+Shooting::Shooting(Horizon& h, const model::ModelStore& base, model::ModelAccess& access,
+                   const SequentialSettings& settings)
+    : access_(access), nlp_(access, /*dynamic=*/true, /*scaled=*/false), settings_(settings) {
+  num_full_ = nlp_.num_vars();
+  const model::JacobianPattern& p = access_.Jacobian(model::Shape::kReduced);
+  full_row_start_ = p.row_start;
+  full_cols_.resize(p.cols.size());
+  for (size_t k = 0; k < p.cols.size(); ++k) full_cols_[k] = p.cols[k] - 1;
+  full_x_.resize(num_full_);
+  nlp_.GetStart(full_x_);
+  good_x_ = full_x_;
+  ClassifyColumns(h, base);
+  ClassifyRows();
+  BuildReducedPattern();
+}
+
+// Eliminated columns are the simulation's unknowns; reduced unknowns are the other free
+// columns that some row or the objective reads.
+void Shooting::ClassifyColumns(const Horizon& h, const model::ModelStore& base) {
+  const model::ModelStore& store = access_.store();
+  const model::EquationLayout& layout = access_.Layout();
+  blocks_ = SequentialBlocks(h, base);
+  sim_pos_.assign(num_full_, -1);
+  for (const StepBlock& b : blocks_) {
+    if (b.rows.size() != b.cols.size())
+      Fatal({"Sequential estimation and control: a simulation step is not square",
+             fmt::format("  {} rows, {} unknowns", b.rows.size(), b.cols.size())});
+    std::vector<int>& cols = block_cols_.emplace_back();
+    std::vector<int>& rows = block_rows_.emplace_back();
+    for (int c : b.cols) {
+      const int col = model::ShapeColumn(store, model::Shape::kReduced, c) - 1;
+      KX_CHECK(col >= 0 && sim_pos_[col] < 0);
+      sim_pos_[col] = static_cast<int>(sim_cols_.size());
+      sim_cols_.push_back(col);
+      cols.push_back(col);
+    }
+    for (int e : b.rows) {
+      KX_CHECK(layout.row_of_eqn[e] > 0);
+      rows.push_back(layout.row_of_eqn[e] - 1);
+    }
+  }
+  std::vector<char> used(num_full_, 0);
+  for (int c : full_cols_) used[c] = 1;
+  for (int n : access_.ObjectivePattern()) used[n - 1] = 1;
+  std::vector<double> xl(num_full_), xu(num_full_);
+  nlp_.GetBounds(xl, xu);
+  z_pos_.assign(num_full_, -1);
+  for (int c = 0; c < num_full_; ++c) {
+    if (sim_pos_[c] >= 0 || !used[c] || xl[c] >= xu[c]) continue;
+    z_pos_[c] = static_cast<int>(z_cols_.size());
+    z_cols_.push_back(c);
+  }
+}
+
+// Rows the simulation solves are eliminated; the rest are the reduced rows. Reduced unknowns
+// that an eliminated row reads are the inputs the trajectory depends on.
+void Shooting::ClassifyRows() {
+  std::vector<char> eliminated(access_.NumRows(), 0);
+  for (const std::vector<int>& rows : block_rows_)
+    for (int r : rows) eliminated[r] = 1;
+  input_pos_.assign(z_cols_.size(), -1);
+  for (int r = 0; r < access_.NumRows(); ++r) {
+    if (!eliminated[r]) {
+      g_rows_.push_back(r);
+      continue;
+    }
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int z = z_pos_[full_cols_[k]];
+      if (z < 0 || input_pos_[z] >= 0) continue;
+      input_pos_[z] = static_cast<int>(inputs_.size());
+      inputs_.push_back(z);
+    }
+  }
+}
+
+// A reduced row reads its own reduced unknowns and, through the trajectory, every input when
+// it reads an eliminated column.
+void Shooting::BuildReducedPattern() {
+  std::vector<int> mark(z_cols_.size(), -1);
+  depends_on_states_.assign(g_rows_.size(), 0);
+  for (size_t i = 0; i < g_rows_.size(); ++i) {
+    jac_start_.push_back(static_cast<int>(jac_rows_.size()));
+    auto add = [&](int z) {
+      if (mark[z] == static_cast<int>(i)) return;
+      mark[z] = static_cast<int>(i);
+      jac_rows_.push_back(static_cast<int>(i));
+      jac_cols_.push_back(z);
+    };
+    const int r = g_rows_[i];
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int c = full_cols_[k];
+      if (z_pos_[c] >= 0) add(z_pos_[c]);
+      if (sim_pos_[c] >= 0) depends_on_states_[i] = 1;
+    }
+    if (depends_on_states_[i])
+      for (int z : inputs_) add(z);
+  }
+  jac_start_.push_back(static_cast<int>(jac_rows_.size()));
+  scratch_.assign(z_cols_.size(), 0.0);
+}
+
+void Shooting::Bounds(std::span<double> zl, std::span<double> zu) {
+  std::vector<double> xl(num_full_), xu(num_full_);
+  nlp_.GetBounds(xl, xu);
+  for (size_t i = 0; i < z_cols_.size(); ++i) {
+    zl[i] = xl[z_cols_[i]];
+    zu[i] = xu[z_cols_[i]];
+  }
+}
+
+void Shooting::ConstraintBounds(std::span<double> cl, std::span<double> cu) {
+  std::vector<double> gl(access_.NumRows()), gu(access_.NumRows());
+  nlp_.GetConstraintBounds(gl, gu);
+  for (size_t i = 0; i < g_rows_.size(); ++i) {
+    cl[i] = gl[g_rows_[i]];
+    cu[i] = gu[g_rows_[i]];
+  }
+}
+
+void Shooting::Start(std::span<double> z) {
+  for (size_t i = 0; i < z_cols_.size(); ++i) z[i] = good_x_[z_cols_[i]];
+}
+
+void Shooting::JacobianStructure(std::span<int> rows, std::span<int> cols) {
+  std::copy(jac_rows_.begin(), jac_rows_.end(), rows.begin());
+  std::copy(jac_cols_.begin(), jac_cols_.end(), cols.begin());
+}
+
+// The trajectory at z, simulated from the last one that solved.
+bool Shooting::Simulate(std::span<const double> z) {
+  if (!last_z_.empty() && std::equal(z.begin(), z.end(), last_z_.begin())) return last_ok_;
+  last_z_.assign(z.begin(), z.end());
+  sens_ok_ = false;
+  full_x_ = good_x_;
+  for (size_t i = 0; i < z_cols_.size(); ++i) full_x_[z_cols_[i]] = z[i];
+  nlp_.Forget();
+  nlp_.SetX(full_x_);
+  ++simulations_;
+  const SequentialOutcome out = [&] {
+    ScopedTimer timer("Shooting: simulation");
+    return SimulateBlocks(blocks_, access_, settings_);
+  }();
+  nlp_.Forget();
+  last_ok_ = out.ok;
+  if (!out.ok) return false;
+  access_.GetCondensed(false, full_x_);
+  good_x_ = full_x_;
+  return true;
+}
+
+bool Shooting::Objective(std::span<const double> z, double& f) {
+  if (!Simulate(z)) return false;
+  f = nlp_.Objective(full_x_);
+  return true;
+}
+
+bool Shooting::Constraints(std::span<const double> z, std::span<double> c) {
+  if (!Simulate(z)) return false;
+  std::vector<double> full(access_.NumRows());
+  nlp_.Constraints(full_x_, full);
+  for (size_t i = 0; i < g_rows_.size(); ++i) c[i] = full[g_rows_[i]];
+  return true;
+}
+
+// dx/du over the whole trajectory, block after block.
+bool Shooting::Sensitivities() {
+  if (sens_ok_) return true;
+  ScopedTimer timer("Shooting: sensitivities");
+  full_jac_.resize(full_cols_.size());
+  nlp_.JacobianValues(full_x_, full_jac_);
+  sens_.assign(sim_cols_.size() * inputs_.size(), 0.0);
+  for (size_t b = 0; b < blocks_.size(); ++b)
+    if (!PropagateBlock(static_cast<int>(b))) return false;
+  sens_ok_ = true;
+  return true;
+}
+
+// J_kk dx_k/du = -(J_ku + sum_{j<k} J_kj dx_j/du) for block k.
+bool Shooting::PropagateBlock(int b) {
+  const std::vector<int>& cols = block_cols_[b];
+  const std::vector<int>& rows = block_rows_[b];
+  const int n = static_cast<int>(cols.size()), ni = num_inputs();
+  if (n == 0) return true;
+  const int first = sim_pos_[cols.front()];
+  std::vector<int> tr, tc;
+  std::vector<double> tv, rhs(static_cast<size_t>(n) * ni, 0.0);  // rhs column-major by input
+  for (int i = 0; i < n; ++i) {
+    const int r = rows[i];
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int c = full_cols_[k], s = sim_pos_[c];
+      const double v = full_jac_[k];
+      if (s >= first) {
+        KX_CHECK(s < first + n);  // a step reads no later step
+        tr.push_back(i), tc.push_back(s - first), tv.push_back(v);
+      } else if (s >= 0) {
+        const double* ds = &sens_[static_cast<size_t>(s) * ni];
+        for (int q = 0; q < ni; ++q) rhs[static_cast<size_t>(q) * n + i] -= v * ds[q];
+      } else if (z_pos_[c] >= 0 && input_pos_[z_pos_[c]] >= 0) {
+        rhs[static_cast<size_t>(input_pos_[z_pos_[c]]) * n + i] -= v;
+      }
+    }
+  }
+  if (!lu_.Factor(n, tr, tc, tv)) return false;
+  for (int q = 0; q < ni; ++q) {
+    std::span<double> column(&rhs[static_cast<size_t>(q) * n], n);
+    if (!lu_.Solve(column)) return false;
+    for (int i = 0; i < n; ++i) sens_[static_cast<size_t>(first + i) * ni + q] = column[i];
+  }
+  return true;
+}
+
+bool Shooting::Gradient(std::span<const double> z, std::span<double> g) {
+  if (!Simulate(z) || !Sensitivities()) return false;
+  std::vector<double> full(num_full_);
+  nlp_.Gradient(full_x_, full);
+  const int ni = num_inputs();
+  for (size_t i = 0; i < z_cols_.size(); ++i) g[i] = full[z_cols_[i]];
+  for (size_t s = 0; s < sim_cols_.size(); ++s) {
+    const double d = full[sim_cols_[s]];
+    if (d == 0.0) continue;
+    for (int q = 0; q < ni; ++q) g[inputs_[q]] += d * sens_[s * ni + q];
+  }
+  return true;
+}
+
+bool Shooting::JacobianValues(std::span<const double> z, std::span<double> values) {
+  if (!Simulate(z) || !Sensitivities()) return false;
+  const int ni = num_inputs();
+  for (size_t i = 0; i < g_rows_.size(); ++i) {
+    const int r = g_rows_[i];
+    for (int k = jac_start_[i]; k < jac_start_[i + 1]; ++k) scratch_[jac_cols_[k]] = 0.0;
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int c = full_cols_[k], s = sim_pos_[c];
+      const double v = full_jac_[k];
+      if (z_pos_[c] >= 0) scratch_[z_pos_[c]] += v;
+      if (s < 0) continue;
+      for (int q = 0; q < ni; ++q) scratch_[inputs_[q]] += v * sens_[static_cast<size_t>(s) * ni + q];
+    }
+    for (int k = jac_start_[i]; k < jac_start_[i + 1]; ++k) values[k] = scratch_[jac_cols_[k]];
+  }
+  return true;
+}
+
+bool Shooting::Store(std::span<const double> z, std::span<const double> lambda) {
+  last_z_.clear();  // simulate again: the store may have been changed since
+  const bool ok = Simulate(z);
+  if (!ok) full_x_ = good_x_;
+  std::vector<double> full_lambda;
+  if (!lambda.empty()) {
+    full_lambda.assign(access_.NumRows(), 0.0);
+    for (size_t i = 0; i < g_rows_.size(); ++i) full_lambda[g_rows_[i]] = lambda[i];
+  }
+  nlp_.StoreSolution(full_x_, full_lambda);
+  return ok;
+}
+
+}  // namespace kx::horizon

@@ -1,0 +1,99 @@
+// Single shooting's reduced program: its exact first derivatives (forward sensitivities
+// through the collocation steps) against central differences of its own values, and the
+// trajectory it leaves in the store.
+#include "horizon/shooting.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "horizon/horizon_testing.h"
+
+namespace kx::horizon {
+namespace {
+
+using testing::BuildQuietly;
+using testing::ReplicateQuietly;
+
+// Frees every copy of the parameters u and k: one input per copy.
+void FreeInputs(Horizon& h, const model::ModelStore& base) {
+  for (int p = 0; p < h.grid.num_points(); ++p)
+    for (int n = 1; n <= base.nvar; ++n)
+      if (base.Var(n).name == "u" || base.Var(n).name == "k")
+        h.store.Var(h.Number(p, n)).fixed = false;
+}
+
+struct Values {
+  double f = 0;
+  std::vector<double> c;
+};
+
+Values Evaluate(Shooting& s, const std::vector<double>& z) {
+  Values v;
+  v.c.resize(s.num_cons());
+  EXPECT_TRUE(s.Objective(z, v.f));
+  EXPECT_TRUE(s.Constraints(z, v.c));
+  return v;
+}
+
+struct Case {
+  int nodes;
+  std::vector<double> dt;
+};
+
+TEST(Shooting, DerivativesMatchCentralDifferences) {
+  const model::ModelStore base = BuildQuietly("shooting");
+  for (const Case& t : {Case{2, {0.5, 0.5, 0.5}}, Case{3, {0.4, 0.8}}, Case{4, {1.0}}}) {
+    Horizon h = ReplicateQuietly(base, t.nodes, t.dt);
+    FreeInputs(h, base);
+    model::ModelAccess access(h.store);
+    Shooting s(h, base, access, SequentialSettings{.tolerance = 1e-13, .max_iter = 50});
+    ASSERT_GT(s.num_inputs(), 0);
+    ASSERT_GT(s.num_states(), 0);
+    const int n = s.num_vars(), m = s.num_cons();
+    std::vector<double> z(n), g(n), jac(s.nnz_jac());
+    s.Start(z);
+    for (int i = 0; i < n; ++i) z[i] += 0.05 * std::sin(i + 1.0);  // away from uniform values
+    ASSERT_TRUE(s.Gradient(z, g));
+    ASSERT_TRUE(s.JacobianValues(z, jac));
+    std::vector<int> rows(jac.size()), cols(jac.size());
+    s.JacobianStructure(rows, cols);
+    std::vector<double> dense(static_cast<size_t>(m) * n, 0.0);
+    for (size_t k = 0; k < jac.size(); ++k) dense[rows[k] * n + cols[k]] += jac[k];
+    constexpr double kStep = 1e-6;
+    for (int i = 0; i < n; ++i) {
+      std::vector<double> zp = z, zm = z;
+      zp[i] += kStep, zm[i] -= kStep;
+      const Values vp = Evaluate(s, zp), vm = Evaluate(s, zm);
+      EXPECT_NEAR(g[i], (vp.f - vm.f) / (2 * kStep), 1e-6) << "NODES " << t.nodes << " z" << i;
+      for (int r = 0; r < m; ++r)
+        EXPECT_NEAR(dense[r * n + i], (vp.c[r] - vm.c[r]) / (2 * kStep), 1e-6)
+            << "NODES " << t.nodes << " row " << r << " z" << i;
+    }
+  }
+}
+
+TEST(Shooting, StoredPointSatisfiesTheModelRowsAndHoldsTheInputs) {
+  const model::ModelStore base = BuildQuietly("shooting");
+  Horizon h = ReplicateQuietly(base, 3, {0.5, 0.5, 0.5, 0.5});
+  FreeInputs(h, base);
+  model::ModelAccess access(h.store);
+  Shooting s(h, base, access, SequentialSettings{.tolerance = 1e-12, .max_iter = 50});
+  std::vector<double> z(s.num_vars());
+  s.Start(z);
+  for (double& v : z) v *= 1.5;
+  ASSERT_TRUE(s.Store(z, {}));
+  // Every equality row of the store holds; the inequality x*u <= 3 is the reduced program's.
+  for (const model::Equation& e : h.store.eqns) {
+    if (!e.active || e.obj_eqn || e.lower != e.upper) continue;
+    EXPECT_NEAR(e.residual, e.lower, 1e-9);
+  }
+  std::vector<double> back(s.num_vars());
+  s.Start(back);
+  for (size_t i = 0; i < z.size(); ++i) EXPECT_DOUBLE_EQ(back[i], z[i]);
+}
+
+}  // namespace
+}  // namespace kx::horizon
