@@ -62,10 +62,12 @@ solvers::SolverSettings ShootingSettings(const dbs::OptionStore& o, int imode, b
 }
 
 // The simulation inside the shooting solves its steps well below RTOL, so that the reduced
-// rows and their derivatives are smooth functions of the inputs at the solver's tolerance.
+// rows and their derivatives are smooth functions of the inputs at the solver's tolerance; a
+// step whose rows are so large that rounding stops it short still counts within RTOL.
 horizon::SequentialSettings SimulationSettings(const dbs::OptionStore& o) {
   horizon::SequentialSettings s;
   s.tolerance = std::min(1e-9, 1e-3 * o.Real("RTOL"));
+  s.accept = o.Real("RTOL");
   return s;
 }
 

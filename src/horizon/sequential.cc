@@ -83,12 +83,13 @@ class BlockCutter {
 };
 
 bool SolveBlock(model::BlockNewton& newton, const StepBlock& b,
-                const model::NewtonSettings& settings, SequentialOutcome* out) {
+                const model::NewtonSettings& settings, double accept, SequentialOutcome* out) {
   if (b.rows.empty() && b.cols.empty()) return true;
   const model::NewtonResult r = newton.Solve(b.rows, b.cols, settings);
   out->iterations += r.iterations;
-  if (!r.ok) out->why = r.why;
-  return r.ok;
+  const bool ok = r.ok || (r.residual <= accept && std::isfinite(r.residual));
+  if (!ok) out->why = r.why;
+  return ok;
 }
 
 }  // namespace
@@ -105,7 +106,7 @@ SequentialOutcome SimulateBlocks(std::span<const StepBlock> blocks, model::Model
   newton_settings.max_iter = settings.max_iter;
   SequentialOutcome out;
   for (size_t k = 0; k < blocks.size(); ++k) {
-    if (!SolveBlock(newton, blocks[k], newton_settings, &out)) {
+    if (!SolveBlock(newton, blocks[k], newton_settings, settings.accept, &out)) {
       out.failed_step = static_cast<int>(k);
       return out;
     }

@@ -25,6 +25,9 @@ namespace kx::horizon {
 struct SequentialSettings {
   double tolerance = 1e-6;  // largest residual of a solved step (RTOL)
   int max_iter = 50;        // Newton iterations a step
+  // A step whose Newton iterations stop short of `tolerance` (rounding error of the rows'
+  // magnitudes) still counts as solved when its largest residual is at most this; 0: no.
+  double accept = 0;
 };
 
 struct SequentialOutcome {
