@@ -310,10 +310,19 @@ SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm,
   return out;
 }
 
+// Single shooting: modes 8 and 9, and 5 and 6 with SEQUENTIAL = 1 and degrees of freedom
+// (without them the simultaneous solve says it switches back).
+bool Shoots(const CycleState& state, model::ModelAccess& access) {
+  const int imode = state.flags.imode;
+  if (imode >= 8) return true;
+  if (imode != 5 && imode != 6) return false;
+  return state.store.Int("SEQUENTIAL") == 1 && access.CountDof(/*dynamic=*/true).ndof > 0;
+}
+
 // The tiers of a controller, each from the solution of the one before; or one solve.
 SolveOutcome SolveTiers(CycleState& state, CycleModel& m, bool warm, bool dynamic,
                         const ControlTerms* control) {
-  const bool shooting = state.flags.imode >= 8;
+  const bool shooting = Shoots(state, *m.access);
   auto solve = [&](bool warm_tier) {
     return shooting ? SolveShooting(state, m, warm_tier)
                     : SolveOnce(state, *m.access, warm_tier, dynamic);

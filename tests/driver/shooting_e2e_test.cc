@@ -84,6 +84,27 @@ TEST_F(Shooting, EstimationReachesTheSimultaneousFit) {
   }
 }
 
+// SEQUENTIAL = 1 shoots in mode 5 too, where ICD_CALC = 1 makes the initial level one more
+// input of the shooting.
+TEST_F(Shooting, SequentialOptionShootsWithCalculatedInitialConditions) {
+  Write("app.zpm", kTank);
+  Write("app.info", "FV, k\nMV, u\nCV, h\n");
+  Write("app.csv", EstimationData());
+  const std::string dbs =
+      fmt::format("ZPM.IMODE = 5\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n{}", kTight);
+  const Solved simultaneous = Solve(dbs, "k");
+  const std::vector<double> level = Column(Read("results.csv"), "h");
+  Write("app.dbs", dbs + "ZPM.SEQUENTIAL = 1\n");
+  RunResult r = Run("app -ipopt");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("Sequential (single shooting)")) << r.out;
+  EXPECT_NEAR(DbsValue(Read("app.dbs"), "k.NEWVAL"), simultaneous.newval, 1e-4);
+  const std::vector<double> shot = Column(Read("results.csv"), "h");
+  ASSERT_FALSE(shot.empty());
+  EXPECT_NE(level.front(), 4.0) << "the initial level was calculated";
+  EXPECT_NEAR(shot.front(), level.front(), 1e-4);
+}
+
 TEST_F(Shooting, ControlReachesTheSimultaneousMoves) {
   Write("app.zpm", kTank);
   Write("app.info", "FV, k\nMV, u\nCV, h\n");
