@@ -118,7 +118,8 @@ Trajectory StepByStep(const model::ModelStore& base, int steps) {
   r.seconds = Seconds(t0);
   r.ok = out.ok;
   r.iterations = out.iterations;
-  if (!out.ok) Sayf("  step {} of the step-by-step simulation failed: {}", out.failed_step, out.why);
+  if (!out.ok)
+    Sayf("  step {} of the step-by-step simulation failed: {}", out.failed_step, out.why);
   ReadTrajectory(base, h, &r);
   return r;
 }
@@ -141,8 +142,7 @@ void SimulationTable(bool quick) {
     Sayf("  {:>5}  {:>10.1f}  {:>4}  {:>13.1f}  {:>9}  {:>12.2f}  {:>10.2e}  {:>9.2e}{}", steps,
          1e3 * sim.seconds, sim.iterations, 1e3 * seq.seconds, seq.iterations,
          sim.seconds / seq.seconds, LargestDifference(sim.ca, seq.ca),
-         LargestDifference(sim.t, seq.t),
-         sim.ok && seq.ok ? "" : "  (a solve failed)");
+         LargestDifference(sim.t, seq.t), sim.ok && seq.ok ? "" : "  (a solve failed)");
   }
 }
 
@@ -209,8 +209,7 @@ std::vector<Cycle> RunCycles(const Controller& c, int imode, const fs::path& dir
 void ControlTable(const fs::path& work) {
   const std::vector<Controller> controllers = {
       {"mpc", kTankModel, "FV, valve\nMV, inflow\nCV, level\nSV, outflow\n", kTankSettings},
-      {"cstr", cstr::ModelText("300, >= 280, <= 320", "2.092"), "MV, tc\nCV, t\n",
-       kCstrSettings}};
+      {"cstr", cstr::ModelText("300, >= 280, <= 320", "2.092"), "MV, tc\nCV, t\n", kCstrSettings}};
   Say("");
   Say("(2) Small MPC, 10 steps, NODES 3, Ipopt: simultaneous (IMODE 6) against single "
       "shooting (IMODE 9)");
@@ -221,11 +220,12 @@ void ControlTable(const fs::path& work) {
     const std::vector<Cycle> nine = RunCycles(c, 9, work / (c.app + "9"));
     for (size_t k = 0; k < six.size(); ++k) {
       const Cycle &a = six[k], &b = nine[k];
-      Sayf("  {:<5}  {:<5}  {:>6}  {:>6}  {:>11.1f}  {:>11.1f}  {:>9.2f}  {:>12.1f}  "
-           "{:>12.1f}  {:>16.2e}{}",
-           c.app, k == 0 ? "cold" : "warm", a.iterations, b.iterations, 1e3 * a.solver,
-           1e3 * b.solver, b.solver / a.solver, 1e3 * a.process, 1e3 * b.process,
-           std::abs(b.objective - a.objective), a.ok && b.ok ? "" : "  (a cycle failed)");
+      Sayf(
+          "  {:<5}  {:<5}  {:>6}  {:>6}  {:>11.1f}  {:>11.1f}  {:>9.2f}  {:>12.1f}  "
+          "{:>12.1f}  {:>16.2e}{}",
+          c.app, k == 0 ? "cold" : "warm", a.iterations, b.iterations, 1e3 * a.solver,
+          1e3 * b.solver, b.solver / a.solver, 1e3 * a.process, 1e3 * b.process,
+          std::abs(b.objective - a.objective), a.ok && b.ok ? "" : "  (a cycle failed)");
     }
   }
 }
@@ -311,8 +311,8 @@ void SensitivityTable() {
   Say("");
   Sayf("(3) Sensitivities of a {}-variable square model to {} inputs", kChain, kInputs);
   Say("  analytic ms  finite-difference ms  ratio fd/analytic  largest |d|  largest |dx/dp|");
-  Sayf("  {:>11.2f}  {:>20.2f}  {:>17.1f}  {:>11.2e}  {:>15.3f}", 1e3 * analytic,
-       1e3 * differences, differences / analytic, largest, scale);
+  Sayf("  {:>11.2f}  {:>20.2f}  {:>17.1f}  {:>11.2e}  {:>15.3f}", 1e3 * analytic, 1e3 * differences,
+       differences / analytic, largest, scale);
 }
 
 }  // namespace

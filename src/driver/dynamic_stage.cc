@@ -166,7 +166,8 @@ void ApplyClassesOverHorizon(const dbs::OptionStore& o,
       horizon::ShareOverHorizon(rows, c.number, c.name);
       LimitMove(o, c, h);
     } else if (c.role == horizon::Role::kPerStep) {
-      horizon::FreePerStep(rows, c.number, o.Int("MV_TYPE"), /*first_fixed=*/IsMovingControl(imode));
+      horizon::FreePerStep(rows, c.number, o.Int("MV_TYPE"),
+                           /*first_fixed=*/IsMovingControl(imode));
     }
   }
   rows.Finish();

@@ -10,7 +10,7 @@
 namespace kx::driver {
 namespace {
 
-// The reduced program as the solvers see it: no second derivatives.
+// The reduced program as the solvers see it.
 class ShootingProblem : public solvers::Problem {
  public:
   explicit ShootingProblem(horizon::Shooting& s) : s_(s) {}
@@ -19,8 +19,8 @@ class ShootingProblem : public solvers::Problem {
   int num_vars() override { return s_.num_vars(); }
   int num_cons() override { return s_.num_cons(); }
   int nnz_jac() override { return s_.nnz_jac(); }
-  int nnz_hess() override { return 0; }
-  bool has_hessian() override { return false; }
+  int nnz_hess() override { return s_.nnz_hess(); }
+  bool has_hessian() override { return s_.has_hessian(); }
   void Bounds(std::span<double> xl, std::span<double> xu) override { s_.Bounds(xl, xu); }
   void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
     s_.ConstraintBounds(cl, cu);
@@ -29,7 +29,9 @@ class ShootingProblem : public solvers::Problem {
   void JacobianStructure(std::span<int> rows, std::span<int> cols) override {
     s_.JacobianStructure(rows, cols);
   }
-  void HessianStructure(std::span<int>, std::span<int>) override {}
+  void HessianStructure(std::span<int> rows, std::span<int> cols) override {
+    s_.HessianStructure(rows, cols);
+  }
   bool Objective(std::span<const double> x, double& f) override { return s_.Objective(x, f); }
   bool Gradient(std::span<const double> x, std::span<double> g) override {
     return s_.Gradient(x, g);
@@ -40,9 +42,9 @@ class ShootingProblem : public solvers::Problem {
   bool JacobianValues(std::span<const double> x, std::span<double> values) override {
     return s_.JacobianValues(x, values);
   }
-  bool HessianValues(std::span<const double>, double, std::span<const double>,
-                     std::span<double>) override {
-    return false;
+  bool HessianValues(std::span<const double> x, double obj_factor, std::span<const double> lambda,
+                     std::span<double> values) override {
+    return s_.HessianValues(x, obj_factor, lambda, values);
   }
 
  private:
@@ -71,15 +73,16 @@ horizon::SequentialSettings SimulationSettings(const dbs::OptionStore& o) {
   return s;
 }
 
-// Single shooting supplies no second derivatives. Ipopt (3, 4) replaces them by its
-// limited-memory update; ASOPT's diagonal estimate converges too slowly on the reduced program
-// (a 10-step controller stopped at its iteration limit) and BIOPT needs them, so any other
-// choice is solved with Ipopt, and the run says so.
-int ShootingSolver(int solver) {
-  if (solver == 3 || solver == 4) return solver;
-  Sayf("Sequential estimation and control: SOLVER {} needs second derivatives, which single "
-       "shooting does not supply; solving with IPOPT and its limited-memory Hessian",
-       solver);
+// Without the model's second derivatives the reduced program has none either. Ipopt (3, 4)
+// replaces them by its limited-memory update; ASOPT's diagonal estimate converges too slowly
+// on the reduced program (a 10-step controller stopped at its iteration limit) and BIOPT needs
+// them, so any other choice is then solved with Ipopt, and the run says so.
+int ShootingSolver(int solver, bool has_hessian) {
+  if (has_hessian || solver == 3 || solver == 4) return solver < 1 ? 1 : solver;
+  Sayf(
+      "Sequential estimation and control: SOLVER {} needs second derivatives, which this "
+      "model does not supply; solving with IPOPT and its limited-memory Hessian",
+      solver);
   return 3;
 }
 
@@ -95,15 +98,13 @@ SolveOutcome SolveShooting(CycleState& state, CycleModel& m, bool warm) {
     shooting.emplace(*m.horizon, m.base, access, SimulationSettings(state.store));
   }
   Sayf("Sequential (single shooting): {} inputs, {} unknowns, {} rows, {} states eliminated",
-       shooting->num_inputs(), shooting->num_vars(), shooting->num_cons(),
-       shooting->num_states());
+       shooting->num_inputs(), shooting->num_vars(), shooting->num_cons(), shooting->num_states());
   ShootingProblem problem(*shooting);
-  const int solver = ShootingSolver(state.store.Int("SOLVER"));
+  const int solver = ShootingSolver(state.store.Int("SOLVER"), problem.has_hessian());
   const auto t0 = std::chrono::steady_clock::now();
   solvers::SolverResult r = [&] {
     ScopedTimer timer("Solver");
-    return solvers::DispatchSolver(solver, problem,
-                                   ShootingSettings(state.store, imode, warm));
+    return solvers::DispatchSolver(solver, problem, ShootingSettings(state.store, imode, warm));
   }();
   SolveOutcome out;
   out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();

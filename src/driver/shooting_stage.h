@@ -1,8 +1,9 @@
 // The solve of the sequential estimation and control modes (IMODE 8 and 9): single shooting
 // over the free inputs (horizon/shooting) handed to the selected solver as a reduced program
-// without second derivatives, which Ipopt approximates by its limited-memory update. The
-// built-in solvers need them (BIOPT) or converge too slowly without them (ASOPT), so another
-// SOLVER choice is solved with Ipopt after a line that says so.
+// with exact first and second derivatives. A model without exact second derivatives gives a
+// reduced program without them too: Ipopt then uses its limited-memory update, and another
+// SOLVER choice (BIOPT needs them, ASOPT converges too slowly without them) is solved with
+// Ipopt after a line that says so.
 #pragma once
 
 #include "driver/cycle.h"

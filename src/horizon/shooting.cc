@@ -23,6 +23,8 @@ Shooting::Shooting(Horizon& h, const model::ModelStore& base, model::ModelAccess
   ClassifyColumns(h, base);
   ClassifyRows();
   BuildReducedPattern();
+  exact_hessian_ = nlp_.has_hessian();
+  if (exact_hessian_) BuildHessianPattern();
 }
 
 // Eliminated columns are the simulation's unknowns; reduced unknowns are the other free
@@ -245,7 +247,8 @@ bool Shooting::JacobianValues(std::span<const double> z, std::span<double> value
       const double v = full_jac_[k];
       if (z_pos_[c] >= 0) scratch_[z_pos_[c]] += v;
       if (s < 0) continue;
-      for (int q = 0; q < ni; ++q) scratch_[inputs_[q]] += v * sens_[static_cast<size_t>(s) * ni + q];
+      for (int q = 0; q < ni; ++q)
+        scratch_[inputs_[q]] += v * sens_[static_cast<size_t>(s) * ni + q];
     }
     for (int k = jac_start_[i]; k < jac_start_[i + 1]; ++k) values[k] = scratch_[jac_cols_[k]];
   }
@@ -256,13 +259,146 @@ bool Shooting::Store(std::span<const double> z, std::span<const double> lambda) 
   last_z_.clear();  // simulate again: the store may have been changed since
   const bool ok = Simulate(z);
   if (!ok) full_x_ = good_x_;
+  // The eliminated rows' multipliers are the adjoint ones, as the full program would have them.
   std::vector<double> full_lambda;
-  if (!lambda.empty()) {
+  const bool adjoint =
+      !lambda.empty() && ok && Sensitivities() && ModelRowMultipliers(1.0, lambda, &full_lambda);
+  if (!lambda.empty() && !adjoint) {
     full_lambda.assign(access_.NumRows(), 0.0);
     for (size_t i = 0; i < g_rows_.size(); ++i) full_lambda[g_rows_[i]] = lambda[i];
   }
   nlp_.StoreSolution(full_x_, full_lambda);
   return ok;
+}
+
+}  // namespace kx::horizon
+
+// ----- second derivatives -----
+
+namespace kx::horizon {
+
+void Shooting::Projection(int c, std::vector<std::pair<int, double>>* row) const {
+  row->clear();
+  if (z_pos_[c] >= 0) {
+    row->emplace_back(z_pos_[c], 1.0);
+  } else if (sim_pos_[c] >= 0) {
+    const int ni = num_inputs();
+    const size_t s = static_cast<size_t>(sim_pos_[c]);
+    for (int q = 0; q < ni; ++q)
+      row->emplace_back(inputs_[q], sens_.empty() ? 1.0 : sens_[s * ni + q]);
+  }
+}
+
+int Shooting::HessianSlot(int a, int b) const {
+  if (a < b) std::swap(a, b);
+  auto it = hess_slot_.find(static_cast<long long>(a) * num_vars() + b);
+  return it == hess_slot_.end() ? -1 : it->second;
+}
+
+// Every pair of reduced unknowns that some full Hessian entry reaches through P.
+void Shooting::BuildHessianPattern() {
+  const int nnz = nlp_.nnz_hess();
+  full_hess_rows_.resize(nnz);
+  full_hess_cols_.resize(nnz);
+  nlp_.HessianStructure(full_hess_rows_, full_hess_cols_);
+  std::vector<std::pair<int, double>> pi, pj;
+  for (int k = 0; k < nnz; ++k) {
+    const int i = --full_hess_rows_[k], j = --full_hess_cols_[k];
+    Projection(i, &pi);
+    Projection(j, &pj);
+    for (const auto& [a, wa] : pi) {
+      for (const auto& [b, wb] : pj) {
+        const int hi = std::max(a, b), lo = std::min(a, b);
+        const long long key = static_cast<long long>(hi) * num_vars() + lo;
+        if (hess_slot_.emplace(key, static_cast<int>(hess_rows_.size())).second) {
+          hess_rows_.push_back(hi);
+          hess_cols_.push_back(lo);
+        }
+      }
+    }
+  }
+}
+
+void Shooting::HessianStructure(std::span<int> rows, std::span<int> cols) {
+  std::copy(hess_rows_.begin(), hess_rows_.end(), rows.begin());
+  std::copy(hess_cols_.begin(), hess_cols_.end(), cols.begin());
+}
+
+// The model rows' multipliers: J_mx^T lambda_m = -(s grad_x f + J_gx^T lambda_g), by blocks
+// from the last step back. `full_lambda` gets every row's multiplier.
+bool Shooting::ModelRowMultipliers(double obj_factor, std::span<const double> lambda,
+                                   std::vector<double>* full_lambda) {
+  full_lambda->assign(access_.NumRows(), 0.0);
+  for (size_t i = 0; i < g_rows_.size(); ++i) (*full_lambda)[g_rows_[i]] = lambda[i];
+  std::vector<double> grad(num_full_), rhs(sim_cols_.size(), 0.0);
+  nlp_.Gradient(full_x_, grad);
+  for (size_t s = 0; s < sim_cols_.size(); ++s) rhs[s] = -obj_factor * grad[sim_cols_[s]];
+  for (size_t i = 0; i < g_rows_.size(); ++i) {
+    const int r = g_rows_[i];
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int s = sim_pos_[full_cols_[k]];
+      if (s >= 0) rhs[s] -= lambda[i] * full_jac_[k];
+    }
+  }
+  for (int b = static_cast<int>(blocks_.size()) - 1; b >= 0; --b)
+    if (!AdjointBlock(b, rhs, full_lambda)) return false;
+  return true;
+}
+
+// Solves block b's transposed system for its rows' multipliers and moves their terms onto
+// the right-hand sides of the earlier blocks' columns.
+bool Shooting::AdjointBlock(int b, std::vector<double>& rhs, std::vector<double>* full_lambda) {
+  const std::vector<int>& cols = block_cols_[b];
+  const std::vector<int>& rows = block_rows_[b];
+  const int n = static_cast<int>(cols.size());
+  if (n == 0) return true;
+  const int first = sim_pos_[cols.front()];
+  std::vector<int> tr, tc;
+  std::vector<double> tv;
+  for (int i = 0; i < n; ++i) {
+    const int r = rows[i];
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int s = sim_pos_[full_cols_[k]];
+      if (s >= first) tr.push_back(s - first), tc.push_back(i), tv.push_back(full_jac_[k]);
+    }
+  }
+  std::vector<double> mult(rhs.begin() + first, rhs.begin() + first + n);
+  if (!lu_t_.Factor(n, tr, tc, tv) || !lu_t_.Solve(mult)) return false;
+  for (int i = 0; i < n; ++i) {
+    const int r = rows[i];
+    (*full_lambda)[r] = mult[i];
+    for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+      const int s = sim_pos_[full_cols_[k]];
+      if (s >= 0 && s < first) rhs[s] -= mult[i] * full_jac_[k];
+    }
+  }
+  return true;
+}
+
+bool Shooting::HessianValues(std::span<const double> z, double obj_factor,
+                             std::span<const double> lambda, std::span<double> values) {
+  if (!Simulate(z) || !Sensitivities()) return false;
+  std::vector<double> full_lambda;
+  if (!ModelRowMultipliers(obj_factor, lambda, &full_lambda)) return false;
+  std::vector<double> h(full_hess_rows_.size());
+  nlp_.HessianValues(full_x_, obj_factor, full_lambda, h);
+  std::fill(values.begin(), values.begin() + nnz_hess(), 0.0);
+  std::vector<std::pair<int, double>> pi, pj;
+  for (size_t k = 0; k < h.size(); ++k) {
+    if (h[k] == 0.0) continue;
+    const int i = full_hess_rows_[k], j = full_hess_cols_[k];
+    Projection(i, &pi);
+    Projection(j, &pj);
+    // Lower triangle of h (p_i p_j^T + p_j p_i^T) for i != j, of h p_i p_i^T for i == j.
+    for (const auto& [a, wa] : pi) {
+      for (const auto& [b, wb] : pj) {
+        if (i == j && a < b) continue;
+        const double t = h[k] * wa * wb;
+        values[HessianSlot(a, b)] += (i != j && a == b) ? 2 * t : t;
+      }
+    }
+  }
+  return true;
 }
 
 }  // namespace kx::horizon

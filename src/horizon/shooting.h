@@ -11,11 +11,14 @@
 // (the generated rows, inequality rows, the rows that tie the copies of an input). The states
 // x(z) depend only on the inputs u among z (the columns the model rows read).
 //
-// Derivatives are exact first derivatives: dx/du by forward sensitivities through the
-// collocation steps, one sparse LU of each step's block Jacobian at the simulated trajectory,
-// propagated from step to step:  J_kk dx_k/du = -(J_ku + sum_{j<k} J_kj dx_j/du);  the
-// reduced Jacobian and gradient follow by the chain rule. No second derivatives are offered;
-// a solver approximates them (Ipopt by its limited-memory quasi-Newton update).
+// First derivatives: dx/du by forward sensitivities through the collocation steps, one sparse
+// LU of each step's block Jacobian at the simulated trajectory, propagated from step to step:
+// J_kk dx_k/du = -(J_ku + sum_{j<k} J_kj dx_j/du);  the reduced Jacobian and gradient follow
+// by the chain rule. Second derivatives (when the model has exact ones): the Hessian of the
+// reduced Lagrangian is P^T H P, with P = [dx/dz; I] and H the Hessian of the full Lagrangian
+// whose model rows carry the adjoint multipliers  J_mx^T lambda_m = -(s grad_x f + J_gx^T
+// lambda_g),  solved step by step backwards (one LU of each transposed step block). Without
+// them a solver approximates (Ipopt by its limited-memory quasi-Newton update).
 //
 // Call protocol: as solvers::Problem (sizes and structures first, then value calls given z).
 // A value call runs the simulation only when z changed; a failed simulation makes the call
@@ -24,6 +27,8 @@
 #pragma once
 
 #include <span>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "horizon/replicate.h"
@@ -43,9 +48,11 @@ class Shooting {
   int num_vars() const { return static_cast<int>(z_cols_.size()); }
   int num_cons() const { return static_cast<int>(g_rows_.size()); }
   int nnz_jac() const { return static_cast<int>(jac_rows_.size()); }
-  int num_inputs() const { return static_cast<int>(inputs_.size()); }  // free inputs u
+  int nnz_hess() const { return static_cast<int>(hess_rows_.size()); }
+  bool has_hessian() const { return exact_hessian_; }
+  int num_inputs() const { return static_cast<int>(inputs_.size()); }    // free inputs u
   int num_states() const { return static_cast<int>(sim_cols_.size()); }  // eliminated columns
-  int simulations() const { return simulations_; }  // simulations run so far
+  int simulations() const { return simulations_; }                       // simulations run so far
 
   void Bounds(std::span<double> zl, std::span<double> zu);
   void ConstraintBounds(std::span<double> cl, std::span<double> cu);
@@ -56,10 +63,15 @@ class Shooting {
   bool Gradient(std::span<const double> z, std::span<double> g);
   bool Constraints(std::span<const double> z, std::span<double> c);
   bool JacobianValues(std::span<const double> z, std::span<double> values);
+  // Lower triangle (row >= col, 0-based) of obj_factor d2f + sum lambda_i d2c_i, reduced.
+  void HessianStructure(std::span<int> rows, std::span<int> cols);
+  bool HessianValues(std::span<const double> z, double obj_factor, std::span<const double> lambda,
+                     std::span<double> values);
 
-  // Simulates at z and writes the point, the rows' multipliers (`lambda` of the reduced rows;
-  // the eliminated model rows get 0) and the residuals into the store. False when the
-  // simulation failed (the store then holds the last trajectory that solved).
+  // Simulates at z and writes the point, the rows' multipliers (`lambda` of the reduced rows,
+  // the adjoint ones of the eliminated model rows for the Lagrangian f + lambda^T c) and the
+  // residuals into the store. False when the simulation failed (the store then holds the last
+  // trajectory that solved, and the model rows get multiplier 0).
   bool Store(std::span<const double> z, std::span<const double> lambda);
 
  private:
@@ -69,35 +81,47 @@ class Shooting {
   bool Simulate(std::span<const double> z);
   bool Sensitivities();
   bool PropagateBlock(int b);
+  void BuildHessianPattern();
+  bool ModelRowMultipliers(double obj_factor, std::span<const double> lambda,
+                           std::vector<double>* full_lambda);
+  bool AdjointBlock(int b, std::vector<double>& rhs, std::vector<double>* full_lambda);
+  // Row of P for full column c: (reduced unknown, weight) pairs.
+  void Projection(int c, std::vector<std::pair<int, double>>* row) const;
+  int HessianSlot(int a, int b) const;
 
   model::ModelAccess& access_;
   model::Nlp nlp_;
   SequentialSettings settings_;
-  int num_full_ = 0;                         // columns of the full program (nvar + ndiff)
-  std::vector<StepBlock> blocks_;            // the simulation's blocks in order
-  std::vector<std::vector<int>> block_cols_;  // full columns (0-based) of each block
-  std::vector<std::vector<int>> block_rows_;  // full rows (0-based) of each block
-  std::vector<int> sim_cols_;                // eliminated columns (0-based), block order
-  std::vector<int> sim_pos_;                 // position in sim_cols_ of each column, else -1
-  std::vector<int> z_cols_;                  // full column of each reduced unknown
-  std::vector<int> z_pos_;                   // reduced unknown of each column, else -1
-  std::vector<int> inputs_;                  // reduced unknowns the model rows read (u)
-  std::vector<int> input_pos_;               // position in inputs_ of each reduced unknown
-  std::vector<int> g_rows_;                  // full row (0-based) of each reduced row
-  std::vector<char> depends_on_states_;      // reduced row reads an eliminated column
-  std::vector<int> jac_rows_, jac_cols_;     // reduced Jacobian triplets (0-based)
-  std::vector<int> jac_start_;               // first triplet of each reduced row; size m+1
+  int num_full_ = 0;                             // columns of the full program (nvar + ndiff)
+  std::vector<StepBlock> blocks_;                // the simulation's blocks in order
+  std::vector<std::vector<int>> block_cols_;     // full columns (0-based) of each block
+  std::vector<std::vector<int>> block_rows_;     // full rows (0-based) of each block
+  std::vector<int> sim_cols_;                    // eliminated columns (0-based), block order
+  std::vector<int> sim_pos_;                     // position in sim_cols_ of each column, else -1
+  std::vector<int> z_cols_;                      // full column of each reduced unknown
+  std::vector<int> z_pos_;                       // reduced unknown of each column, else -1
+  std::vector<int> inputs_;                      // reduced unknowns the model rows read (u)
+  std::vector<int> input_pos_;                   // position in inputs_ of each reduced unknown
+  std::vector<int> g_rows_;                      // full row (0-based) of each reduced row
+  std::vector<char> depends_on_states_;          // reduced row reads an eliminated column
+  std::vector<int> jac_rows_, jac_cols_;         // reduced Jacobian triplets (0-based)
+  std::vector<int> jac_start_;                   // first triplet of each reduced row; size m+1
   std::vector<int> full_row_start_, full_cols_;  // full Jacobian by rows (0-based columns)
-  std::vector<double> full_x_;               // full point of the current trajectory
-  std::vector<double> good_x_;               // full point of the last trajectory that solved
-  std::vector<double> last_z_;               // the z of full_x_
-  bool last_ok_ = false;                     // the simulation at last_z_ solved
-  bool sens_ok_ = false;                     // sens_ and full_jac_ belong to last_z_
-  std::vector<double> full_jac_;             // full Jacobian values at full_x_
-  std::vector<double> sens_;                 // dx/du: num_states x num_inputs, row-major
-  std::vector<double> scratch_;              // per-row accumulation of reduced values
+  std::vector<double> full_x_;                   // full point of the current trajectory
+  std::vector<double> good_x_;                   // full point of the last trajectory that solved
+  std::vector<double> last_z_;                   // the z of full_x_
+  bool last_ok_ = false;                         // the simulation at last_z_ solved
+  bool sens_ok_ = false;                         // sens_ and full_jac_ belong to last_z_
+  std::vector<double> full_jac_;                 // full Jacobian values at full_x_
+  std::vector<double> sens_;                     // dx/du: num_states x num_inputs, row-major
+  std::vector<double> scratch_;                  // per-row accumulation of reduced values
   linalg::SparseLu lu_;
+  linalg::SparseLu lu_t_;  // transposed step blocks (adjoint)
   int simulations_ = 0;
+  bool exact_hessian_ = false;                        // the model supplies second derivatives
+  std::vector<int> full_hess_rows_, full_hess_cols_;  // full Hessian lower triangle (0-based)
+  std::vector<int> hess_rows_, hess_cols_;            // reduced Hessian lower triangle (0-based)
+  std::unordered_map<long long, int> hess_slot_;      // reduced (row, col) -> triplet
 };
 
 }  // namespace kx::horizon

@@ -75,6 +75,68 @@ TEST(Shooting, DerivativesMatchCentralDifferences) {
   }
 }
 
+// Gradient of the reduced Lagrangian obj_factor f + lambda^T c at z.
+std::vector<double> LagrangianGradient(Shooting& s, const std::vector<double>& z, double sigma,
+                                       const std::vector<double>& lambda) {
+  std::vector<double> g(s.num_vars()), jac(s.nnz_jac());
+  std::vector<int> rows(jac.size()), cols(jac.size());
+  EXPECT_TRUE(s.Gradient(z, g));
+  EXPECT_TRUE(s.JacobianValues(z, jac));
+  s.JacobianStructure(rows, cols);
+  for (double& v : g) v *= sigma;
+  for (size_t k = 0; k < jac.size(); ++k) g[cols[k]] += lambda[rows[k]] * jac[k];
+  return g;
+}
+
+// The reduced Hessian (adjoint multipliers on the model rows, projected through dx/dz)
+// against central differences of the reduced Lagrangian's gradient.
+TEST(Shooting, HessianMatchesDifferencesOfTheLagrangianGradient) {
+  const model::ModelStore base = BuildQuietly("shooting");
+  for (const Case& t : {Case{2, {0.5, 0.5, 0.5}}, Case{3, {0.4, 0.8}}}) {
+    Horizon h = ReplicateQuietly(base, t.nodes, t.dt);
+    FreeInputs(h, base);
+    model::ModelAccess access(h.store);
+    Shooting s(h, base, access, SequentialSettings{.tolerance = 1e-13, .max_iter = 50});
+    ASSERT_TRUE(s.has_hessian());
+    const int n = s.num_vars();
+    std::vector<double> z(n), lambda(s.num_cons());
+    s.Start(z);
+    for (int i = 0; i < n; ++i) z[i] += 0.05 * std::cos(i + 2.0);
+    for (size_t r = 0; r < lambda.size(); ++r) lambda[r] = 0.3 + 0.1 * static_cast<double>(r);
+    constexpr double kSigma = 0.7;
+    std::vector<double> values(s.nnz_hess());
+    std::vector<int> rows(values.size()), cols(values.size());
+    s.HessianStructure(rows, cols);
+    ASSERT_TRUE(s.HessianValues(z, kSigma, lambda, values));
+    std::vector<double> dense(static_cast<size_t>(n) * n, 0.0);
+    for (size_t k = 0; k < values.size(); ++k) {
+      ASSERT_GE(rows[k], cols[k]);
+      dense[rows[k] * n + cols[k]] += values[k];
+    }
+    constexpr double kStep = 1e-5;
+    for (int j = 0; j < n; ++j) {
+      std::vector<double> zp = z, zm = z;
+      zp[j] += kStep, zm[j] -= kStep;
+      const std::vector<double> gp = LagrangianGradient(s, zp, kSigma, lambda);
+      const std::vector<double> gm = LagrangianGradient(s, zm, kSigma, lambda);
+      for (int i = j; i < n; ++i)
+        EXPECT_NEAR(dense[i * n + j], (gp[i] - gm[i]) / (2 * kStep), 1e-5)
+            << "NODES " << t.nodes << " (" << i << ", " << j << ")";
+    }
+  }
+}
+
+TEST(Shooting, AModelWithoutSecondDerivativesGivesAReducedProgramWithout) {
+  model::ModelStore base = BuildQuietly("shooting");
+  base.exact_hessian = false;
+  Horizon h = ReplicateQuietly(base, 2, {0.5, 0.5});
+  FreeInputs(h, base);
+  model::ModelAccess access(h.store);
+  Shooting s(h, base, access, SequentialSettings{});
+  EXPECT_FALSE(s.has_hessian());
+  EXPECT_EQ(s.nnz_hess(), 0);
+}
+
 TEST(Shooting, StoredPointSatisfiesTheModelRowsAndHoldsTheInputs) {
   const model::ModelStore base = BuildQuietly("shooting");
   Horizon h = ReplicateQuietly(base, 3, {0.5, 0.5, 0.5, 0.5});
