@@ -117,6 +117,7 @@ SolveOutcome SolveShooting(CycleState& state, CycleModel& m, bool warm) {
   }
   if (!shooting->Store(z, r.lambda) && out.status == 0) out.status = -1;
   Sayf("Sequential (single shooting): {} simulations", shooting->simulations());
+  shooting.reset();  // the states' bounds back in the store
   ReportOutcome(state.store, access, solvers::SolverDisplayName(solver), out);
   return out;
 }

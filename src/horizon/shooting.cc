@@ -4,6 +4,7 @@
 
 #include "base/check.h"
 #include "base/report.h"
+#include "base/sentinels.h"
 #include "base/timers.h"
 #include "model/sparsity.h"
 
@@ -63,7 +64,35 @@ void Shooting::ClassifyColumns(const Horizon& h, const model::ModelStore& base) 
     z_pos_[c] = static_cast<int>(z_cols_.size());
     z_cols_.push_back(c);
   }
+  MoveStateBoundsToRows(xl, xu);
 }
+
+// A bound of a state becomes a reduced row x_s(z) within it, as the simultaneous program has
+// it; the simulation itself runs without the bound, so that a trial point beyond it is a
+// trajectory the optimiser can step back from, not a step that cannot solve.
+void Shooting::MoveStateBoundsToRows(const std::vector<double>& xl, const std::vector<double>& xu) {
+  model::ModelStore& store = access_.store();
+  for (size_t s = 0; s < sim_cols_.size(); ++s) {
+    const int c = sim_cols_[s];
+    if (c >= store.nvar || (xl[c] <= -kUnlimited && xu[c] >= kUnlimited)) continue;
+    model::Variable& v = store.Var(c + 1);
+    bounded_.push_back({static_cast<int>(s), xl[c], xu[c], v.lower, v.upper});
+    v.lower = -kUnlimited;
+    v.upper = kUnlimited;
+  }
+}
+
+void Shooting::RestoreStateBounds() {
+  model::ModelStore& store = access_.store();
+  for (const BoundedState& b : bounded_) {
+    model::Variable& v = store.Var(sim_cols_[b.pos] + 1);
+    v.lower = b.store_lower;
+    v.upper = b.store_upper;
+  }
+  bounded_.clear();
+}
+
+Shooting::~Shooting() { RestoreStateBounds(); }
 
 // Rows the simulation solves are eliminated; the rest are the reduced rows. Reduced unknowns
 // that an eliminated row reads are the inputs the trajectory depends on.
@@ -108,6 +137,13 @@ void Shooting::BuildReducedPattern() {
     if (depends_on_states_[i])
       for (int z : inputs_) add(z);
   }
+  for (size_t b = 0; b < bounded_.size(); ++b) {  // x_s(z): dense in the inputs
+    jac_start_.push_back(static_cast<int>(jac_rows_.size()));
+    for (int z : inputs_) {
+      jac_rows_.push_back(static_cast<int>(g_rows_.size() + b));
+      jac_cols_.push_back(z);
+    }
+  }
   jac_start_.push_back(static_cast<int>(jac_rows_.size()));
   scratch_.assign(z_cols_.size(), 0.0);
 }
@@ -127,6 +163,10 @@ void Shooting::ConstraintBounds(std::span<double> cl, std::span<double> cu) {
   for (size_t i = 0; i < g_rows_.size(); ++i) {
     cl[i] = gl[g_rows_[i]];
     cu[i] = gu[g_rows_[i]];
+  }
+  for (size_t b = 0; b < bounded_.size(); ++b) {
+    cl[g_rows_.size() + b] = bounded_[b].lower;
+    cu[g_rows_.size() + b] = bounded_[b].upper;
   }
 }
 
@@ -172,6 +212,8 @@ bool Shooting::Constraints(std::span<const double> z, std::span<double> c) {
   std::vector<double> full(access_.NumRows());
   nlp_.Constraints(full_x_, full);
   for (size_t i = 0; i < g_rows_.size(); ++i) c[i] = full[g_rows_[i]];
+  for (size_t b = 0; b < bounded_.size(); ++b)
+    c[g_rows_.size() + b] = full_x_[sim_cols_[bounded_[b].pos]];
   return true;
 }
 
@@ -251,6 +293,11 @@ bool Shooting::JacobianValues(std::span<const double> z, std::span<double> value
         scratch_[inputs_[q]] += v * sens_[static_cast<size_t>(s) * ni + q];
     }
     for (int k = jac_start_[i]; k < jac_start_[i + 1]; ++k) values[k] = scratch_[jac_cols_[k]];
+  }
+  for (size_t b = 0; b < bounded_.size(); ++b) {
+    const size_t s = static_cast<size_t>(bounded_[b].pos);
+    const int first = jac_start_[g_rows_.size() + b];
+    for (int q = 0; q < ni; ++q) values[first + q] = sens_[s * ni + q];
   }
   return true;
 }
@@ -340,6 +387,7 @@ bool Shooting::ModelRowMultipliers(double obj_factor, std::span<const double> la
       if (s >= 0) rhs[s] -= lambda[i] * full_jac_[k];
     }
   }
+  for (size_t b = 0; b < bounded_.size(); ++b) rhs[bounded_[b].pos] -= lambda[g_rows_.size() + b];
   for (int b = static_cast<int>(blocks_.size()) - 1; b >= 0; --b)
     if (!AdjointBlock(b, rhs, full_lambda)) return false;
   return true;

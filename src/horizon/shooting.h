@@ -8,8 +8,9 @@
 // whose unknowns z are the free columns the simulation does not solve (the free FV and MV
 // copies and the generated members of the estimation and control rows: errors, trajectories,
 // biased CVs, moves) and whose rows c are every constraint row the simulation does not solve
-// (the generated rows, inequality rows, the rows that tie the copies of an input). The states
-// x(z) depend only on the inputs u among z (the columns the model rows read).
+// (the generated rows, inequality rows, the rows that tie the copies of an input), followed by
+// one row x_s(z) per bounded state, within its bounds (the simulation runs without them).
+// The states x(z) depend only on the inputs u among z (the columns the model rows read).
 //
 // First derivatives: dx/du by forward sensitivities through the collocation steps, one sparse
 // LU of each step's block Jacobian at the simulated trajectory, propagated from step to step:
@@ -42,11 +43,15 @@ namespace kx::horizon {
 class Shooting {
  public:
   // `h.store` is the store `access` reads; the store's values are the starting point.
+  // The states' bounds leave the store for the life of the object (they are rows here).
   Shooting(Horizon& h, const model::ModelStore& base, model::ModelAccess& access,
            const SequentialSettings& settings);
+  ~Shooting();
+  Shooting(const Shooting&) = delete;
+  Shooting& operator=(const Shooting&) = delete;
 
   int num_vars() const { return static_cast<int>(z_cols_.size()); }
-  int num_cons() const { return static_cast<int>(g_rows_.size()); }
+  int num_cons() const { return static_cast<int>(g_rows_.size() + bounded_.size()); }
   int nnz_jac() const { return static_cast<int>(jac_rows_.size()); }
   int nnz_hess() const { return static_cast<int>(hess_rows_.size()); }
   bool has_hessian() const { return exact_hessian_; }
@@ -76,6 +81,8 @@ class Shooting {
 
  private:
   void ClassifyColumns(const Horizon& h, const model::ModelStore& base);
+  void MoveStateBoundsToRows(const std::vector<double>& xl, const std::vector<double>& xu);
+  void RestoreStateBounds();
   void ClassifyRows();
   void BuildReducedPattern();
   bool Simulate(std::span<const double> z);
@@ -92,16 +99,22 @@ class Shooting {
   model::ModelAccess& access_;
   model::Nlp nlp_;
   SequentialSettings settings_;
-  int num_full_ = 0;                             // columns of the full program (nvar + ndiff)
-  std::vector<StepBlock> blocks_;                // the simulation's blocks in order
-  std::vector<std::vector<int>> block_cols_;     // full columns (0-based) of each block
-  std::vector<std::vector<int>> block_rows_;     // full rows (0-based) of each block
-  std::vector<int> sim_cols_;                    // eliminated columns (0-based), block order
-  std::vector<int> sim_pos_;                     // position in sim_cols_ of each column, else -1
-  std::vector<int> z_cols_;                      // full column of each reduced unknown
-  std::vector<int> z_pos_;                       // reduced unknown of each column, else -1
-  std::vector<int> inputs_;                      // reduced unknowns the model rows read (u)
-  std::vector<int> input_pos_;                   // position in inputs_ of each reduced unknown
+  int num_full_ = 0;                          // columns of the full program (nvar + ndiff)
+  std::vector<StepBlock> blocks_;             // the simulation's blocks in order
+  std::vector<std::vector<int>> block_cols_;  // full columns (0-based) of each block
+  std::vector<std::vector<int>> block_rows_;  // full rows (0-based) of each block
+  std::vector<int> sim_cols_;                 // eliminated columns (0-based), block order
+  std::vector<int> sim_pos_;                  // position in sim_cols_ of each column, else -1
+  std::vector<int> z_cols_;                   // full column of each reduced unknown
+  std::vector<int> z_pos_;                    // reduced unknown of each column, else -1
+  std::vector<int> inputs_;                   // reduced unknowns the model rows read (u)
+  std::vector<int> input_pos_;                // position in inputs_ of each reduced unknown
+  struct BoundedState {
+    int pos;                          // position in sim_cols_
+    double lower, upper;              // the bounds as rows of the reduced program
+    double store_lower, store_upper;  // the record's own, put back at the end
+  };
+  std::vector<BoundedState> bounded_;            // states with a bound, rows after g_rows_
   std::vector<int> g_rows_;                      // full row (0-based) of each reduced row
   std::vector<char> depends_on_states_;          // reduced row reads an eliminated column
   std::vector<int> jac_rows_, jac_cols_;         // reduced Jacobian triplets (0-based)

@@ -142,6 +142,26 @@ TEST_F(Shooting, EstimationKeepsItsInitialConditionsAndWritesTheFilesOfTheMode) 
     EXPECT_TRUE(Exists(file)) << file;
 }
 
+// The level may not fall below 3.5 while the set point asks for 3: the bound is active, a row
+// of the reduced program, and holds as in the simultaneous solve.
+TEST_F(Shooting, AnActiveStateBoundHoldsAsInTheSimultaneousSolve) {
+  std::string model = kTank;
+  model.replace(model.find("h = 4, >= 0"), 11, "h = 4, >= 3.5");
+  Write("app.zpm", model);
+  Write("app.info", "MV, u\nCV, h\n");
+  const std::string dbs =
+      "ZPM.NODES = 3\nZPM.CSV_READ = 0\nZPM.CTRL_HOR = 8\nZPM.PRED_HOR = 8\n"
+      "ZPM.CTRL_TIME = 0.5\nZPM.PRED_TIME = 0.5\nZPM.CV_TYPE = 2\nu.STATUS = 1\n"
+      "u.DCOST = 0.01\nh.STATUS = 1\nh.SP = 3\nh.TAU = 0.5\n" +
+      std::string(kTight);
+  const Solved six = Solve("ZPM.IMODE = 6\n" + dbs, "u");
+  const Solved nine = Solve("ZPM.IMODE = 9\n" + dbs, "u");
+  ExpectSameSolution(six, nine, "bounded level");
+  const std::vector<double> level = Column(Read("results.csv"), "h");
+  ASSERT_FALSE(level.empty());
+  EXPECT_NEAR(*std::min_element(level.begin(), level.end()), 3.5, 1e-6) << "the bound is active";
+}
+
 // The reduced program carries exact second derivatives, so every solver takes it; a warm cycle
 // starts from the mode's own restart file.
 TEST_F(Shooting, EverySolverControlsAndWarmCyclesRestartFromTheirOwnFile) {

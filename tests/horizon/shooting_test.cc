@@ -9,6 +9,7 @@
 #include <cmath>
 #include <vector>
 
+#include "base/sentinels.h"
 #include "horizon/horizon_testing.h"
 
 namespace kx::horizon {
@@ -155,6 +156,38 @@ TEST(Shooting, StoredPointSatisfiesTheModelRowsAndHoldsTheInputs) {
   std::vector<double> back(s.num_vars());
   s.Start(back);
   for (size_t i = 0; i < z.size(); ++i) EXPECT_DOUBLE_EQ(back[i], z[i]);
+}
+
+// The bounds of the states are rows of the reduced program (one per bounded state, x within
+// its bounds) while the shooting lives, and back on the records after.
+TEST(Shooting, StateBoundsAreRowsWhileItLives) {
+  const model::ModelStore base = BuildQuietly("shooting");
+  Horizon h = ReplicateQuietly(base, 2, {0.5, 0.5, 0.5});
+  FreeInputs(h, base);
+  int x = 0;
+  for (int n = 1; n <= base.nvar; ++n)
+    if (base.Var(n).name == "x") x = n;
+  ASSERT_GT(x, 0);
+  const int x_last = h.Number(h.grid.num_points() - 1, x);
+  model::ModelAccess access(h.store);
+  {
+    Shooting s(h, base, access, SequentialSettings{.tolerance = 1e-12, .max_iter = 50});
+    EXPECT_EQ(h.store.Var(x_last).lower, -kUnlimited);
+    const int m = s.num_cons();
+    std::vector<double> cl(m), cu(m), c(m), z(s.num_vars());
+    s.ConstraintBounds(cl, cu);
+    s.Start(z);
+    ASSERT_TRUE(s.Constraints(z, c));
+    int bound_rows = 0;
+    for (int r = 0; r < m; ++r) {
+      if (cl[r] != -5 || cu[r] != 5) continue;
+      ++bound_rows;
+      EXPECT_GT(c[r], 0.0);  // a value of x (positive here), not a residual
+    }
+    EXPECT_EQ(bound_rows, h.grid.num_points() - 1) << "x at every point after the fixed start";
+  }
+  EXPECT_EQ(h.store.Var(x_last).lower, -5);
+  EXPECT_EQ(h.store.Var(x_last).upper, 5);
 }
 
 }  // namespace
