@@ -9,12 +9,12 @@
 //   (2) A small nonlinear MPC (the stirred tank of cstr_model.h, coolant an MV, temperature a
 //       CV in a band, 10 steps, NODES 3) and the tank-level controller of examples/mpc, as
 //       whole `kestrix` processes: IMODE 6 (simultaneous) against IMODE 9 (single shooting),
-//       a cold cycle and a warm one after it, SOLVER 3. Iterations, solver and process time,
-//       the ratios, and the objective difference.
+//       a cold cycle and a warm one after it, SOLVER 3. Iterations, solver and process time
+//       (the best of five runs), the ratios, and the objective difference.
 //   (3) Sensitivity analysis (analysis/sensitivity: one factorisation, one solve per input) on
 //       a square 1,000-variable steady-state model with 5 inputs, against central finite
 //       differences of Newton re-solves: largest difference of the derivatives and the ratio
-//       of the times.
+//       of the times (each the best of five).
 //
 //   bench_sequential [--quick]      (--quick: (1) stops at 1,000 steps)
 #include <chrono>
@@ -206,18 +206,37 @@ std::vector<Cycle> RunCycles(const Controller& c, int imode, const fs::path& dir
   return cycles;
 }
 
+// The fastest of kRepeats runs of the pair of cycles (the machine is shared): times are the
+// smallest seen, iterations and objectives those of the first run.
+constexpr int kRepeats = 5;
+
+std::vector<Cycle> BestOf(const Controller& c, int imode, const fs::path& dir) {
+  std::vector<Cycle> best = RunCycles(c, imode, dir);
+  for (int r = 1; r < kRepeats; ++r) {
+    const std::vector<Cycle> again = RunCycles(c, imode, dir);
+    for (size_t k = 0; k < best.size(); ++k) {
+      best[k].solver = std::min(best[k].solver, again[k].solver);
+      best[k].process = std::min(best[k].process, again[k].process);
+      best[k].ok = best[k].ok && again[k].ok;
+    }
+  }
+  return best;
+}
+
 void ControlTable(const fs::path& work) {
   const std::vector<Controller> controllers = {
       {"mpc", kTankModel, "FV, valve\nMV, inflow\nCV, level\nSV, outflow\n", kTankSettings},
       {"cstr", cstr::ModelText("300, >= 280, <= 320", "2.092"), "MV, tc\nCV, t\n", kCstrSettings}};
   Say("");
-  Say("(2) Small MPC, 10 steps, NODES 3, Ipopt: simultaneous (IMODE 6) against single "
-      "shooting (IMODE 9)");
+  Sayf(
+      "(2) Small MPC, 10 steps, NODES 3, Ipopt: simultaneous (IMODE 6) against single "
+      "shooting (IMODE 9); times the best of {} runs",
+      kRepeats);
   Say("  model  cycle  iter 6  iter 9  solver ms 6  solver ms 9  ratio 9/6  process ms 6  "
       "process ms 9  |objective 9 - 6|");
   for (const Controller& c : controllers) {
-    const std::vector<Cycle> six = RunCycles(c, 6, work / (c.app + "6"));
-    const std::vector<Cycle> nine = RunCycles(c, 9, work / (c.app + "9"));
+    const std::vector<Cycle> six = BestOf(c, 6, work / (c.app + "6"));
+    const std::vector<Cycle> nine = BestOf(c, 9, work / (c.app + "9"));
     for (size_t k = 0; k < six.size(); ++k) {
       const Cycle &a = six[k], &b = nine[k];
       Sayf(
@@ -261,6 +280,32 @@ bool SolveChain(model::ModelAccess& access) {
   return newton.Solve(rows, cols, {.tolerance = 1e-13, .max_iter = 50}).ok;
 }
 
+// Central differences: two Newton re-solves per input from the solution. `largest` gets the
+// largest difference from the analytic derivatives, `scale` the largest of those.
+void FiniteDifferences(model::ModelAccess& access,
+                       const std::vector<analysis::SensitivityInput>& inputs,
+                       const analysis::Sensitivities& s, double step,
+                       const std::vector<double>& solution, double* largest, double* scale) {
+  model::ModelStore& store = access.store();
+  for (int j = 0; j < static_cast<int>(inputs.size()); ++j) {
+    model::Variable& p = store.Var(inputs[j].numbers[0]);
+    std::vector<double> plus, minus;
+    for (double sign : {1.0, -1.0}) {
+      for (int n = 1; n <= store.nvar; ++n) store.Var(n).val = solution[n - 1];
+      p.val += sign * step;
+      SolveChain(access);
+      std::vector<double>& out = sign > 0 ? plus : minus;
+      for (int n : s.numbers) out.push_back(store.Var(n).val);
+    }
+    p.val = solution[inputs[j].numbers[0] - 1];
+    for (size_t i = 0; i < s.numbers.size(); ++i) {
+      const double fd = (plus[i] - minus[i]) / (2 * step);
+      *largest = std::max(*largest, std::abs(fd - s.values[j][i]));
+      *scale = std::max(*scale, std::abs(s.values[j][i]));
+    }
+  }
+}
+
 void SensitivityTable() {
   model::ModelStore store = SensitivityModel();
   model::ModelAccess access(store);
@@ -273,41 +318,29 @@ void SensitivityTable() {
     const std::string name = fmt::format("p{}", k);
     inputs.push_back({name, {VariableNumber(store, name)}});
   }
-  Clock::time_point t0 = Clock::now();
+  // Both timings are the best of kRepeats (the machine is shared).
   std::optional<analysis::Sensitivities> s;
-  {
+  double analytic = 1e30;
+  for (int r = 0; r < kRepeats; ++r) {
+    const Clock::time_point t0 = Clock::now();
     OutputCapture quiet;
     s = analysis::ComputeSensitivities(access, /*dynamic=*/false, inputs);
+    analytic = std::min(analytic, Seconds(t0));
   }
-  const double analytic = Seconds(t0);
   if (!s) {
     Say("(3) no sensitivities");
     return;
   }
-  // Central differences: two Newton re-solves per input from the solution.
   constexpr double kStep = 1e-6;
   std::vector<double> solution(store.nvar);
   for (int n = 1; n <= store.nvar; ++n) solution[n - 1] = store.Var(n).val;
-  double largest = 0, scale = 0;
-  t0 = Clock::now();
-  for (int j = 0; j < kInputs; ++j) {
-    model::Variable& p = store.Var(inputs[j].numbers[0]);
-    std::vector<double> plus, minus;
-    for (double sign : {1.0, -1.0}) {
-      for (int n = 1; n <= store.nvar; ++n) store.Var(n).val = solution[n - 1];
-      p.val += sign * kStep;
-      SolveChain(access);
-      std::vector<double>& out = sign > 0 ? plus : minus;
-      for (int n : s->numbers) out.push_back(store.Var(n).val);
-    }
-    p.val = solution[inputs[j].numbers[0] - 1];
-    for (size_t i = 0; i < s->numbers.size(); ++i) {
-      const double fd = (plus[i] - minus[i]) / (2 * kStep);
-      largest = std::max(largest, std::abs(fd - s->values[j][i]));
-      scale = std::max(scale, std::abs(s->values[j][i]));
-    }
+  double largest = 0, scale = 0, differences = 1e30;
+  for (int r = 0; r < kRepeats; ++r) {
+    const Clock::time_point t0 = Clock::now();
+    FiniteDifferences(access, inputs, *s, kStep, solution, &largest, &scale);
+    differences = std::min(differences, Seconds(t0));
   }
-  const double differences = Seconds(t0);
+
   Say("");
   Sayf("(3) Sensitivities of a {}-variable square model to {} inputs", kChain, kInputs);
   Say("  analytic ms  finite-difference ms  ratio fd/analytic  largest |d|  largest |dx/dp|");
