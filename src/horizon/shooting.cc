@@ -1,11 +1,14 @@
 #include "horizon/shooting.h"
 
 #include <algorithm>
+#include <cmath>
+#include <tuple>
 
 #include "base/check.h"
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "base/timers.h"
+#include "model/block_newton.h"
 #include "model/sparsity.h"
 
 namespace kx::horizon {
@@ -61,8 +64,8 @@ void Shooting::ClassifyColumns(const Horizon& h, const model::ModelStore& base) 
   z_pos_.assign(num_full_, -1);
   for (int c = 0; c < num_full_; ++c) {
     if (sim_pos_[c] >= 0 || !used[c] || xl[c] >= xu[c]) continue;
-    z_pos_[c] = static_cast<int>(z_cols_.size());
-    z_cols_.push_back(c);
+    z_pos_[c] = static_cast<int>(z_members_.size());
+    z_members_.push_back({c});
   }
   MoveStateBoundsToRows(xl, xu);
 }
@@ -100,12 +103,12 @@ void Shooting::ClassifyRows() {
   std::vector<char> eliminated(access_.NumRows(), 0);
   for (const std::vector<int>& rows : block_rows_)
     for (int r : rows) eliminated[r] = 1;
-  input_pos_.assign(z_cols_.size(), -1);
+  for (int r = 0; r < access_.NumRows(); ++r)
+    if (!eliminated[r]) g_rows_.push_back(r);
+  MergeTiedCopies();
+  input_pos_.assign(z_members_.size(), -1);
   for (int r = 0; r < access_.NumRows(); ++r) {
-    if (!eliminated[r]) {
-      g_rows_.push_back(r);
-      continue;
-    }
+    if (!eliminated[r]) continue;
     for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
       const int z = z_pos_[full_cols_[k]];
       if (z < 0 || input_pos_[z] >= 0) continue;
@@ -115,10 +118,82 @@ void Shooting::ClassifyRows() {
   }
 }
 
+// A row "u_a - u_b = 0" between two free value columns (the links of a free FV's copies, an
+// MV's hold rows inside a step, and its move row over a step that may not move) makes them one
+// reduced unknown and leaves the program. The inputs are then one per FV and one per move
+// block of an MV, and the sensitivities as few.
+void Shooting::MergeTiedCopies() {
+  std::vector<int> parent(z_members_.size());
+  for (size_t i = 0; i < parent.size(); ++i) parent[i] = static_cast<int>(i);
+  auto root = [&](int i) {
+    while (parent[i] != i) i = parent[i] = parent[parent[i]];
+    return i;
+  };
+  std::vector<double> jac(full_cols_.size());
+  nlp_.Forget();
+  nlp_.JacobianValues(full_x_, jac);  // also writes full_x_ into the store
+  model::BlockNewton probe(access_);
+  std::vector<int> kept;
+  for (int r : g_rows_) {
+    int a = -1, b = -1;
+    if (!IsTie(r, jac, probe, &a, &b)) {
+      kept.push_back(r);
+      continue;
+    }
+    parent[root(z_pos_[a])] = root(z_pos_[b]);
+  }
+  nlp_.Forget();
+  g_rows_ = std::move(kept);
+  std::vector<int> merged(z_members_.size(), -1);
+  std::vector<std::vector<int>> members;
+  for (size_t i = 0; i < z_members_.size(); ++i) {
+    int& m = merged[root(static_cast<int>(i))];
+    if (m < 0) m = static_cast<int>(members.size()), members.emplace_back();
+    for (int c : z_members_[i]) {
+      members[m].push_back(c);
+      z_pos_[c] = m;
+    }
+  }
+  z_members_ = std::move(members);
+}
+
+// Row r ties value columns *a and *b: an equality whose only free columns are those two, with
+// opposite Jacobian entries, zero at equal values and linear in their difference (checked at
+// three points).
+bool Shooting::IsTie(int r, const std::vector<double>& jac, model::BlockNewton& probe, int* a,
+                     int* b) {
+  const model::Equation& e = access_.Row(r + 1);
+  if (e.lower != e.upper) return false;
+  std::vector<std::pair<int, double>> free;
+  for (int k = full_row_start_[r]; k < full_row_start_[r + 1]; ++k) {
+    const int c = full_cols_[k];
+    if (sim_pos_[c] >= 0) return false;
+    if (z_pos_[c] >= 0) free.emplace_back(c, jac[k]);
+  }
+  model::ModelStore& store = access_.store();
+  if (free.size() != 2 || free[0].first >= store.nvar || free[1].first >= store.nvar) return false;
+  const double v = free[0].second;
+  if (v == 0.0 || std::abs(v + free[1].second) > 1e-12 * std::abs(v)) return false;
+  double& x1 = store.Var(free[0].first + 1).val;
+  double& x2 = store.Var(free[1].first + 1).val;
+  const double s1 = x1, s2 = x2;
+  const int eqn = access_.Layout().constraint_eqns[r];
+  bool tie = true;
+  for (const auto& [d1, d2, want] : {std::tuple{0.0, 0.0, 0.0}, {1.0, 1.0, 0.0}, {1.0, 0.0, v}}) {
+    x1 = s2 + d1, x2 = s2 + d2;
+    double res = 0;
+    tie = tie && probe.Residual(eqn, &res) &&
+          std::abs(res - e.lower - want) <= 1e-9 * (1 + std::abs(v));
+  }
+  x1 = s1, x2 = s2;
+  *a = free[0].first, *b = free[1].first;
+  return tie;
+}
+
 // A reduced row reads its own reduced unknowns and, through the trajectory, every input when
 // it reads an eliminated column.
 void Shooting::BuildReducedPattern() {
-  std::vector<int> mark(z_cols_.size(), -1);
+  std::vector<int> mark(z_members_.size(), -1);
   depends_on_states_.assign(g_rows_.size(), 0);
   for (size_t i = 0; i < g_rows_.size(); ++i) {
     jac_start_.push_back(static_cast<int>(jac_rows_.size()));
@@ -145,15 +220,15 @@ void Shooting::BuildReducedPattern() {
     }
   }
   jac_start_.push_back(static_cast<int>(jac_rows_.size()));
-  scratch_.assign(z_cols_.size(), 0.0);
+  scratch_.assign(z_members_.size(), 0.0);
 }
 
 void Shooting::Bounds(std::span<double> zl, std::span<double> zu) {
   std::vector<double> xl(num_full_), xu(num_full_);
   nlp_.GetBounds(xl, xu);
-  for (size_t i = 0; i < z_cols_.size(); ++i) {
-    zl[i] = xl[z_cols_[i]];
-    zu[i] = xu[z_cols_[i]];
+  for (size_t i = 0; i < z_members_.size(); ++i) {  // the tightest of the tied copies
+    zl[i] = -kUnlimited, zu[i] = kUnlimited;
+    for (int c : z_members_[i]) zl[i] = std::max(zl[i], xl[c]), zu[i] = std::min(zu[i], xu[c]);
   }
 }
 
@@ -171,7 +246,7 @@ void Shooting::ConstraintBounds(std::span<double> cl, std::span<double> cu) {
 }
 
 void Shooting::Start(std::span<double> z) {
-  for (size_t i = 0; i < z_cols_.size(); ++i) z[i] = good_x_[z_cols_[i]];
+  for (size_t i = 0; i < z_members_.size(); ++i) z[i] = good_x_[z_members_[i].front()];
 }
 
 void Shooting::JacobianStructure(std::span<int> rows, std::span<int> cols) {
@@ -185,7 +260,8 @@ bool Shooting::Simulate(std::span<const double> z) {
   last_z_.assign(z.begin(), z.end());
   sens_ok_ = false;
   full_x_ = good_x_;
-  for (size_t i = 0; i < z_cols_.size(); ++i) full_x_[z_cols_[i]] = z[i];
+  for (size_t i = 0; i < z_members_.size(); ++i)
+    for (int c : z_members_[i]) full_x_[c] = z[i];
   nlp_.Forget();
   nlp_.SetX(full_x_);
   ++simulations_;
@@ -269,7 +345,10 @@ bool Shooting::Gradient(std::span<const double> z, std::span<double> g) {
   std::vector<double> full(num_full_);
   nlp_.Gradient(full_x_, full);
   const int ni = num_inputs();
-  for (size_t i = 0; i < z_cols_.size(); ++i) g[i] = full[z_cols_[i]];
+  for (size_t i = 0; i < z_members_.size(); ++i) {
+    g[i] = 0.0;
+    for (int c : z_members_[i]) g[i] += full[c];
+  }
   for (size_t s = 0; s < sim_cols_.size(); ++s) {
     const double d = full[sim_cols_[s]];
     if (d == 0.0) continue;

@@ -7,8 +7,9 @@
 //
 // whose unknowns z are the free columns the simulation does not solve (the free FV and MV
 // copies and the generated members of the estimation and control rows: errors, trajectories,
-// biased CVs, moves) and whose rows c are every constraint row the simulation does not solve
-// (the generated rows, inequality rows, the rows that tie the copies of an input), followed by
+// biased CVs, moves), copies tied by a row "u_a - u_b = 0" merged into one (so one per free FV
+// and one per move block of a free MV), and whose rows c are every other constraint row the
+// simulation does not solve (the generated rows, inequality rows of the model), followed by
 // one row x_s(z) per bounded state, within its bounds (the simulation runs without them).
 // The states x(z) depend only on the inputs u among z (the columns the model rows read).
 //
@@ -36,6 +37,7 @@
 #include "horizon/sequential.h"
 #include "linalg/sparse_lu.h"
 #include "model/access.h"
+#include "model/block_newton.h"
 #include "model/nlp.h"
 
 namespace kx::horizon {
@@ -50,7 +52,7 @@ class Shooting {
   Shooting(const Shooting&) = delete;
   Shooting& operator=(const Shooting&) = delete;
 
-  int num_vars() const { return static_cast<int>(z_cols_.size()); }
+  int num_vars() const { return static_cast<int>(z_members_.size()); }
   int num_cons() const { return static_cast<int>(g_rows_.size() + bounded_.size()); }
   int nnz_jac() const { return static_cast<int>(jac_rows_.size()); }
   int nnz_hess() const { return static_cast<int>(hess_rows_.size()); }
@@ -84,6 +86,8 @@ class Shooting {
   void MoveStateBoundsToRows(const std::vector<double>& xl, const std::vector<double>& xu);
   void RestoreStateBounds();
   void ClassifyRows();
+  void MergeTiedCopies();
+  bool IsTie(int r, const std::vector<double>& jac, model::BlockNewton& probe, int* a, int* b);
   void BuildReducedPattern();
   bool Simulate(std::span<const double> z);
   bool Sensitivities();
@@ -105,7 +109,7 @@ class Shooting {
   std::vector<std::vector<int>> block_rows_;  // full rows (0-based) of each block
   std::vector<int> sim_cols_;                 // eliminated columns (0-based), block order
   std::vector<int> sim_pos_;                  // position in sim_cols_ of each column, else -1
-  std::vector<int> z_cols_;                   // full column of each reduced unknown
+  std::vector<std::vector<int>> z_members_;   // full columns of each reduced unknown (tied)
   std::vector<int> z_pos_;                    // reduced unknown of each column, else -1
   std::vector<int> inputs_;                   // reduced unknowns the model rows read (u)
   std::vector<int> input_pos_;                // position in inputs_ of each reduced unknown

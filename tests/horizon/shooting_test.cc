@@ -11,6 +11,7 @@
 
 #include "base/sentinels.h"
 #include "horizon/horizon_testing.h"
+#include "horizon/inputs.h"
 
 namespace kx::horizon {
 namespace {
@@ -18,12 +19,25 @@ namespace {
 using testing::BuildQuietly;
 using testing::ReplicateQuietly;
 
-// Frees every copy of the parameters u and k: one input per copy.
-void FreeInputs(Horizon& h, const model::ModelStore& base) {
-  for (int p = 0; p < h.grid.num_points(); ++p)
-    for (int n = 1; n <= base.nvar; ++n)
-      if (base.Var(n).name == "u" || base.Var(n).name == "k")
-        h.store.Var(h.Number(p, n)).fixed = false;
+int Number(const model::ModelStore& base, const std::string& name) {
+  for (int n = 1; n <= base.nvar; ++n)
+    if (base.Var(n).name == name) return n;
+  return 0;
+}
+
+// Frees every copy of the parameter u (one input per copy) and k, whose copies are one value
+// for the horizon (link rows, as a free FV has them) unless `share_k` is off.
+void FreeInputs(Horizon& h, const model::ModelStore& base, bool share_k = true) {
+  const int u = Number(base, "u"), k = Number(base, "k");
+  for (int p = 0; p < h.grid.num_points(); ++p) {
+    h.store.Var(h.Number(p, u)).fixed = false;
+    if (!share_k) h.store.Var(h.Number(p, k)).fixed = false;
+  }
+  if (!share_k) return;
+  OutputCapture quiet;
+  HorizonRows rows(h);
+  ShareOverHorizon(rows, k, "k");
+  rows.Finish();
 }
 
 struct Values {
@@ -138,6 +152,23 @@ TEST(Shooting, AModelWithoutSecondDerivativesGivesAReducedProgramWithout) {
   EXPECT_EQ(s.nnz_hess(), 0);
 }
 
+// The link rows of a shared parameter make its copies one unknown and one input, and leave
+// the program.
+TEST(Shooting, LinkedCopiesAreOneInput) {
+  const model::ModelStore base = BuildQuietly("shooting");
+  int inputs[2] = {0, 0}, rows[2] = {0, 0};
+  for (bool share : {false, true}) {
+    Horizon h = ReplicateQuietly(base, 3, {0.5, 0.5});
+    FreeInputs(h, base, share);
+    model::ModelAccess access(h.store);
+    Shooting s(h, base, access, SequentialSettings{});
+    inputs[share] = s.num_inputs();
+    rows[share] = s.num_cons();
+  }
+  EXPECT_EQ(inputs[0], 2 * inputs[1] - 2) << "u and k per copy against u per copy and one k";
+  EXPECT_EQ(rows[1], rows[0]) << "the link rows left the program";
+}
+
 TEST(Shooting, StoredPointSatisfiesTheModelRowsAndHoldsTheInputs) {
   const model::ModelStore base = BuildQuietly("shooting");
   Horizon h = ReplicateQuietly(base, 3, {0.5, 0.5, 0.5, 0.5});
@@ -164,9 +195,7 @@ TEST(Shooting, StateBoundsAreRowsWhileItLives) {
   const model::ModelStore base = BuildQuietly("shooting");
   Horizon h = ReplicateQuietly(base, 2, {0.5, 0.5, 0.5});
   FreeInputs(h, base);
-  int x = 0;
-  for (int n = 1; n <= base.nvar; ++n)
-    if (base.Var(n).name == "x") x = n;
+  const int x = Number(base, "x");
   ASSERT_GT(x, 0);
   const int x_last = h.Number(h.grid.num_points() - 1, x);
   model::ModelAccess access(h.store);
