@@ -73,6 +73,7 @@ horizon::SequentialSettings SimulationSettings(const dbs::OptionStore& o) {
   return s;
 }
 
+// SOLVER 0 (every solver in turn) is not offered for the shooting: ASOPT solves.
 // Without the model's second derivatives the reduced program has none either. Ipopt (3, 4)
 // replaces them by its limited-memory update; ASOPT's diagonal estimate converges too slowly
 // on the reduced program (a 10-step controller stopped at its iteration limit) and BIOPT needs

@@ -34,6 +34,12 @@ Shooting::Shooting(Horizon& h, const model::ModelStore& base, model::ModelAccess
 // Eliminated columns are the simulation's unknowns; reduced unknowns are the other free
 // columns that some row or the objective reads.
 void Shooting::ClassifyColumns(const Horizon& h, const model::ModelStore& base) {
+  CutBlocks(h, base);
+  ChooseReducedUnknowns();
+}
+
+// The simulation's blocks in full rows and columns.
+void Shooting::CutBlocks(const Horizon& h, const model::ModelStore& base) {
   const model::ModelStore& store = access_.store();
   const model::EquationLayout& layout = access_.Layout();
   blocks_ = SequentialBlocks(h, base);
@@ -56,6 +62,9 @@ void Shooting::ClassifyColumns(const Horizon& h, const model::ModelStore& base) 
       rows.push_back(layout.row_of_eqn[e] - 1);
     }
   }
+}
+
+void Shooting::ChooseReducedUnknowns() {
   std::vector<char> used(num_full_, 0);
   for (int c : full_cols_) used[c] = 1;
   for (int n : access_.ObjectivePattern()) used[n - 1] = 1;

@@ -83,6 +83,8 @@ class Shooting {
 
  private:
   void ClassifyColumns(const Horizon& h, const model::ModelStore& base);
+  void CutBlocks(const Horizon& h, const model::ModelStore& base);
+  void ChooseReducedUnknowns();
   void MoveStateBoundsToRows(const std::vector<double>& xl, const std::vector<double>& xu);
   void RestoreStateBounds();
   void ClassifyRows();
