@@ -63,12 +63,13 @@ solvers::SolverSettings ShootingSettings(const dbs::OptionStore& o, int imode, b
   return s;
 }
 
-// The simulation inside the shooting solves its steps well below RTOL, so that the reduced
-// rows and their derivatives are smooth functions of the inputs at the solver's tolerance; a
-// step whose rows are so large that rounding stops it short still counts within RTOL.
+// The simulation inside the shooting solves its steps far below RTOL, so that the reduced rows
+// and their derivatives are smooth functions of the inputs at the solver's tolerance (at 1e-9
+// an estimator's line search failed near its optimum on the simulation's own error); a step
+// whose rows are so large that rounding stops it short still counts within RTOL.
 horizon::SequentialSettings SimulationSettings(const dbs::OptionStore& o) {
   horizon::SequentialSettings s;
-  s.tolerance = std::min(1e-9, 1e-3 * o.Real("RTOL"));
+  s.tolerance = std::min(1e-12, 1e-3 * o.Real("RTOL"));
   s.accept = o.Real("RTOL");
   return s;
 }
