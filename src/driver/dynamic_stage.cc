@@ -554,7 +554,8 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
   if (settings.time_shift <= 0) Say("Variable time shift OFF");
 
   ApplyClassesOverHorizon(state.store, classes, m, imode);
-  if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);  // not in shooting (8)
+  // Mode 8 keeps the initial conditions fixed (SetUpDynamicModel said so).
+  if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
   std::vector<files::RestartEntry> restart;  // the mode's own file on a warm start
   const bool warm = ReadDynamicRestart(state, m, settings.time_shift,
                                        HistoryInputs(classes, m.base, imode), &restart);
