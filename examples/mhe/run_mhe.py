@@ -6,7 +6,7 @@ hands only the new measurements (level.MEAS and inflow.MEAS) to the engine, runs
 estimation cycle and reads the estimated valve coefficient back from mhe.dbs, all through the
 Python client (clients/python).
 
-Usage: python3 run_mhe.py [--kestrix PATH] [--cycles N] [--work DIR]
+Usage: python3 run_mhe.py [--kestrix PATH] [--cycles N] [--work DIR] [--sequential]
 """
 import argparse
 import math
@@ -51,8 +51,12 @@ def main():
     parser.add_argument("--kestrix")
     parser.add_argument("--cycles", type=int, default=60)
     parser.add_argument("--work", default="mhe-run")
+    parser.add_argument("--sequential", action="store_true",
+                        help="estimate by single shooting (IMODE 8) instead of IMODE 5")
     args = parser.parse_args()
     app = fresh_app("mhe", args.work, args.kestrix, ["mhe.zpm", "mhe.info", "mhe.dbs"])
+    if args.sequential:
+        app.option("IMODE", 8)
 
     rng = random.Random(7)
     plant = {"level": 4.0}

@@ -6,7 +6,7 @@ level, hands it (level.MEAS) and the inflow it implemented (inflow.MEAS) to the 
 one control cycle and implements inflow.NEWVAL for the next period, all through the Python
 client (clients/python).
 
-Usage: python3 run_mpc.py [--kestrix PATH] [--cycles N] [--work DIR]
+Usage: python3 run_mpc.py [--kestrix PATH] [--cycles N] [--work DIR] [--sequential]
 """
 import argparse
 import os
@@ -54,9 +54,13 @@ def main():
     parser.add_argument("--kestrix")
     parser.add_argument("--cycles", type=int, default=30)
     parser.add_argument("--work", default="mpc-run")
+    parser.add_argument("--sequential", action="store_true",
+                        help="control by single shooting (IMODE 9) instead of IMODE 6")
     args = parser.parse_args()
     ctl = fresh_app("mpc", args.work, args.kestrix, ["mpc.zpm", "mpc.info", "mpc.dbs"],
                     source=HERE)
+    if args.sequential:
+        ctl.option("IMODE", 9)
     print(f"{'cycle':>5} {'time':>5} {'level':>7} {'inflow':>7} {'bias':>8}")
     sys.exit(0 if control_loop(ctl, ctl, args.cycles) >= 5 else 1)
 

@@ -9,6 +9,7 @@
 #include "base/sentinels.h"
 #include "base/text.h"
 #include "base/timers.h"
+#include "driver/shooting_stage.h"
 #include "driver/solve_stage.h"
 #include "driver/stage_steps.h"
 #include "files/restart.h"
@@ -101,10 +102,15 @@ bool ReadDynamicRestart(const CycleState& state, CycleModel& m, int time_shift,
   return false;
 }
 
+// Moving-horizon estimation and control, simultaneous (5, 6) or by shooting (8, 9).
+bool IsMovingEstimation(int imode) { return imode == 5 || imode == 8; }
+bool IsMovingControl(int imode) { return imode == 6 || imode == 9; }
+
 // A fixed MV of a moving-horizon estimator is a measured input with a history: its MEAS is
 // the newest value, its earlier values come from the previous cycle.
 bool CarriesHistory(const horizon::ClassedVariable& c, int imode) {
-  return imode == 5 && c.cls == dbs::VarClass::kMV && c.role == horizon::Role::kFixed;
+  return IsMovingEstimation(imode) && c.cls == dbs::VarClass::kMV &&
+         c.role == horizon::Role::kFixed;
 }
 
 std::vector<char> HistoryInputs(const std::vector<horizon::ClassedVariable>& classes,
@@ -160,7 +166,8 @@ void ApplyClassesOverHorizon(const dbs::OptionStore& o,
       horizon::ShareOverHorizon(rows, c.number, c.name);
       LimitMove(o, c, h);
     } else if (c.role == horizon::Role::kPerStep) {
-      horizon::FreePerStep(rows, c.number, o.Int("MV_TYPE"), /*first_fixed=*/imode == 6);
+      horizon::FreePerStep(rows, c.number, o.Int("MV_TYPE"),
+                           /*first_fixed=*/IsMovingControl(imode));
     }
   }
   rows.Finish();
@@ -272,7 +279,7 @@ void WriteTransferFile(const CycleState& state, const CycleModel& m) {
 
 void WriteEstimationFiles(const CycleState& state, const CycleModel& m, int status) {
   if (status == 0) WriteTransferFile(state, m);
-  if (state.store.Int("ICD_CALC") == 1)
+  if (state.flags.imode == 5 && state.store.Int("ICD_CALC") == 1)
     files::WriteInitialConditionReport("icd_calc.txt", *m.horizon, m.base);
 }
 
@@ -304,16 +311,30 @@ SolveOutcome SolveOnce(CycleState& state, model::ModelAccess& access, bool warm,
   return out;
 }
 
+// Single shooting: modes 8 and 9, and 5 and 6 with SEQUENTIAL = 1 and degrees of freedom
+// (without them the simultaneous solve says it switches back).
+bool Shoots(const CycleState& state, model::ModelAccess& access) {
+  const int imode = state.flags.imode;
+  if (imode >= 8) return true;
+  if (imode != 5 && imode != 6) return false;
+  return state.store.Int("SEQUENTIAL") == 1 && access.CountDof(/*dynamic=*/true).ndof > 0;
+}
+
 // The tiers of a controller, each from the solution of the one before; or one solve.
 SolveOutcome SolveTiers(CycleState& state, CycleModel& m, bool warm, bool dynamic,
                         const ControlTerms* control) {
-  if (control == nullptr) return SolveOnce(state, *m.access, warm, dynamic);
+  const bool shooting = Shoots(state, *m.access);
+  auto solve = [&](bool warm_tier) {
+    return shooting ? SolveShooting(state, m, warm_tier)
+                    : SolveOnce(state, *m.access, warm_tier, dynamic);
+  };
+  if (control == nullptr) return solve(warm);
   const std::vector<int> tiers = horizon::Tiers(control->cvs, control->mvs);
   SolveOutcome out;
   for (int tier : tiers) {
     if (tiers.size() > 1) Sayf("Tiered Optimization Cycle: {}", tier);
     horizon::ApplyTier(*m.horizon, control->cvs, control->mvs, tier);
-    out = SolveOnce(state, *m.access, warm || tier != tiers.front(), dynamic);
+    out = solve(warm || tier != tiers.front());
     if (out.status != 0) break;
   }
   return out;
@@ -501,24 +522,23 @@ int SolveDataSets(CycleState& state, CycleModel& m) {
 
 int SolveDynamic(CycleState& state, CycleModel& m) {
   const int imode = state.flags.imode;
-  if (imode > 7)
-    return NotSolved(state, "sequential estimation and control (IMODE 8, 9)");
   const horizon::HorizonSettings settings = horizon::ReadHorizonSettings(state.store);
   std::optional<horizon::DataFile> data;
   if (settings.csv_read > 0) data = horizon::ReadDataFile(state.app + ".csv");
   if (imode == 7 && !data) Fatal({"Error: Sequential simulation must have a data (CSV) file"});
   const bool sequential = imode == 7 || (imode == 4 && state.store.Int("SEQUENTIAL") == 1);
-  const int ctrlmode = imode == 6 ? DecideControlMode(state.store) : 1;
-  if (imode == 6) CheckTiers(state.store);
+  const bool estimating = IsMovingEstimation(imode), controlling = IsMovingControl(imode);
+  const int ctrlmode = controlling ? DecideControlMode(state.store) : 1;
+  if (controlling) CheckTiers(state.store);
   std::vector<horizon::ClassedVariable> classes;
   if (state.flags.dbs_read != 0)
     classes = horizon::ClassifyVariables(state.store, m.base, imode, ctrlmode);
   const horizon::EstimationSettings est =
       horizon::ReadEstimationSettings(state.store, m.base.exact_hessian);
   std::vector<horizon::EvTerms> evs;
-  if (imode == 5) evs = horizon::AddEstimationTerms(m.base, classes, state.store, est);
+  if (estimating) evs = horizon::AddEstimationTerms(m.base, classes, state.store, est);
   std::optional<ControlTerms> control;
-  if (imode == 6) {
+  if (controlling) {
     control.emplace();
     control->settings = horizon::ReadControlSettings(state.store, ctrlmode);
     horizon::AddControlTerms(m.base, classes, state.store, control->settings, &control->cvs,
@@ -534,13 +554,14 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
   if (settings.time_shift <= 0) Say("Variable time shift OFF");
 
   ApplyClassesOverHorizon(state.store, classes, m, imode);
+  // Mode 8 keeps the initial conditions fixed (SetUpDynamicModel said so).
   if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
   std::vector<files::RestartEntry> restart;  // the mode's own file on a warm start
   const bool warm = ReadDynamicRestart(state, m, settings.time_shift,
                                        HistoryInputs(classes, m.base, imode), &restart);
   ApplyInputMeasurements(classes, m, imode, warm);
   horizon::MeasurementTable measurements;
-  if (imode == 5) {
+  if (estimating) {
     const int shift = warm && settings.time_shift > 0 ? 1 : 0;
     measurements = GatherMeasurements(state, m, evs, classes, data ? &*data : nullptr, shift);
     horizon::ApplyMeasurements(*m.horizon, evs, measurements, est);
@@ -556,13 +577,13 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
   // An estimator's parameters are unknown: a trajectory simulated with their first guesses
   // drifts from the measurements and starts the fit further off than the declared values do
   // (a 2000-step estimator took 60 iterations instead of 7), so estimation starts without it.
-  if (!warm && !sequential && imode != 5) InitialiseStepByStep(state, m);
+  if (!warm && !sequential && !estimating && imode < 8) InitialiseStepByStep(state, m);
   const int status = sequential ? SolveSequential(state, m)
                                 : SolveReplicated(state, m, warm, /*dynamic=*/true,
                                                   control ? &*control : nullptr);
   files::zpm_files(66, "ic.t0");
   files::zpm_files(83, state.mode_word + ".dxdt");
-  if (imode == 5) {
+  if (estimating) {
     WriteMeasurementFile(m, evs, measurements);
     WriteEstimationFiles(state, m, status);
   }

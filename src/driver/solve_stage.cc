@@ -39,7 +39,9 @@ solvers::SolverSettings ReadSettings(const dbs::OptionStore& o, int imode, bool 
   return s;
 }
 
-// The sequential (outer-loop) solve is not built: it falls back to the simultaneous solve.
+// The sequential solve of a problem with degrees of freedom is single shooting over a horizon
+// (driver/shooting_stage), chosen before this point for modes 5 and 6; anywhere else it falls
+// back to the simultaneous solve.
 void CheckSequential(const dbs::OptionStore& o, model::ModelAccess& access, int imode) {
   if (o.Int("SEQUENTIAL") <= 0) return;
   if (access.CountDof(imode >= 4).ndof <= 0) {
@@ -47,8 +49,8 @@ void CheckSequential(const dbs::OptionStore& o, model::ModelAccess& access, int 
     Say("Switching back to simultaneous solve");
     return;
   }
-  Say("Sequential estimation and control (shooting over the free FVs and MVs) are not "
-      "available yet: switching to simultaneous solve");
+  Say("Sequential solve (single shooting) is for dynamic estimation and control (IMODE 5, 6, "
+      "8, 9): switching to simultaneous solve");
 }
 
 void PrintSummary(const std::string& solver, const SolveOutcome& out) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace kx::model {
 namespace {
@@ -81,6 +82,7 @@ NewtonResult BlockNewton::Solve(std::span<const int> rows, std::span<const int> 
     for (int j = 0; j < n; ++j) x[j] = Value(cols[j]);
     if (!Evaluate(rows, true)) {
       out.why = "the equations cannot be evaluated";
+      out.residual = std::numeric_limits<double>::infinity();  // no residual to report
       break;
     }
     out.residual = Norm(res_);

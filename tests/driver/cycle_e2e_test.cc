@@ -217,15 +217,6 @@ TEST_F(CycleE2e, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
   EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
 }
 
-TEST_F(CycleE2e, SequentialEstimationAndControlSayTheyAreNotAvailable) {
-  for (const char* mode : {"-sqe", "-sqc"}) {
-    RunResult r = Run(std::string("app ") + mode);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.Has("sequential estimation and control (IMODE 8, 9)")) << r.out;
-  }
-  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 2\n"), std::string::npos);
-}
-
 // Steady-state cycles end to end: the solve, its report, the files a cycle leaves and what
 // the next cycle reads from them.
 
