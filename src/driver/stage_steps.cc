@@ -30,14 +30,6 @@ void CheckSimulationDof(model::ModelAccess& access, int imode) {
   if (errors.Total() > 0) errors.Report();
 }
 
-int NotSolved(CycleState& state, std::string_view what) {
-  Sayf("The {} is not available yet: the model was built and checked, nothing was solved.",
-       what);
-  state.store.SetGlobal("APPSTATUS", 0);
-  state.store.SetGlobal("SOLVESTATUS", 0);
-  return -1;
-}
-
 std::optional<analysis::ReductionRecord> ReduceBeforeSolve(const CycleState& state,
                                                            model::ModelAccess& access,
                                                            bool dynamic) {

@@ -1,7 +1,6 @@
 // Steps the steady-state and the dynamic branches of the model stage share.
 #pragma once
 
-#include <string_view>
 
 #include <optional>
 
@@ -18,9 +17,6 @@ void ReportStartingPoint(model::ModelAccess& access, bool dynamic, int diaglevel
 // A simulation (IMODE 1 or 4) must be square: otherwise the degrees of freedom are printed and
 // the run stops with "* Error: DOF must be zero for this mode".
 void CheckSimulationDof(model::ModelAccess& access, int imode);
-
-// Says that `what` is not built; the cycle ends as a failed cycle (returns -1).
-int NotSolved(CycleState& state, std::string_view what);
 
 // Derivative verification by DIAGLEVEL before the solve: first derivatives at 5, second
 // derivatives too at 6 (files verify_obj_grad.txt, verify_jacobian.txt, verify_hessian.txt).
