@@ -19,6 +19,7 @@
 #include "horizon/estimation.h"
 #include "horizon/horizon.h"
 #include "horizon/inputs.h"
+#include "horizon/object_rows.h"
 #include "horizon/sequential.h"
 #include "model/builder.h"
 #include "model/checks.h"
@@ -554,6 +555,11 @@ int SolveDynamic(CycleState& state, CycleModel& m) {
   if (settings.time_shift <= 0) Say("Variable time shift OFF");
 
   ApplyClassesOverHorizon(state.store, classes, m, imode);
+  {
+    horizon::HorizonRows rows(*m.horizon);
+    horizon::ApplyObjectsOverHorizon(rows, m.base, sequential);
+    rows.Finish();
+  }
   // Mode 8 keeps the initial conditions fixed (SetUpDynamicModel said so).
   if (imode == 5 && settings.icd_calc == 1) FreeInitialConditions(m);
   std::vector<files::RestartEntry> restart;  // the mode's own file on a warm start

@@ -1,5 +1,12 @@
-// Control objects: first-order lag, PID controller, linear state-space model.
+// Control objects: first-order lag, PID controller, linear state-space model, ARX model and
+// periodic condition. The last two tie values at different time points: their rows here are
+// the steady-state form, and horizon/object_rows turns the copies over a dynamic horizon into
+// the relations between time points.
 #include <fmt/format.h>
+
+#include <cmath>
+
+#include "base/text.h"
 
 #include "objects/object_table.h"
 
@@ -32,6 +39,44 @@ void PrepareStateSpace(ObjectInstance* o) {
     FailObject(*o, fmt::format("D ({}) is {} x {}, expected {} x {}", d->second.file,
                                d->second.rows, d->second.cols, c.rows, b.cols));
   }
+}
+
+// Coefficients of one ARX polynomial as one row of numbers; the file may hold one row or one
+// column. Returns the count.
+int ArxCoefficients(ObjectInstance* o, const char* key, const char* what) {
+  Table& t = o->tables.at(key);
+  if (t.rows != 1 && t.cols != 1) {
+    FailObject(*o, fmt::format("{} ({}) is {} x {}; give the {} coefficients as one row or one "
+                               "column (one input, one output)",
+                               key, t.file, t.rows, t.cols, what));
+  }
+  t.cols = static_cast<int>(t.values.size());
+  t.rows = 1;
+  return t.cols;
+}
+
+// Appends `+ c*name[k]` for every nonzero coefficient of table `key`.
+void AppendLagTerms(const Table& t, const char* name, std::string* text) {
+  for (int k = 0; k < t.cols; ++k) {
+    const double c = t.At(0, k);
+    if (c == 0) continue;
+    const std::string term = fmt::format("{}*{}[{}]", FormatReal(std::abs(c)), name, k + 1);
+    *text += (c < 0 ? " - " : " + ") + term;
+  }
+}
+
+// ARX sizes na, nb from the coefficient vectors and the text {lags} of the output row:
+// a_1*yl[1] + ... + b_1*ul[1] + ... (yl[i] is y i samples back, ul[j] is u j samples back).
+void PrepareArx(ObjectInstance* o) {
+  o->numbers["na"] = ArxCoefficients(o, "a", "y lag");
+  o->numbers["nb"] = ArxCoefficients(o, "b", "u lag");
+  std::string lags;
+  AppendLagTerms(o->tables.at("a"), "yl", &lags);
+  AppendLagTerms(o->tables.at("b"), "ul", &lags);
+  // Drop the sign joint in front of the first term: " + 0.5*yl[1]" -> "0.5*yl[1]".
+  if (lags.empty()) lags = "0";
+  else lags = lags[1] == '-' ? "-" + lags.substr(3) : lags.substr(3);
+  o->texts["lags"] = lags;
 }
 
 void CheckPid(ObjectInstance* o) {
@@ -99,6 +144,34 @@ const std::vector<ObjectType>& ControlObjectTypes() {
                    {"y", K::kVariable, "p", "0", "", "", "", "outputs"}},
        .equations = {{"$x[{i}] = {a*x} + {b*u}", "n"}, {"y[{i}] = {c*x} + {d*u}", "p"}},
        .prepare = PrepareStateSpace},
+      {.keywords = {"arx"},
+       .family = "Control",
+       .summary = "discrete-time ARX model, one input and one output: "
+                  "y(k) = sum_i a_i y(k-i) + sum_j b_j u(k-j) + c, one sample a horizon step "
+                  "(samples before the horizon start are the start values, the start being at "
+                  "rest; inside a step y holds its value at the step's start: docs/horizon.md); "
+                  "in a steady-state mode y (1 - sum a) = (sum b) u + c",
+       .arguments = {{"a", ArgKind::kFile, nullptr,
+                      "file of a_1..a_na (one row or one column; a single 0 for none)"},
+                     {"b", ArgKind::kFile, nullptr, "file of b_1..b_nb (one row or one column)"}},
+       .members = {{"c", K::kParameter, "", "0", "", "", "", "constant term"},
+                   {"u", K::kVariable, "", "", "", "", "", "input"},
+                   {"y", K::kVariable, "", "", "", "", "", "output"},
+                   {"yl", K::kVariable, "na", "0", "", "", "",
+                    "y i samples back (the current y in a steady-state mode)"},
+                   {"ul", K::kVariable, "nb", "0", "", "", "",
+                    "u j samples back (the current u in a steady-state mode)"}},
+       .equations = {{"y = {lags} + c"}, {"yl[{i}] = y", "na"}, {"ul[{i}] = u", "nb"}},
+       .prepare = PrepareArx},
+      {.keywords = {"periodic"},
+       .family = "Control",
+       .summary = "periodic condition of a dynamic horizon: x at the end of the horizon equals "
+                  "x at its start, whose initial condition is then free; connect x to a "
+                  "model variable; adds nothing in a steady-state mode",
+       .arguments = {},
+       .members = {{"x", K::kVariable, "", "", "", "", "",
+                    "the periodic variable (Connections: p.x = name)"}},
+       .equations = {}},
   };
   return kTypes;
 }
