@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -152,6 +153,19 @@ TEST(Periodic, DynamicOptimisationEndsWhereItStarts) {
     EXPECT_NEAR(r.At("level", 12), r.At("level", 0), 1e-6) << imode;
     EXPECT_GT(std::abs(r.At("level", 0) - 4), 0.1) << imode;
   }
+}
+
+// examples/objects_arx as its README tells a user to run it, with the values it states.
+TEST(Arx, HeaterExampleAnswersOneSampleLateAndSettlesAtItsGain) {
+  std::map<std::string, std::string> files;
+  for (const char* n : {"heater.zpm", "heater.dbs", "heater.csv", "rise_a.txt", "rise_b.txt"})
+    files[n] = kx::testing::ReadFile(std::string(KX_SOURCE_DIR) + "/examples/objects_arx/" + n);
+  const testing::Run r = RunModel(files, "heater");
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_NEAR(r.At("outlet", 5), 20, 1e-9);
+  EXPECT_NEAR(r.At("outlet", 6), 21, 1e-9);
+  EXPECT_NEAR(r.At("outlet", 7), 23.35, 1e-9);
+  EXPECT_NEAR(r.At("outlet", 60), 63.75, 0.01);
 }
 
 std::string Joined(const std::vector<std::string>& lines) {
