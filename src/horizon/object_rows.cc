@@ -1,5 +1,7 @@
 #include "horizon/object_rows.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
 #include <string>

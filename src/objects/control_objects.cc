@@ -7,7 +7,6 @@
 #include <cmath>
 
 #include "base/text.h"
-
 #include "objects/object_table.h"
 
 namespace kx::objects {
@@ -74,8 +73,11 @@ void PrepareArx(ObjectInstance* o) {
   AppendLagTerms(o->tables.at("a"), "yl", &lags);
   AppendLagTerms(o->tables.at("b"), "ul", &lags);
   // Drop the sign joint in front of the first term: " + 0.5*yl[1]" -> "0.5*yl[1]".
-  if (lags.empty()) lags = "0";
-  else lags = lags[1] == '-' ? "-" + lags.substr(3) : lags.substr(3);
+  if (lags.empty()) {
+    lags = "0";
+  } else {
+    lags = lags[1] == '-' ? "-" + lags.substr(3) : lags.substr(3);
+  }
   o->texts["lags"] = lags;
 }
 

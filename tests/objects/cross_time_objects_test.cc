@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <cmath>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -142,7 +142,8 @@ TEST(Periodic, DynamicOptimisationEndsWhereItStarts) {
       "Equations\n outflow = 0.5*sqrt(level)\n 0.5*$level = inflow - outflow\n"
       " minimize (level - target)^2\nEnd Equations\n";
   std::string csv = "time,target\n";
-  for (int k = 0; k <= 12; ++k) csv += fmt::format("{},{}\n", k * 0.5, 3.5 + std::sin(M_PI * k / 6));
+  for (int k = 0; k <= 12; ++k)
+    csv += fmt::format("{},{}\n", k * 0.5, 3.5 + std::sin(M_PI * k / 6));
   for (int imode : {6, 9}) {
     const testing::Run r = RunModel(
         {{"m.zpm", model},
@@ -193,8 +194,8 @@ TEST(Arx, CoefficientTablesOfTheWrongShapeStopWithTheLine) {
     const std::string text =
         std::string("Objects\n") + c.declaration +
         "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\nEnd Equations\n";
-    const std::string out = Joined(kx::testing::StopLines(
-        [&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); }));
+    const std::string out = Joined(
+        kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); }));
     EXPECT_NE(out.find(c.message), std::string::npos) << c.declaration << "\n" << out;
   }
 }
