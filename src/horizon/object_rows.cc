@@ -91,11 +91,26 @@ void ApplyArx(Horizon& h, const CopyIndex& copies, const model::ModelStore& base
     ShiftLag(h, copies, LagRow(base, o, ul[j], u), u, static_cast<int>(j) + 1);
 }
 
+// True when some model row reads variable `number` (its value or its time derivative).
+bool IsRead(const model::ModelStore& base, int number) {
+  for (const model::Equation& q : base.eqns)
+    for (int c : q.columns)
+      if (c == number || c == base.nvar + number) return true;
+  return false;
+}
+
 void ApplyPeriodic(HorizonRows& rows, const model::ModelStore& base, const model::ObjectDecl& o) {
   Horizon& h = rows.horizon();
   const int x = NumberOf(base, o.name + ".x");
   const int last = h.grid.num_points() - 1;
   if (x == 0 || last == 0) return;
+  if (!IsRead(base, x)) {
+    Fatal({"Problem with object input:",
+           fmt::format("Object {} ({}, line {}): {}.x is not tied to the model; connect it to a "
+                       "variable (Connections: {}.x = name)",
+                       o.name, o.type, o.line, o.name, o.name)},
+          "STOPPING. . .");
+  }
   const int start = h.Number(0, x), end = h.Number(last, x);
   if (base.Var(x).diff) h.store.Var(start).fixed = false;
   const std::string& name = h.store.Var(end).name;

@@ -169,6 +169,15 @@ TEST(Arx, HeaterExampleAnswersOneSampleLateAndSettlesAtItsGain) {
   EXPECT_NEAR(r.At("outlet", 60), 63.75, 0.01);
 }
 
+TEST(Periodic, UnconnectedVariableIsNamed) {
+  const testing::Run r = RunModel(
+      {{"m.zpm",
+        "Variables\n x = 0\nEnd Variables\nObjects\n p = periodic\nEnd Objects\n"
+        "Equations\n $x = -x\nEnd Equations\n"},
+       {"m.dbs", "ZPM.IMODE = 4\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 4\nZPM.CTRL_HOR = 4\n"}});
+  EXPECT_TRUE(r.Has("Object p (periodic, line 5): p.x is not tied to the model")) << r.out;
+}
+
 std::string Joined(const std::vector<std::string>& lines) {
   std::string out;
   for (const std::string& l : lines) out += l + "\n";
