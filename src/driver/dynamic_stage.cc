@@ -114,11 +114,14 @@ bool CarriesHistory(const horizon::ClassedVariable& c, int imode) {
          c.role == horizon::Role::kFixed;
 }
 
+// The base variables whose fixed copies come back from the mode's own restart file: the
+// measured inputs of an estimator and the outputs of arx objects that start from a value.
 std::vector<char> HistoryInputs(const std::vector<horizon::ClassedVariable>& classes,
                                 const model::ModelStore& base, int imode) {
   std::vector<char> history(base.nvar + 1, 0);
   for (const horizon::ClassedVariable& c : classes)
     if (CarriesHistory(c, imode)) history[c.number] = 1;
+  for (int n : horizon::HeldStarts(base)) history[n] = 1;
   return history;
 }
 

@@ -50,6 +50,14 @@ class CopyIndex {
   std::map<std::pair<int, int>, int> rows_;  // (model equation, point) -> row
 };
 
+[[noreturn]] void FailRows(const model::ObjectDecl& o, const char* what) {
+  Fatal({"Problem with object input:",
+         fmt::format("Object {} ({}, line {}): its {} are not in the model (are its members "
+                     "connected to other variables?)",
+                     o.name, o.type, o.line, what)},
+        "STOPPING. . .");
+}
+
 // The model row of object `o` that reads exactly the variables `a` and `b` (a lag row
 // `yl[i] = y`); stops when there is none.
 int LagRow(const model::ModelStore& base, const model::ObjectDecl& o, int a, int b) {
@@ -59,11 +67,7 @@ int LagRow(const model::ModelStore& base, const model::ObjectDecl& o, int a, int
     const int reads[] = {a, b};
     if (std::is_permutation(q.columns.begin(), q.columns.end(), reads)) return static_cast<int>(e);
   }
-  Fatal({"Problem with object input:",
-         fmt::format("Object {} ({}, line {}): its lag rows are not in the model (are its lag "
-                     "members connected to other variables?)",
-                     o.name, o.type, o.line)},
-        "STOPPING. . .");
+  FailRows(o, "lag rows");
 }
 
 // The copy of lag row `eqn` at each point reads `source` `lag` samples (steps) back, the
@@ -80,11 +84,54 @@ void ShiftLag(Horizon& h, const CopyIndex& copies, int eqn, int source, int lag)
   }
 }
 
+// The output row of object `o`: the one that reads y and c; stops when there is none.
+int OutputRow(const model::ModelStore& base, const model::ObjectDecl& o, int y, int c) {
+  for (size_t e = 0; e < base.eqns.size(); ++e) {
+    const std::vector<int>& cols = base.eqns[e].columns;
+    if (base.eqns[e].line == o.line && std::find(cols.begin(), cols.end(), y) != cols.end() &&
+        std::find(cols.begin(), cols.end(), c) != cols.end()) {
+      return static_cast<int>(e);
+    }
+  }
+  FailRows(o, "output row");
+}
+
+// y(0) starts from its value instead of from rest: y(0) is fixed and its output row at the
+// start gives way. The points inside the first step would read the lags of a start that is
+// not at rest, so their output rows become the hold y(q) - y(0) = 0, written with the
+// program of the lag row `hold_like` (yl[1] = y) over a column map of their own.
+void HoldStart(Horizon& h, const CopyIndex& copies, const model::Equation& hold_like,
+               int output_row, int lag, int y) {
+  const int start = h.Number(0, y);
+  h.store.Var(start).fixed = true;
+  if (int row = copies.Row(output_row, 0); row >= 0) h.store.eqns[row].active = false;
+  for (int q = 1; q < h.grid.nodes - 1; ++q) {
+    const int row = copies.Row(output_row, q);
+    if (row < 0) continue;
+    model::Equation& e = h.store.eqns[row];
+    e.program = hold_like.program;
+    e.residual_text = hold_like.residual_text;
+    e.text = h.store.Var(h.Number(q, y)).name + " = " + h.store.Var(start).name;
+    e.columns.clear();
+    for (int c : hold_like.columns) e.columns.push_back(c == lag ? h.Number(q, y) : start);
+  }
+}
+
+// Value of the parameter member `name` of object `o`.
+double MemberValue(const model::ModelStore& base, const model::ObjectDecl& o, const char* name) {
+  const int n = NumberOf(base, o.name + "." + name);
+  return n > 0 ? base.Var(n).val : 0.0;
+}
+
 void ApplyArx(Horizon& h, const CopyIndex& copies, const model::ModelStore& base,
               const model::ObjectDecl& o) {
   const int y = NumberOf(base, o.name + ".y"), u = NumberOf(base, o.name + ".u");
   const std::vector<int> yl = VectorMember(base, o.name + ".yl");
   const std::vector<int> ul = VectorMember(base, o.name + ".ul");
+  if (MemberValue(base, o, "rest") == 0 && !yl.empty()) {
+    const int output = OutputRow(base, o, y, NumberOf(base, o.name + ".c"));
+    HoldStart(h, copies, base.eqns[LagRow(base, o, yl[0], y)], output, yl[0], y);
+  }
   for (size_t i = 0; i < yl.size(); ++i)
     ShiftLag(h, copies, LagRow(base, o, yl[i], y), y, static_cast<int>(i) + 1);
   for (size_t j = 0; j < ul.size(); ++j)
@@ -119,6 +166,15 @@ void ApplyPeriodic(HorizonRows& rows, const model::ModelStore& base, const model
 }
 
 }  // namespace
+
+std::vector<int> HeldStarts(const model::ModelStore& base) {
+  std::vector<int> out;
+  for (const model::ObjectDecl& o : base.objects) {
+    if (ToLower(o.type) == "arx" && MemberValue(base, o, "rest") == 0)
+      out.push_back(NumberOf(base, o.name + ".y"));
+  }
+  return out;
+}
 
 void ApplyObjectsOverHorizon(HorizonRows& rows, const model::ModelStore& base, bool sequential) {
   Horizon& h = rows.horizon();

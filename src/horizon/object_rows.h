@@ -7,8 +7,10 @@
 //             the step boundary i (j) samples back, so the output row at the end of step k is
 //             y(k) = sum a_i y(k-i) + sum b_j u(k-j) + c. A sample before the horizon start
 //             reads the start, so the values before the start are the start values held
-//             constant, and the start itself satisfies the steady-state relation (the system
-//             is at rest when the horizon begins). A point inside step k (NODES > 2) reads the
+//             constant. With the member rest = 1 (default) the start itself satisfies the
+//             steady-state relation (the system is at rest when the horizon begins); with
+//             rest = 0 y(0) is fixed at its starting value like an initial condition and the
+//             output row at the start is inactive. A point inside step k (NODES > 2) reads the
 //             lags of the step's start, so y holds y(k-1) through the step (zero-order hold of
 //             the sampled output). Only column maps change: no row is added or removed, and the
 //             rows stay model rows of their points, so the step-by-step simulation solves them
@@ -20,6 +22,8 @@
 // Nothing is done for the data sets of IMODE 2: those are steady-state copies.
 #pragma once
 
+#include <vector>
+
 #include "horizon/inputs.h"
 #include "model/records.h"
 
@@ -28,5 +32,9 @@ namespace kx::horizon {
 // Applies the cross-time relations of the arx and periodic objects of `base` to the
 // replicated store of `rows`. Call once, after replication and before the first solve.
 void ApplyObjectsOverHorizon(HorizonRows& rows, const model::ModelStore& base, bool sequential);
+
+// Base numbers of the outputs whose start value is held fixed (arx with rest = 0): like the
+// initial condition of a differential variable, their start comes from the restart file.
+std::vector<int> HeldStarts(const model::ModelStore& base);
 
 }  // namespace kx::horizon

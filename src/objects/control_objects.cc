@@ -67,6 +67,8 @@ void AppendLagTerms(const Table& t, const char* name, std::string* text) {
 // ARX sizes na, nb from the coefficient vectors and the text {lags} of the output row:
 // a_1*yl[1] + ... + b_1*ul[1] + ... (yl[i] is y i samples back, ul[j] is u j samples back).
 void PrepareArx(ObjectInstance* o) {
+  if (o->numbers.at("rest") != 0 && o->numbers.at("rest") != 1)
+    FailObject(*o, "rest must be 0 or 1");
   o->numbers["na"] = ArxCoefficients(o, "a", "y lag");
   o->numbers["nb"] = ArxCoefficients(o, "b", "u lag");
   std::string lags;
@@ -150,13 +152,17 @@ const std::vector<ObjectType>& ControlObjectTypes() {
        .family = "Control",
        .summary = "discrete-time ARX model, one input and one output: "
                   "y(k) = sum_i a_i y(k-i) + sum_j b_j u(k-j) + c, one sample a horizon step "
-                  "(samples before the horizon start are the start values, the start being at "
-                  "rest; inside a step y holds its value at the step's start: docs/horizon.md); "
+                  "(samples before the horizon start are the start values; inside a step y "
+                  "holds its value at the step's start: docs/horizon.md); "
                   "in a steady-state mode y (1 - sum a) = (sum b) u + c",
        .arguments = {{"a", ArgKind::kFile, nullptr,
                       "file of a_1..a_na (one row or one column; a single 0 for none)"},
                      {"b", ArgKind::kFile, nullptr, "file of b_1..b_nb (one row or one column)"}},
        .members = {{"c", K::kParameter, "", "0", "", "", "", "constant term"},
+                   {"rest", K::kParameter, "", "1", "", "", "-",
+                    "horizon start: 1 at rest (y from u by the steady-state relation); 0 y "
+                    "starts from its starting value (declared, data or restart), like an "
+                    "initial condition"},
                    {"u", K::kVariable, "", "", "", "", "", "input"},
                    {"y", K::kVariable, "", "", "", "", "", "output"},
                    {"yl", K::kVariable, "na", "0", "", "", "",

@@ -28,13 +28,14 @@ std::string InputFile() {
   return csv;
 }
 
-// y(k) = sum a_i y(k-i) + sum b_j u(k-j) + c, samples before 0 held at sample 0, y(0) at rest.
+// y(k) = sum a_i y(k-i) + sum b_j u(k-j) + c, samples before 0 held at sample 0; y(0) is
+// `y0`, or at rest when `y0` is NaN.
 std::vector<double> SimulateArx(const std::vector<double>& a, const std::vector<double>& b,
-                                double c, const std::vector<double>& u) {
+                                double c, const std::vector<double>& u, double y0 = NAN) {
   double sa = 0, sb = 0;
   for (double v : a) sa += v;
   for (double v : b) sb += v;
-  std::vector<double> y = {(sb * u[0] + c) / (1 - sa)};
+  std::vector<double> y = {std::isnan(y0) ? (sb * u[0] + c) / (1 - sa) : y0};
   for (int k = 1; k <= kSteps; ++k) {
     double next = c;
     for (size_t i = 0; i < a.size(); ++i) next += a[i] * y[std::max<int>(k - 1 - i, 0)];
@@ -50,25 +51,30 @@ struct ArxCase {
   std::vector<double> a, b;
   double c;
   int imode, nodes;
+  int rest;  // 0: y(0) is the declared 2 (s[1]) or 0 (s[2]); 1: at rest
 };
 
-// Two objects in a vector, the second driven by the first's output. z' = y integrates the
+// Two objects in a vector, the second driven by the first's output; the first's y is a
+// declared variable of value 2. z' = y integrates the
 // output: with NODES = 3 the collocation row of the step end weighs the
 // middle node only (M row 3 = [1, 0]), so z(k) - z(k-1) = dt y(middle of step k), which is
 // y(k-1) when y holds its value through the step.
 TEST(Arx, FollowsTheDifferenceEquationOverTheHorizon) {
   const std::vector<ArxCase> cases = {
-      {"0.6\n-0.1\n", "0.5, 0.2\n", {0.6, -0.1}, {0.5, 0.2}, 0.3, 4, 2},
-      {"0.6 -0.1\n", "0.5\n0.2\n", {0.6, -0.1}, {0.5, 0.2}, 0.3, 4, 3},
-      {"0\n", "1.5\n", {0}, {1.5}, 0, 4, 2},
-      {"0.9, 0, -0.2\n", "0, -0.4\n", {0.9, 0, -0.2}, {0, -0.4}, 1, 7, 3},  // step by step
+      {"0.6\n-0.1\n", "0.5, 0.2\n", {0.6, -0.1}, {0.5, 0.2}, 0.3, 4, 2, 1},
+      {"0.6 -0.1\n", "0.5\n0.2\n", {0.6, -0.1}, {0.5, 0.2}, 0.3, 4, 3, 1},
+      {"0\n", "1.5\n", {0}, {1.5}, 0, 4, 2, 1},
+      {"0.9, 0, -0.2\n", "0, -0.4\n", {0.9, 0, -0.2}, {0, -0.4}, 1, 7, 3, 1},  // step by step
+      {"0.6 -0.1\n", "0.5 0.2\n", {0.6, -0.1}, {0.5, 0.2}, 0.3, 7, 3, 0},
+      {"0.9, 0, -0.2\n", "0, -0.4\n", {0.9, 0, -0.2}, {0, -0.4}, 1, 4, 3, 0},
   };
   for (const ArxCase& t : cases) {
     const std::string model = fmt::format(
-        "Parameters\n uin = 0\nEnd Parameters\nVariables\n z = 0\nEnd Variables\n"
-        "Objects\n s[1:2] = arx(a.txt, b.txt, c={})\nEnd Objects\n"
+        "Parameters\n uin = 0\nEnd Parameters\nVariables\n z = 0\n yv = 2\nEnd Variables\n"
+        "Objects\n s[1:2] = arx(a.txt, b.txt, c={}, rest={})\nEnd Objects\n"
+        "Connections\n s[1].y = yv\nEnd Connections\n"
         "Equations\n s[1].u = uin\n s[2].u = s[1].y\n $z = s[1].y\nEnd Equations\n",
-        t.c);
+        t.c, t.rest);
     const testing::Run r =
         RunModel({{"m.zpm", model},
                   {"a.txt", t.a_file},
@@ -78,15 +84,41 @@ TEST(Arx, FollowsTheDifferenceEquationOverTheHorizon) {
     ASSERT_EQ(r.status, 1) << t.a_file << r.out;
     std::vector<double> u;
     for (int k = 0; k <= kSteps; ++k) u.push_back(Input(k));
-    const std::vector<double> y = SimulateArx(t.a, t.b, t.c, u);
-    const std::vector<double> y2 = SimulateArx(t.a, t.b, t.c, y);
+    const std::vector<double> y = SimulateArx(t.a, t.b, t.c, u, t.rest ? NAN : 2.0);
+    const std::vector<double> y2 = SimulateArx(t.a, t.b, t.c, y, t.rest ? NAN : 0.0);
     double z = 0;
     for (int k = 0; k <= kSteps; ++k) {
-      EXPECT_NEAR(r.At("s[1].y", k), y[k], 1e-8) << t.a_file << " k = " << k;
-      EXPECT_NEAR(r.At("s[2].y", k), y2[k], 1e-7) << t.a_file << " k = " << k;
+      EXPECT_NEAR(r.At("yv", k), y[k], 1e-8) << t.a_file << t.rest << " k = " << k;
+      EXPECT_NEAR(r.At("s[2].y", k), y2[k], 1e-7) << t.a_file << t.rest << " k = " << k;
       if (t.nodes == 3) EXPECT_NEAR(r.At("z", k), z, 1e-8) << t.a_file << " k = " << k;
       z += kDt * y[k];
     }
+  }
+}
+
+// With rest = 0 the output's start is an initial condition: the next cycle starts from the
+// previous one's value one step on (TIME_SHIFT), and holds it before the start.
+TEST(Arx, StartValueMovesOnWithTheRestartFile) {
+  kx::testing::ScratchDir dir("kx_objects");
+  dir.Write("m.zpm",
+            "Parameters\n uin = 0\nEnd Parameters\nVariables\n yv = 2\nEnd Variables\n"
+            "Objects\n s = arx(a.txt, b.txt, c=0.3, rest=0)\nEnd Objects\n"
+            "Connections\n s.y = yv\nEnd Connections\nEquations\n s.u = uin\nEnd Equations\n");
+  dir.Write("a.txt", "0.6 -0.1\n");
+  dir.Write("b.txt", "0.5 0.2\n");
+  dir.Write("m.csv", InputFile());
+  dir.Write("m.dbs", "ZPM.IMODE = 4\nZPM.NODES = 2\n");
+  const std::string cmd = "cd '" + dir.str() + "' && '" KX_BINARY "' m > /dev/null 2>&1";
+  std::vector<double> u;
+  for (int k = 0; k <= kSteps; ++k) u.push_back(Input(k));
+  double y0 = 2;
+  for (int cycle = 1; cycle <= 2; ++cycle) {
+    ASSERT_EQ(std::system(cmd.c_str()) >> 8, 1) << cycle;
+    const std::vector<double> y = SimulateArx({0.6, -0.1}, {0.5, 0.2}, 0.3, u, y0);
+    const std::vector<double> got = testing::ReadResults(dir.Read("results.csv")).at("yv");
+    ASSERT_EQ(got.size(), y.size());
+    for (int k = 0; k <= kSteps; ++k) EXPECT_NEAR(got[k], y[k], 1e-8) << cycle << " k = " << k;
+    y0 = y[1];
   }
 }
 
@@ -195,6 +227,7 @@ TEST(Arx, CoefficientTablesOfTheWrongShapeStopWithTheLine) {
       {"s = arx(v.txt, m.txt)",
        "Object s (arx, line 2): b (m.txt) is 2 x 2; give the u lag coefficients as one row"},
       {"s = arx(v.txt)", "Object s (arx, line 2): argument b is missing"},
+      {"s = arx(v.txt, v.txt, rest=2)", "Object s (arx, line 2): rest must be 0 or 1"},
   };
   kx::testing::ScratchDir dir;
   dir.Write("m.txt", "1 2\n3 4\n");
