@@ -128,6 +128,10 @@ struct IndexedStatement {
 // Object type keywords of the Objects section, in the order they are tested.
 const std::vector<std::string_view>& ObjectTypeKeywords();
 
+// Parses one statement of the Objects section, `name = type[(arguments)]`; stops the run on
+// malformed input or a type keyword that is not in the list.
+ObjectDeclText ParseObjectStatement(const Statement& s);
+
 class ModelFileReader {
  public:
   ModelFileReader(Compiler* compiler, ReaderOptions options);
@@ -144,6 +148,12 @@ class ModelFileReader {
 
   // Value of a constant declared so far, or nullptr.
   const double* FindConstant(std::string_view name) const;
+  // Evaluates a constant expression (numbers and constants) written on line `line`.
+  double EvaluateConstant(std::string_view text, int line) { return EvaluateConstantText(text, line); }
+  // The statements of one section as read so far. Between InitializeConstants and
+  // DetermineSize the object library replaces the Objects section by one statement per
+  // object and adds the statements its objects expand to.
+  std::vector<Statement>& SectionStatements(Section s) { return statements_[static_cast<int>(s)]; }
 
  private:
   void ReadPhysicalLines(std::string_view text);

@@ -60,22 +60,33 @@ std::vector<Relation> FindRelations(std::string_view s, bool any_depth = false) 
   return out;
 }
 
-// name -> letter { letter | digit | '_' | '.' } [ '[' integer ']' ]
+// True for '[' integer ']' starting at name[i]; sets *end past the ']'.
+bool IsIndex(std::string_view name, size_t i, size_t* end) {
+  size_t close = name.find(']', i);
+  if (close == std::string_view::npos || close == i + 1) return false;
+  std::string_view index = name.substr(i + 1, close - i - 1);
+  for (size_t j = 0; j < index.size(); ++j) {
+    bool sign = j == 0 && index[j] == '-' && index.size() > 1;
+    if (!sign && !std::isdigit(static_cast<unsigned char>(index[j]))) return false;
+  }
+  *end = close + 1;
+  return true;
+}
+
+// name -> letter { letter | digit | '_' | '.' | '[' integer ']' }
+// An index may be followed by a member (`p[2].op`, an element of a vector of objects).
 bool IsValidName(std::string_view name) {
   if (name.empty() || name.size() > static_cast<size_t>(kMaxNameLength)) return false;
   if (!std::isalpha(static_cast<unsigned char>(name[0]))) return false;
-  for (size_t i = 1; i < name.size(); ++i) {
+  for (size_t i = 1; i < name.size();) {
     unsigned char c = static_cast<unsigned char>(name[i]);
     if (c == '[') {
-      std::string_view index = name.substr(i + 1, name.size() - i - 2);
-      if (name.back() != ']' || index.empty()) return false;
-      for (size_t j = 0; j < index.size(); ++j) {
-        bool sign = j == 0 && index[j] == '-' && index.size() > 1;
-        if (!sign && !std::isdigit(static_cast<unsigned char>(index[j]))) return false;
-      }
-      return true;
+      if (!IsIndex(name, i, &i)) return false;
+      if (i < name.size() && name[i] != '.') return false;
+      continue;
     }
     if (!std::isalnum(c) && c != '_' && c != '.') return false;
+    ++i;
   }
   return true;
 }
@@ -276,8 +287,12 @@ void ModelFileReader::ParseConnection(const Statement& s) {
   model_.connections.push_back(std::move(c));
 }
 
-// object -> name '=' type [ '(' arguments ')' ]
 void ModelFileReader::ParseObject(const Statement& s) {
+  model_.objects.push_back(ParseObjectStatement(s));
+}
+
+// object -> name '=' type [ '(' arguments ')' ]
+ObjectDeclText ParseObjectStatement(const Statement& s) {
   size_t eq = s.text.find('=');
   if (eq == std::string::npos) Fatal({"Problem with object input:", s.text, ")"});
   ObjectDeclText o;
@@ -298,7 +313,7 @@ void ModelFileReader::ParseObject(const Statement& s) {
           "STOPPING. . .");
   }
   o.line = s.line;
-  model_.objects.push_back(std::move(o));
+  return o;
 }
 
 }  // namespace kx::lang

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <new>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "base/report.h"
 #include "base/text.h"
@@ -14,6 +15,8 @@
 #include "lang/compiler.h"
 #include "model/checks.h"
 #include "model/connections.h"
+#include "objects/expander.h"
+#include "objects/object_table.h"
 
 namespace kx::model {
 namespace {
@@ -40,8 +43,10 @@ class Builder {
   void Phase(const char* label, F&& body);
   void CreateRecords();
   void AddVariable(const lang::VariableDecl& d, char vtype);
+  bool IsObjectMember(const std::string& name) const;
+  std::string MemberUnits(const std::string& name) const;
+  std::string ObjectMembers(const std::string& name) const;
   void SetInitialDerivatives();
-  void CheckObjects() const;
   void NumberVariables();
   void CheckRecords() const;
   void CompileIntermediates();
@@ -65,6 +70,7 @@ class Builder {
   NameIndex names_;                                    // variable and parameter names
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
+  std::unordered_map<std::string, std::string> object_types_;  // declared object -> type
   std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
   std::vector<char> tainted_;          // per intermediate: reads an out-of-order value
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
@@ -96,7 +102,10 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   lang::ModelCounts counts;
   Phase("Read model file (sec):", [&] { read(&reader); });
   Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
-  Phase("Determine model size (sec):", [&] { counts = reader.DetermineSize(); });
+  Phase("Determine model size (sec):", [&] {
+    objects::ExpandObjects(&reader, {options_.work_dir, options_.diaglevel});
+    counts = reader.DetermineSize();
+  });
   Phase("Allocate memory (sec):", [&] {
     store_.vars.reserve(counts.parameters + counts.variables);
     store_.eqns.reserve(counts.equations);
@@ -106,7 +115,6 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   Phase("Parse and store model (sec):", [&] {
     parsed_ = reader.Parse();
     CreateRecords();
-    CheckObjects();
     ApplyConnections(parsed_.connections, names_, {options_.diaglevel, options_.work_dir},
                      &store_);
     NumberVariables();
@@ -136,9 +144,13 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   v.name = d.name;
   v.vtype = vtype;
   v.fixed = vtype == kVarParameter;
-  v.preferred = true;
+  // A connection between an object member and a declared name keeps the declared record
+  // (its value, bounds and name survive).
+  v.preferred = !IsObjectMember(d.name);
+  if (!v.preferred) v.units = MemberUnits(d.name);
   v.obj_def = StartsWith(d.name, "obj");
-  v.integer = StartsWith(d.name, "int");
+  // An object member named int... (`a.int_b`) is integer like a declared int... name.
+  v.integer = StartsWith(d.name, "int") || d.name.find(".int") != std::string::npos;
   v.slack = StartsWith(d.name, "slk");
   v.val = d.value;
   v.lower = d.lower;
@@ -149,8 +161,21 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   store_.vars.push_back(std::move(v));
 }
 
+// Units of an object member from its object's table (`f.tau` of a lag: "s").
+std::string Builder::MemberUnits(const std::string& name) const {
+  const size_t dot = name.find('.');
+  const std::string member = name.substr(dot + 1, name.find('[', dot) - dot - 1);
+  return objects::MemberUnits(object_types_.at(name.substr(0, dot)), member);
+}
+
+bool Builder::IsObjectMember(const std::string& name) const {
+  const size_t dot = name.find('.');
+  return dot != std::string::npos && object_types_.count(name.substr(0, dot)) > 0;
+}
+
 void Builder::CreateRecords() {
   store_.name = parsed_.name;
+  for (const auto& o : parsed_.objects) object_types_.emplace(o.name, o.type);
   for (const auto& c : parsed_.constants) {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});
@@ -191,13 +216,6 @@ void Builder::SetInitialDerivatives() {
              fmt::format("line number: {}", d.line)});
     }
     store_.vars[it->second].d_val = d.value;
-  }
-}
-
-void Builder::CheckObjects() const {
-  for (const auto& o : store_.objects) {
-    Fatal({fmt::format("Object {} of type {} is not available yet", o.name, o.type),
-           "The object library comes in a later version; declare its equations directly"});
   }
 }
 
@@ -260,8 +278,34 @@ void Builder::FailUnknownName(std::string_view name, bool derivative) const {
     if ((pos == 0 || !in_name(pos - 1)) && (end == lower.size() || !in_name(end))) break;
     pos = lower.find(token, pos + 1);
   }
-  Fatal({"Invalid element: " + token, "*** Error in syntax of function string: " + text,
-         fmt::format("Position: {}", pos == std::string::npos ? 1 : pos + 1)});
+  const size_t position = pos == std::string::npos ? 1 : pos + 1;
+  std::vector<std::string> lines = {"Invalid element: " + token,
+                                    "*** Error in syntax of function string: " + text,
+                                    fmt::format("Position: {}", position)};
+  const std::string members = ObjectMembers(std::string(name));
+  if (!members.empty()) lines.push_back(members);
+  Fatal(lines);
+}
+
+// "Members of object f: tau, k, u, y" when `name` is `f.something` for a declared object f;
+// empty otherwise. Vector members are listed once, without their index.
+std::string Builder::ObjectMembers(const std::string& name) const {
+  const size_t dot = name.find('.');
+  if (dot == std::string::npos || object_types_.count(name.substr(0, dot)) == 0) return "";
+  const std::string prefix = name.substr(0, dot + 1);
+  std::vector<std::string> members;
+  std::unordered_set<std::string> seen;
+  auto add = [&](const std::string& full) {
+    if (!StartsWith(full, prefix)) return;
+    std::string m = full.substr(prefix.size());
+    m = m.substr(0, m.find('['));
+    if (seen.insert(m).second) members.push_back(m);
+  };
+  for (const Variable& v : store_.vars) add(v.name);
+  for (const Intermediate& m : store_.intermediates) add(m.name);
+  std::string list;
+  for (const std::string& m : members) list += (list.empty() ? "" : ", ") + m;
+  return "Members of object " + name.substr(0, dot) + ": " + list;
 }
 
 // An intermediate read before it is defined (listed later, or itself) gives no value: it is
