@@ -29,7 +29,7 @@ struct Correlation {
 };
 
 // Width of the smooth corner of SoftPositive: below Tr = 1 - 0.01 the softened tau differs from
-// 1 - Tr by less than 2.5e-6 of itself.
+// 1 - Tr by less than 2.5e-5 of itself.
 inline constexpr double kSoftTau = 1e-8;
 
 // (d + sqrt(d^2 + kSoftTau)) / 2: equals d for d >> 1e-4, a small positive number for d < 0.

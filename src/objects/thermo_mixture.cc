@@ -7,8 +7,9 @@
 namespace kx::objects {
 namespace {
 
-// Correlations give J/kmol and kmol/m^3; objects use J/mol and mol/m^3.
+// Correlations give J/kmol, J/(kmol K) and kmol/m^3; objects use kJ/mol, J/(mol K), mol/m^3.
 constexpr double kPerKmol = 1e-3;
+constexpr double kKiloPerKmol = 1e-6;
 
 template <typename F>
 double MolarAverage(std::span<const Compound* const> cs, std::span<const double> z, F f) {
@@ -24,9 +25,11 @@ double VapourPressureBar(const Compound& c, double t) {
   return Evaluate(c.pvap, t) / kPaPerBar;
 }
 double VapourEnthalpy(const Compound& c, double t) {
-  return Integral(c.cp_ig, kTref, t) * kPerKmol;
+  return Integral(c.cp_ig, kTref, t) * kKiloPerKmol;
 }
-double HeatOfVaporisation(const Compound& c, double t) { return Evaluate(c.hvap, t) * kPerKmol; }
+double HeatOfVaporisation(const Compound& c, double t) {
+  return Evaluate(c.hvap, t) * kKiloPerKmol;
+}
 double LiquidEnthalpy(const Compound& c, double t) {
   return VapourEnthalpy(c, t) - HeatOfVaporisation(c, t);
 }
@@ -37,14 +40,21 @@ std::string VapourPressureBarText(const Compound& c, std::string_view t) {
   return fmt::format("({}/{})", ExpressionText(c.pvap, t), kPaPerBar);
 }
 std::string VapourEnthalpyText(const Compound& c, std::string_view t) {
-  return fmt::format("({}*{})", IntegralText(c.cp_ig, kTref, t), kPerKmol);
+  return fmt::format("({}*{})", IntegralText(c.cp_ig, kTref, t), kKiloPerKmol);
 }
 std::string LiquidEnthalpyText(const Compound& c, std::string_view t) {
   return fmt::format("(({}-{})*{})", IntegralText(c.cp_ig, kTref, t), ExpressionText(c.hvap, t),
-                     kPerKmol);
+                     kKiloPerKmol);
 }
 std::string LiquidDensityText(const Compound& c, std::string_view t) {
   return fmt::format("({}/{})", ExpressionText(c.rho_l, t), kPerKmol);
+}
+
+std::string HeatOfVaporisationText(const Compound& c, std::string_view t) {
+  return fmt::format("({}*{})", ExpressionText(c.hvap, t), kKiloPerKmol);
+}
+std::string IdealGasCpText(const Compound& c, std::string_view t) {
+  return fmt::format("({}*{})", ExpressionText(c.cp_ig, t), kPerKmol);
 }
 
 double MixtureVapourEnthalpy(std::span<const Compound* const> cs, std::span<const double> z,

@@ -17,8 +17,9 @@ inline constexpr double kTref = 298.15;       // enthalpy reference temperature,
 inline constexpr double kGasConstant = 8.314462618;  // J/(mol K)
 inline constexpr double kPaPerBar = 1e5;
 
-// Pure-compound properties in object units: temperature K, pressure bar, enthalpy J/mol,
-// heat capacity J/(mol K), density mol/m^3 (liquid) and molar mass kg/kmol.
+// Pure-compound properties in object units: temperature K, pressure bar, enthalpy kJ/mol (so
+// that a molar flow in mol/s times an enthalpy is a heat flow in kW), heat capacity J/(mol K),
+// density mol/m^3 (liquid) and molar mass kg/kmol.
 double VapourPressureBar(const Compound& c, double t);
 double VapourEnthalpy(const Compound& c, double t);
 double LiquidEnthalpy(const Compound& c, double t);
@@ -31,6 +32,8 @@ std::string VapourPressureBarText(const Compound& c, std::string_view t);
 std::string VapourEnthalpyText(const Compound& c, std::string_view t);
 std::string LiquidEnthalpyText(const Compound& c, std::string_view t);
 std::string LiquidDensityText(const Compound& c, std::string_view t);
+std::string HeatOfVaporisationText(const Compound& c, std::string_view t);
+std::string IdealGasCpText(const Compound& c, std::string_view t);
 
 // Ideal mixtures with mole fractions z (same order as `cs`).
 double MixtureVapourEnthalpy(std::span<const Compound* const> cs, std::span<const double> z,
