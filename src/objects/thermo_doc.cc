@@ -36,6 +36,10 @@ Connections section, three lines a stream (`a.f = b.fin`, `a.x[1:nc] = b.zin[1:n
 `a.h = b.hin`); a flash has two outlets, vapour (`fv`, `y`, `hv`) and liquid (`fl`, `x`,
 `hl`), at its `t` and `p`. Flows times enthalpies are heat flows in kW, the unit of duties.
 
+`thermo` evaluates the properties at its temperature `t`, a free variable: fix it
+(`th.t = 350` and `th.t = fixed` in the Connections section), or tie it to a variable of the
+model (`th.t = reactor_t`, or an equation).
+
 Texts in braces in the tables below: `{psat[i]}` (bar), `{hl[i]}`, `{hv[i]}`, `{hvap[i]}`
 (kJ/mol), `{rho[i]}` (mol/m^3) and `{cp[i]}` (J/(mol K)) are the correlations of compound i in
 the object's own temperature `t`; `{mw[i]}` is its molar mass; the sums run over the compounds:

@@ -230,6 +230,124 @@ End Model
   }
 }
 
+// One flowsheet with the other units, each checked against its own equations evaluated here:
+// a splitter feeding a pump and a stirred-tank reactor (steady state, first-order A -> B), a
+// column tray fed with liquid and vapour, and the property calculator.
+TEST_F(ProcessUnits, UnitsHoldTheirEquations) {
+  const std::string csv = Solve(R"(Model fs
+Compounds
+  benzene, toluene
+End Compounds
+Objects
+  src = feed(flow=4, temp=330)
+  sp = splitter(frac=0.25)
+  pu = pump(dp=5, eff=0.6)
+  cstr = reactor(dhr=-20)
+  liq = feed(flow=2, temp=340)
+  vap = feed(flow=1.5, temp=390, vfrac=1)
+  tray = stage_1
+  th = thermo
+End Objects
+Connections
+  src.comp[1] = 0.7
+  src.comp[2] = 0.3
+  liq.comp[1] = 0.4
+  liq.comp[2] = 0.6
+  vap.comp[1] = 0.5
+  vap.comp[2] = 0.5
+  src.f = sp.fin
+  src.x[1:2] = sp.zin[1:2]
+  src.h = sp.hin
+  sp.f1 = pu.fin
+  sp.x[1:2] = pu.zin[1:2]
+  sp.h = pu.hin
+  sp.p = pu.pin
+  sp.f2 = cstr.fin
+  sp.x[1:2] = cstr.zin[1:2]
+  sp.h = cstr.hin
+  cstr.nu[1] = -1
+  cstr.nu[2] = 1
+  liq.f = tray.lin
+  liq.x[1:2] = tray.xin[1:2]
+  liq.h = tray.hlin
+  vap.f = tray.vin
+  vap.x[1:2] = tray.yin[1:2]
+  vap.h = tray.hvin
+  th.t = 350
+  th.t = fixed
+End Connections
+Equations
+  cstr.f = 0.05*cstr.n
+  cstr.r = 0.002*cstr.c[1]
+End Equations
+End Model
+)");
+  const Compound* c[2] = {FindCompound("benzene"), FindCompound("toluene")};
+  // Splitter: a quarter of the flow, the same state.
+  EXPECT_NEAR(Value(csv, "sp.f1"), 1, 1e-9);
+  EXPECT_NEAR(Value(csv, "sp.f2"), 3, 1e-9);
+  EXPECT_NEAR(Value(csv, "sp.x[1]"), 0.7, 1e-9);
+  // Pump: 5 bar on 1 mol/s of liquid of molar volume sum(x/rho) at its outlet temperature.
+  const double tp = Value(csv, "pu.t");
+  double v = 0;
+  for (int i = 0; i < 2; ++i) v += Value(csv, "pu.x[" + std::to_string(i + 1) + "]") /
+                                   LiquidDensity(*c[i], tp);
+  EXPECT_NEAR(Value(csv, "pu.w"), 1 * 5e5 * v / 0.6 / 1000, 1e-9);
+  EXPECT_NEAR(Value(csv, "pu.p"), 1.01325 + 5, 1e-9);
+  EXPECT_NEAR(Value(csv, "pu.f") * Value(csv, "pu.h"),
+              Value(csv, "pu.fin") * Value(csv, "pu.hin") + Value(csv, "pu.w"), 1e-9);
+  // Reactor at steady state: the outflow equals the inflow (A -> B keeps the moles), so the
+  // holdup is n = fin/0.05, and A reacts at 0.002 cA vol = 0.002 xA n:
+  // fin zA = xA (fin + 0.002 n).
+  const double fin = 3, zA = 0.7, n = fin / 0.05, vol = Value(csv, "cstr.vol");
+  EXPECT_NEAR(Value(csv, "cstr.n"), n, 1e-7);
+  EXPECT_NEAR(Value(csv, "cstr.x[1]"), zA * fin / (fin + 0.002 * n), 1e-7);
+  EXPECT_NEAR(vol * Value(csv, "cstr.c[1]"), Value(csv, "cstr.x[1]") * n, 1e-6);
+  EXPECT_NEAR(Value(csv, "cstr.f") * Value(csv, "cstr.h"),
+              fin * Value(csv, "cstr.hin") + 20 * Value(csv, "cstr.r") * vol, 1e-7);
+  // Tray: Raoult's law at its temperature and closed balances.
+  const double tt = Value(csv, "tray.t"), pt = Value(csv, "tray.p");
+  for (int i = 0; i < 2; ++i) {
+    const std::string n = "[" + std::to_string(i + 1) + "]";
+    EXPECT_NEAR(Value(csv, "tray.y" + n) * pt,
+                Value(csv, "tray.x" + n) * VapourPressureBar(*c[i], tt), 1e-7);
+    EXPECT_NEAR(2 * Value(csv, "liq.x" + n) + 1.5 * Value(csv, "vap.x" + n),
+                Value(csv, "tray.fv") * Value(csv, "tray.y" + n) +
+                    Value(csv, "tray.fl") * Value(csv, "tray.x" + n),
+                1e-7);
+  }
+  EXPECT_NEAR(Value(csv, "tray.x[1]") + Value(csv, "tray.x[2]"), 1, 1e-7);
+  EXPECT_NEAR(2 * Value(csv, "liq.h") + 1.5 * Value(csv, "vap.h"),
+              Value(csv, "tray.fv") * Value(csv, "tray.hv") +
+                  Value(csv, "tray.fl") * Value(csv, "tray.hl"),
+              1e-7);
+  // A vapour feed carries the vapour enthalpy.
+  EXPECT_NEAR(Value(csv, "vap.h"),
+              0.5 * VapourEnthalpy(*c[0], 390) + 0.5 * VapourEnthalpy(*c[1], 390), 1e-9);
+  // Property calculator.
+  for (int i = 0; i < 2; ++i) {
+    const std::string n = "[" + std::to_string(i + 1) + "]";
+    EXPECT_NEAR(Value(csv, "th.psat" + n), VapourPressureBar(*c[i], 350), 1e-9);
+    EXPECT_NEAR(Value(csv, "th.hl" + n), LiquidEnthalpy(*c[i], 350), 1e-9);
+    EXPECT_NEAR(Value(csv, "th.rho" + n), LiquidDensity(*c[i], 350), 1e-6);
+  }
+}
+
+// The bundled example runs as its README says.
+TEST_F(ProcessUnits, FlowsheetExampleRunsAsDocumented) {
+  const std::string dir = std::string(KX_SOURCE_DIR) + "/examples/flowsheet_flash/";
+  Write("flowsheet.dbs", kx::testing::ReadFile(dir + "flowsheet.dbs"));
+  const std::string model = kx::testing::ReadFile(dir + "flowsheet.zpm");
+  ASSERT_FALSE(model.empty());
+  Write("flowsheet.zpm", model);
+  const driver::RunResult r = Run("flowsheet");
+  ASSERT_EQ(r.status, 1) << r.out;
+  const std::string csv = Read("results.csv");
+  EXPECT_NEAR(Value(csv, "drum.t"), 372.41, 0.01);
+  EXPECT_NEAR(Value(csv, "heat.q"), 68.38, 0.01);
+  EXPECT_NEAR(Value(csv, "drum.fv") + Value(csv, "drum.fl"), Value(csv, "mix.f"), 1e-9);
+}
+
 TEST_F(ProcessUnits, BadCompoundListsAreRefusedWithTheLine) {
   struct Case {
     const char* compounds;
