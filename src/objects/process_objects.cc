@@ -21,8 +21,20 @@ MemberSpec Var(const char* name, const char* value, const char* units, const cha
   return {name, K::kVariable, size, value, "", "", units, what};
 }
 
-const ArgSpec kSpecArgument = {"spec", ArgKind::kInteger, "0",
-                               "0: outlet temperature temp given; 1: duty given"};
+const ArgSpec kSpecArgument = {
+    "spec", ArgKind::kInteger, "0",
+    "0: temperature temp given; 1: duty given; 2: neither, the duty q is tied by the user "
+    "(one side of a heat exchanger)"};
+
+// The compound texts, and the switches of `spec`: fix_t (temperature given) and fix_q (duty
+// given).
+void PrepareSpecified(ObjectInstance* o) {
+  PrepareCompoundTexts(o);
+  const double spec = o->numbers.at("spec");
+  if (spec != 0 && spec != 1 && spec != 2) FailObject(*o, "spec must be 0, 1 or 2");
+  o->numbers["fix_t"] = spec == 0;
+  o->numbers["fix_q"] = spec == 1;
+}
 
 ObjectType Mixer() {
   return {.keywords = {"mixer"},
@@ -112,20 +124,20 @@ ObjectType Flash() {
           .arguments = {kSpecArgument},
           .members = JoinMembers(
               {InletMembers(),
-               {Param("temp", "350", "K", "flash temperature (spec 0)", "!spec"),
-                Param("duty", "0", "kW", "heat duty (spec 1)", "spec"),
+               {Param("temp", "350", "K", "flash temperature (spec 0)", "fix_t"),
+                Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
                 Param("pres", "1.01325", "bar", "flash pressure")},
                EquilibriumMembers(),
                PureMembers()}),
           .equations = JoinEquations(
-              {{{"t = temp", "", "!spec"},
-                {"q = duty", "", "spec"},
+              {{{"t = temp", "", "fix_t"},
+                {"q = duty", "", "fix_q"},
                 {"p = pres"},
                 {"fin = fv + fl"},
                 {"fin*zin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
                 {"fin*hin + q = fv*hv + fl*hl"}},
                EquilibriumEquations()}),
-          .prepare = PrepareCompoundTexts};
+          .prepare = PrepareSpecified};
 }
 
 ObjectType Tray() {
@@ -161,21 +173,21 @@ ObjectType Heater() {
           .arguments = {kSpecArgument},
           .members = JoinMembers(
               {InletMembers(),
-               {Param("temp", "350", "K", "outlet temperature (spec 0)", "!spec"),
-                Param("duty", "0", "kW", "heat duty (spec 1)", "spec"),
+               {Param("temp", "350", "K", "outlet temperature (spec 0)", "fix_t"),
+                Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
                 Param("pres", "1.01325", "bar", "outlet pressure"),
                 Param("vfrac", "0", "-", "vapour share of the outlet enthalpy"),
                 Var("q", "0", "kW", "heat duty added")},
                OutletMembers(),
                PureMembers()}),
-          .equations = {{"t = temp", "", "!spec"},
-                        {"q = duty", "", "spec"},
+          .equations = {{"t = temp", "", "fix_t"},
+                        {"q = duty", "", "fix_q"},
                         {"p = pres"},
                         {"f = fin"},
                         {"x[{i}] = zin[{i}]", "nc"},
                         {"f*h = fin*hin + q"},
                         {kPhaseEnthalpy}},
-          .prepare = PrepareCompoundTexts};
+          .prepare = PrepareSpecified};
 }
 
 // Liquid holdup: component moles m, total n, energy u, volume; the outlet is the holdup.

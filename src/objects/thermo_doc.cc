@@ -84,12 +84,14 @@ previous section. Degrees of freedom: every unit determines its outlets from its
 parameters, except where the table says "set by the user": the outlet flow `f` of `vessel` and
 `reactor` and the rate `r` of `reactor` need an equation of the user (`v.f = k*v.n`,
 `r.r = k0*exp(-e/r.t)*r.c[1]`). `spec` chooses what fixes a flash or a heater: the temperature
-`temp` (spec 0, the duty `q` follows) or the duty `duty` (spec 1, the temperature follows).
+`temp` (spec 0, the duty `q` follows), the duty `duty` (spec 1, the temperature follows) or
+neither (spec 2: the user ties `q`, as for one side of a heat exchanger).
 
 A flash holds Raoult's law and `sum(y) = sum(x)`; with the component balances both sums are 1.
 A feed outside the two-phase region gives a negative vapour or liquid flow (the negative flash),
-which tells that the drum is single-phase. A heat exchanger is two `stage_2` heaters whose duties
-are tied by an equation (`hot.q = -cold.q`). Long chains of units solve most reliably with the
+which tells that the drum is single-phase. A heat exchanger is two `stage_2` heaters, one with the
+outlet temperature or duty given and the other with `spec=2`, tied by an equation
+(`cold.q = -hot.q`). Long chains of units solve most reliably with the
 block presolve (`ZPM.REDUCE = 2`), which solves the units in flow order before the full solve.
 
 )";

@@ -1,7 +1,8 @@
 // Process objects run through kestrix as a user runs them: a benzene-toluene flash against a
 // hand calculation with the same correlations (Rachford-Rice solved here), the same flash
-// given its duty, the mass and energy balances of a small flowsheet, a vessel's holdup against
-// its closed form, and the messages for bad compound lists.
+// given its duty, the mass and energy balances of a small flowsheet, the other units against
+// their equations, a vessel's holdup against its closed form, a heat exchanger, and the
+// messages for bad declarations.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -333,6 +334,49 @@ End Model
   }
 }
 
+// A heat exchanger as two heaters: the hot side (toluene, 400 K) is cooled to 330 K, the cold
+// side (benzene, 300 K, spec 2) takes its heat; the cold outlet temperature is found here by
+// bisection on the liquid enthalpy.
+TEST_F(ProcessUnits, ExchangerSidesShareTheDuty) {
+  const std::string csv = Solve(R"(Model fs
+Compounds
+  benzene, toluene
+End Compounds
+Objects
+  hf = feed(flow=1, temp=400, pres=5)
+  cf = feed(flow=2, temp=300)
+  hot = stage_2(spec=0, temp=330, pres=5)
+  cold = stage_2(spec=2)
+End Objects
+Connections
+  hf.comp[1] = 0
+  hf.comp[2] = 1
+  cf.comp[1] = 1
+  cf.comp[2] = 0
+  hf.f = hot.fin
+  hf.x[1:2] = hot.zin[1:2]
+  hf.h = hot.hin
+  cf.f = cold.fin
+  cf.x[1:2] = cold.zin[1:2]
+  cf.h = cold.hin
+End Connections
+Equations
+  cold.q = -hot.q
+End Equations
+End Model
+)");
+  const Compound& benzene = *FindCompound("benzene");
+  const Compound& toluene = *FindCompound("toluene");
+  const double q = LiquidEnthalpy(toluene, 400) - LiquidEnthalpy(toluene, 330);  // kW, 1 mol/s
+  EXPECT_NEAR(Value(csv, "hot.q"), -q, 1e-7);
+  const double target = LiquidEnthalpy(benzene, 300) + q / 2;
+  double lo = 300, hi = 400;
+  for (int it = 0; it < 100; ++it) {
+    ((LiquidEnthalpy(benzene, (lo + hi) / 2) < target) ? lo : hi) = (lo + hi) / 2;
+  }
+  EXPECT_NEAR(Value(csv, "cold.t"), (lo + hi) / 2, 1e-6);
+}
+
 // The bundled example runs as its README says.
 TEST_F(ProcessUnits, FlowsheetExampleRunsAsDocumented) {
   const std::string dir = std::string(KX_SOURCE_DIR) + "/examples/flowsheet_flash/";
@@ -348,22 +392,25 @@ TEST_F(ProcessUnits, FlowsheetExampleRunsAsDocumented) {
   EXPECT_NEAR(Value(csv, "drum.fv") + Value(csv, "drum.fl"), Value(csv, "mix.f"), 1e-9);
 }
 
-TEST_F(ProcessUnits, BadCompoundListsAreRefusedWithTheLine) {
+TEST_F(ProcessUnits, BadDeclarationsAreRefusedWithTheObject) {
   struct Case {
     const char* compounds;
+    const char* object;
     const char* message;
   };
   const Case cases[] = {
-      {"Compounds\n  benzene, unobtainium\nEnd Compounds\n", "'unobtainium' is not in the data bank"},
-      {"", "list them in a Compounds section"},
+      {"Compounds\n  benzene, unobtainium\nEnd Compounds\n", "fl = flash",
+       "'unobtainium' is not in the data bank"},
+      {"", "fl = flash", "list them in a Compounds section"},
+      {"Compounds\n  water\nEnd Compounds\n", "fl = flash(spec=3)", "spec must be 0, 1 or 2"},
   };
   for (const Case& c : cases) {
-    Write("bad.zpm", std::string("Model bad\n") + c.compounds +
-                         "Objects\n  fl = flash\nEnd Objects\nEnd Model\n");
+    Write("bad.zpm", std::string("Model bad\n") + c.compounds + "Objects\n  " + c.object +
+                         "\nEnd Objects\nEnd Model\n");
     const driver::RunResult r = Run("bad");
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_TRUE(r.Has(c.message)) << r.out;
-    EXPECT_TRUE(r.Has("fl")) << r.out;
+    EXPECT_TRUE(r.Has("Object fl (flash, line")) << r.out;
   }
 }
 
