@@ -309,7 +309,7 @@ ObjectDeclText ParseObjectStatement(const Statement& s) {
   for (std::string_view k : ObjectTypeKeywords()) known = known || k == o.type;
   if (!known) {
     Fatal({"Model object type error", "Original Object: " + std::string(type),
-           "Lookup Object: " + o.type},
+           "Lookup Object: " + o.type, fmt::format("line number: {}", s.line)},
           "STOPPING. . .");
   }
   o.line = s.line;

@@ -283,7 +283,10 @@ void Builder::FailUnknownName(std::string_view name, bool derivative) const {
                                     "*** Error in syntax of function string: " + text,
                                     fmt::format("Position: {}", position)};
   const std::string members = ObjectMembers(std::string(name));
-  if (!members.empty()) lines.push_back(members);
+  if (!members.empty()) {
+    lines.push_back(fmt::format("line number: {}", compiling_->line));
+    lines.push_back(members);
+  }
   Fatal(lines);
 }
 

@@ -37,6 +37,8 @@ void PrepareStateSpace(ObjectInstance* o) {
 void CheckPid(ObjectInstance* o) {
   if (o->numbers.at("kc") == 0) FailObject(*o, "kc must not be 0");
   if (o->numbers.at("taui") <= 0) FailObject(*o, "taui must be positive");
+  if (o->numbers.at("taud") < 0) FailObject(*o, "taud must not be negative");
+  if (o->numbers.at("n_d") <= 0) FailObject(*o, "n_d must be positive");
   if (o->numbers.at("op_lo") >= o->numbers.at("op_hi")) FailObject(*o, "op_lo must be below op_hi");
 }
 
@@ -56,12 +58,15 @@ const std::vector<ObjectType>& ControlObjectTypes() {
       {.keywords = {"pid"},
        .family = "Control",
        .summary = "PID controller, position form, output clamped to [op_lo, op_hi], "
-                  "derivative on the measurement, anti-windup by back-calculation",
+                  "derivative on the measurement through a first-order filter of time constant "
+                  "taud/n_d, anti-windup by back-calculation",
        .arguments = {},
        .members = {{"kc", K::kParameter, "", "1", "", "", "op/pv", "controller gain"},
                    {"taui", K::kParameter, "", "1", "", "", "s", "integral time"},
                    {"taud", K::kParameter, "", "0", "", "", "s",
-                    "derivative time (0: no derivative term, pv is not made differential)"},
+                    "derivative time (0: no derivative term and no filter state)"},
+                   {"n_d", K::kParameter, "", "10", "", "", "-",
+                    "derivative filter factor: the filter time constant is taud/n_d"},
                    {"bias", K::kParameter, "", "0", "", "", "op",
                     "output at zero error and integral"},
                    {"op_hi", K::kParameter, "", "100", "", "", "op", "upper output limit"},
@@ -70,10 +75,13 @@ const std::vector<ObjectType>& ControlObjectTypes() {
                    {"sp", K::kVariable, "", "", "", "", "", "set point"},
                    {"e", K::kVariable, "", "", "", "", "", "error sp - pv"},
                    {"ie", K::kVariable, "", "", "", "", "", "integral of the error (state)"},
+                   {"pvf", K::kVariable, "", "", "", "", "",
+                    "filtered pv (state); starts at its value, 0 unless connected", "taud"},
                    {"op_u", K::kVariable, "", "", "", "", "op", "unclamped output"},
                    {"op", K::kVariable, "", "", "", "", "op", "output, clamped"}},
        .equations = {{"e = sp - pv"},
-                     {"op_u = bias + kc*(e + ie/taui - taud*$pv)", "", "taud"},
+                     {"taud/n_d*$pvf = pv - pvf", "", "taud"},
+                     {"op_u = bias + kc*(e + ie/taui - n_d*(pv - pvf))", "", "taud"},
                      {"op_u = bias + kc*(e + ie/taui)", "", "!taud"},
                      {"op = ((op_u + op_lo + abs(op_u - op_lo))/2 + op_hi - "
                       "abs((op_u + op_lo + abs(op_u - op_lo))/2 - op_hi))/2"},

@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cmath>
+#include <map>
 #include <set>
 
 #include "base/report.h"
@@ -398,6 +399,49 @@ void Append(std::vector<lang::Statement>* to, std::vector<lang::Statement>&& fro
   to->insert(to->end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
 }
 
+void AppendAll(ObjectStatements* to, ObjectStatements&& from) {
+  Append(&to->parameters, std::move(from.parameters));
+  Append(&to->variables, std::move(from.variables));
+  Append(&to->intermediates, std::move(from.intermediates));
+  Append(&to->equations, std::move(from.equations));
+  Append(&to->connections, std::move(from.connections));
+}
+
+// Members after the user's declarations, object intermediates before the user's (they read
+// only object members), equations and connections after the user's.
+void AddToSections(ObjectStatements&& all, lang::ModelFileReader* reader) {
+  using lang::Section;
+  Append(&reader->SectionStatements(Section::kParameters), std::move(all.parameters));
+  Append(&reader->SectionStatements(Section::kVariables), std::move(all.variables));
+  std::vector<lang::Statement>& intermediates = reader->SectionStatements(Section::kIntermediates);
+  Append(&all.intermediates, std::move(intermediates));
+  intermediates = std::move(all.intermediates);
+  Append(&reader->SectionStatements(Section::kEquations), std::move(all.equations));
+  Append(&reader->SectionStatements(Section::kConnections), std::move(all.connections));
+}
+
+[[noreturn]] void FailDeclaration(const lang::ObjectDeclText& decl, const std::string& what) {
+  Fatal({"Problem with object input:",
+         fmt::format("Object {} ({}, line {}): {}", decl.name, decl.type, decl.line, what)},
+        "STOPPING. . .");
+}
+
+// The entry of a declaration whose name is new and well formed; stops otherwise.
+const ObjectType& CheckDeclaration(const lang::ObjectDeclText& decl,
+                                   std::map<std::string, int>* declared) {
+  if (auto [it, fresh] = declared->emplace(decl.name, decl.line); !fresh)
+    FailDeclaration(decl, fmt::format("already declared on line {}", it->second));
+  if (decl.name.find('.') != std::string::npos)
+    FailDeclaration(decl, "an object name cannot contain '.'");
+  const ObjectType* type = FindObjectType(decl.type);
+  if (type == nullptr) {
+    Fatal({fmt::format("Object {} of type {} is not available yet (line {})", decl.name, decl.type,
+                       decl.line),
+           "The object library has no entry for this type; declare its equations directly"});
+  }
+  return *type;
+}
+
 }  // namespace
 
 [[noreturn]] void FailObject(const ObjectInstance& o, const std::string& what) {
@@ -439,43 +483,22 @@ ObjectStatements WriteStatements(const ObjectInstance& o, const ObjectType& type
 }
 
 void ExpandObjects(lang::ModelFileReader* reader, const ExpandOptions& options) {
-  using lang::Section;
-  std::vector<lang::Statement>& objects = reader->SectionStatements(Section::kObjects);
+  std::vector<lang::Statement>& objects = reader->SectionStatements(lang::Section::kObjects);
   if (objects.empty()) return;
   objects = ExpandObjectVectors(objects, reader);
   const std::vector<std::string> compounds = ReadCompounds(reader);
   ObjectStatements all;
+  std::map<std::string, int> declared;  // object name -> line
   for (const lang::Statement& s : objects) {
     const lang::ObjectDeclText decl = lang::ParseObjectStatement(s);
-    if (decl.name.find('.') != std::string::npos) {
-      Fatal({"Problem with object input:",
-             fmt::format("Object {} ({}, line {}): an object name cannot contain '.'", decl.name,
-                         decl.type, decl.line)},
-            "STOPPING. . .");
-    }
-    const ObjectType* type = FindObjectType(decl.type);
-    if (type == nullptr) {
-      Fatal({fmt::format("Object {} of type {} is not available yet (line {})", decl.name,
-                         decl.type, decl.line),
-             "The object library has no entry for this type; declare its equations directly"});
-    }
+    const ObjectType& type = CheckDeclaration(decl, &declared);
     auto evaluate = [&](std::string_view t) { return reader->EvaluateConstant(t, s.line); };
     ObjectStatements st =
-        WriteStatements(MakeInstance(decl, *type, compounds, evaluate, options.work_dir), *type);
+        WriteStatements(MakeInstance(decl, type, compounds, evaluate, options.work_dir), type);
     if (options.diaglevel >= 4) Echo(st);
-    Append(&all.parameters, std::move(st.parameters));
-    Append(&all.variables, std::move(st.variables));
-    Append(&all.intermediates, std::move(st.intermediates));
-    Append(&all.equations, std::move(st.equations));
-    Append(&all.connections, std::move(st.connections));
+    AppendAll(&all, std::move(st));
   }
-  Append(&reader->SectionStatements(Section::kParameters), std::move(all.parameters));
-  Append(&reader->SectionStatements(Section::kVariables), std::move(all.variables));
-  std::vector<lang::Statement>& intermediates = reader->SectionStatements(Section::kIntermediates);
-  Append(&all.intermediates, std::move(intermediates));
-  intermediates = std::move(all.intermediates);
-  Append(&reader->SectionStatements(Section::kEquations), std::move(all.equations));
-  Append(&reader->SectionStatements(Section::kConnections), std::move(all.connections));
+  AddToSections(std::move(all), reader);
 }
 
 }  // namespace kx::objects

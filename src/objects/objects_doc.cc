@@ -30,10 +30,11 @@ use them in equations (`f.u = valve`), in the Connections section (`f.u = u`, `f
 `f.y = calculated`), in `APP.info` (`MV, p[1].sp`), the DBS files and the results. Parameters
 are fixed unless classified FV or MV; variables are free. When the Connections section joins
 a member with one of your own variables (`lc.pv = level`), your variable survives: its value,
-bounds and name are kept and the member becomes another name of it. Data files named by arguments are
-read from the working directory (an embedded `File` block of the model works): one row a line,
-numbers separated by commas, semicolons or blanks, lines starting with `!`, `#` or `%`
-skipped, a first line that is not all numbers taken as a header.
+bounds and name are kept and the member becomes another name of it.
+
+Data files named by arguments are read from the working directory (an embedded `File` block
+of the model works): one row a line, numbers separated by commas, semicolons or blanks, lines
+starting with `!`, `#` or `%` skipped, a first line that is not all numbers taken as a header.
 
 In the equations below member names are written bare (`y` is `name.y`); `$y` is the time
 derivative; `{...}` are filled in from the arguments and data: `{n}` a size, `{i}` the row of

@@ -37,9 +37,10 @@ TEST(Lag, StepResponseFollowsTheExponential) {
 // op_hi = 3 it is t until t = 2 and 3 - exp(-(t - 2)) after.
 TEST(Pid, OpenLoopRampClampAndAntiWindupFollowTheirClosedForms) {
   const std::string model =
-      "Objects\n c = pid(kc=1, taui=1, op_hi=3, op_lo=-10)\n d = pid(kc=2, taui=4, bias=1)\nEnd "
-      "Objects\n"
-      "Equations\n c.pv = 0\n c.sp = 1\n d.pv = 0.5\n d.sp = 1\nEnd Equations\n";
+      "Objects\n c = pid(kc=1, taui=1, op_hi=3, op_lo=-10)\n d = pid(kc=2, taui=4, bias=1)\n"
+      " g = pid(kc=2, taui=4, taud=0.5, n_d=1, bias=1, op_lo=-100)\nEnd Objects\n"
+      "Equations\n c.pv = 0\n c.sp = 1\n d.pv = 0.5\n d.sp = 1\n $g.pv = 1\n g.sp = 0\n"
+      "End Equations\n";
   const testing::Run r =
       RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
   ASSERT_EQ(r.status, 1) << r.out;
@@ -48,6 +49,10 @@ TEST(Pid, OpenLoopRampClampAndAntiWindupFollowTheirClosedForms) {
     EXPECT_NEAR(r.At("d.op", k), 1 + 2 * (0.5 + 0.5 * t / 4), 1e-6) << t;
     EXPECT_NEAR(r.At("c.op", k), std::min(3.0, 1 + t), 1e-6) << t;
     EXPECT_NEAR(r.At("c.ie", k), t <= 2 ? t : 3 - std::exp(-(t - 2)), 1e-4) << t;
+    // pv = t: e = -t, its integral -t^2/2; the filtered derivative (filter time constant
+    // taud/n_d = 0.5) of the ramp is 1 - exp(-t/0.5).
+    EXPECT_NEAR(r.At("g.op", k), 1 + 2 * (-t - t * t / 8 - 0.5 * (1 - std::exp(-t / 0.5))), 5e-4)
+        << t;
   }
 }
 

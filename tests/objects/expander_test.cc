@@ -80,6 +80,34 @@ TEST(Expander, VectorsOfObjectsAndMembersReachTheModel) {
   EXPECT_EQ(store.objects.size(), 5u);
 }
 
+// The parts of the table format no library object uses yet: intermediates, members and rows
+// per compound, {obj}, table elements and connection lines.
+TEST(Expander, IntermediatesCompoundsAndConnectionsOfATableEntry) {
+  using K = MemberKind;
+  const ObjectType type = {
+      .keywords = {"feed"},
+      .family = "Test",
+      .summary = "test entry",
+      .arguments = {{"mw", ArgKind::kFile, nullptr, "molar masses"}},
+      .members = {{"n", K::kVariable, "nc", "1", "0"},
+                  {"total", K::kIntermediate, "", "n[1] + n[{nc}]"},
+                  {"mass", K::kVariable, "nc", "0"}},
+      .equations = {{"mass[{i}] = {mw[i,1]}*n[{i}]", "nc"}},
+      .connections = {{"{obj}.n[1] = x"}}};
+  ScratchDir dir;
+  dir.Write("mw.csv", "18.015\n-2.5\n");
+  lang::ObjectDeclText decl{"s1", "feed", "mw.csv", 4};
+  auto evaluate = [](std::string_view t) { return *ParseNumber(t); };
+  const ObjectInstance o = MakeInstance(decl, type, {"water", "x2"}, evaluate, dir.str());
+  const ObjectStatements st = WriteStatements(o, type);
+  const std::vector<std::string> expected = {
+      "s1.n[1:2] = 1, >= 0", "s1.mass[1:2] = 0", "s1.total = s1.n[1] + s1.n[2]",
+      "s1.mass[1] = 18.015*s1.n[1]", "s1.mass[2] = (-2.5)*s1.n[2]", "s1.n[1] = x"};
+  EXPECT_EQ(Statements(st), expected);
+  ASSERT_EQ(st.connections.size(), 1u);
+  EXPECT_EQ(st.connections[0].line, 4);
+}
+
 // Every bad declaration stops with a message that names the object and its line.
 TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   struct Case {
@@ -92,6 +120,8 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"a = abs(1, 2)", "abs takes 1 positional argument (integer), 2 given"},
       {"a = abs(,)", "an argument is empty: ,"},
       {"a.b = lag", "an object name cannot contain '.'"},
+      {"f = lag\n f = pid", "Object f (pid, line 3): already declared on line 2"},
+      {"p[1:2] = lag\n p[2] = lag", "Object p[2] (lag, line 3): already declared on line 2"},
       {"f = lag(tau=1, tau=2)", "argument tau is given twice"},
       {"f = lag(tau=)", "argument tau has no value"},
       {"f = lag(tau=nosuch)", "Unknown constant: nosuch"},
@@ -111,7 +141,7 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"s = qobj(v.csv)", "Q (v.csv) is 2 x 1, not square"},
       {"c = pid(kc=0)", "kc must not be 0"},
       {"c = pid(op_lo=5, op_hi=1)", "op_lo must be below op_hi"},
-      {"x = nosuchtype", "Model object type error"},
+      {"x = nosuchtype", "Lookup Object: nosuchtype\nline number: 2"},
       {"x = lag(tau=1", "Problem with object input:"},
   };
   ScratchDir dir;
@@ -140,7 +170,8 @@ TEST(Expander, UnknownMemberInAnEquationIsNamed) {
   std::vector<std::string> lines =
       kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
   EXPECT_NE(Joined(lines).find("Invalid element: f.yy"), std::string::npos) << Joined(lines);
-  EXPECT_NE(Joined(lines).find("Members of object f: tau, k, u, y"), std::string::npos)
+  EXPECT_NE(Joined(lines).find("line number: 6\nMembers of object f: tau, k, u, y"),
+            std::string::npos)
       << Joined(lines);
 }
 

@@ -69,7 +69,6 @@ inline ObjectInstance Prepare(const std::string& type_text, const std::string& d
   lang::ObjectDeclText decl = lang::ParseObjectStatement({1, "s = " + type_text});
   const ObjectType* type = FindObjectType(decl.type);
   EXPECT_NE(type, nullptr);
-  lang::Compiler compiler;
   auto evaluate = [&](std::string_view t) { return *ParseNumber(t); };
   return MakeInstance(decl, *type, {}, evaluate, dir);
 }
