@@ -46,9 +46,10 @@ std::string ChainModel(int n) {
   m << fmt::format("  src.f = fl1.fin\n  src.x[1:{0}] = fl1.zin[1:{0}]\n  src.h = fl1.hin\n",
                    kNumCompounds);
   for (int k = 1; k < n; ++k) {
-    m << fmt::format("  fl{0}.fl = fl{1}.fin\n  fl{0}.x[1:{2}] = fl{1}.zin[1:{2}]\n"
-                     "  fl{0}.hl = fl{1}.hin\n",
-                     k, k + 1, kNumCompounds);
+    m << fmt::format(
+        "  fl{0}.fl = fl{1}.fin\n  fl{0}.x[1:{2}] = fl{1}.zin[1:{2}]\n"
+        "  fl{0}.hl = fl{1}.hin\n",
+        k, k + 1, kNumCompounds);
   }
   m << "End Connections\nEnd Model\n";
   return m.str();
@@ -82,8 +83,8 @@ double TimeExpansion(const std::string& text, const std::string& dir) {
 
 struct ChainResult {
   int flashes = 0;
-  double wall = INFINITY;       // best process wall time, s
-  double expansion = INFINITY;  // best in-process expansion time, s
+  double wall = INFINITY;                              // best process wall time, s
+  double expansion = INFINITY;                         // best in-process expansion time, s
   std::vector<std::pair<std::string, double>> phases;  // of the best run
   std::map<std::string, double> timers;                // of the best run
   bool solved = true;
@@ -113,7 +114,8 @@ ChainResult MeasureChain(int n, int repeat) {
     WriteText("chain.dbs", kSettings);
     const ProcessRun run = RunProcess({KestrixPath(), "chain"}, "console.txt");
     const std::string console = ReadText("console.txt");
-    c.solved = c.solved && run.status == 1 && console.find("Successful solution") != std::string::npos;
+    c.solved =
+        c.solved && run.status == 1 && console.find("Successful solution") != std::string::npos;
     if (run.seconds < c.wall) {
       c.wall = run.seconds;
       c.phases = ReadPhaseLines(console);

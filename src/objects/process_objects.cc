@@ -41,17 +41,16 @@ ObjectType Mixer() {
           .family = kFamily,
           .summary = "mixes two inlet streams; outlet at pressure pres, phase by vfrac",
           .arguments = {},
-          .members = JoinMembers(
-              {{Var("f1", "1", "mol/s", "inlet 1 molar flow"),
-                Var("z1", "1/{nc}", "-", "inlet 1 mole fractions", "nc"),
-                Var("h1", "-30", "kJ/mol", "inlet 1 molar enthalpy"),
-                Var("f2", "1", "mol/s", "inlet 2 molar flow"),
-                Var("z2", "1/{nc}", "-", "inlet 2 mole fractions", "nc"),
-                Var("h2", "-30", "kJ/mol", "inlet 2 molar enthalpy"),
-                Param("pres", "1.01325", "bar", "outlet pressure"),
-                Param("vfrac", "0", "-", "vapour share of the outlet enthalpy")},
-               OutletMembers(),
-               PureMembers()}),
+          .members = JoinMembers({{Var("f1", "1", "mol/s", "inlet 1 molar flow"),
+                                   Var("z1", "1/{nc}", "-", "inlet 1 mole fractions", "nc"),
+                                   Var("h1", "-30", "kJ/mol", "inlet 1 molar enthalpy"),
+                                   Var("f2", "1", "mol/s", "inlet 2 molar flow"),
+                                   Var("z2", "1/{nc}", "-", "inlet 2 mole fractions", "nc"),
+                                   Var("h2", "-30", "kJ/mol", "inlet 2 molar enthalpy"),
+                                   Param("pres", "1.01325", "bar", "outlet pressure"),
+                                   Param("vfrac", "0", "-", "vapour share of the outlet enthalpy")},
+                                  OutletMembers(),
+                                  PureMembers()}),
           .equations = {{"f = f1 + f2"},
                         {"f*x[{i}] = f1*z1[{i}] + f2*z2[{i}]", "nc"},
                         {"f*h = f1*h1 + f2*h2"},
@@ -72,8 +71,7 @@ ObjectType Splitter() {
                 Param("vfrac", "0", "-", "vapour share of the outlet enthalpy"),
                 Var("f1", "0.5", "mol/s", "outlet 1 molar flow"),
                 Var("f2", "0.5", "mol/s", "outlet 2 molar flow"),
-                Var("t", "300", "K", "outlet temperature"),
-                Var("p", "1", "bar", "outlet pressure"),
+                Var("t", "300", "K", "outlet temperature"), Var("p", "1", "bar", "outlet pressure"),
                 Var("x", "1/{nc}", "-", "outlet mole fractions", "nc"),
                 Var("h", "-30", "kJ/mol", "outlet molar enthalpy")},
                PureMembers()}),
@@ -122,72 +120,70 @@ ObjectType Flash() {
           .family = kFamily,
           .summary = "equilibrium flash drum: one inlet, vapour and liquid outlets, Raoult's law",
           .arguments = {kSpecArgument},
-          .members = JoinMembers(
-              {InletMembers(),
-               {Param("temp", "350", "K", "flash temperature (spec 0)", "fix_t"),
-                Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
-                Param("pres", "1.01325", "bar", "flash pressure")},
-               EquilibriumMembers(),
-               PureMembers()}),
-          .equations = JoinEquations(
-              {{{"t = temp", "", "fix_t"},
-                {"q = duty", "", "fix_q"},
-                {"p = pres"},
-                {"fin = fv + fl"},
-                {"fin*zin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
-                {"fin*hin + q = fv*hv + fl*hl"}},
-               EquilibriumEquations()}),
+          .members = JoinMembers({InletMembers(),
+                                  {Param("temp", "350", "K", "flash temperature (spec 0)", "fix_t"),
+                                   Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
+                                   Param("pres", "1.01325", "bar", "flash pressure")},
+                                  EquilibriumMembers(),
+                                  PureMembers()}),
+          .equations = JoinEquations({{{"t = temp", "", "fix_t"},
+                                       {"q = duty", "", "fix_q"},
+                                       {"p = pres"},
+                                       {"fin = fv + fl"},
+                                       {"fin*zin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
+                                       {"fin*hin + q = fv*hv + fl*hl"}},
+                                      EquilibriumEquations()}),
           .prepare = PrepareSpecified};
 }
 
 ObjectType Tray() {
-  return {.keywords = {"stage_1"},
-          .family = kFamily,
-          .summary = "column tray: liquid from above, vapour from below, equilibrium outlets",
-          .arguments = {},
-          .members = JoinMembers(
-              {{Var("lin", "1", "mol/s", "liquid inlet molar flow (from the tray above)"),
-                Var("xin", "1/{nc}", "-", "liquid inlet mole fractions", "nc"),
-                Var("hlin", "-30", "kJ/mol", "liquid inlet molar enthalpy"),
-                Var("vin", "1", "mol/s", "vapour inlet molar flow (from the tray below)"),
-                Var("yin", "1/{nc}", "-", "vapour inlet mole fractions", "nc"),
-                Var("hvin", "0", "kJ/mol", "vapour inlet molar enthalpy"),
-                Param("duty", "0", "kW", "heat duty"),
-                Param("pres", "1.01325", "bar", "tray pressure")},
-               EquilibriumMembers(),
-               PureMembers()}),
-          .equations = JoinEquations(
-              {{{"q = duty"},
-                {"p = pres"},
-                {"lin + vin = fv + fl"},
-                {"lin*xin[{i}] + vin*yin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
-                {"lin*hlin + vin*hvin + q = fv*hv + fl*hl"}},
-               EquilibriumEquations()}),
-          .prepare = PrepareCompoundTexts};
+  return {
+      .keywords = {"stage_1"},
+      .family = kFamily,
+      .summary = "column tray: liquid from above, vapour from below, equilibrium outlets",
+      .arguments = {},
+      .members =
+          JoinMembers({{Var("lin", "1", "mol/s", "liquid inlet molar flow (from the tray above)"),
+                        Var("xin", "1/{nc}", "-", "liquid inlet mole fractions", "nc"),
+                        Var("hlin", "-30", "kJ/mol", "liquid inlet molar enthalpy"),
+                        Var("vin", "1", "mol/s", "vapour inlet molar flow (from the tray below)"),
+                        Var("yin", "1/{nc}", "-", "vapour inlet mole fractions", "nc"),
+                        Var("hvin", "0", "kJ/mol", "vapour inlet molar enthalpy"),
+                        Param("duty", "0", "kW", "heat duty"),
+                        Param("pres", "1.01325", "bar", "tray pressure")},
+                       EquilibriumMembers(),
+                       PureMembers()}),
+      .equations = JoinEquations({{{"q = duty"},
+                                   {"p = pres"},
+                                   {"lin + vin = fv + fl"},
+                                   {"lin*xin[{i}] + vin*yin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
+                                   {"lin*hlin + vin*hvin + q = fv*hv + fl*hl"}},
+                                  EquilibriumEquations()}),
+      .prepare = PrepareCompoundTexts};
 }
 
 ObjectType Heater() {
-  return {.keywords = {"stage_2"},
-          .family = kFamily,
-          .summary = "heater or one side of an exchanger: a single-phase stage with a duty",
-          .arguments = {kSpecArgument},
-          .members = JoinMembers(
-              {InletMembers(),
-               {Param("temp", "350", "K", "outlet temperature (spec 0)", "fix_t"),
-                Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
-                Param("pres", "1.01325", "bar", "outlet pressure"),
-                Param("vfrac", "0", "-", "vapour share of the outlet enthalpy"),
-                Var("q", "0", "kW", "heat duty added")},
-               OutletMembers(),
-               PureMembers()}),
-          .equations = {{"t = temp", "", "fix_t"},
-                        {"q = duty", "", "fix_q"},
-                        {"p = pres"},
-                        {"f = fin"},
-                        {"x[{i}] = zin[{i}]", "nc"},
-                        {"f*h = fin*hin + q"},
-                        {kPhaseEnthalpy}},
-          .prepare = PrepareSpecified};
+  return {
+      .keywords = {"stage_2"},
+      .family = kFamily,
+      .summary = "heater or one side of an exchanger: a single-phase stage with a duty",
+      .arguments = {kSpecArgument},
+      .members = JoinMembers({InletMembers(),
+                              {Param("temp", "350", "K", "outlet temperature (spec 0)", "fix_t"),
+                               Param("duty", "0", "kW", "heat duty (spec 1)", "fix_q"),
+                               Param("pres", "1.01325", "bar", "outlet pressure"),
+                               Param("vfrac", "0", "-", "vapour share of the outlet enthalpy"),
+                               Var("q", "0", "kW", "heat duty added")},
+                              OutletMembers(),
+                              PureMembers()}),
+      .equations = {{"t = temp", "", "fix_t"},
+                    {"q = duty", "", "fix_q"},
+                    {"p = pres"},
+                    {"f = fin"},
+                    {"x[{i}] = zin[{i}]", "nc"},
+                    {"f*h = fin*hin + q"},
+                    {kPhaseEnthalpy}},
+      .prepare = PrepareSpecified};
 }
 
 // Liquid holdup: component moles m, total n, energy u, volume; the outlet is the holdup.
@@ -202,12 +198,8 @@ std::vector<MemberSpec> HoldupMembers() {
 }
 
 std::vector<EquationSpec> HoldupEquations() {
-  return {{"n = {sum_m}"},
-          {"x[{i}]*n = m[{i}]", "nc"},
-          {"u = n*h"},
-          {"h = {sum_x_hl}"},
-          {"vol = n*{sum_x_vl}"},
-          {"p = pres"},
+  return {{"n = {sum_m}"},    {"x[{i}]*n = m[{i}]", "nc"}, {"u = n*h"},
+          {"h = {sum_x_hl}"}, {"vol = n*{sum_x_vl}"},      {"p = pres"},
           {"q = duty"}};
 }
 
@@ -216,11 +208,9 @@ ObjectType Vessel() {
           .family = kFamily,
           .summary = "well-mixed liquid holdup; the outlet flow f is set by the user",
           .arguments = {},
-          .members = JoinMembers({InletMembers(), HoldupMembers(), OutletMembers(),
-                                  PureMembers()}),
+          .members = JoinMembers({InletMembers(), HoldupMembers(), OutletMembers(), PureMembers()}),
           .equations = JoinEquations(
-              {{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"},
-                {"$u = fin*hin - f*h + q"}},
+              {{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"}, {"$u = fin*hin - f*h + q"}},
                HoldupEquations()}),
           .prepare = PrepareCompoundTexts};
 }
@@ -239,11 +229,10 @@ ObjectType Reactor() {
                 Var("c", "1000", "mol/m^3", "concentrations", "nc")},
                OutletMembers(),
                PureMembers()}),
-          .equations = JoinEquations(
-              {{{"$m[{i}] = fin*zin[{i}] - f*x[{i}] + nu[{i}]*r*vol", "nc"},
-                {"$u = fin*hin - f*h - dhr*r*vol + q"},
-                {"c[{i}]*vol = m[{i}]", "nc"}},
-               HoldupEquations()}),
+          .equations = JoinEquations({{{"$m[{i}] = fin*zin[{i}] - f*x[{i}] + nu[{i}]*r*vol", "nc"},
+                                       {"$u = fin*hin - f*h - dhr*r*vol + q"},
+                                       {"c[{i}]*vol = m[{i}]", "nc"}},
+                                      HoldupEquations()}),
           .prepare = PrepareCompoundTexts};
 }
 
@@ -255,8 +244,7 @@ ObjectType Pump() {
           .members = JoinMembers(
               {InletMembers(),
                {Var("pin", "1.01325", "bar", "inlet pressure"),
-                Param("dp", "1", "bar", "pressure rise"),
-                Param("eff", "0.75", "-", "efficiency"),
+                Param("dp", "1", "bar", "pressure rise"), Param("eff", "0.75", "-", "efficiency"),
                 Var("w", "0", "kW", "shaft power")},
                OutletMembers(),
                PureMembers()}),
@@ -274,13 +262,12 @@ ObjectType StreamLag() {
           .family = kFamily,
           .summary = "first-order lag of flow, composition and enthalpy of a stream",
           .arguments = {},
-          .members = JoinMembers(
-              {InletMembers(),
-               {Param("tau", "1", "s", "time constant"),
-                Param("pres", "1.01325", "bar", "outlet pressure"),
-                Param("vfrac", "0", "-", "vapour share of the outlet enthalpy")},
-               OutletMembers(),
-               PureMembers()}),
+          .members = JoinMembers({InletMembers(),
+                                  {Param("tau", "1", "s", "time constant"),
+                                   Param("pres", "1.01325", "bar", "outlet pressure"),
+                                   Param("vfrac", "0", "-", "vapour share of the outlet enthalpy")},
+                                  OutletMembers(),
+                                  PureMembers()}),
           .equations = {{"tau*$f = fin - f"},
                         {"tau*$x[{i}] = zin[{i}] - x[{i}]", "nc"},
                         {"tau*$h = hin - h"},
@@ -292,9 +279,8 @@ ObjectType StreamLag() {
 }  // namespace
 
 const std::vector<ObjectType>& ProcessObjectTypes() {
-  static const std::vector<ObjectType> kTypes = {Mixer(),  Splitter(), Flash(),
-                                                 Tray(),   Heater(),   Vessel(),
-                                                 Reactor(), Pump(),    StreamLag()};
+  static const std::vector<ObjectType> kTypes = {
+      Mixer(), Splitter(), Flash(), Tray(), Heater(), Vessel(), Reactor(), Pump(), StreamLag()};
   return kTypes;
 }
 

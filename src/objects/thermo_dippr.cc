@@ -1,8 +1,8 @@
 #include "objects/thermo_dippr.h"
 
-#include <cmath>
-
 #include <fmt/format.h>
+
+#include <cmath>
 
 #include "base/check.h"
 #include "base/text.h"
@@ -114,8 +114,8 @@ std::string Antiderivative100Text(const Correlation& k, std::string_view t) {
 double SoftPositive(double d) { return (d + std::sqrt(d * d + kSoftTau)) / 2; }
 
 bool IsKnownForm(int form) {
-  return form == 100 || form == 101 || form == 102 || form == 104 || form == 105 ||
-         form == 106 || form == 107;
+  return form == 100 || form == 101 || form == 102 || form == 104 || form == 105 || form == 106 ||
+         form == 107;
 }
 
 double Evaluate(const Correlation& k, double t) {
@@ -151,13 +151,20 @@ double Evaluate(const Correlation& k, double t) {
 
 std::string ExpressionText(const Correlation& k, std::string_view t) {
   switch (k.form) {
-    case 100: return PolynomialText(k, t);
-    case 101: return Form101Text(k, t);
-    case 102: return Form102Text(k, t);
-    case 104: return Form104Text(k, t);
-    case 105: return Form105Text(k, t);
-    case 106: return Form106Text(k, t);
-    case 107: return Form107Text(k, t);
+    case 100:
+      return PolynomialText(k, t);
+    case 101:
+      return Form101Text(k, t);
+    case 102:
+      return Form102Text(k, t);
+    case 104:
+      return Form104Text(k, t);
+    case 105:
+      return Form105Text(k, t);
+    case 106:
+      return Form106Text(k, t);
+    case 107:
+      return Form107Text(k, t);
   }
   KX_CHECK(false);
   return {};

@@ -22,9 +22,9 @@ namespace kx::objects {
 // Forms 105 and 106 take tau through SoftPositive (below), so that they stay finite and
 // smooth above the critical temperature, where a solver may wander.
 struct Correlation {
-  int form = 0;                        // 100..107; 0 marks "no data"
-  std::array<double, 5> c{};           // A, B, C, D, E
-  double tc = 0;                       // critical temperature of form 106, K
+  int form = 0;               // 100..107; 0 marks "no data"
+  std::array<double, 5> c{};  // A, B, C, D, E
+  double tc = 0;              // critical temperature of form 106, K
   bool present() const { return form != 0; }
 };
 

@@ -101,9 +101,9 @@ std::string CompoundTable() {
       "| compound | formula | M kg/kmol | Tc K | Pc bar | Tb K | Cp liquid |\n"
       "|---|---|---|---|---|---|---|\n";
   for (const Compound& c : Compounds()) {
-    const std::string tb = c.tb > 0 ? fmt::format("{:.2f}", c.tb)
-                                    : fmt::format("(triple point {:.2f} K, {:.3f} bar)", c.tt,
-                                                  c.pt / kPaPerBar);
+    const std::string tb =
+        c.tb > 0 ? fmt::format("{:.2f}", c.tb)
+                 : fmt::format("(triple point {:.2f} K, {:.3f} bar)", c.tt, c.pt / kPaPerBar);
     out += fmt::format("| {} | {} | {:.3f} | {:.2f} | {:.3f} | {} | {} |\n", c.name, c.formula,
                        c.mw, c.tc, c.pc / kPaPerBar, tb, c.cp_l.present() ? "yes" : "");
   }

@@ -21,9 +21,7 @@ double MolarAverage(std::span<const Compound* const> cs, std::span<const double>
 
 }  // namespace
 
-double VapourPressureBar(const Compound& c, double t) {
-  return Evaluate(c.pvap, t) / kPaPerBar;
-}
+double VapourPressureBar(const Compound& c, double t) { return Evaluate(c.pvap, t) / kPaPerBar; }
 double VapourEnthalpy(const Compound& c, double t) {
   return Integral(c.cp_ig, kTref, t) * kKiloPerKmol;
 }

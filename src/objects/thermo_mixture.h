@@ -13,7 +13,7 @@
 
 namespace kx::objects {
 
-inline constexpr double kTref = 298.15;       // enthalpy reference temperature, K
+inline constexpr double kTref = 298.15;              // enthalpy reference temperature, K
 inline constexpr double kGasConstant = 8.314462618;  // J/(mol K)
 inline constexpr double kPaPerBar = 1e5;
 

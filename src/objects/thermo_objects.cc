@@ -2,9 +2,9 @@
 // the stream measures (molar and mass flows, mass of a holdup).
 #include "objects/thermo_objects.h"
 
-#include <algorithm>
-
 #include <fmt/format.h>
+
+#include <algorithm>
 
 #include "base/text.h"
 #include "objects/thermo_mixture.h"
@@ -27,27 +27,26 @@ std::vector<MemberSpec> FeedConditions() {
 }
 
 ObjectType Thermo() {
-  return {.keywords = {"thermo"},
-          .family = kFamily,
-          .summary = "pure-compound properties of every compound at temperature t",
-          .arguments = {},
-          .members = {{"t", K::kVariable, "", "298.15", "", "", "K", "temperature"},
-                      {"mw", K::kParameter, "nc", "{mw[i]}", "", "", "kg/kmol", "molar mass"},
-                      {"psat", K::kVariable, "nc", "1", "", "", "bar", "vapour pressure"},
-                      {"hvap", K::kVariable, "nc", "30", "", "", "kJ/mol",
-                       "heat of vaporisation"},
-                      {"rho", K::kVariable, "nc", "1e4", "", "", "mol/m^3", "liquid density"},
-                      {"cp", K::kVariable, "nc", "30", "", "", "J/(mol K)",
-                       "ideal-gas heat capacity"},
-                      {"hv", K::kVariable, "nc", "0", "", "", "kJ/mol", "vapour enthalpy"},
-                      {"hl", K::kVariable, "nc", "-30", "", "", "kJ/mol", "liquid enthalpy"}},
-          .equations = {{"psat[{i}] = {psat[i]}", "nc"},
-                        {"hvap[{i}] = {hvap[i]}", "nc"},
-                        {"rho[{i}] = {rho[i]}", "nc"},
-                        {"cp[{i}] = {cp[i]}", "nc"},
-                        {"hv[{i}] = {hv[i]}", "nc"},
-                        {"hl[{i}] = {hl[i]}", "nc"}},
-          .prepare = PrepareCompoundTexts};
+  return {
+      .keywords = {"thermo"},
+      .family = kFamily,
+      .summary = "pure-compound properties of every compound at temperature t",
+      .arguments = {},
+      .members = {{"t", K::kVariable, "", "298.15", "", "", "K", "temperature"},
+                  {"mw", K::kParameter, "nc", "{mw[i]}", "", "", "kg/kmol", "molar mass"},
+                  {"psat", K::kVariable, "nc", "1", "", "", "bar", "vapour pressure"},
+                  {"hvap", K::kVariable, "nc", "30", "", "", "kJ/mol", "heat of vaporisation"},
+                  {"rho", K::kVariable, "nc", "1e4", "", "", "mol/m^3", "liquid density"},
+                  {"cp", K::kVariable, "nc", "30", "", "", "J/(mol K)", "ideal-gas heat capacity"},
+                  {"hv", K::kVariable, "nc", "0", "", "", "kJ/mol", "vapour enthalpy"},
+                  {"hl", K::kVariable, "nc", "-30", "", "", "kJ/mol", "liquid enthalpy"}},
+      .equations = {{"psat[{i}] = {psat[i]}", "nc"},
+                    {"hvap[{i}] = {hvap[i]}", "nc"},
+                    {"rho[{i}] = {rho[i]}", "nc"},
+                    {"cp[{i}] = {cp[i]}", "nc"},
+                    {"hv[{i}] = {hv[i]}", "nc"},
+                    {"hl[{i}] = {hl[i]}", "nc"}},
+      .prepare = PrepareCompoundTexts};
 }
 
 ObjectType Feed() {
@@ -55,12 +54,12 @@ ObjectType Feed() {
           .family = kFamily,
           .summary = "feed stream of given molar flow, temperature, pressure and composition",
           .arguments = {},
-          .members = JoinMembers(
-              {{{"flow", K::kParameter, "", "1", "", "", "mol/s", "molar flow"}},
-               FeedConditions(),
-               {{"comp", K::kParameter, "nc", "1/{nc}", "", "", "-", "mole fractions"}},
-               OutletMembers(),
-               PureMembers()}),
+          .members =
+              JoinMembers({{{"flow", K::kParameter, "", "1", "", "", "mol/s", "molar flow"}},
+                           FeedConditions(),
+                           {{"comp", K::kParameter, "nc", "1/{nc}", "", "", "-", "mole fractions"}},
+                           OutletMembers(),
+                           PureMembers()}),
           .equations = {{"f = flow"},
                         {"t = temp"},
                         {"p = pres"},
@@ -100,9 +99,9 @@ ObjectType MolarFlows() {
           .family = kFamily,
           .summary = "component molar flows of a stream",
           .arguments = {},
-          .members = JoinMembers({MeasuredStream(),
-                                  {{"fc", K::kVariable, "nc", "", "", "", "mol/s",
-                                    "component molar flows"}}}),
+          .members = JoinMembers(
+              {MeasuredStream(),
+               {{"fc", K::kVariable, "nc", "", "", "", "mol/s", "component molar flows"}}}),
           .equations = {{"fc[{i}] = f*x[{i}]", "nc"}},
           .prepare = PrepareCompoundTexts};
 }
@@ -112,9 +111,9 @@ ObjectType MassFlows() {
           .family = kFamily,
           .summary = "component mass flows of a stream",
           .arguments = {},
-          .members = JoinMembers({MeasuredStream(),
-                                  {{"mc", K::kVariable, "nc", "", "", "", "kg/s",
-                                    "component mass flows"}}}),
+          .members = JoinMembers(
+              {MeasuredStream(),
+               {{"mc", K::kVariable, "nc", "", "", "", "kg/s", "component mass flows"}}}),
           .equations = {{"mc[{i}] = f*x[{i}]*mw[{i}]/1000", "nc"}},
           .prepare = PrepareCompoundTexts};
 }
@@ -137,8 +136,7 @@ ObjectType Mass() {
           .arguments = {},
           .members = {{"n", K::kVariable, "", "1", "", "", "mol", "moles held"},
                       {"x", K::kVariable, "nc", "1/{nc}", "", "", "-", "mole fractions"},
-                      {"mw", K::kIntermediate, "nc", "{mw[i]}", "", "", "kg/kmol",
-                       "molar masses"},
+                      {"mw", K::kIntermediate, "nc", "{mw[i]}", "", "", "kg/kmol", "molar masses"},
                       {"m", K::kVariable, "", "", "", "", "kg", "mass"}},
           .equations = {{"m = n*{sum_x_mw}/1000"}},
           .prepare = PrepareCompoundTexts};
@@ -208,16 +206,16 @@ void PrepareCompoundTexts(ObjectInstance* o) {
   const std::vector<const Compound*> cs = ResolveCompounds(o->compounds, &unknown);
   if (!unknown.empty()) {
     FailObject(*o, fmt::format("compound '{}' is not in the data bank (docs/objects.md lists "
-                               "the compounds)", unknown));
+                               "the compounds)",
+                               unknown));
   }
   for (auto& [key, text] : CompoundTexts(cs)) o->texts[key] = text;
   AddStartingCompositions(cs, o);
 }
 
 const std::vector<ObjectType>& ThermoObjectTypes() {
-  static const std::vector<ObjectType> kTypes = {Thermo(),    Feed(),      FeedMass(),
-                                                 MolarFlows(), MassFlows(), MassFlow(),
-                                                 Mass()};
+  static const std::vector<ObjectType> kTypes = {Thermo(),    Feed(),     FeedMass(), MolarFlows(),
+                                                 MassFlows(), MassFlow(), Mass()};
   return kTypes;
 }
 

@@ -34,5 +34,4 @@ std::vector<MemberSpec> InletMembers();
 // enthalpies (kJ/mol), liquid density (mol/m^3) and molar mass at the object's temperature t.
 std::vector<MemberSpec> PureMembers();
 
-
 }  // namespace kx::objects

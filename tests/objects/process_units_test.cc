@@ -183,14 +183,13 @@ End Model
     EXPECT_NEAR(in, out, 1e-9) << i;
   }
   // The mass feed: 0.04 kg/s of the given mass fractions, in mol/s.
-  const Compound* c[3] = {FindCompound("methanol"), FindCompound("water"),
-                          FindCompound("ethanol")};
+  const Compound* c[3] = {FindCompound("methanol"), FindCompound("water"), FindCompound("ethanol")};
   const double w[3] = {0.1, 0.5, 0.4};
   double moles = 0;
   for (int i = 0; i < 3; ++i) moles += 0.04 * w[i] / c[i]->mw * 1000;
   EXPECT_NEAR(fb, moles, 1e-9);
-  const double energy_in = fa * Value(csv, "fa.h") + fb * Value(csv, "fb.h") +
-                           Value(csv, "heat.q") + Value(csv, "fl.q");
+  const double energy_in =
+      fa * Value(csv, "fa.h") + fb * Value(csv, "fb.h") + Value(csv, "heat.q") + Value(csv, "fl.q");
   const double energy_out = fv * Value(csv, "fl.hv") + fl * Value(csv, "fl.hl");
   EXPECT_NEAR(energy_in, energy_out, 1e-6 * std::fabs(energy_out));
   EXPECT_NEAR(Value(csv, "heat.t"), 345, 1e-9);
@@ -200,7 +199,8 @@ End Model
 // A vessel filled at a constant flow and drained in proportion to its holdup:
 // n(t) = fin/k + (n0 - fin/k) exp(-k t).
 TEST_F(ProcessUnits, VesselHoldupFollowsItsClosedForm) {
-  const std::string csv = Solve(R"(Model fs
+  const std::string csv = Solve(
+      R"(Model fs
 Compounds
   water
 End Compounds
@@ -220,8 +220,9 @@ Equations
   v.f = k*v.n
 End Equations
 End Model
-)", "ZPM.IMODE = 4\nZPM.NODES = 5\nZPM.CTRL_HOR = 40\nZPM.PRED_HOR = 40\nZPM.CTRL_TIME = 0.5\n"
-    "ZPM.PRED_TIME = 0.5\n");
+)",
+      "ZPM.IMODE = 4\nZPM.NODES = 5\nZPM.CTRL_HOR = 40\nZPM.PRED_HOR = 40\nZPM.CTRL_TIME = 0.5\n"
+      "ZPM.PRED_TIME = 0.5\n");
   const std::vector<double> time = Column(csv, "time"), n = Column(csv, "v.n");
   ASSERT_EQ(time.size(), n.size());
   ASSERT_GT(time.size(), 10u);
@@ -291,8 +292,8 @@ End Model
   // Pump: 5 bar on 1 mol/s of liquid of molar volume sum(x/rho) at its outlet temperature.
   const double tp = Value(csv, "pu.t");
   double v = 0;
-  for (int i = 0; i < 2; ++i) v += Value(csv, "pu.x[" + std::to_string(i + 1) + "]") /
-                                   LiquidDensity(*c[i], tp);
+  for (int i = 0; i < 2; ++i)
+    v += Value(csv, "pu.x[" + std::to_string(i + 1) + "]") / LiquidDensity(*c[i], tp);
   EXPECT_NEAR(Value(csv, "pu.w"), 1 * 5e5 * v / 0.6 / 1000, 1e-9);
   EXPECT_NEAR(Value(csv, "pu.p"), 1.01325 + 5, 1e-9);
   EXPECT_NEAR(Value(csv, "pu.f") * Value(csv, "pu.h"),
@@ -318,10 +319,10 @@ End Model
                 1e-7);
   }
   EXPECT_NEAR(Value(csv, "tray.x[1]") + Value(csv, "tray.x[2]"), 1, 1e-7);
-  EXPECT_NEAR(2 * Value(csv, "liq.h") + 1.5 * Value(csv, "vap.h"),
-              Value(csv, "tray.fv") * Value(csv, "tray.hv") +
-                  Value(csv, "tray.fl") * Value(csv, "tray.hl"),
-              1e-7);
+  EXPECT_NEAR(
+      2 * Value(csv, "liq.h") + 1.5 * Value(csv, "vap.h"),
+      Value(csv, "tray.fv") * Value(csv, "tray.hv") + Value(csv, "tray.fl") * Value(csv, "tray.hl"),
+      1e-7);
   // A vapour feed carries the vapour enthalpy.
   EXPECT_NEAR(Value(csv, "vap.h"),
               0.5 * VapourEnthalpy(*c[0], 390) + 0.5 * VapourEnthalpy(*c[1], 390), 1e-9);

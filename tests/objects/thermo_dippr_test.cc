@@ -49,9 +49,9 @@ TEST(ThermoDippr, FormsMatchTheirFormulas) {
       {{105, {1.0259, 0.26666, 562.16, 0.28394}},
        1.0259 / std::pow(0.26666, 1 + std::pow(1 - t / 562.16, 0.28394))},
       {{106, {4.5346e7, 0.39053, 0.1, 0.2, 0.3}, 562.05},
-       4.5346e7 * std::pow(1 - t / 562.05, 0.39053 + 0.1 * (t / 562.05) +
-                                               0.2 * std::pow(t / 562.05, 2) +
-                                               0.3 * std::pow(t / 562.05, 3))},
+       4.5346e7 *
+           std::pow(1 - t / 562.05, 0.39053 + 0.1 * (t / 562.05) + 0.2 * std::pow(t / 562.05, 2) +
+                                        0.3 * std::pow(t / 562.05, 3))},
       {{107, {33363, 26790, 2610.5, 8896, 1169}},
        33363 + 26790 * std::pow((2610.5 / t) / std::sinh(2610.5 / t), 2) +
            8896 * std::pow((1169 / t) / std::cosh(1169 / t), 2)},
@@ -69,12 +69,12 @@ TEST(ThermoDippr, ReproducesTabulatedValuesAt25C) {
     double cp_ig;  // J/(mol K), 0: not checked
   };
   const Case cases[] = {
-      {"water", 3169.9, 33.58},   {"benzene", 12700, 82.4}, {"toluene", 3790, 103.7},
-      {"methanol", 16900, 44.1},  {"ethanol", 7870, 65.6},  {"n-hexane", 20200, 143.1},
-      {"methane", 0, 35.69},      {"ethane", 0, 52.5},      {"propane", 0, 73.6},
-      {"nitrogen", 0, 29.12},     {"oxygen", 0, 29.38},     {"carbon dioxide", 0, 37.13},
-      {"hydrogen", 0, 28.84},    {"carbon monoxide", 0, 29.14},
-      {"argon", 0, 20.79},        {"hydrogen sulfide", 0, 34.2},
+      {"water", 3169.9, 33.58},      {"benzene", 12700, 82.4},      {"toluene", 3790, 103.7},
+      {"methanol", 16900, 44.1},     {"ethanol", 7870, 65.6},       {"n-hexane", 20200, 143.1},
+      {"methane", 0, 35.69},         {"ethane", 0, 52.5},           {"propane", 0, 73.6},
+      {"nitrogen", 0, 29.12},        {"oxygen", 0, 29.38},          {"carbon dioxide", 0, 37.13},
+      {"hydrogen", 0, 28.84},        {"carbon monoxide", 0, 29.14}, {"argon", 0, 20.79},
+      {"hydrogen sulfide", 0, 34.2},
   };
   for (const Case& c : cases) {
     const Compound& k = Get(c.name);
@@ -175,9 +175,9 @@ TEST(ThermoDippr, LiquidDensityAt25C) {
     const char* name;
     double rho;
   };
-  const Case cases[] = {{"water", 997.0},    {"benzene", 873.6},  {"toluene", 862.3},
+  const Case cases[] = {{"water", 997.0},    {"benzene", 873.6},   {"toluene", 862.3},
                         {"n-hexane", 655.0}, {"n-heptane", 679.5}, {"n-octane", 698.6},
-                        {"methanol", 786.6}, {"ethanol", 785.1},  {"acetone", 784.5}};
+                        {"methanol", 786.6}, {"ethanol", 785.1},   {"acetone", 784.5}};
   for (const Case& c : cases) {
     const Compound& k = Get(c.name);
     EXPECT_NEAR(Evaluate(k.rho_l, 298.15) * k.mw, c.rho, 0.015 * c.rho) << c.name;
@@ -189,8 +189,8 @@ TEST(ThermoDippr, LiquidDensityAt25C) {
 // the vapour-pressure curve itself. Nonpolar compounds agree within 4%; for the polar and
 // hydrogen-bonding ones the virial estimate of Vv is poorer, and 8% is allowed.
 TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
-  const std::set<std::string_view> polar = {"water", "methanol", "ethanol", "1-propanol",
-                                            "2-propanol", "acetone", "ammonia"};
+  const std::set<std::string_view> polar = {"water",      "methanol", "ethanol", "1-propanol",
+                                            "2-propanol", "acetone",  "ammonia"};
   for (const Compound& k : Compounds()) {
     const double t = k.tb > 0 ? k.tb : k.tt;
     const double p = Evaluate(k.pvap, t);
@@ -198,8 +198,9 @@ TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
     const double dpdt = (Evaluate(k.pvap, t + dt) - Evaluate(k.pvap, t - dt)) / (2 * dt);
     const double omega = -std::log10(Evaluate(k.pvap, 0.7 * k.tc) / k.pc) - 1;
     const double tr = t / k.tc;
-    const double b = (0.083 - 0.422 / std::pow(tr, 1.6) +
-                      omega * (0.139 - 0.172 / std::pow(tr, 4.2))) * kR * k.tc / k.pc;
+    const double b =
+        (0.083 - 0.422 / std::pow(tr, 1.6) + omega * (0.139 - 0.172 / std::pow(tr, 4.2))) * kR *
+        k.tc / k.pc;
     const double vv = kR * t / p + b;
     const double vl = 1 / Evaluate(k.rho_l, t);
     const double h_cc = t * (vv - vl) * dpdt;
@@ -214,8 +215,8 @@ TEST(ThermoDippr, LiquidHeatCapacityAt25C) {
     const char* name;
     double cp;
   };
-  const Case cases[] = {{"water", 75.3},     {"benzene", 136.0},  {"toluene", 157.3},
-                        {"methanol", 81.1},  {"ethanol", 112.4},  {"n-hexane", 195.6},
+  const Case cases[] = {{"water", 75.3},      {"benzene", 136.0}, {"toluene", 157.3},
+                        {"methanol", 81.1},   {"ethanol", 112.4}, {"n-hexane", 195.6},
                         {"n-pentane", 167.2}, {"n-octane", 254.6}};
   for (const Case& c : cases) {
     const Compound& k = Get(c.name);
