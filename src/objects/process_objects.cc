@@ -1,7 +1,7 @@
-// Process units: mixer, splitter, flash drum, column tray, heater, holdup vessel, stirred-tank
-// reactor, pump and stream lag. Phase equilibrium is Raoult's law with the vapour pressures of
-// the data bank; mixtures are ideal (objects/thermo_mixture). Flows are in mol/s and enthalpies
-// in kJ/mol, so f*h is a heat flow in kW, the unit of the duties.
+// Process units: mixer, splitter, flash drum, column tray, heater, holdup vessels, stirred-tank
+// reactor, pump, recovery and stream lag. Phase equilibrium is Raoult's law with the vapour
+// pressures of the data bank; mixtures are ideal (objects/thermo_mixture). Flows are in mol/s and
+// enthalpies in kJ/mol, so f*h is a heat flow in kW, the unit of the duties.
 #include "objects/thermo_objects.h"
 
 namespace kx::objects {
@@ -215,6 +215,26 @@ ObjectType Vessel() {
           .prepare = PrepareCompoundTexts};
 }
 
+ObjectType VesselWithLevel() {
+  return {.keywords = {"vesselm"},
+          .family = kFamily,
+          .summary = "vessel with its liquid level and mass; the outlet flow f is set by the user",
+          .arguments = {},
+          .members = JoinMembers(
+              {InletMembers(),
+               HoldupMembers(),
+               {Param("area", "1", "m^2", "cross-section of the vessel"),
+                Var("level", "0.001", "m", "liquid level"), Var("mass", "1", "kg", "liquid mass")},
+               OutletMembers(),
+               PureMembers()}),
+          .equations = JoinEquations({{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"},
+                                       {"$u = fin*hin - f*h + q"},
+                                       {"level*area = vol"},
+                                       {"mass = n*{sum_x_mw}/1000"}},
+                                      HoldupEquations()}),
+          .prepare = PrepareCompoundTexts};
+}
+
 ObjectType Reactor() {
   return {.keywords = {"reactor"},
           .family = kFamily,
@@ -257,6 +277,20 @@ ObjectType Pump() {
           .prepare = PrepareCompoundTexts};
 }
 
+ObjectType Recovery() {
+  return {.keywords = {"recovery"},
+          .family = kFamily,
+          .summary = "recovery of each compound: its flow in a product over its flow in a feed",
+          .arguments = {},
+          .members = JoinMembers({{Var("fin", "1", "mol/s", "feed molar flow"),
+                                   Var("zin", "1/{nc}", "-", "feed mole fractions", "nc"),
+                                   Var("f", "1", "mol/s", "product molar flow"),
+                                   Var("x", "1/{nc}", "-", "product mole fractions", "nc"),
+                                   Var("rec", "1", "-", "recoveries", "nc")}}),
+          .equations = {{"rec[{i}]*fin*zin[{i}] = f*x[{i}]", "nc"}},
+          .prepare = PrepareCompoundTexts};
+}
+
 ObjectType StreamLag() {
   return {.keywords = {"stream_lag"},
           .family = kFamily,
@@ -279,8 +313,9 @@ ObjectType StreamLag() {
 }  // namespace
 
 const std::vector<ObjectType>& ProcessObjectTypes() {
-  static const std::vector<ObjectType> kTypes = {
-      Mixer(), Splitter(), Flash(), Tray(), Heater(), Vessel(), Reactor(), Pump(), StreamLag()};
+  static const std::vector<ObjectType> kTypes = {Mixer(),  Splitter(), Flash(),           Tray(),
+                                                 Heater(), Vessel(),   VesselWithLevel(), Reactor(),
+                                                 Pump(),   Recovery(), StreamLag()};
   return kTypes;
 }
 

@@ -378,6 +378,56 @@ End Model
   EXPECT_NEAR(Value(csv, "cold.t"), (lo + hi) / 2, 1e-6);
 }
 
+// A vessel with a level drained through a valve (f = 0.4 level) at steady state, and the
+// recovery of each compound in the vapour of a flash.
+TEST_F(ProcessUnits, LevelAndRecovery) {
+  const std::string csv = Solve(R"(Model fs
+Compounds
+  benzene, toluene
+End Compounds
+Objects
+  src = feed(flow=2, temp=300)
+  tank = vesselm(area=0.5)
+  fl = flash(temp=372)
+  rv = recovery
+End Objects
+Connections
+  src.comp[1] = 0.4
+  src.comp[2] = 0.6
+  src.f = tank.fin
+  src.x[1:2] = tank.zin[1:2]
+  src.h = tank.hin
+  tank.f = fl.fin
+  tank.x[1:2] = fl.zin[1:2]
+  tank.h = fl.hin
+  fl.fin = rv.fin
+  fl.zin[1:2] = rv.zin[1:2]
+  fl.fv = rv.f
+  fl.y[1:2] = rv.x[1:2]
+End Connections
+Equations
+  tank.f = 0.4*tank.level
+End Equations
+End Model
+)");
+  const Compound* c[2] = {FindCompound("benzene"), FindCompound("toluene")};
+  const double level = 2 / 0.4;  // the outflow equals the inflow
+  EXPECT_NEAR(Value(csv, "tank.level"), level, 1e-7);
+  const double t = Value(csv, "tank.t");
+  EXPECT_NEAR(t, 300, 1e-6);
+  const double v = 0.4 / LiquidDensity(*c[0], t) + 0.6 / LiquidDensity(*c[1], t);  // m^3/mol
+  const double n = level * 0.5 / v;
+  EXPECT_NEAR(Value(csv, "tank.n"), n, 1e-6 * n);
+  EXPECT_NEAR(Value(csv, "tank.mass"), n * (0.4 * c[0]->mw + 0.6 * c[1]->mw) / 1000, 1e-6);
+  const HandFlash hand = BenzeneTolueneByHand();  // the same flash at 2 mol/s, 40% benzene
+  for (int i = 0; i < 2; ++i) {
+    const double z = i == 0 ? 0.4 : 0.6;
+    EXPECT_NEAR(Value(csv, "rv.rec[" + std::to_string(i + 1) + "]"), hand.beta * hand.y[i] / z,
+                1e-6)
+        << i;
+  }
+}
+
 // The bundled example runs as its README says.
 TEST_F(ProcessUnits, FlowsheetExampleRunsAsDocumented) {
   const std::string dir = std::string(KX_SOURCE_DIR) + "/examples/flowsheet_flash/";
