@@ -409,7 +409,8 @@ Equations
   tank.f = 0.4*tank.level
 End Equations
 End Model
-)");
+)",
+                                "ZPM.IMODE = 1\nZPM.SOLVER = 3\n");
   const Compound* c[2] = {FindCompound("benzene"), FindCompound("toluene")};
   const double level = 2 / 0.4;  // the outflow equals the inflow
   EXPECT_NEAR(Value(csv, "tank.level"), level, 1e-7);
