@@ -197,8 +197,8 @@ End Model
 }
 
 // A vessel filled at a constant flow and drained in proportion to its holdup:
-// n(t) = fin/k + (n0 - fin/k) exp(-k t).
-TEST_F(ProcessUnits, VesselHoldupFollowsItsClosedForm) {
+// n(t) = fin/k + (n0 - fin/k) exp(-k t); beside it a stream lag of the same feed.
+TEST_F(ProcessUnits, VesselAndLagFollowTheirClosedForms) {
   const std::string csv = Solve(
       R"(Model fs
 Compounds
@@ -207,11 +207,15 @@ End Compounds
 Objects
   src = feed(flow=2, temp=300)
   v = vessel
+  lag = stream_lag(tau=4)
 End Objects
 Connections
   src.f = v.fin
   src.x[1] = v.zin[1]
   src.h = v.hin
+  src.f = lag.fin
+  src.x[1] = lag.zin[1]
+  src.h = lag.hin
 End Connections
 Parameters
   k = 0.1
@@ -224,11 +228,14 @@ End Model
       "ZPM.IMODE = 4\nZPM.NODES = 5\nZPM.CTRL_HOR = 40\nZPM.PRED_HOR = 40\nZPM.CTRL_TIME = 0.5\n"
       "ZPM.PRED_TIME = 0.5\n");
   const std::vector<double> time = Column(csv, "time"), n = Column(csv, "v.n");
+  const std::vector<double> lagged = Column(csv, "lag.f");
   ASSERT_EQ(time.size(), n.size());
+  ASSERT_EQ(time.size(), lagged.size());
   ASSERT_GT(time.size(), 10u);
   for (size_t j = 0; j < time.size(); ++j) {
-    const double exact = 20 + (10 - 20) * std::exp(-0.1 * time[j]);
-    EXPECT_NEAR(n[j], exact, 1e-6) << time[j];
+    EXPECT_NEAR(n[j], 20 + (10 - 20) * std::exp(-0.1 * time[j]), 1e-6) << time[j];
+    // The lag starts from its declared flow 1 and follows the feed's 2 mol/s.
+    EXPECT_NEAR(lagged[j], 2 + (1 - 2) * std::exp(-time[j] / 4), 1e-6) << time[j];
   }
 }
 
