@@ -59,7 +59,7 @@ ObjectType Feed() {
                            FeedConditions(),
                            {{"comp", K::kParameter, "nc", "1/{nc}", "", "", "-", "mole fractions"}},
                            OutletMembers(),
-                           PureMembers()}),
+                           EnthalpyMembers()}),
           .equations = {{"f = flow"},
                         {"t = temp"},
                         {"p = pres"},
@@ -78,7 +78,8 @@ ObjectType FeedMass() {
                FeedConditions(),
                {{"wcomp", K::kParameter, "nc", "1/{nc}", "", "", "-", "mass fractions"}},
                OutletMembers(),
-               PureMembers()}),
+               EnthalpyMembers(),
+               VolumeMembers()}),
           .equations = {{"f*{sum_x_mw} = 1000*mflow"},
                         {"t = temp"},
                         {"p = pres"},
@@ -188,12 +189,15 @@ std::vector<MemberSpec> InletMembers() {
           {"hin", K::kVariable, "", "-30", "", "", "kJ/mol", "inlet molar enthalpy"}};
 }
 
-std::vector<MemberSpec> PureMembers() {
+std::vector<MemberSpec> EnthalpyMembers() {
   return {{"hli", K::kIntermediate, "nc", "{hl[i]}", "", "", "kJ/mol",
            "liquid enthalpy of each compound at t"},
           {"hvi", K::kIntermediate, "nc", "{hv[i]}", "", "", "kJ/mol",
-           "vapour enthalpy of each compound at t"},
-          {"rho", K::kIntermediate, "nc", "{rho[i]}", "", "", "mol/m^3",
+           "vapour enthalpy of each compound at t"}};
+}
+
+std::vector<MemberSpec> VolumeMembers() {
+  return {{"rho", K::kIntermediate, "nc", "{rho[i]}", "", "", "mol/m^3",
            "liquid density of each compound at t"},
           {"mw", K::kIntermediate, "nc", "{mw[i]}", "", "", "kg/kmol", "molar masses"}};
 }

@@ -30,8 +30,11 @@ std::vector<MemberSpec> JoinMembers(std::initializer_list<std::vector<MemberSpec
 std::vector<MemberSpec> OutletMembers();
 // Inlet stream fin, zin[1:nc], hin.
 std::vector<MemberSpec> InletMembers();
-// Intermediates hli[1:nc], hvi[1:nc], rho[1:nc], mw[1:nc]: pure-compound liquid and vapour
-// enthalpies (kJ/mol), liquid density (mol/m^3) and molar mass at the object's temperature t.
-std::vector<MemberSpec> PureMembers();
+// Intermediates hli[1:nc], hvi[1:nc]: pure-compound liquid and vapour enthalpies (kJ/mol) at the
+// object's temperature t.
+std::vector<MemberSpec> EnthalpyMembers();
+// Intermediates rho[1:nc], mw[1:nc]: liquid densities (mol/m^3) at t and molar masses, for the
+// objects that need volumes or masses.
+std::vector<MemberSpec> VolumeMembers();
 
 }  // namespace kx::objects
