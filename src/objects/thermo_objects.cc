@@ -5,6 +5,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
 
 #include "base/text.h"
 #include "objects/thermo_mixture.h"
@@ -213,7 +216,14 @@ void PrepareCompoundTexts(ObjectInstance* o) {
                                "the compounds)",
                                unknown));
   }
-  for (auto& [key, text] : CompoundTexts(cs)) o->texts[key] = text;
+  // Every object of a model has the same compounds: their texts are written once.
+  static std::vector<std::string> cached_names;
+  static std::map<std::string, std::string> cached_texts;
+  if (cached_names != o->compounds || cached_texts.empty()) {
+    cached_texts = CompoundTexts(cs);
+    cached_names = o->compounds;
+  }
+  o->texts.insert(cached_texts.begin(), cached_texts.end());
   AddStartingCompositions(cs, o);
 }
 
