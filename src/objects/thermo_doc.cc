@@ -9,9 +9,10 @@
 namespace kx::objects {
 namespace {
 
-constexpr const char* kThermoNotes = R"(These objects need the compounds of the model, listed in
-the Compounds section (names separated by commas, any case; the table below lists them), and
-use them in that order: `x[1]` is the first compound. `{nc}` is their number.
+constexpr const char* kThermoNotes =
+    R"(These objects need the compounds of the model, listed in the Compounds section (names
+separated by commas, any case; the table below lists them), and use them in that order: `x[1]`
+is the first compound. `{nc}` is their number.
 
 ```
 Compounds
@@ -50,21 +51,23 @@ proportional to 1/K and K at `{t0}` and `pres`, so that the two phases start apa
 
 Property models.
 - Pure compounds: the temperature correlations of the DIPPR project, equation forms 100
-  (polynomial), 101 (vapour pressure), 102, 104, 105 (liquid density), 106 (heat of
-  vaporisation) and 107 (ideal-gas heat capacity), T in K. They are written into the model as
-  expression text (`{psat[i]}`, `{hl[i]}`, ...), so the compiler differentiates them like any
-  equation. Forms 105 and 106 contain (1 - T/Tc) to a fractional power; it is replaced by the
-  smooth positive (d + sqrt(d^2 + 1e-8))/2, equal to d to within 2.5e-5 of itself below
-  0.99 Tc, so that the correlations stay finite where a solver may step above Tc.
+  (polynomial: liquid heat capacity), 101 (vapour pressure), 105 (liquid density), 106 (heat of
+  vaporisation) and 107 (ideal-gas heat capacity), T in K; forms 102 and 104 (for gas
+  viscosities and second virial coefficients) are available to the code but the bank has no
+  data in them yet. The correlations are written into the model as expression text
+  (`{psat[i]}`, `{hl[i]}`, ...), so the compiler differentiates them like any equation.
+  Forms 105 and 106 contain d = 1 - T/Tc to a fractional power; d is replaced by the smooth
+  positive (d + sqrt(d^2 + 1e-8))/2, equal to d within 2.5e-5 of itself below 0.99 Tc, so
+  that the correlations stay finite where a solver may step above Tc.
 - Enthalpy reference: each compound as ideal gas at 298.15 K has enthalpy 0. Vapour enthalpy
   is the integral of the ideal-gas heat capacity (form 107, integrated in closed form: A T +
   B C coth(C/T) - D E tanh(E/T)); liquid enthalpy is the vapour enthalpy minus the heat of
   vaporisation at the same temperature. So the latent heat in a flash is exactly the
   correlation's; the slope of the liquid enthalpy (Cp of the ideal gas minus dHvap/dT) is an
-  approximation of the liquid heat capacity: at 25 C it is 3 to 8% from the tabulated value for
-  water and the hydrocarbons that have one, 17% for ethanol and 35% for methanol, whose
-  vapours are far from ideal. The tabulated liquid heat
-  capacity (form 100, where the table has one) is not used in balances.
+  approximation of the liquid heat capacity: at 25 C it is within 8% of the tabulated value
+  for water and the hydrocarbons that have one, 17% off for ethanol and 35% for methanol, whose
+  vapours are far from ideal. The tabulated liquid heat capacity (form 100, where the table has
+  one) is not used in balances.
 - Mixtures are ideal: enthalpies and molar masses are mole-fraction averages, liquid volumes
   add, vapours are ideal gases. Vapour-liquid equilibrium is Raoult's law, `y[i]*p =
   x[i]*psat[i]`.
