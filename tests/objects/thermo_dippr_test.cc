@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -142,9 +141,10 @@ TEST(ThermoDippr, HeatCapacityIntegralsMatchQuadrature) {
 }
 
 // The vapour-pressure curve of every compound passes through its normal boiling point (within
-// 1%) and ends near its critical point. The correlations are fitted to data up to Tc with the
-// critical point as the last point; 3% allows for the spread of published critical pressures.
-// Carbon dioxide has no liquid at 1 atm: its triple point is checked instead.
+// 1%) and ends at its critical point. The correlations are fitted with the critical point as
+// their last point; the bank's Tc and Pc come from tables that differ from the fits' own by up
+// to about 1% in Pc, hence 1.5%. Carbon dioxide has no liquid at 1 atm: its triple point is
+// checked instead.
 TEST(ThermoDippr, VapourPressureThroughBoilingAndCriticalPoints) {
   EXPECT_GE(Compounds().size(), 30u);
   for (const Compound& k : Compounds()) {
@@ -153,7 +153,7 @@ TEST(ThermoDippr, VapourPressureThroughBoilingAndCriticalPoints) {
     } else {
       EXPECT_NEAR(Evaluate(k.pvap, k.tt), k.pt, 0.01 * k.pt) << k.name;
     }
-    EXPECT_NEAR(Evaluate(k.pvap, k.tc), k.pc, 0.03 * k.pc) << k.name;
+    EXPECT_NEAR(Evaluate(k.pvap, k.tc), k.pc, 0.015 * k.pc) << k.name;
   }
 }
 
@@ -186,8 +186,8 @@ TEST(ThermoDippr, LiquidDensityAt25C) {
 
 // Clausius-Clapeyron at the normal boiling point: Hvap = T (Vv - Vl) dP/dT, the vapour volume
 // from the second virial coefficient of Pitzer's correlation with the acentric factor taken from
-// the vapour-pressure curve itself. Nonpolar compounds agree within 4%; for the polar and
-// hydrogen-bonding ones the virial estimate of Vv is poorer, and 8% is allowed.
+// the vapour-pressure curve itself. The virial estimate is good to a few per cent of Vv at 1 atm
+// (hydrogen, a quantum gas, and the hydrogen-bonding alcohols are the worst), hence 4%.
 TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
   const std::set<std::string_view> polar = {"water",      "methanol", "ethanol", "1-propanol",
                                             "2-propanol", "acetone",  "ammonia"};
@@ -204,8 +204,34 @@ TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
     const double vv = kR * t / p + b;
     const double vl = 1 / Evaluate(k.rho_l, t);
     const double h_cc = t * (vv - vl) * dpdt;
-    const double tol = polar.count(k.name) ? 0.08 : 0.04;
-    EXPECT_NEAR(Evaluate(k.hvap, t), h_cc, tol * h_cc) << k.name;
+    EXPECT_NEAR(Evaluate(k.hvap, t), h_cc, 0.04 * h_cc) << k.name;
+  }
+}
+
+// Heats of vaporisation at the normal boiling point (kJ/mol) from standard tables, within 3%.
+TEST(ThermoDippr, HeatOfVaporisationAtBoilingPoint) {
+  struct Case {
+    const char* name;
+    double hvap;
+  };
+  const Case cases[] = {{"water", 40.65},           {"methanol", 35.21},
+                        {"ethanol", 38.56},         {"benzene", 30.72},
+                        {"toluene", 33.18},         {"n-hexane", 28.85},
+                        {"n-heptane", 31.77},       {"n-octane", 34.41},
+                        {"n-pentane", 25.79},       {"acetone", 29.10},
+                        {"ammonia", 23.33},         {"nitrogen", 5.57},
+                        {"oxygen", 6.82},           {"argon", 6.43},
+                        {"methane", 8.19},          {"ethane", 14.69},
+                        {"propane", 19.04},         {"n-butane", 22.44},
+                        {"isobutane", 21.30},       {"ethylene", 13.53},
+                        {"propylene", 18.42},       {"o-xylene", 36.24},
+                        {"m-xylene", 35.66},        {"ethylbenzene", 35.57},
+                        {"2-propanol", 39.85},      {"isopentane", 24.69},
+                        {"hydrogen", 0.90},         {"carbon monoxide", 6.04},
+                        {"hydrogen sulfide", 18.67}};
+  for (const Case& c : cases) {
+    const Compound& k = Get(c.name);
+    EXPECT_NEAR(HeatOfVaporisation(k, k.tb), c.hvap, 0.03 * c.hvap) << c.name;
   }
 }
 
