@@ -35,7 +35,7 @@ std::string PlainModel(int n) {
   for (int k = 1; k <= n; ++k) {
     par += fmt::format(
         " f{0}.tau = 2\n f{0}.k = 1\n c{0}.kc = 0.5\n c{0}.taui = 3\n c{0}.taud = 0\n"
-        " c{0}.bias = 0\n c{0}.op_hi = 100\n c{0}.op_lo = 0\n",
+        " c{0}.n_d = 10\n c{0}.bias = 0\n c{0}.op_hi = 100\n c{0}.op_lo = 0\n",
         k);
     var += fmt::format(
         " f{0}.u\n f{0}.y\n c{0}.pv\n c{0}.sp\n c{0}.e\n c{0}.ie\n c{0}.op_u\n c{0}.op\n", k);
@@ -59,7 +59,8 @@ double BestBuild(const std::string& text, size_t* vars) {
     OutputCapture quiet;
     const auto start = std::chrono::steady_clock::now();
     try {
-      model::ModelStore store = model::BuildModelFromText(text, {.work_dir = "/tmp"});
+      model::ModelStore store =
+          model::BuildModelFromText(text, {.max_memory = 6, .work_dir = "/tmp"});
       *vars = store.vars.size();
     } catch (const Stop&) {
       return -1;

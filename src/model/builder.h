@@ -1,6 +1,7 @@
 // model/builder: fills the model store from a model file. Runs the front-end phases with
-// their timing lines: read (lang::ModelFileReader), constants, size, allocation, records and
-// connections, error checks, compilation of intermediates and equations through
+// their timing lines: read (lang::ModelFileReader), constants, size (after the object library
+// has expanded the Objects section into statements, objects::ExpandObjects), allocation,
+// records and connections, error checks, compilation of intermediates and equations through
 // lang::Compiler, and the evaluation of intermediates and initial residuals; then prints the
 // model size report and, at DIAGLEVEL >= 2, writes "model_init_values.txt" and
 // "model_init_res.txt".

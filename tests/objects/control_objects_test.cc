@@ -32,6 +32,21 @@ TEST(Lag, StepResponseFollowsTheExponential) {
   }
 }
 
+// A vector of lags, each element with its own time constant (one set by a connection).
+TEST(Lag, VectorOfObjectsReplicatesOverTheHorizon) {
+  const std::string model =
+      "Objects\n f[1:2] = lag(tau=2, k=3)\nEnd Objects\nEquations\n f[1:2].u = 1\nEnd Equations\n"
+      "Connections\n f[2].tau = 0.5\nEnd Connections\n";
+  const testing::Run r =
+      RunModel({{"m.zpm", model}, {"m.csv", TimeColumn(0.25, 24)}, {"m.dbs", kSimulate}});
+  ASSERT_EQ(r.status, 1) << r.out;
+  for (size_t k = 0; k < r.results.at("time").size(); ++k) {
+    const double t = r.At("time", k);
+    EXPECT_NEAR(r.At("f[1].y", k), 3 * (1 - std::exp(-t / 2)), 1e-5) << t;
+    EXPECT_NEAR(r.At("f[2].y", k), 3 * (1 - std::exp(-t / 0.5)), 1e-3) << t;
+  }
+}
+
 // Open loop, constant error: the output ramps as bias + kc (e + e t / taui); clamped at op_hi,
 // the integral does not wind up but tracks back to the limit: with kc = taui = 1, e = 1 and
 // op_hi = 3 it is t until t = 2 and 3 - exp(-(t - 2)) after.
