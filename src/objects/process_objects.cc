@@ -1,4 +1,4 @@
-// Process units: mixer, splitter, flash drum, column tray, heater, holdup vessels, stirred-tank
+// Process units: mixer, splitter, flash drum, column trays, heater, holdup vessels, stirred-tank
 // reactor, pump, recovery and stream lag. Phase equilibrium is Raoult's law with the vapour
 // pressures of the data bank; mixtures are ideal (objects/thermo_mixture). Flows are in mol/s and
 // enthalpies in kJ/mol, so f*h is a heat flow in kW, the unit of the duties.
@@ -136,23 +136,25 @@ ObjectType Flash() {
           .prepare = PrepareSpecified};
 }
 
+// The inlets of a column tray: liquid from the tray above, vapour from the tray below.
+std::vector<MemberSpec> TrayInletMembers() {
+  return {Var("lin", "1", "mol/s", "liquid inlet molar flow (from the tray above)"),
+          Var("xin", "1/{nc}", "-", "liquid inlet mole fractions", "nc"),
+          Var("hlin", "-30", "kJ/mol", "liquid inlet molar enthalpy"),
+          Var("vin", "1", "mol/s", "vapour inlet molar flow (from the tray below)"),
+          Var("yin", "1/{nc}", "-", "vapour inlet mole fractions", "nc"),
+          Var("hvin", "0", "kJ/mol", "vapour inlet molar enthalpy"),
+          Param("duty", "0", "kW", "heat duty"),
+          Param("pres", "1.01325", "bar", "tray pressure")};
+}
+
 ObjectType Tray() {
   return {
       .keywords = {"stage_1"},
       .family = kFamily,
       .summary = "column tray: liquid from above, vapour from below, equilibrium outlets",
       .arguments = {},
-      .members =
-          JoinMembers({{Var("lin", "1", "mol/s", "liquid inlet molar flow (from the tray above)"),
-                        Var("xin", "1/{nc}", "-", "liquid inlet mole fractions", "nc"),
-                        Var("hlin", "-30", "kJ/mol", "liquid inlet molar enthalpy"),
-                        Var("vin", "1", "mol/s", "vapour inlet molar flow (from the tray below)"),
-                        Var("yin", "1/{nc}", "-", "vapour inlet mole fractions", "nc"),
-                        Var("hvin", "0", "kJ/mol", "vapour inlet molar enthalpy"),
-                        Param("duty", "0", "kW", "heat duty"),
-                        Param("pres", "1.01325", "bar", "tray pressure")},
-                       EquilibriumMembers(),
-                       EnthalpyMembers()}),
+      .members = JoinMembers({TrayInletMembers(), EquilibriumMembers(), EnthalpyMembers()}),
       .equations = JoinEquations({{{"q = duty"},
                                    {"p = pres"},
                                    {"lin + vin = fv + fl"},
@@ -160,6 +162,23 @@ ObjectType Tray() {
                                    {"lin*hlin + vin*hvin + q = fv*hv + fl*hl"}},
                                   EquilibriumEquations()}),
       .prepare = PrepareCompoundTexts};
+}
+
+ObjectType FeedTray() {
+  return {.keywords = {"flash_column"},
+          .family = kFamily,
+          .summary = "feed tray of a column: a tray (stage_1) with a feed inlet fin, zin, hin",
+          .arguments = {},
+          .members = JoinMembers(
+              {TrayInletMembers(), InletMembers(), EquilibriumMembers(), EnthalpyMembers()}),
+          .equations = JoinEquations(
+              {{{"q = duty"},
+                {"p = pres"},
+                {"lin + vin + fin = fv + fl"},
+                {"lin*xin[{i}] + vin*yin[{i}] + fin*zin[{i}] = fv*y[{i}] + fl*x[{i}]", "nc"},
+                {"lin*hlin + vin*hvin + fin*hin + q = fv*hv + fl*hl"}},
+               EquilibriumEquations()}),
+          .prepare = PrepareCompoundTexts};
 }
 
 ObjectType Heater() {
@@ -317,9 +336,9 @@ ObjectType StreamLag() {
 }  // namespace
 
 const std::vector<ObjectType>& ProcessObjectTypes() {
-  static const std::vector<ObjectType> kTypes = {Mixer(),  Splitter(), Flash(),           Tray(),
-                                                 Heater(), Vessel(),   VesselWithLevel(), Reactor(),
-                                                 Pump(),   Recovery(), StreamLag()};
+  static const std::vector<ObjectType> kTypes = {
+      Mixer(),  Splitter(),        Flash(),   Tray(), FeedTray(), Heater(),
+      Vessel(), VesselWithLevel(), Reactor(), Pump(), Recovery(), StreamLag()};
   return kTypes;
 }
 

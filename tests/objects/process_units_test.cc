@@ -437,6 +437,69 @@ End Model
   }
 }
 
+// A column section around a feed tray (flash_column): every compound and the energy close from
+// the three feeds to the top vapour and the bottom liquid, and the feed tray is in equilibrium.
+TEST_F(ProcessUnits, FeedTrayColumnBalancesClose) {
+  const std::string csv = Solve(R"(Model fs
+Compounds
+  benzene, toluene
+End Compounds
+Objects
+  reflux = feed(flow=2, temp=360)
+  boilup = feed(flow=2.5, temp=390, vfrac=1)
+  fd = feed(flow=1, temp=365)
+  t1 = stage_1
+  ft = flash_column
+  t3 = stage_1
+End Objects
+Connections
+  reflux.comp[1] = 0.6
+  reflux.comp[2] = 0.4
+  boilup.comp[1] = 0.2
+  boilup.comp[2] = 0.8
+  fd.comp[1] = 0.45
+  fd.comp[2] = 0.55
+  reflux.f = t1.lin
+  reflux.x[1:2] = t1.xin[1:2]
+  reflux.h = t1.hlin
+  t1.fl = ft.lin
+  t1.x[1:2] = ft.xin[1:2]
+  t1.hl = ft.hlin
+  fd.f = ft.fin
+  fd.x[1:2] = ft.zin[1:2]
+  fd.h = ft.hin
+  ft.fl = t3.lin
+  ft.x[1:2] = t3.xin[1:2]
+  ft.hl = t3.hlin
+  boilup.f = t3.vin
+  boilup.x[1:2] = t3.yin[1:2]
+  boilup.h = t3.hvin
+  t3.fv = ft.vin
+  t3.y[1:2] = ft.yin[1:2]
+  t3.hv = ft.hvin
+  ft.fv = t1.vin
+  ft.y[1:2] = t1.yin[1:2]
+  ft.hv = t1.hvin
+End Connections
+End Model
+)",
+                                "ZPM.IMODE = 1\n");
+  const double top = Value(csv, "t1.fv"), bottom = Value(csv, "t3.fl");
+  EXPECT_NEAR(2 + 2.5 + 1, top + bottom, 1e-7);
+  EXPECT_GT(top, 0.1);
+  EXPECT_GT(bottom, 0.1);
+  const double z1[3] = {0.6, 0.2, 0.45};  // benzene in reflux, boil-up, feed
+  EXPECT_NEAR(2 * z1[0] + 2.5 * z1[1] + 1 * z1[2],
+              top * Value(csv, "t1.y[1]") + bottom * Value(csv, "t3.x[1]"), 1e-7);
+  EXPECT_NEAR(2 * Value(csv, "reflux.h") + 2.5 * Value(csv, "boilup.h") + Value(csv, "fd.h"),
+              top * Value(csv, "t1.hv") + bottom * Value(csv, "t3.hl"), 1e-6);
+  const double t = Value(csv, "ft.t");
+  const Compound& benzene = *FindCompound("benzene");
+  EXPECT_NEAR(Value(csv, "ft.y[1]") * Value(csv, "ft.p"),
+              Value(csv, "ft.x[1]") * VapourPressureBar(benzene, t), 1e-7);
+  EXPECT_GT(Value(csv, "t1.y[1]"), Value(csv, "t3.x[1]"));  // benzene goes up
+}
+
 // The bundled examples run as their READMEs say.
 TEST_F(ProcessUnits, ExamplesRunAsDocumented) {
   struct Case {
