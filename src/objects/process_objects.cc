@@ -1,7 +1,8 @@
 // Process units: mixer, splitter, flash drum, column trays, heater, holdup vessels, stirred-tank
-// reactor, pump, recovery and stream lag. Phase equilibrium is Raoult's law with the vapour
-// pressures of the data bank; mixtures are ideal (objects/thermo_mixture). Flows are in mol/s and
-// enthalpies in kJ/mol, so f*h is a heat flow in kW, the unit of the duties.
+// reactor, pump, recovery, stream lag and a polymerisation reactor. Phase equilibrium is
+// Raoult's law with the vapour pressures of the data bank; mixtures are ideal
+// (objects/thermo_mixture). Flows are in mol/s and enthalpies in kJ/mol, so f*h is a heat flow
+// in kW, the unit of the duties.
 #include "objects/thermo_objects.h"
 
 namespace kx::objects {
@@ -314,6 +315,40 @@ ObjectType Recovery() {
           .prepare = PrepareCompoundTexts};
 }
 
+ObjectType PolymerReactor() {
+  return {
+      .keywords = {"poly_reactor"},
+      .family = kFamily,
+      .summary =
+          "free-radical polymerisation in an isothermal liquid CSTR of constant volume: "
+          "initiator decay, propagation, termination by combination (quasi-steady "
+          "radicals), moments of the dead polymer",
+      .arguments = {},
+      .members = {Param("vol", "1", "m^3", "reactor volume"),
+                  Param("kd", "1e-4", "1/s", "initiator decomposition rate constant"),
+                  Param("feff", "0.5", "-", "initiator efficiency"),
+                  Param("kp", "0.1", "m^3/(mol s)", "propagation rate constant"),
+                  Param("kt", "1e4", "m^3/(mol s)", "termination rate constant"),
+                  Param("mw", "100", "kg/kmol", "monomer molar mass"),
+                  Var("q", "0.001", "m^3/s", "volumetric flow through the reactor"),
+                  Var("m_in", "5000", "mol/m^3", "monomer in the feed"),
+                  Var("i_in", "10", "mol/m^3", "initiator in the feed"),
+                  Var("m", "5000", "mol/m^3", "monomer (state)"),
+                  Var("i", "10", "mol/m^3", "initiator (state)"),
+                  Var("pr", "7e-6", "mol/m^3", "live radicals, quasi-steady"),
+                  Var("lam0", "0.5", "mol/m^3", "dead polymer chains, moment 0 (state)"),
+                  Var("lam1", "3.5", "mol/m^3", "monomer units in dead polymer, moment 1 (state)"),
+                  Var("mn", "700", "kg/kmol", "number-average molar mass of the polymer"),
+                  Var("conv", "0", "-", "monomer conversion")},
+      .equations = {{"vol*$i = q*(i_in - i) - kd*i*vol"},
+                    {"vol*$m = q*(m_in - m) - kp*m*pr*vol"},
+                    {"pr = sqrt(feff*kd*i/kt)"},
+                    {"vol*$lam0 = -q*lam0 + kt*pr^2*vol"},
+                    {"vol*$lam1 = -q*lam1 + kp*m*pr*vol"},
+                    {"mn*lam0 = mw*lam1"},
+                    {"conv*m_in = m_in - m"}}};
+}
+
 ObjectType StreamLag() {
   return {.keywords = {"stream_lag"},
           .family = kFamily,
@@ -337,8 +372,8 @@ ObjectType StreamLag() {
 
 const std::vector<ObjectType>& ProcessObjectTypes() {
   static const std::vector<ObjectType> kTypes = {
-      Mixer(),  Splitter(),        Flash(),   Tray(), FeedTray(), Heater(),
-      Vessel(), VesselWithLevel(), Reactor(), Pump(), Recovery(), StreamLag()};
+      Mixer(),           Splitter(), Flash(), Tray(),     FeedTray(),  Heater(),        Vessel(),
+      VesselWithLevel(), Reactor(),  Pump(),  Recovery(), StreamLag(), PolymerReactor()};
   return kTypes;
 }
 

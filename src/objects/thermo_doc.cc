@@ -97,6 +97,9 @@ which tells that the drum is single-phase. A heat exchanger is two `stage_2` hea
 outlet temperature or duty given and the other with `spec=2`, tied by an equation
 (`cold.q = -hot.q`). Long chains of units solve most reliably with the
 block presolve (`ZPM.REDUCE = 2`), which solves the units in flow order before the full solve.
+`poly_reactor` has variables from 1e-6 (radicals) to 1e4 mol/m^3 (monomer): solve it with Ipopt
+(`ZPM.SOLVER = 3`); the built-in SQP solver may stop at MAXACCY. Its stream is a volumetric flow
+`q` with concentrations, not a stream of the compounds above; it needs no Compounds section.
 
 )";
 

@@ -500,6 +500,39 @@ End Model
   EXPECT_GT(Value(csv, "t1.y[1]"), Value(csv, "t3.x[1]"));  // benzene goes up
 }
 
+// The polymerisation reactor at steady state against its closed form: with tau = vol/q,
+// i = i_in/(1 + kd tau), pr = sqrt(feff kd i/kt), m = m_in/(1 + kp pr tau),
+// lam0 = kt pr^2 tau, lam1 = kp m pr tau, so Mn = mw kp m/(kt pr). Solved with Ipopt: its
+// variables span ten decades, and the built-in SQP solver stops at MAXACCY on it.
+TEST_F(ProcessUnits, PolymerReactorSteadyStateMatchesItsClosedForm) {
+  const std::string csv = Solve(R"(Model fs
+Objects
+  pr = poly_reactor(vol=2, kd=2e-4, kp=0.5, kt=2e4)
+End Objects
+Connections
+  pr.q = 0.0002
+  pr.q = fixed
+  pr.m_in = 6000
+  pr.m_in = fixed
+  pr.i_in = 12
+  pr.i_in = fixed
+End Connections
+End Model
+)",
+                                "ZPM.IMODE = 1\nZPM.SOLVER = 3\n");
+  const double tau = 2 / 0.0002, kd = 2e-4, kp = 0.5, kt = 2e4, feff = 0.5;
+  const double i = 12 / (1 + kd * tau);
+  const double radicals = std::sqrt(feff * kd * i / kt);
+  const double m = 6000 / (1 + kp * radicals * tau);
+  EXPECT_NEAR(Value(csv, "pr.i"), i, 1e-9 * i);
+  EXPECT_NEAR(Value(csv, "pr.pr"), radicals, 1e-9 * radicals);
+  EXPECT_NEAR(Value(csv, "pr.m"), m, 1e-7 * m);
+  EXPECT_NEAR(Value(csv, "pr.lam0"), kt * radicals * radicals * tau, 1e-7);
+  EXPECT_NEAR(Value(csv, "pr.mn"), 100 * kp * m / (kt * radicals), 1e-6 * Value(csv, "pr.mn"));
+  EXPECT_NEAR(Value(csv, "pr.conv"), 1 - m / 6000, 1e-9);
+  EXPECT_GT(Value(csv, "pr.conv"), 0.3);
+}
+
 // The bundled examples run as their READMEs say.
 TEST_F(ProcessUnits, ExamplesRunAsDocumented) {
   struct Case {
