@@ -210,15 +210,17 @@ ObjectType Heater() {
 std::vector<MemberSpec> HoldupMembers() {
   return {Param("duty", "0", "kW", "heat duty"),
           Param("pres", "1.01325", "bar", "pressure"),
-          Var("m", "10/{nc}", "mol", "component holdups (states)", "nc"),
-          Var("n", "10", "mol", "total holdup"),
-          Var("u", "-300", "kJ", "enthalpy holdup (state)"),
+          Param("hold0", "10", "mol", "starting holdup, equal mole fractions"),
+          Param("temp0", "300", "K", "starting temperature of the holdup"),
+          Var("m", "{hold0}/{nc}", "mol", "component holdups (states)", "nc"),
+          Var("n", "{hold0}", "mol", "total holdup"),
+          Var("u", "{u0}", "MJ", "enthalpy holdup (state)"),
           Var("vol", "0.001", "m^3", "liquid volume"),
           Var("q", "0", "kW", "heat duty added")};
 }
 
 std::vector<EquationSpec> HoldupEquations() {
-  return {{"n = {sum_m}"},    {"x[{i}]*n = m[{i}]", "nc"}, {"u = n*h"},
+  return {{"n = {sum_m}"},    {"x[{i}]*n = m[{i}]", "nc"}, {"1000*u = n*h"},
           {"h = {sum_x_hl}"}, {"vol = n*{sum_x_vl}"},      {"p = pres"},
           {"q = duty"}};
 }
@@ -231,7 +233,7 @@ ObjectType Vessel() {
           .members = JoinMembers({InletMembers(), HoldupMembers(), OutletMembers(),
                                   EnthalpyMembers(), VolumeMembers()}),
           .equations = JoinEquations(
-              {{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"}, {"$u = fin*hin - f*h + q"}},
+              {{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"}, {"1000*$u = fin*hin - f*h + q"}},
                HoldupEquations()}),
           .prepare = PrepareCompoundTexts};
 }
@@ -250,7 +252,7 @@ ObjectType VesselWithLevel() {
                EnthalpyMembers(),
                VolumeMembers()}),
           .equations = JoinEquations({{{"$m[{i}] = fin*zin[{i}] - f*x[{i}]", "nc"},
-                                       {"$u = fin*hin - f*h + q"},
+                                       {"1000*$u = fin*hin - f*h + q"},
                                        {"level*area = vol"},
                                        {"mass = n*{sum_x_mw}/1000"}},
                                       HoldupEquations()}),
@@ -273,7 +275,7 @@ ObjectType Reactor() {
                EnthalpyMembers(),
                VolumeMembers()}),
           .equations = JoinEquations({{{"$m[{i}] = fin*zin[{i}] - f*x[{i}] + nu[{i}]*r*vol", "nc"},
-                                       {"$u = fin*hin - f*h - dhr*r*vol + q"},
+                                       {"1000*$u = fin*hin - f*h - dhr*r*vol + q"},
                                        {"c[{i}]*vol = m[{i}]", "nc"}},
                                       HoldupEquations()}),
           .prepare = PrepareCompoundTexts};

@@ -87,7 +87,11 @@ constexpr const char* kProcessNotes = R"(Units use the streams and property mode
 previous section. Degrees of freedom: every unit determines its outlets from its inlets and its
 parameters, except where the table says "set by the user": the outlet flow `f` of `vessel` and
 `reactor` and the rate `r` of `reactor` need an equation of the user (`v.f = k*v.n`,
-`r.r = k0*exp(-e/r.t)*r.c[1]`). `spec` chooses what fixes a flash or a heater: the temperature
+`r.r = k0*exp(-e/r.t)*r.c[1]`). The holdup of `vessel`, `vesselm` and `reactor` starts
+from its declared states: `hold0` mol of equal mole fractions (`m[i]`) and their enthalpy as
+liquid at `temp0` (`u`, `{u0}`), both set in the declaration (`vessel(hold0=500, temp0=320)`);
+another starting composition needs `m[i]` and `u` = n*h/1000 in MJ set together (Connections
+section or restart file). `spec` chooses what fixes a flash or a heater: the temperature
 `temp` (spec 0, the duty `q` follows), the duty `duty` (spec 1, the temperature follows) or
 neither (spec 2: the user ties `q`, as for one side of a heat exchanger).
 

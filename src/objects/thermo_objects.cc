@@ -168,6 +168,11 @@ void AddStartingCompositions(const std::vector<const Compound*>& cs, ObjectInsta
     o->texts[fmt::format("y0[{}]", i + 1)] = FormatReal(k[i] / sum_k);
   }
   o->texts["t0"] = FormatReal(t);
+  // The enthalpy of a holdup's starting hold0 mol of equal mole fractions, liquid at temp0.
+  const double hold0 = number("hold0", 10), temp0 = number("temp0", 300);
+  double u0 = 0;
+  for (const Compound* c : cs) u0 += hold0 / cs.size() * LiquidEnthalpy(*c, temp0) / 1000;
+  o->texts["u0"] = FormatReal(u0);  // MJ
 }
 
 }  // namespace
