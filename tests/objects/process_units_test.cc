@@ -533,6 +533,49 @@ End Model
   EXPECT_GT(Value(csv, "pr.conv"), 0.3);
 }
 
+// The stream measures on one feed: component molar and mass flows, total mass flow, and the
+// mass of a holdup of the same composition.
+TEST_F(ProcessUnits, StreamMeasures) {
+  const std::string csv = Solve(R"(Model fs
+Compounds
+  water, ethanol
+End Compounds
+Objects
+  src = feed(flow=3)
+  mf = molarflows
+  ms = massflows
+  m = massflow
+  hold = mass
+End Objects
+Connections
+  src.comp[1] = 0.8
+  src.comp[2] = 0.2
+  src.f = mf.f
+  src.x[1:2] = mf.x[1:2]
+  src.f = ms.f
+  src.x[1:2] = ms.x[1:2]
+  src.f = m.f
+  src.x[1:2] = m.x[1:2]
+  src.x[1:2] = hold.x[1:2]
+  hold.n = 50
+  hold.n = fixed
+End Connections
+End Model
+)",
+                                "ZPM.IMODE = 1\n");
+  const double mw[2] = {FindCompound("water")->mw, FindCompound("ethanol")->mw};
+  const double x[2] = {0.8, 0.2};
+  double total = 0;
+  for (int i = 0; i < 2; ++i) {
+    const std::string n = "[" + std::to_string(i + 1) + "]";
+    EXPECT_NEAR(Value(csv, "mf.fc" + n), 3 * x[i], 1e-9) << i;
+    EXPECT_NEAR(Value(csv, "ms.mc" + n), 3 * x[i] * mw[i] / 1000, 1e-9) << i;
+    total += 3 * x[i] * mw[i] / 1000;
+  }
+  EXPECT_NEAR(Value(csv, "m.m"), total, 1e-9);
+  EXPECT_NEAR(Value(csv, "hold.m"), 50 * total / 3, 1e-9);
+}
+
 // The bundled examples run as their READMEs say.
 TEST_F(ProcessUnits, ExamplesRunAsDocumented) {
   struct Case {
