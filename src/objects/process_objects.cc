@@ -1,6 +1,6 @@
 // Process units: mixer, splitter, flash drum, column trays, heater, holdup vessels, stirred-tank
-// reactor, pump, recovery, stream lag and a polymerisation reactor. Phase equilibrium is
-// Raoult's law with the vapour pressures of the data bank; mixtures are ideal
+// reactor, pump, recovery, stream lag, recycle closure and a polymerisation reactor. Phase
+// equilibrium is Raoult's law with the vapour pressures of the data bank; mixtures are ideal
 // (objects/thermo_mixture). Flows are in mol/s and enthalpies in kJ/mol, so f*h is a heat flow
 // in kW, the unit of the duties.
 #include "objects/thermo_objects.h"
@@ -351,6 +351,30 @@ ObjectType PolymerReactor() {
                     {"conv*m_in = m_in - m"}}};
 }
 
+ObjectType Feedback() {
+  return {
+      .keywords = {"feedback"},
+      .family = kFamily,
+      .summary =
+          "the closing stream of a recycle loop: passes its inlet on unchanged and "
+          "gives the loop its starting flow and temperature",
+      .arguments = {},
+      .members = JoinMembers(
+          {InletMembers(),
+           {Param("flow0", "1", "mol/s", "starting flow of the recycle"),
+            Param("temp0", "350", "K", "starting temperature of the recycle"),
+            Param("pres", "1.01325", "bar", "outlet pressure"),
+            Param("vfrac", "0", "-", "vapour share of the outlet enthalpy"),
+            Var("f", "{flow0}", "mol/s", "outlet molar flow"),
+            Var("t", "{temp0}", "K", "outlet temperature"), Var("p", "1", "bar", "outlet pressure"),
+            Var("x", "1/{nc}", "-", "outlet mole fractions", "nc"),
+            Var("h", "-30", "kJ/mol", "outlet molar enthalpy")},
+           EnthalpyMembers()}),
+      .equations =
+          {{"f = fin"}, {"x[{i}] = zin[{i}]", "nc"}, {"h = hin"}, {"p = pres"}, {kPhaseEnthalpy}},
+      .prepare = PrepareCompoundTexts};
+}
+
 ObjectType StreamLag() {
   return {.keywords = {"stream_lag"},
           .family = kFamily,
@@ -374,8 +398,9 @@ ObjectType StreamLag() {
 
 const std::vector<ObjectType>& ProcessObjectTypes() {
   static const std::vector<ObjectType> kTypes = {
-      Mixer(),           Splitter(), Flash(), Tray(),     FeedTray(),  Heater(),        Vessel(),
-      VesselWithLevel(), Reactor(),  Pump(),  Recovery(), StreamLag(), PolymerReactor()};
+      Mixer(),    Splitter(),  Flash(),           Tray(),          FeedTray(),
+      Heater(),   Vessel(),    VesselWithLevel(), Reactor(),       Pump(),
+      Recovery(), StreamLag(), Feedback(),        PolymerReactor()};
   return kTypes;
 }
 

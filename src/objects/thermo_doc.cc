@@ -99,7 +99,10 @@ A flash holds Raoult's law and `sum(y) = sum(x)`; with the component balances bo
 A feed outside the two-phase region gives a negative vapour or liquid flow (the negative flash),
 which tells that the drum is single-phase. A heat exchanger is two `stage_2` heaters, one with the
 outlet temperature or duty given and the other with `spec=2`, tied by an equation
-(`cold.q = -hot.q`). Long chains of units solve most reliably with the
+(`cold.q = -hot.q`). A recycle loop can be closed by plain
+connections; closing it through a `feedback` object gives the loop's stream a name and starting
+values (`feedback(flow0=1, temp0=372)`), which helps the first solve. Long chains of units
+solve most reliably with the
 block presolve (`ZPM.REDUCE = 2`), which solves the units in flow order before the full solve.
 `poly_reactor` has variables from 1e-6 (radicals) to 1e4 mol/m^3 (monomer): solve it with Ipopt
 (`ZPM.SOLVER = 3`); the built-in SQP solver may stop at MAXACCY. Its stream is a volumetric flow
