@@ -83,27 +83,26 @@ capacities at 25 C.
 
 )";
 
-constexpr const char* kProcessNotes = R"(Units use the streams and property models of the
-previous section. Degrees of freedom: every unit determines its outlets from its inlets and its
-parameters, except where the table says "set by the user": the outlet flow `f` of `vessel` and
-`reactor` and the rate `r` of `reactor` need an equation of the user (`v.f = k*v.n`,
-`r.r = k0*exp(-e/r.t)*r.c[1]`). The holdup of `vessel`, `vesselm` and `reactor` starts
-from its declared states: `hold0` mol of equal mole fractions (`m[i]`) and their enthalpy as
-liquid at `temp0` (`u`, `{u0}`), both set in the declaration (`vessel(hold0=500, temp0=320)`);
-another starting composition needs `m[i]` and `u` = n*h/1000 in MJ set together (Connections
-section or restart file). `spec` chooses what fixes a flash or a heater: the temperature
-`temp` (spec 0, the duty `q` follows), the duty `duty` (spec 1, the temperature follows) or
-neither (spec 2: the user ties `q`, as for one side of a heat exchanger).
+constexpr const char* kProcessNotes =
+    R"(Units use the streams and property models of the previous section. Degrees of freedom:
+every unit determines its outlets from its inlets and its parameters, except that the outlet
+flow `f` of `vessel`, `vesselm` and `reactor` and the rate `r` of `reactor` need an equation of
+the user (`v.f = k*v.n`, `r.r = k0*exp(-e/r.t)*r.c[1]`). A holdup starts from its declared
+states: `hold0` mol of equal mole fractions (`m[i]`) and their enthalpy as liquid at `temp0`
+(`u`, `{u0}`), both set in the declaration (`vessel(hold0=500, temp0=320)`); another starting
+composition needs `m[i]` and `u` = n*h/1000 in MJ set together (Connections section or restart
+file). `spec` chooses what fixes a flash or a heater: the temperature `temp` (spec 0, the duty
+`q` follows), the duty `duty` (spec 1, the temperature follows) or neither (spec 2: the user
+ties `q`, as for one side of a heat exchanger).
 
 A flash holds Raoult's law and `sum(y) = sum(x)`; with the component balances both sums are 1.
 A feed outside the two-phase region gives a negative vapour or liquid flow (the negative flash),
-which tells that the drum is single-phase. A heat exchanger is two `stage_2` heaters, one with the
-outlet temperature or duty given and the other with `spec=2`, tied by an equation
-(`cold.q = -hot.q`). A recycle loop can be closed by plain
-connections; closing it through a `feedback` object gives the loop's stream a name and starting
-values (`feedback(flow0=1, temp0=372)`), which helps the first solve. Long chains of units
-solve most reliably with the
-block presolve (`ZPM.REDUCE = 2`), which solves the units in flow order before the full solve.
+which tells that the drum is single-phase. A heat exchanger is two `stage_2` heaters, one with
+the outlet temperature or duty given and the other with `spec=2`, tied by an equation
+(`cold.q = -hot.q`). A recycle loop can be closed by plain connections; closing it through a
+`feedback` object gives the loop's stream a name and its own starting values
+(`feedback(flow0=1, temp0=372)`). Long chains of units solve most reliably with the block
+presolve (`ZPM.REDUCE = 2`), which solves the units in flow order before the full solve.
 `poly_reactor` has variables from 1e-6 (radicals) to 1e4 mol/m^3 (monomer): solve it with Ipopt
 (`ZPM.SOLVER = 3`); the built-in SQP solver may stop at MAXACCY. Its stream is a volumetric flow
 `q` with concentrations, not a stream of the compounds above; it needs no Compounds section.
