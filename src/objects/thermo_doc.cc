@@ -79,7 +79,10 @@ test `ThermoDippr` checks every compound: vapour pressure within 1% of 101325 Pa
 boiling point (carbon dioxide: its triple point) and within 1.5% of Pc at Tc, critical
 compressibility between 0.22 and 0.31, heat of vaporisation at the boiling point against the
 Clausius-Clapeyron equation (4%) and tabulated values (3%), and tabulated densities and heat
-capacities at 25 C.
+capacities at 25 C. The coefficients were entered by hand, not
+imported from an electronic copy of the tables: the checks above catch a wrong digit in the
+boiling and critical region, but compare a compound against the printed table before using it
+for design work.
 
 )";
 
