@@ -5,7 +5,8 @@ namespace kx::objects {
 const std::vector<const ObjectType*>& ObjectTypes() {
   static const std::vector<const ObjectType*> kAll = [] {
     std::vector<const ObjectType*> all;
-    for (const auto* family : {&MathObjectTypes(), &ControlObjectTypes()}) {
+    for (const auto* family : {&MathObjectTypes(), &ControlObjectTypes(), &ThermoObjectTypes(),
+                               &ProcessObjectTypes()}) {
       for (const ObjectType& t : *family) all.push_back(&t);
     }
     return all;

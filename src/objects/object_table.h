@@ -104,6 +104,8 @@ std::string MemberUnits(std::string_view keyword, std::string_view member);
 // Families (one per file); ObjectTypes() gathers them.
 const std::vector<ObjectType>& MathObjectTypes();
 const std::vector<ObjectType>& ControlObjectTypes();
+const std::vector<ObjectType>& ThermoObjectTypes();
+const std::vector<ObjectType>& ProcessObjectTypes();
 
 // Stops the run with a message naming the object and its line:
 // "Object <name> (<type>, line <n>): <what>".

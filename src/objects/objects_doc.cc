@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "objects/object_table.h"
+#include "objects/thermo_objects.h"
 
 namespace kx::objects {
 namespace {
@@ -151,6 +152,7 @@ std::string RenderObjectsMarkdown() {
     if (family != t->family) {
       family = t->family;
       out += fmt::format("\n## {} objects\n\n", family);
+      out += ThermoFamilyNotes(family);
     }
     out += Section(*t);
   }
