@@ -123,8 +123,19 @@ double MemberValue(const model::ModelStore& base, const model::ObjectDecl& o, co
   return n > 0 ? base.Var(n).val : 0.0;
 }
 
+// The samples are the steps: steps of different lengths are worth a warning.
+void WarnUnevenSteps(const TimeGrid& grid, const model::ObjectDecl& o) {
+  const auto [shortest, longest] = std::minmax_element(grid.dt.begin(), grid.dt.end());
+  if (shortest == grid.dt.end() || *longest - *shortest <= 1e-9 * *longest) return;
+  Sayf(
+      "WARNING: arx object {}: the horizon's steps differ in length ({} to {}); each step is "
+      "one sample",
+      o.name, FormatReal(*shortest), FormatReal(*longest));
+}
+
 void ApplyArx(Horizon& h, const CopyIndex& copies, const model::ModelStore& base,
               const model::ObjectDecl& o) {
+  WarnUnevenSteps(h.grid, o);
   const int y = NumberOf(base, o.name + ".y"), u = NumberOf(base, o.name + ".u");
   const std::vector<int> yl = VectorMember(base, o.name + ".yl");
   const std::vector<int> ul = VectorMember(base, o.name + ".ul");

@@ -82,6 +82,7 @@ TEST(Arx, FollowsTheDifferenceEquationOverTheHorizon) {
                   {"m.csv", InputFile()},
                   {"m.dbs", fmt::format("ZPM.IMODE = {}\nZPM.NODES = {}\n", t.imode, t.nodes)}});
     ASSERT_EQ(r.status, 1) << t.a_file << r.out;
+    EXPECT_FALSE(r.Has("steps differ in length")) << r.out;
     std::vector<double> u;
     for (int k = 0; k <= kSteps; ++k) u.push_back(Input(k));
     const std::vector<double> y = SimulateArx(t.a, t.b, t.c, u, t.rest ? NAN : 2.0);
@@ -120,6 +121,21 @@ TEST(Arx, StartValueMovesOnWithTheRestartFile) {
     for (int k = 0; k <= kSteps; ++k) EXPECT_NEAR(got[k], y[k], 1e-8) << cycle << " k = " << k;
     y0 = y[1];
   }
+}
+
+TEST(Arx, StepsOfDifferentLengthsAreOneSampleEachAfterAWarning) {
+  const testing::Run r =
+      RunModel({{"m.zpm",
+                 "Objects\n s = arx(a.txt, a.txt)\nEnd Objects\nEquations\n s.u = 1\n"
+                 "End Equations\n"},
+                {"a.txt", "0.5\n"},
+                {"m.dbs",
+                 "ZPM.IMODE = 4\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 3\nZPM.CTRL_HOR = 1\n"
+                 "ZPM.CTRL_TIME = 1\nZPM.PRED_TIME = 2\n"}});
+  ASSERT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(r.Has("WARNING: arx object s: the horizon's steps differ in length (1 to 2)"))
+      << r.out;
+  EXPECT_NEAR(r.At("s.y", 3), 1, 1e-9);  // at rest: y = 0.5 y + 0.5 u
 }
 
 // In a steady-state mode arx is y (1 - sum a) = (sum b) u + c, and periodic adds nothing.
