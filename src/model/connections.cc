@@ -122,9 +122,13 @@ void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
       FailConnection(c, *store, options);
     }
     store->connections.back().var_b = b;
-    bool a_fixed = store->vars[ResolveForward(*store, a)].fixed;
+    // Side A decides whether the merged variable is fixed, except that a declared record
+    // outranks an object member: `f.u = uin` with a parameter uin stays a parameter.
+    const Variable& va = store->vars[ResolveForward(*store, a)];
+    const Variable& vb = store->vars[ResolveForward(*store, b)];
+    const bool fixed = vb.preferred && !va.preferred ? vb.fixed : va.fixed;
     int survivor = MergeVariables(store, a, b);
-    store->vars[survivor].fixed = a_fixed;
+    store->vars[survivor].fixed = fixed;
   }
   if (!store->connections.empty()) WriteConnectionsFile(*store, options.work_dir);
 }

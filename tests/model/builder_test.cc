@@ -162,6 +162,20 @@ TEST(Connections, MergedRecordKeepsTheFixedMarkOfSideA) {
   }
 }
 
+// An object member joined to a declared parameter is that parameter, whichever side it is on.
+TEST(Connections, ObjectMemberJoinedToAParameterStaysFixed) {
+  ScratchDir dir;
+  for (const char* c : {"f.u = uin", "uin = f.u"}) {
+    auto r = Build(std::string("Parameters\nuin = 2\nEnd Parameters\n") +
+                            "Variables\ny = 0\nEnd Variables\nObjects\nf = lag\nEnd Objects\n" +
+                            "Connections\n" + c + "\nf.y = y\nEnd Connections\n", dir);
+    ASSERT_FALSE(r.stopped) << r.output;
+    const Variable& u = r.store.vars[ResolveForward(r.store, testing::Find(r.store, "f.u"))];
+    EXPECT_TRUE(u.fixed) << c;
+    EXPECT_EQ(u.val, 2) << c;
+  }
+}
+
 TEST(Connections, FixedCalculatedAndValues) {
   ScratchDir dir;
   auto r = Build(WithConnections("a = fixed\nb = 2.5\np = calculated\nb = fixed\nc = 1d1"), dir);
