@@ -14,6 +14,7 @@
 #include "lang/compiler.h"
 #include "model/checks.h"
 #include "model/connections.h"
+#include "model/program_reuse.h"
 
 namespace kx::model {
 namespace {
@@ -27,7 +28,11 @@ constexpr int kDashLine = 54;
 class Builder {
  public:
   explicit Builder(const BuildOptions& options)
-      : options_(options), compiler_(lang::CompileLimits{options.max_memory}) {
+      : options_(options),
+        compiler_(lang::CompileLimits{options.max_memory}),
+        shapes_([this](std::string_view name, bool derivative) {
+          return Lookup(name, derivative);
+        }) {
     resolve_ = [this](std::string_view name, bool derivative) {
       return Resolve(name, derivative);
     };
@@ -53,6 +58,8 @@ class Builder {
   void CompileIntermediateValues();
   void FinishCounts();
   Symbol Resolve(std::string_view name, bool derivative);
+  Symbol Lookup(std::string_view name, bool derivative) const;
+  void MarkDerivatives(const std::vector<int>& columns);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
   Symbol ResolveValueInput(std::string_view name, bool derivative);
@@ -60,6 +67,7 @@ class Builder {
   BuildOptions options_;
   lang::Compiler compiler_;
   lang::Resolver resolve_;
+  ProgramShapes shapes_;  // one program per equation shape
   lang::ParsedModel parsed_;
   ModelStore store_;
   NameIndex names_;                                    // variable and parameter names
@@ -244,6 +252,24 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
   return sym;  // unknown in an intermediate: the compiler stops with its defining text
 }
 
+// What Resolve would answer for a constant or a variable, without marking anything and
+// without stopping: anything else is kUnknown.
+Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
+  const std::string name(name_view);
+  Symbol sym;
+  if (auto c = constants_.find(name); c != constants_.end() && !derivative) {
+    sym.kind = Symbol::Kind::kConstant;
+    sym.value = c->second;
+    return sym;
+  }
+  if (auto v = names_.find(name); v != names_.end()) {
+    const Variable& rec = store_.vars[ResolveForward(store_, v->second)];
+    sym.kind = Symbol::Kind::kColumn;
+    sym.column = derivative ? store_.nvar + rec.number : rec.number;
+  }
+  return sym;
+}
+
 // An unknown name in an equation is shown in the statement as written (the compiler sees the
 // residual form), at the first place where it stands as a whole name.
 void Builder::FailUnknownName(std::string_view name, bool derivative) const {
@@ -302,12 +328,23 @@ void Builder::CompileEquations() {
   for (int e = 0; e < static_cast<int>(store_.eqns.size()); ++e) CompileEquation(e);
 }
 
+// An equation of a shape compiled before takes that program with its own column map;
+// otherwise it is compiled, and its program offered to the equations of its shape that follow.
 void Builder::CompileEquation(int e) {
   Equation& q = store_.eqns[e];
   if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
+  std::vector<int> columns;
+  const int shared = shapes_.Find(q.residual_text, &columns);
+  if (shared >= 0) {
+    q.columns = std::move(columns);
+    MarkDerivatives(q.columns);
+    CheckColumns(e);
+    q.program = shared;
+    for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+    return;
+  }
   refs_.clear();
   refs_tainted_ = false;
-  std::vector<int> columns;
   compiling_ = &q;
   lang::Program p = compiler_.CompileEquation(e + 1, q.residual_text, resolve_, &columns);
   compiling_ = nullptr;
@@ -316,7 +353,14 @@ void Builder::CompileEquation(int e) {
   CheckColumns(e);
   q.program = static_cast<int>(store_.programs.size());
   store_.programs.push_back(std::move(p));
+  shapes_.Remember(q.program, q.columns);
   for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+}
+
+// A derivative column read by an equation makes its variable differential (as Resolve does).
+void Builder::MarkDerivatives(const std::vector<int>& columns) {
+  for (int c : columns)
+    if (c > store_.nvar) store_.Var(c - store_.nvar).diff = true;
 }
 
 void Builder::CheckColumns(int e) const {
