@@ -380,6 +380,12 @@ ParsedModel ModelFileReader::Parse() {
   model_.parameters.reserve(st[static_cast<int>(Section::kParameters)].size());
   model_.variables.reserve(st[static_cast<int>(Section::kVariables)].size());
   model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
+  const size_t declarations = st[static_cast<int>(Section::kParameters)].size() +
+                              st[static_cast<int>(Section::kVariables)].size();
+  declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
+                    model_.constants.size());
+  initial_values_.reserve(declarations);
+  declared_later_.reserve(declarations);
   CollectDeclaredNames();
   for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
     ParseDeclaration(s, &model_.parameters);

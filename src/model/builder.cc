@@ -23,6 +23,35 @@ using Clock = std::chrono::steady_clock;
 using lang::Symbol;
 
 constexpr int kUnderscoreLine = 48;
+constexpr size_t kMaxIndexDigits = 9;
+
+// Splits an element name `base[index]` (index digits without a leading zero); false for any
+// other name.
+bool SplitElement(std::string_view name, std::string_view* base, long* index) {
+  if (name.size() < 3 || name.back() != ']') return false;
+  const size_t open = name.rfind('[');
+  if (open == std::string_view::npos || open == 0) return false;
+  const std::string_view digits = name.substr(open + 1, name.size() - open - 2);
+  if (digits.empty() || digits.size() > kMaxIndexDigits) return false;
+  if (digits.size() > 1 && digits[0] == '0') return false;
+  long value = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return false;
+    value = 10 * value + (c - '0');
+  }
+  *base = name.substr(0, open);
+  *index = value;
+  return true;
+}
+
+// The elements base[first..last] of one vector, declared one after another from record
+// `first_record` on. A base whose elements are not so declared is `broken` and found by name.
+struct ElementRun {
+  long first = 0;
+  long last = 0;
+  int first_record = 0;
+  bool broken = false;
+};
 constexpr int kDashLine = 54;
 
 class Builder {
@@ -59,6 +88,8 @@ class Builder {
   void FinishCounts();
   Symbol Resolve(std::string_view name, bool derivative);
   Symbol Lookup(std::string_view name, bool derivative) const;
+  void NoteElement(const std::string& name, int record);
+  int FindRecord(std::string_view name) const;
   void MarkDerivatives(const std::vector<int>& columns);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
@@ -71,6 +102,7 @@ class Builder {
   lang::ParsedModel parsed_;
   ModelStore store_;
   NameIndex names_;                                    // variable and parameter names
+  std::unordered_map<std::string, ElementRun> runs_;   // vector elements by base name
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
   std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
@@ -154,7 +186,42 @@ void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
   v.line = d.line;
   RepairBounds(&v);
   names_.emplace(v.name, static_cast<int>(store_.vars.size()));
+  NoteElement(v.name, static_cast<int>(store_.vars.size()));
   store_.vars.push_back(std::move(v));
+}
+
+// Extends the run of the element's vector when it follows the last element of the run.
+void Builder::NoteElement(const std::string& name, int record) {
+  std::string_view base;
+  long index = 0;
+  if (!SplitElement(name, &base, &index)) return;
+  auto [it, inserted] = runs_.try_emplace(std::string(base));
+  ElementRun& run = it->second;
+  if (inserted) {
+    run = {index, index, record, false};
+  } else if (!run.broken && index == run.last + 1 &&
+             record == run.first_record + (run.last - run.first) + 1) {
+    run.last = index;
+  } else {
+    run.broken = true;
+  }
+}
+
+// Record index of a parameter or variable name, -1 when there is none. Elements of a vector
+// declared in order are found by their index, without hashing the whole name.
+int Builder::FindRecord(std::string_view name) const {
+  std::string_view base;
+  long index = 0;
+  if (SplitElement(name, &base, &index)) {
+    const auto run = runs_.find(std::string(base));
+    if (run != runs_.end() && !run->second.broken) {
+      const ElementRun& r = run->second;
+      if (index < r.first || index > r.last) return -1;
+      return r.first_record + static_cast<int>(index - r.first);
+    }
+  }
+  const auto v = names_.find(std::string(name));
+  return v == names_.end() ? -1 : v->second;
 }
 
 void Builder::CreateRecords() {
@@ -262,8 +329,8 @@ Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
     sym.value = c->second;
     return sym;
   }
-  if (auto v = names_.find(name); v != names_.end()) {
-    const Variable& rec = store_.vars[ResolveForward(store_, v->second)];
+  if (const int record = FindRecord(name); record >= 0) {
+    const Variable& rec = store_.vars[ResolveForward(store_, record)];
     sym.kind = Symbol::Kind::kColumn;
     sym.column = derivative ? store_.nvar + rec.number : rec.number;
   }

@@ -105,6 +105,11 @@ const ReuseCase kCases[] = {
      "End Intermediates\nEquations\n w*p[1] = 1\n w*p[2] = 1\n w*p[3] + pi = 1\n"
      " w*p[3] = 1\nEnd Equations\n",
      3},  // rows 1 and 4 share; row 2 reads an intermediate, row 3 has its own shape
+    {"elements declared out of order or with gaps are found by name",
+     "Variables\n y[2] = 2\n y[1] = 1\n y[3] = 3\n z[1:2] = 1.5\n w[1:2] = 1\n"
+     " w[4] = 7\nEnd Variables\nEquations\n y[1:3]*z[1] = w[1]\n z[1]*w[4] = z[2] + w[2]\n"
+     " w[1:2] = 2*z[1:2]\nEnd Equations\n",
+     3},
 };
 
 class ProgramReuse : public ::testing::TestWithParam<ReuseCase> {};
