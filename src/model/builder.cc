@@ -73,7 +73,8 @@ class Builder {
   template <typename F>
   void Phase(const char* label, F&& body);
   void CreateRecords();
-  void AddVariable(const lang::VariableDecl& d, char vtype);
+  void AddVariable(lang::VariableDecl* d, char vtype);
+  void ReleaseDeclarations();
   void SetInitialDerivatives();
   void CheckObjects() const;
   void NumberVariables();
@@ -171,15 +172,17 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   return std::move(store_);
 }
 
-void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
+// Takes the declaration's name; the declarations are released once the records exist.
+void Builder::AddVariable(lang::VariableDecl* decl, char vtype) {
+  const lang::VariableDecl& d = *decl;
   Variable v;
-  v.name = d.name;
+  v.name = std::move(decl->name);
   v.vtype = vtype;
   v.fixed = vtype == kVarParameter;
   v.preferred = true;
-  v.obj_def = StartsWith(d.name, "obj");
-  v.integer = StartsWith(d.name, "int");
-  v.slack = StartsWith(d.name, "slk");
+  v.obj_def = StartsWith(v.name, "obj");
+  v.integer = StartsWith(v.name, "int");
+  v.slack = StartsWith(v.name, "slk");
   v.val = d.value;
   v.lower = d.lower;
   v.upper = d.upper;
@@ -230,20 +233,20 @@ void Builder::CreateRecords() {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});
   }
-  for (const auto& d : parsed_.parameters) AddVariable(d, kVarParameter);
-  for (const auto& d : parsed_.variables) {
-    if (!d.derivative) AddVariable(d, kVarDeclared);
+  for (auto& d : parsed_.parameters) AddVariable(&d, kVarParameter);
+  for (auto& d : parsed_.variables) {
+    if (!d.derivative) AddVariable(&d, kVarDeclared);
   }
   SetInitialDerivatives();
   for (const auto& d : parsed_.intermediates) {
     intermediates_.emplace(d.name, static_cast<int>(store_.intermediates.size()));
     store_.intermediates.push_back({d.name, d.text, -1, -1, {}, 0, d.line});
   }
-  for (const auto& e : parsed_.equations) {
+  for (auto& e : parsed_.equations) {
     Equation q;
     q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
-    q.text = e.text;
-    q.residual_text = e.residual;
+    q.text = std::move(e.text);
+    q.residual_text = std::move(e.residual);
     q.type = e.type;
     q.obj_eqn = e.objective;
     q.lower = e.lower;
@@ -254,6 +257,15 @@ void Builder::CreateRecords() {
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;
+  ReleaseDeclarations();
+}
+
+// The records hold everything the declarations and equation statements said: their memory
+// goes back before the model is compiled.
+void Builder::ReleaseDeclarations() {
+  std::vector<lang::VariableDecl>().swap(parsed_.parameters);
+  std::vector<lang::VariableDecl>().swap(parsed_.variables);
+  std::vector<lang::EquationDecl>().swap(parsed_.equations);
 }
 
 // `$x = v` in the Variables section: the initial time derivative of a declared x.
