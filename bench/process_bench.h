@@ -43,6 +43,7 @@ struct ProcessRun {
   double cpu = -1;      // user + system of the process
   int status = -1;      // exit status, -1 when it did not exit normally
   bool stopped = false;  // killed on reaching the time limit
+  double peak_mb = -1;   // peak resident size of the process (ru_maxrss), MB
 };
 
 // Runs `argv` in the current directory with its standard output and error sent to `out`
@@ -92,6 +93,7 @@ inline ProcessRun RunProcess(const std::vector<std::string>& argv, const std::st
   auto sec = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * t.tv_usec; };
   run.cpu = sec(usage.ru_utime) + sec(usage.ru_stime);
   run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+  run.peak_mb = usage.ru_maxrss / 1024.0;
   return run;
 }
 

@@ -256,7 +256,7 @@ double ModelFileReader::EvaluateInitialValue(std::string_view text, const std::s
       sym.value = *v;
     } else if (auto it = initial_values_.find(key); it != initial_values_.end()) {
       sym.value = it->second;
-    } else if (declared_later_.count(key) > 0) {
+    } else if (IsDeclaredLater(key)) {
       Fatal({"Error: Initialization of variable " + name + " failed",
              " Trying to use an uninitialized value in expression:", std::string(text)});
     } else {
@@ -268,7 +268,17 @@ double ModelFileReader::EvaluateInitialValue(std::string_view text, const std::s
   return compiler_->EvalOnce(text, resolve);
 }
 
-// Names of every parameter and variable statement, before any of them is parsed.
+// Whether some parameter or variable statement declares `name` (one below the value that
+// asks: those above have their values already). The names are collected on the first question.
+bool ModelFileReader::IsDeclaredLater(const std::string& name) {
+  if (!names_collected_) {
+    CollectDeclaredNames();
+    names_collected_ = true;
+  }
+  return declared_later_.count(name) > 0;
+}
+
+// Names of every parameter and variable statement.
 void ModelFileReader::CollectDeclaredNames() {
   for (Section sec : {Section::kParameters, Section::kVariables}) {
     for (const Statement& s : statements_[static_cast<int>(sec)]) {
@@ -380,7 +390,11 @@ ParsedModel ModelFileReader::Parse() {
   model_.parameters.reserve(st[static_cast<int>(Section::kParameters)].size());
   model_.variables.reserve(st[static_cast<int>(Section::kVariables)].size());
   model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
-  CollectDeclaredNames();
+  const size_t declarations = st[static_cast<int>(Section::kParameters)].size() +
+                              st[static_cast<int>(Section::kVariables)].size();
+  declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
+                    model_.constants.size());
+  initial_values_.reserve(declarations);
   for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
     ParseDeclaration(s, &model_.parameters);
   }

@@ -168,6 +168,7 @@ class ModelFileReader {
                      std::vector<Statement>* statements);
   double EvaluateConstantText(std::string_view text, int line);
   double EvaluateInitialValue(std::string_view text, const std::string& name, int line);
+  bool IsDeclaredLater(const std::string& name);
   void CollectDeclaredNames();
   void CheckNewName(const std::string& name, const char* kind, bool derivative);
   void ParseConstant(const Statement& s);
@@ -192,6 +193,7 @@ class ModelFileReader {
   // parameter and variable statement (a value may read the ones above it, not those below).
   std::unordered_map<std::string, double> initial_values_;
   std::unordered_set<std::string> declared_later_;
+  bool names_collected_ = false;  // declared_later_ is filled (on the first question)
   // Every declared name with its kind ("variable:", "intermediate:", ...), for duplicates.
   std::unordered_map<std::string, const char*> declared_;
   ParsedModel model_;

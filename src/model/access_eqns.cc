@@ -108,9 +108,9 @@ void ModelAccess::GetMultipliers(bool scaled, std::span<double> y) {
 double ModelAccess::Objective(bool include_fixed) {
   EnsureLayout();
   double f = 0.0;
-  for (int n = 1; n <= nvar(); ++n) {
+  for (int n : layout_->objective_vars) {
     const Variable& v = store_.Var(n);
-    if (v.obj_def && (include_fixed || !v.fixed)) f += v.val;
+    if (include_fixed || !v.fixed) f += v.val;
   }
   for (int e : layout_->objective_eqns) {
     Equation& eqn = store_.eqns[e];
@@ -126,9 +126,8 @@ void ModelAccess::ObjectiveGradient(bool scaled, std::span<double> dense) {
   KX_CHECK(static_cast<int>(dense.size()) >= nvar());
   ObjectivePattern();  // checks the objective rows' columns
   std::fill(dense.begin(), dense.begin() + nvar(), 0.0);
-  for (int n = 1; n <= nvar(); ++n) {
-    const Variable& v = store_.Var(n);
-    if (v.obj_def && !v.fixed) dense[n - 1] += 1.0;
+  for (int n : layout_->objective_vars) {
+    if (!store_.Var(n).fixed) dense[n - 1] += 1.0;
   }
   for (int e : layout_->objective_eqns) {
     Equation& eqn = store_.eqns[e];

@@ -17,6 +17,7 @@
 #include "model/connections.h"
 #include "objects/expander.h"
 #include "objects/object_table.h"
+#include "model/program_reuse.h"
 
 namespace kx::model {
 namespace {
@@ -25,12 +26,45 @@ using Clock = std::chrono::steady_clock;
 using lang::Symbol;
 
 constexpr int kUnderscoreLine = 48;
+constexpr size_t kMaxIndexDigits = 9;
+
+// Splits an element name `base[index]` (index digits without a leading zero); false for any
+// other name.
+bool SplitElement(std::string_view name, std::string_view* base, long* index) {
+  if (name.size() < 3 || name.back() != ']') return false;
+  const size_t open = name.rfind('[');
+  if (open == std::string_view::npos || open == 0) return false;
+  const std::string_view digits = name.substr(open + 1, name.size() - open - 2);
+  if (digits.empty() || digits.size() > kMaxIndexDigits) return false;
+  if (digits.size() > 1 && digits[0] == '0') return false;
+  long value = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return false;
+    value = 10 * value + (c - '0');
+  }
+  *base = name.substr(0, open);
+  *index = value;
+  return true;
+}
+
+// The elements base[first..last] of one vector, declared one after another from record
+// `first_record` on. A base whose elements are not so declared is `broken` and found by name.
+struct ElementRun {
+  long first = 0;
+  long last = 0;
+  int first_record = 0;
+  bool broken = false;
+};
 constexpr int kDashLine = 54;
 
 class Builder {
  public:
   explicit Builder(const BuildOptions& options)
-      : options_(options), compiler_(lang::CompileLimits{options.max_memory}) {
+      : options_(options),
+        compiler_(lang::CompileLimits{options.max_memory}),
+        shapes_([this](std::string_view name, bool derivative) {
+          return Lookup(name, derivative);
+        }) {
     resolve_ = [this](std::string_view name, bool derivative) {
       return Resolve(name, derivative);
     };
@@ -42,7 +76,8 @@ class Builder {
   template <typename F>
   void Phase(const char* label, F&& body);
   void CreateRecords();
-  void AddVariable(const lang::VariableDecl& d, char vtype);
+  void AddVariable(lang::VariableDecl* d, char vtype);
+  void ReleaseDeclarations();
   bool IsObjectMember(const std::string& name) const;
   std::string MemberUnits(const std::string& name) const;
   std::string ObjectMembers(const std::string& name) const;
@@ -58,6 +93,10 @@ class Builder {
   void CompileIntermediateValues();
   void FinishCounts();
   Symbol Resolve(std::string_view name, bool derivative);
+  Symbol Lookup(std::string_view name, bool derivative) const;
+  void NoteElement(const std::string& name, int record);
+  int FindRecord(std::string_view name) const;
+  void MarkDerivatives(const std::vector<int>& columns);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
   Symbol ResolveValueInput(std::string_view name, bool derivative);
@@ -65,9 +104,11 @@ class Builder {
   BuildOptions options_;
   lang::Compiler compiler_;
   lang::Resolver resolve_;
+  ProgramShapes shapes_;  // one program per equation shape
   lang::ParsedModel parsed_;
   ModelStore store_;
   NameIndex names_;                                    // variable and parameter names
+  std::unordered_map<std::string, ElementRun> runs_;   // vector elements by base name
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
   std::unordered_map<std::string, std::string> object_types_;  // declared object -> type
@@ -139,25 +180,28 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   return std::move(store_);
 }
 
-void Builder::AddVariable(const lang::VariableDecl& d, char vtype) {
+// Takes the declaration's name; the declarations are released once the records exist.
+void Builder::AddVariable(lang::VariableDecl* decl, char vtype) {
+  const lang::VariableDecl& d = *decl;
   Variable v;
-  v.name = d.name;
+  v.name = std::move(decl->name);
   v.vtype = vtype;
   v.fixed = vtype == kVarParameter;
   // A connection between an object member and a declared name keeps the declared record
   // (its value, bounds and name survive).
-  v.preferred = !IsObjectMember(d.name);
-  if (!v.preferred) v.units = MemberUnits(d.name);
-  v.obj_def = StartsWith(d.name, "obj");
+  v.preferred = !IsObjectMember(v.name);
+  if (!v.preferred) v.units = MemberUnits(v.name);
+  v.obj_def = StartsWith(v.name, "obj");
   // An object member named int... (`a.int_b`) is integer like a declared int... name.
-  v.integer = StartsWith(d.name, "int") || d.name.find(".int") != std::string::npos;
-  v.slack = StartsWith(d.name, "slk");
+  v.integer = StartsWith(v.name, "int") || v.name.find(".int") != std::string::npos;
+  v.slack = StartsWith(v.name, "slk");
   v.val = d.value;
   v.lower = d.lower;
   v.upper = d.upper;
   v.line = d.line;
   RepairBounds(&v);
   names_.emplace(v.name, static_cast<int>(store_.vars.size()));
+  NoteElement(v.name, static_cast<int>(store_.vars.size()));
   store_.vars.push_back(std::move(v));
 }
 
@@ -173,6 +217,40 @@ bool Builder::IsObjectMember(const std::string& name) const {
   return dot != std::string::npos && object_types_.count(name.substr(0, dot)) > 0;
 }
 
+// Extends the run of the element's vector when it follows the last element of the run.
+void Builder::NoteElement(const std::string& name, int record) {
+  std::string_view base;
+  long index = 0;
+  if (!SplitElement(name, &base, &index)) return;
+  auto [it, inserted] = runs_.try_emplace(std::string(base));
+  ElementRun& run = it->second;
+  if (inserted) {
+    run = {index, index, record, false};
+  } else if (!run.broken && index == run.last + 1 &&
+             record == run.first_record + (run.last - run.first) + 1) {
+    run.last = index;
+  } else {
+    run.broken = true;
+  }
+}
+
+// Record index of a parameter or variable name, -1 when there is none. Elements of a vector
+// declared in order are found by their index, without hashing the whole name.
+int Builder::FindRecord(std::string_view name) const {
+  std::string_view base;
+  long index = 0;
+  if (SplitElement(name, &base, &index)) {
+    const auto run = runs_.find(std::string(base));
+    if (run != runs_.end() && !run->second.broken) {
+      const ElementRun& r = run->second;
+      if (index < r.first || index > r.last) return -1;
+      return r.first_record + static_cast<int>(index - r.first);
+    }
+  }
+  const auto v = names_.find(std::string(name));
+  return v == names_.end() ? -1 : v->second;
+}
+
 void Builder::CreateRecords() {
   store_.name = parsed_.name;
   for (const auto& o : parsed_.objects) object_types_.emplace(o.name, o.type);
@@ -180,20 +258,20 @@ void Builder::CreateRecords() {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});
   }
-  for (const auto& d : parsed_.parameters) AddVariable(d, kVarParameter);
-  for (const auto& d : parsed_.variables) {
-    if (!d.derivative) AddVariable(d, kVarDeclared);
+  for (auto& d : parsed_.parameters) AddVariable(&d, kVarParameter);
+  for (auto& d : parsed_.variables) {
+    if (!d.derivative) AddVariable(&d, kVarDeclared);
   }
   SetInitialDerivatives();
   for (const auto& d : parsed_.intermediates) {
     intermediates_.emplace(d.name, static_cast<int>(store_.intermediates.size()));
     store_.intermediates.push_back({d.name, d.text, -1, -1, {}, 0, d.line});
   }
-  for (const auto& e : parsed_.equations) {
+  for (auto& e : parsed_.equations) {
     Equation q;
     q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
-    q.text = e.text;
-    q.residual_text = e.residual;
+    q.text = std::move(e.text);
+    q.residual_text = std::move(e.residual);
     q.type = e.type;
     q.obj_eqn = e.objective;
     q.lower = e.lower;
@@ -204,6 +282,15 @@ void Builder::CreateRecords() {
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;
+  ReleaseDeclarations();
+}
+
+// The records hold everything the declarations and equation statements said: their memory
+// goes back before the model is compiled.
+void Builder::ReleaseDeclarations() {
+  std::vector<lang::VariableDecl>().swap(parsed_.parameters);
+  std::vector<lang::VariableDecl>().swap(parsed_.variables);
+  std::vector<lang::EquationDecl>().swap(parsed_.equations);
 }
 
 // `$x = v` in the Variables section: the initial time derivative of a declared x.
@@ -260,6 +347,24 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
   }
   if (compiling_ != nullptr) FailUnknownName(name, derivative);
   return sym;  // unknown in an intermediate: the compiler stops with its defining text
+}
+
+// What Resolve would answer for a constant or a variable, without marking anything and
+// without stopping: anything else is kUnknown.
+Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
+  const std::string name(name_view);
+  Symbol sym;
+  if (auto c = constants_.find(name); c != constants_.end() && !derivative) {
+    sym.kind = Symbol::Kind::kConstant;
+    sym.value = c->second;
+    return sym;
+  }
+  if (const int record = FindRecord(name); record >= 0) {
+    const Variable& rec = store_.vars[ResolveForward(store_, record)];
+    sym.kind = Symbol::Kind::kColumn;
+    sym.column = derivative ? store_.nvar + rec.number : rec.number;
+  }
+  return sym;
 }
 
 // An unknown name in an equation is shown in the statement as written (the compiler sees the
@@ -349,12 +454,23 @@ void Builder::CompileEquations() {
   for (int e = 0; e < static_cast<int>(store_.eqns.size()); ++e) CompileEquation(e);
 }
 
+// An equation of a shape compiled before takes that program with its own column map;
+// otherwise it is compiled, and its program offered to the equations of its shape that follow.
 void Builder::CompileEquation(int e) {
   Equation& q = store_.eqns[e];
   if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
+  std::vector<int> columns;
+  const int shared = shapes_.Find(q.residual_text, &columns);
+  if (shared >= 0) {
+    q.columns = std::move(columns);
+    MarkDerivatives(q.columns);
+    CheckColumns(e);
+    q.program = shared;
+    for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+    return;
+  }
   refs_.clear();
   refs_tainted_ = false;
-  std::vector<int> columns;
   compiling_ = &q;
   lang::Program p = compiler_.CompileEquation(e + 1, q.residual_text, resolve_, &columns);
   compiling_ = nullptr;
@@ -363,7 +479,14 @@ void Builder::CompileEquation(int e) {
   CheckColumns(e);
   q.program = static_cast<int>(store_.programs.size());
   store_.programs.push_back(std::move(p));
+  shapes_.Remember(q.program, q.columns);
   for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+}
+
+// A derivative column read by an equation makes its variable differential (as Resolve does).
+void Builder::MarkDerivatives(const std::vector<int>& columns) {
+  for (int c : columns)
+    if (c > store_.nvar) store_.Var(c - store_.nvar).diff = true;
 }
 
 void Builder::CheckColumns(int e) const {

@@ -88,8 +88,9 @@ EquationLayout BuildLayout(const ModelStore& store) {
   layout.ndiff_at_build = store.ndiff;
   layout.diff_var.assign(store.ndiff + 1, 0);
   for (int n = 1; n <= store.nvar; ++n) {
-    int idiff = store.Var(n).idiff;
-    if (idiff > 0 && idiff <= store.ndiff) layout.diff_var[idiff] = n;
+    const Variable& v = store.Var(n);
+    if (v.idiff > 0 && v.idiff <= store.ndiff) layout.diff_var[v.idiff] = n;
+    if (v.obj_def) layout.objective_vars.push_back(n);
   }
   return layout;
 }

@@ -38,6 +38,7 @@ struct EquationLayout {
   std::vector<const double*> slot_value;   // address of the value read by each slot
   std::vector<int> program_at_build;       // eqn.program when the layout was built
   std::vector<int> diff_var;               // variable number of each idiff; size ndiff+1
+  std::vector<int> objective_vars;         // numbers of the obj_def variables
   int max_inputs = 0;                      // largest program input count
   int max_work = 0;                        // largest program work size
   int max_pairs = 0;                       // largest program Hessian pair count

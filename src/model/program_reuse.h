@@ -1,0 +1,68 @@
+// model/program_reuse: one program for every equation that differs from an earlier one only in
+// its element indices. The copies of a vector statement (`x[1:n] - x[0:n-1] = ...`), and the
+// same rows written out element by element, compile to the same byte code; only their column
+// maps differ. An equation's shape is its residual text with the index digits dropped. Two
+// equations of one shape share the program compiled for the first when their names resolve
+// alike: the same constants, variables and derivatives in the same places, the same pattern of
+// repeated columns (`x[i] - x[4]` at i = 4 reads one column, not two), and no intermediates
+// (they bring columns of their own). The second equation's column map is read off its names.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "lang/compiler.h"
+#include "lang/lexer.h"
+
+namespace kx::model {
+
+class ProgramShapes {
+ public:
+  // What a name stands for, without side effects and without stopping the run: kUnknown when
+  // it is neither a constant nor a variable (the caller compiles and reports it then).
+  using Lookup = std::function<lang::Symbol(std::string_view name, bool derivative)>;
+
+  explicit ProgramShapes(Lookup lookup) : lookup_(std::move(lookup)) {}
+
+  // The program of an earlier equation of the same shape as `residual_text`, with this
+  // equation's column map in `columns`; -1 when there is none (the caller compiles, then
+  // calls Remember).
+  int Find(std::string_view residual_text, std::vector<int>* columns);
+
+  // Records `program`, compiled from the text of the last Find that returned -1, with its
+  // column map, for the equations of the same shape that follow.
+  void Remember(int program, const std::vector<int>& columns);
+
+ private:
+  // One name of the residual text, in reading order.
+  struct Leaf {
+    lang::Symbol::Kind kind = lang::Symbol::Kind::kUnknown;
+    double value = 0;  // kConstant
+    int column = 0;    // kColumn
+    int first = 0;     // kColumn: the first leaf that reads the same column
+  };
+  // The program of one shape and how its inputs are read off the leaves.
+  struct Shape {
+    int program = -1;
+    std::vector<Leaf> leaves;  // the leaves of the equation it was compiled from
+    std::vector<int> input_leaf;  // per program input: a leaf that feeds it
+  };
+
+  bool ReadLeaves(std::string_view text);
+  void MarkRepeats();
+  bool SameResolution(const Shape& shape) const;
+
+  Lookup lookup_;
+  lang::Lexer lexer_;
+  std::unordered_map<std::string, Shape> shapes_;  // by shape text
+  std::string key_;            // shape text of the last Find
+  bool eligible_ = false;      // the last Find's leaves are all constants and columns
+  std::vector<Leaf> leaves_;   // leaves of the last Find
+  std::string name_;           // scratch: one name in lower case
+  std::unordered_map<int, int> first_of_;  // scratch: column -> first leaf reading it
+};
+
+}  // namespace kx::model
