@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "driver/cycle_fixture.h"
+#include "testing/dense_solve.h"
+
 
 namespace kx::driver {
 namespace {
@@ -51,20 +53,7 @@ std::vector<double> QuadraticOptimum(double sp, double tau_cv, double wsp, doubl
     h[k * n + k] += q;
     if (k > 0) h[(k - 1) * n + (k - 1)] += q, h[k * n + k - 1] -= q, h[(k - 1) * n + k] -= q;
   }
-  for (int i = 0; i < n; ++i) {  // Gaussian elimination (H is positive definite)
-    for (int j = i + 1; j < n; ++j) {
-      const double f = h[j * n + i] / h[i * n + i];
-      for (int k = i; k < n; ++k) h[j * n + k] -= f * h[i * n + k];
-      r[j] -= f * r[i];
-    }
-  }
-  std::vector<double> u(n);
-  for (int i = n - 1; i >= 0; --i) {
-    double s = r[i];
-    for (int k = i + 1; k < n; ++k) s -= h[i * n + k] * u[k];
-    u[i] = s / h[i * n + i];
-  }
-  return u;
+  return kx::testing::SolveDense(h, r);
 }
 
 class Control : public CycleTest {

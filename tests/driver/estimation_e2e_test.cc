@@ -231,11 +231,7 @@ TEST_F(MovingHorizon, CalculatedInitialConditionsAreReported) {
   Write("app.dbs", "ZPM.IMODE = 5\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n");
   ASSERT_EQ(Run("app").status, 1);
   const std::string report = Read("icd_calc.txt");
-  EXPECT_EQ(report.rfind(std::string(59, '*') + "\nReport on initial condition differential "
-                                                "variables\n",
-                         0),
-            0u)
-      << report;
+  EXPECT_NE(report.find("Report on initial condition differential variables"), std::string::npos);
   EXPECT_NE(report.find("\nx "), std::string::npos) << report;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "horizon/collocation.h"
+#include "testing/dense_solve.h"
 #include "testing/stop_lines.h"
 
 namespace kx::horizon {
@@ -187,34 +188,22 @@ std::vector<double> ExactCollocationMatrix(const std::vector<double>& t) {
       if (k != j) w[j] /= (t[j] - t[k]);
     }
   }
-  // Augmented [D22 | I], Gauss-Jordan with partial pivoting.
-  std::vector<std::vector<long double>> a(m, std::vector<long double>(2 * m, 0));
+  // D22: the differentiation matrix without its first row and column; M = D22^-1 by columns.
+  std::vector<long double> d(m * m, 0);
   for (int i = 1; i < n; ++i) {
-    long double diag = 0;
     for (int j = 0; j < n; ++j) {
       if (j == i) continue;
-      long double dij = (w[j] / w[i]) / (t[i] - t[j]);
-      diag -= dij;
-      if (j > 0) a[i - 1][j - 1] = dij;
-    }
-    a[i - 1][i - 1] = diag;
-    a[i - 1][m + i - 1] = 1;
-  }
-  for (int c = 0; c < m; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < m; ++r) {
-      if (std::fabs(a[r][c]) > std::fabs(a[piv][c])) piv = r;
-    }
-    std::swap(a[c], a[piv]);
-    for (int r = 0; r < m; ++r) {
-      if (r == c) continue;
-      long double f = a[r][c] / a[c][c];
-      for (int k = 0; k < 2 * m; ++k) a[r][k] -= f * a[c][k];
+      const long double dij = (w[j] / w[i]) / (t[i] - t[j]);
+      d[(i - 1) * m + i - 1] -= dij;
+      if (j > 0) d[(i - 1) * m + j - 1] = dij;
     }
   }
   std::vector<double> inv(m * m);
-  for (int r = 0; r < m; ++r) {
-    for (int k = 0; k < m; ++k) inv[r * m + k] = static_cast<double>(a[r][m + k] / a[r][r]);
+  for (int k = 0; k < m; ++k) {
+    std::vector<long double> e(m, 0);
+    e[k] = 1;
+    const std::vector<long double> col = kx::testing::SolveDense(d, e);
+    for (int r = 0; r < m; ++r) inv[r * m + k] = static_cast<double>(col[r]);
   }
   return inv;
 }

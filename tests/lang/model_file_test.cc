@@ -1,9 +1,7 @@
 #include "lang/model_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "base/report.h"
@@ -234,27 +232,6 @@ TEST(FileBlock, SymbolicLinkIsRefusedNotFollowed) {
   EXPECT_EQ(lines[0], "Error: unable to write file data.csv: it is a symbolic link");
   EXPECT_EQ(outside.Read("victim.csv"), "precious\n");
   EXPECT_TRUE(std::filesystem::is_symlink(dir.File("data.csv")));
-}
-
-// A full disk: the block stops with the reason, and the file written by an earlier run
-// stays whole (no 0-byte file).
-TEST(FileBlock, FailedWriteStopsAndKeepsThePreviousFile) {
-  kx::testing::ScratchDir dir("kx_file_block");
-  dir.Write("data.csv", "old, file\n");
-  rlimit saved;
-  getrlimit(RLIMIT_FSIZE, &saved);
-  auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit tight = saved;
-  tight.rlim_cur = 8;
-  setrlimit(RLIMIT_FSIZE, &tight);
-  std::vector<std::string> lines =
-      ReadStop("File data.csv\n" + std::string(100, '7') + "\nEnd File\n",
-               {.output_dir = dir.str()});
-  setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, handler);
-  ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(lines[0], "Error: unable to write file data.csv: File too large");
-  EXPECT_EQ(dir.Read("data.csv"), "old, file\n");
 }
 
 }  // namespace
