@@ -13,12 +13,7 @@ namespace kx::driver {
 namespace {
 
 // A small steady-state model: parameter u, variables y and z.
-constexpr const char* kModel =
-    "Model app\n"
-    "  Parameters\n    u = 1\n  End Parameters\n"
-    "  Variables\n    y = 0\n    z = 1, >= 0\n  End Variables\n"
-    "  Equations\n    y = 2*u\n    z^2 = y + 1\n  End Equations\n"
-    "End Model\n";
+const std::string kModel = AppModel("y = 0\nz = 1, >= 0", "y = 2*u\nz^2 = y + 1", "u = 1");
 
 // Every test starts with the small model as app.zpm.
 class CycleE2e : public CycleTest {
@@ -148,8 +143,7 @@ TEST_F(CycleE2e, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
 }
 
 TEST_F(CycleE2e, DomainErrorsAtTheStartAreCountedNotFatal) {
-  Write("app.zpm", "Model app\nVariables\n x = -1\n y = 0\nEnd Variables\nEquations\n"
-                   " y = log(x)\n x + y = 1\nEnd Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x = -1\ny = 0", "y = log(x)\nx + y = 1"));
   RunResult r = Run("app");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Count: Argument of LOG negative                1\n")) << r.out;
@@ -176,22 +170,12 @@ TEST_F(CycleE2e, SequentialEstimationAndControlSayTheyAreNotAvailable) {
 // the next cycle reads from them.
 
 // The classic four-variable problem with a product constraint; optimum 17.0140173.
-constexpr const char* kHs071 =
-    "Model app\n  Variables\n    x[1:4] = 1, >= 1, <= 5\n  End Variables\n"
-    "  Equations\n    x[1]*x[2]*x[3]*x[4] >= 25\n"
-    "    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-    "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n  End Equations\nEnd Model\n";
+const std::string kHs071 = AppModel("x[1:4] = 1, >= 1, <= 5",
+                                    "x[1]*x[2]*x[3]*x[4] >= 25\nx[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
+                                    "minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]");
 
 // A parameter p that an FV with STATUS = 1 frees; y follows it.
-constexpr const char* kFvModel =
-    "Model app\n  Parameters\n    p = 1\n  End Parameters\n"
-    "  Variables\n    y = 0\n  End Variables\n"
-    "  Equations\n    y = 2*p\n    minimize (y - 6)^2\n  End Equations\nEnd Model\n";
-
-std::string Model(const std::string& equations, const std::string& variables = "x = 1") {
-  return "Model app\n  Variables\n    " + variables + "\n  End Variables\n  Equations\n    " +
-         equations + "\n  End Equations\nEnd Model\n";
-}
+const std::string kFvModel = AppModel("y = 0", "y = 2*p\nminimize (y - 6)^2", "p = 1");
 
 class SteadyCycle : public CycleTest {};
 
@@ -226,7 +210,7 @@ TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
 }
 
 TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
-  Write("app.zpm", Model("x^2 = -1"));
+  Write("app.zpm", AppModel("x = 1", "x^2 = -1"));
   RunResult r = Run("app -ipopt");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Unsuccessful with error code ")) << r.out;
@@ -239,7 +223,7 @@ TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
   EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 0);
   EXPECT_FALSE(Exists("rto.t0"));  // a failed solve leaves no restart file behind
 
-  Write("app.zpm", Model("x^2 = 4", "x = 1, >= 0"));
+  Write("app.zpm", AppModel("x = 1, >= 0", "x^2 = 4"));
   r = Run("app -ipopt");
   EXPECT_EQ(r.status, 1) << r.out;
   EXPECT_EQ(DbsValue(Read("app.dbs"), "ZPM.BAD_CYCLES"), 0);
@@ -306,11 +290,9 @@ TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
 // Variables named int... are integers: the default solver branches on them, the others solve
 // the relaxation and say so.
 TEST_F(SteadyCycle, IntegerVariablesAreBranchedOnByTheDefaultSolverOnly) {
-  Write("app.zpm",
-        "Model app\n  Variables\n    int1 = 0, >= -5, <= 10\n    int2 = 0, >= -5, <= 10\n"
-        "    z = 0, >= -10, <= 10\n  End Variables\n  Equations\n    int1 + int2 + z >= 2.5\n"
-        "    minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2\n"
-        "  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("int1 = 0, >= -5, <= 10\nint2 = 0, >= -5, <= 10\nz = 0, >= -10, <= 10",
+                            "int1 + int2 + z >= 2.5\n"
+                            "minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2"));
   RunResult r = Run("app");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_TRUE(r.Has("| MINLP Iter: 2\n")) << r.out;
@@ -342,9 +324,9 @@ TEST_F(SteadyCycle, DiagnosticLevelTwoWritesTheWarmStartFilesAndListings) {
 // What a user can write that no solver can finish: each ends with a status and a report.
 TEST_F(SteadyCycle, HopelessProblemsEndWithAStatusNotACrash) {
   const std::string cases[] = {
-      Model("minimize x"),                                // unbounded
-      Model("y = sqrt(x)", "x = -1\n    y = 0"),          // NaN at the starting point
-      Model("x + y = 1\n    2*x + 2*y = 3", "x = 0\n    y = 0"),  // singular and inconsistent
+      AppModel("x = 1", "minimize x"),                                // unbounded
+      AppModel("x = -1\ny = 0", "y = sqrt(x)"),          // NaN at the starting point
+      AppModel("x = 0\ny = 0", "x + y = 1\n2*x + 2*y = 3"),  // singular and inconsistent
   };
   for (const std::string& model : cases) {
     Write("app.zpm", model);
@@ -413,9 +395,7 @@ TEST_F(DynamicCycle, ASimulationMustBeSquare) {
 
 // Memory exhaustion ends with one clear line, never an exception's text.
 TEST_F(CycleE2e, MemoryExhaustionIsOneClearLine) {
-  Write("app.zpm",
-        "Model app\n  Variables\n    x[1:10000000] = 1\n  End Variables\n  Equations\n"
-        "    x[1:10000000] = 2\n  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x[1:10000000] = 1", "x[1:10000000] = 2"));
   Write("app.dbs", "ZPM.IMODE = 1\nZPM.MAX_MEMORY = 6\n");
   const std::string out = Run("app", "ulimit -v 400000").out;
   EXPECT_TRUE(out.find("Error: out of memory") != std::string::npos) << out;

@@ -49,6 +49,17 @@ class CycleTest : public ::testing::Test {
   kx::testing::ScratchDir dir_{"kx_cycle"};
 };
 
+// Model "app" with the given sections, declarations and equations one a line; an empty
+// section is left out.
+inline std::string AppModel(const std::string& variables, const std::string& equations,
+                            const std::string& parameters = "") {
+  auto section = [](const std::string& name, const std::string& body) {
+    return body.empty() ? "" : name + "\n" + body + "\nEnd " + name + "\n";
+  };
+  return "Model app\n" + section("Parameters", parameters) + section("Variables", variables) +
+         section("Equations", equations) + "End Model\n";
+}
+
 // The value of KEY in a written DBS text ("KEY VALUE" lines); NaN when it is missing.
 inline double DbsValue(const std::string& dbs, const std::string& key) {
   const std::string text = "\n" + dbs;

@@ -23,9 +23,7 @@ std::vector<std::vector<double>> Rows(const std::string& csv) {
 }
 
 // Logistic growth from far below its capacity: a flat start is far from the solution.
-constexpr const char* kGrowth =
-    "Model app\n  Variables\n    x = 0.5\n  End Variables\n"
-    "  Equations\n    $x = 0.8 * x * (1 - x/5)\n  End Equations\nEnd Model\n";
+const std::string kGrowth = AppModel("x = 0.5", "$x = 0.8 * x * (1 - x/5)");
 
 // Implicit Euler of the same equation, each step solved by Newton's method.
 std::vector<double> ImplicitEuler(double x, double dt, int steps) {
