@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -340,14 +339,6 @@ TEST_F(SteadyCycle, HopelessProblemsEndWithAStatusNotACrash) {
 // Dynamic simulation cycles end to end with the bundled tank example: the files of a cycle,
 // the warm start of the next one with and without the time shift, and the horizon's stops.
 
-// Field `column` (0-based) of a CSV line.
-std::string Field(const std::string& line, int column) {
-  std::stringstream in(line);
-  std::string cell;
-  for (int c = 0; c <= column; ++c) std::getline(in, cell, ',');
-  return cell;
-}
-
 class DynamicCycle : public CycleTest {
  protected:
   void SetUp() override { CopyTankExample(); }
@@ -361,26 +352,26 @@ TEST_F(DynamicCycle, TankSimulationWritesItsFilesAndTheNextCycleMovesOneStepOn) 
   EXPECT_TRUE(r.Has("Dynamic Simulation with Interior Point Solver\n"));
   for (const char* f : {"sim.t0", "ic.t0", "sim.dxdt", "results.csv", "results.json", "lam.t0"})
     EXPECT_TRUE(Exists(f)) << f;
-  std::vector<std::string> first = Lines(Read("results.csv"));
+  const auto first = Cells(Read("results.csv"));
   ASSERT_EQ(first.size(), 10u);  // header and the 9 time points of the data file
-  EXPECT_EQ(first[0], "time,inflow,cv,area,level,outflow");
-  EXPECT_EQ(Field(first[4], 1), "1.5");  // the inflow column of the data file
+  EXPECT_EQ(first[0], (std::vector<std::string>{"time", "inflow", "cv", "area", "level", "outflow"}));
+  EXPECT_EQ(first[4][1], "1.5");  // the inflow column of the data file
   std::string dbs = Read("tank.dbs");
   EXPECT_NE(dbs.find("ZPM.PRED_HOR 8\n"), std::string::npos);
-  EXPECT_NE(dbs.find("level.PRED[8] " + Field(first[9], 4) + "\n"), std::string::npos) << dbs;
+  EXPECT_NE(dbs.find("level.PRED[8] " + first[9][4] + "\n"), std::string::npos) << dbs;
   EXPECT_NE(Read("sim.t0").find("p(1).n(1).level = 1\n"), std::string::npos);  // fixed: no *
   EXPECT_NE(Read("ic.t0").find("outflow = 0.5 *\n"), std::string::npos);
 
   r = Run("tank");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_FALSE(r.Has("restart file not found"));
-  std::vector<std::string> second = Lines(Read("results.csv"));
-  EXPECT_EQ(Field(second[1], 4), Field(first[2], 4));  // level at 0 = previous level at 0.5
+  const auto second = Cells(Read("results.csv"));
+  EXPECT_EQ(second[1][4], first[2][4]);  // level at 0 = previous level at 0.5
 
   Write("overrides.dbs", "ZPM.TIME_SHIFT = 0\n");
   r = Run("tank");
   EXPECT_TRUE(r.Has("Variable time shift OFF\n")) << r.out;
-  EXPECT_EQ(Field(Lines(Read("results.csv"))[1], 4), Field(second[1], 4));
+  EXPECT_EQ(Cells(Read("results.csv"))[1][4], second[1][4]);
 }
 
 TEST_F(DynamicCycle, ASimulationMustBeSquare) {

@@ -1,7 +1,6 @@
 // Sensitivities of square models against finite differences of re-solves through the program.
 #include <algorithm>
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
@@ -11,15 +10,8 @@ namespace {
 
 // d(variable)/d(input) from sensitivity.txt.
 double TableValue(const std::string& table, const std::string& variable, int input) {
-  std::istringstream in(table);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind(variable + ",", 0) != 0) continue;
-    std::stringstream ls(line);
-    std::string cell;
-    for (int c = 0; c <= input + 1; ++c) std::getline(ls, cell, ',');
-    return std::stod(cell);
-  }
+  for (const std::vector<std::string>& row : Cells(table))
+    if (!row.empty() && row[0] == variable) return std::stod(row.at(input + 1));
   return std::nan("");
 }
 

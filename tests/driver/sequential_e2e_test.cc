@@ -1,7 +1,6 @@
 // The step-by-step simulation through the program: the sequential mode gives the simultaneous
 // solution, and a cold simultaneous solve starts from it.
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
@@ -9,15 +8,13 @@
 namespace kx::driver {
 namespace {
 
+// The data rows of a results file as numbers.
 std::vector<std::vector<double>> Rows(const std::string& csv) {
-  std::istringstream in(csv);
-  std::string line;
-  std::getline(in, line);
+  const std::vector<std::vector<std::string>> cells = Cells(csv);
   std::vector<std::vector<double>> rows;
-  while (std::getline(in, line)) {
-    std::stringstream ls(line);
+  for (size_t r = 1; r < cells.size(); ++r) {
     rows.emplace_back();
-    for (std::string cell; std::getline(ls, cell, ',');) rows.back().push_back(std::stod(cell));
+    for (const std::string& cell : cells[r]) rows.back().push_back(std::stod(cell));
   }
   return rows;
 }
