@@ -183,22 +183,20 @@ TEST(DbsNumericGate, RefusedValuesWarnAndKeepThePreviousValue) {
     EXPECT_EQ(r.applied, 0) << c.line;
     EXPECT_EQ(s.GetReal(c.owner, c.key), c.kept) << c.line;
     ASSERT_EQ(out.lines().size(), 1u) << c.line;
-    if (c.warning) EXPECT_EQ(out.lines()[0], c.warning);
+    if (c.warning) {
+      EXPECT_EQ(out.lines()[0], c.warning);
+    }
   }
 }
 
-TEST(DbsNumericGate, IntegerLimitsThemselvesAreAccepted) {
+TEST(DbsNumericGate, IntegerLimitsAreAcceptedAndCountersSaturate) {
   OptionStore s;
   OutputCapture out;
   EXPECT_EQ(ReadDbsText("ZPM.MAX_ITER = 2147483647\nZPM.CYCLECOUNT -2147483647.9\n", "g", s)
                 .applied, 2);
   EXPECT_EQ(s.Int("MAX_ITER"), std::numeric_limits<int>::max());
   EXPECT_EQ(s.Int("CYCLECOUNT"), -std::numeric_limits<int>::max());
-}
-
-// Counters stop at the largest int instead of wrapping to a negative count.
-TEST(DbsNumericGate, CountersSaturate) {
-  OptionStore s;
+  // Counters stop at the largest int instead of wrapping to a negative count.
   s.SetGlobal("CYCLECOUNT", std::numeric_limits<int>::max());
   s.SetGlobal("BAD_CYCLES", std::numeric_limits<int>::max());
   RecordCycleOutcome(s, false);

@@ -28,13 +28,11 @@ TEST(DataFile, ReadsNamesRowsAndNoValueCells) {
   }
   EXPECT_EQ(d.Column("feed"), 1);
   EXPECT_EQ(d.Column("missing"), -1);
-}
-
-TEST(DataFile, TextCellWarnsOnceAndReadsAsNoValue) {
+  // A text cell is no value too, with one warning for the file.
   OutputCapture out;
-  DataFile d = ParseDataFile("time,u\n0,abc\n1,xyz\n", "app.csv");
-  EXPECT_TRUE(DataFile::IsNoValue(d.At(0, 1)));
-  EXPECT_TRUE(DataFile::IsNoValue(d.At(1, 1)));
+  DataFile t = ParseDataFile("time,u\n0,abc\n1,xyz\n", "app.csv");
+  EXPECT_TRUE(DataFile::IsNoValue(t.At(0, 1)));
+  EXPECT_TRUE(DataFile::IsNoValue(t.At(1, 1)));
   ASSERT_EQ(out.lines().size(), 1u);
   EXPECT_NE(out.lines()[0].find("\"abc\" in row 1"), std::string::npos);
 }
@@ -90,14 +88,8 @@ TEST(TimeGrid, DataRowsGiveUnequalStepsAndInteriorNodes) {
   EXPECT_EQ(g.times[6], 2.0);
   EXPECT_EQ(g.RowOf(3), 1);
   EXPECT_EQ(g.RowOf(4), -1);
-}
-
-TEST(TimeGrid, DataIgnoredWhenCsvReadIsOff) {
-  HorizonSettings s;
-  s.csv_read = 0;
+  s.csv_read = 0;  // the data is not looked at: the options give the horizon
   s.pred_hor = 2;
-  DataFile d = ParseDataFile("x\n1\n", "app.csv");  // no time column: not looked at
-  OutputCapture out;
   EXPECT_EQ(BuildTimeGrid(s, &d).num_steps(), 2);
 }
 

@@ -47,7 +47,11 @@ TEST(ModelFileLines, CommentsContinuationsAndSectionKeywords) {
 TEST(ModelFileVectors, RangesExpand) {
   ParsedModel m = Read(
       "Constants\nn = 3\nEnd Constants\nVariables\nx[1:n] = 2, >= 0\ny[3:3]\nz[n]\n"
-      "End Variables\nEquations\nx[2:n] = x[1:n-1] * 2\nEnd Equations\n");
+      "End Variables\nIntermediates\nv[1:2] = x[1:2] + 1\nEnd Intermediates\n"
+      "Equations\nx[2:n] = x[1:n-1] * 2\nEnd Equations\n");
+  ASSERT_EQ(m.intermediates.size(), 2u);
+  EXPECT_EQ(m.intermediates[1].name, "v[2]");
+  EXPECT_EQ(m.intermediates[1].text, "x[2] + 1");
   ASSERT_EQ(m.variables.size(), 5u);
   EXPECT_EQ(m.variables[0].name, "x[1]");
   EXPECT_EQ(m.variables[2].name, "x[3]");
@@ -76,19 +80,17 @@ TEST(ModelFileDeclarations, ValuesBoundsAndDefaults) {
   EXPECT_DOUBLE_EQ(m.variables[6].value, 2 * 3.141592653589793);
 }
 
+// Constants read earlier constants (and D exponents); values read constants and earlier
+// declarations.
 TEST(ModelFileDeclarations, ValuesReadConstantsAndEarlierDeclarations) {
-  ParsedModel m = Read("Constants\nk = 0.5\nEnd Constants\nParameters\np = 4\nEnd Parameters\n"
-                       "Variables\na[1:2] = p*k\nb = a[2] + sqrt(p), <= 9\nEnd Variables\n");
-  ASSERT_EQ(m.variables.size(), 3u);
-  EXPECT_DOUBLE_EQ(m.variables[1].value, 2.0);
-  EXPECT_DOUBLE_EQ(m.variables[2].value, 4.0);
-  EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
-}
-
-TEST(ModelFileConstants, ReadEarlierConstantsAndDExponents) {
-  ParsedModel m = Read("Constants\na = 2\nb = a^3 + 2.5d1\nEnd Constants\n");
+  ParsedModel m = Read("Constants\nc = 2\nk = c^3/16 - 2.5d-1\nEnd Constants\nParameters\np = 4\n"
+                       "End Parameters\nVariables\na[1:2] = p*k\nb = a[2] + sqrt(p), <= 9\nEnd Variables\n");
   ASSERT_EQ(m.constants.size(), 2u);
-  EXPECT_DOUBLE_EQ(m.constants[1].value, 33);
+  EXPECT_DOUBLE_EQ(m.constants[1].value, 0.25);
+  ASSERT_EQ(m.variables.size(), 3u);
+  EXPECT_DOUBLE_EQ(m.variables[1].value, 1.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].value, 3.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
 }
 
 TEST(ModelFileEquations, FormsTypesAndBounds) {
@@ -115,13 +117,6 @@ TEST(ModelFileEquations, FormsTypesAndBounds) {
   EXPECT_EQ(m.equations[2].lower, -1.0e20);
   EXPECT_EQ(m.counts.equations, 8);
   EXPECT_EQ(m.counts.residuals, 10);
-}
-
-TEST(ModelFileIntermediates, VectorsExpand) {
-  ParsedModel m = Read("Intermediates\nv[1:2] = x[1:2] + 1\nEnd Intermediates\n");
-  ASSERT_EQ(m.intermediates.size(), 2u);
-  EXPECT_EQ(m.intermediates[1].name, "v[2]");
-  EXPECT_EQ(m.intermediates[1].text, "x[2] + 1");
 }
 
 TEST(ModelFileObjectsAndConnections, Stored) {

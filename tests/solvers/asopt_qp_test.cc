@@ -113,15 +113,12 @@ TEST(AsoptQpTest, KnownSolutions) {
   }
 }
 
-TEST(AsoptQpTest, InconsistentRowsEndInfeasibleWithLeastViolation) {
-  const QpProblem qp =
-      MakeQp({1, 1}, {0, 0}, {{1, 1}, {1, 1}}, {3, -kNone}, {kNone, 1});
-  const QpResult r = SolveQp(qp, {});
+// Inconsistent rows end infeasible with the least violation; negative curvature is reported
+// unless a shift removes it.
+TEST(AsoptQpTest, InfeasibleAndNonconvexQpsSaySo) {
+  const QpResult r = SolveQp(MakeQp({1, 1}, {0, 0}, {{1, 1}, {1, 1}}, {3, -kNone}, {kNone, 1}), {});
   EXPECT_EQ(r.status, QpStatus::kInfeasible);
   EXPECT_NEAR(r.violation, 2.0, 1e-6);
-}
-
-TEST(AsoptQpTest, NegativeCurvatureIsReported) {
   const QpProblem qp = MakeQp({-1, 1}, {1, 1}, {}, {}, {});
   EXPECT_EQ(SolveQp(qp, {}).status, QpStatus::kNonconvex);
   QpProblem shifted = qp;
