@@ -128,6 +128,8 @@ TEST(FileWriter, FailedWriteKeepsThePreviousVersionAndSaysWhy) {
   EXPECT_EQ(out.lines()[0],
             "Warning: unable to write file " + dir.File("results.csv") + ": File too large");
   EXPECT_EQ(LastWriteError(), "File too large");
+  EXPECT_FALSE(WriteFileAtomically(dir.File("no_such_dir/x.t0"), "x"));
+  EXPECT_TRUE(out.Contains("no_such_dir/x.t0: No such file or directory")) << out.text();
 }
 
 // A killed run leaves its temporary file; a later run with the same process id (ids are
@@ -142,13 +144,6 @@ TEST(FileWriter, LeftoverTemporaryDoesNotBlockTheNextWrite) {
   EXPECT_EQ(dir.Read("a.t0"), "x = 1\n");
   EXPECT_EQ(outside.Read("target"), "outside\n");
   EXPECT_EQ(OtherFiles(dir, {"a.t0"}), 0);
-}
-
-TEST(FileWriter, MissingDirectoryIsReportedWithTheReason) {
-  ScratchDir dir("kx_writer");
-  OutputCapture out;
-  EXPECT_FALSE(WriteFileAtomically(dir.File("no_such_dir/x.t0"), "x"));
-  EXPECT_TRUE(out.Contains("no_such_dir/x.t0: No such file or directory")) << out.text();
 }
 
 // A user-named file never writes through a symbolic link, whether the link points outside

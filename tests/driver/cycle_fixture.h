@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <sstream>
@@ -49,6 +50,17 @@ class CycleTest : public ::testing::Test {
   kx::testing::ScratchDir dir_{"kx_cycle"};
 };
 
+// Model "app" with the given sections, declarations and equations one a line; an empty
+// section is left out.
+inline std::string AppModel(const std::string& variables, const std::string& equations,
+                            const std::string& parameters = "") {
+  auto section = [](const std::string& name, const std::string& body) {
+    return body.empty() ? "" : name + "\n" + body + "\nEnd " + name + "\n";
+  };
+  return "Model app\n" + section("Parameters", parameters) + section("Variables", variables) +
+         section("Equations", equations) + "End Model\n";
+}
+
 // The value of KEY in a written DBS text ("KEY VALUE" lines); NaN when it is missing.
 inline double DbsValue(const std::string& dbs, const std::string& key) {
   const std::string text = "\n" + dbs;
@@ -56,27 +68,25 @@ inline double DbsValue(const std::string& dbs, const std::string& key) {
   return at == std::string::npos ? std::nan("") : std::stod(text.substr(at + key.size() + 2));
 }
 
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::stringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
+// The cells of a CSV text, a row a line (the header line first).
+inline std::vector<std::vector<std::string>> Cells(const std::string& csv) {
+  std::vector<std::vector<std::string>> rows;
+  std::stringstream in(csv);
+  for (std::string line; std::getline(in, line);) {
+    std::stringstream cells(line);
+    rows.emplace_back();
+    for (std::string cell; std::getline(cells, cell, ',');) rows.back().push_back(cell);
+  }
+  return rows;
 }
 
 // Column NAME of a CSV text with a header line: one value per data row.
 inline std::vector<double> Column(const std::string& csv, const std::string& name) {
-  std::vector<std::string> lines = Lines(csv);
+  const std::vector<std::vector<std::string>> rows = Cells(csv);
   std::vector<double> values;
-  if (lines.empty()) return values;
-  std::stringstream head(lines[0]);
-  size_t c = 0;
-  for (std::string cell; std::getline(head, cell, ',') && cell != name;) ++c;
-  for (size_t r = 1; r < lines.size(); ++r) {
-    std::stringstream row(lines[r]);
-    std::string cell;
-    for (size_t i = 0; i <= c; ++i) std::getline(row, cell, ',');
-    values.push_back(std::stod(cell));
-  }
+  if (rows.empty()) return values;
+  const size_t c = std::find(rows[0].begin(), rows[0].end(), name) - rows[0].begin();
+  for (size_t r = 1; r < rows.size(); ++r) values.push_back(std::stod(rows[r].at(c)));
   return values;
 }
 

@@ -5,11 +5,7 @@
 namespace kx::driver {
 namespace {
 
-constexpr const char* kKink =
-    "Model app\n"
-    "  Variables\n    x = 1\n    y = 0\n  End Variables\n"
-    "  Equations\n    x = 1\n    y = abs(x - 1)\n  End Equations\n"
-    "End Model\n";
+const std::string kKink = AppModel("x = 1\ny = 0", "x = 1\ny = abs(x - 1)");
 
 class DerivativeChecks : public CycleTest {
  protected:

@@ -15,12 +15,7 @@ namespace {
 
 // ----- IMODE 2: a straight line y = a x + b fitted to six data sets -----
 
-constexpr const char* kLineModel =
-    "Model app\n"
-    "  Parameters\n    x = 0\n    a = 1\n    b = 0\n  End Parameters\n"
-    "  Variables\n    y = 0\n  End Variables\n"
-    "  Equations\n    y = a * x + b\n  End Equations\n"
-    "End Model\n";
+const std::string kLineModel = AppModel("y = 0", "y = a * x + b", "x = 0\na = 1\nb = 0");
 const std::vector<double> kX = {0, 1, 2, 3, 4, 5};
 const std::vector<double> kY = {1.1, 2.9, 5.2, 6.8, 9.3, 10.7};
 
@@ -147,12 +142,7 @@ TEST_F(DataSetFit, MessagesOfTheErrorModels) {
 
 // ----- IMODE 5: the gain of tau x' = -x + K u over a moving horizon -----
 
-constexpr const char* kLagModel =
-    "Model app\n"
-    "  Parameters\n    u = 1\n    k = 1, >= 0, <= 10\n  End Parameters\n"
-    "  Variables\n    x = 0\n  End Variables\n"
-    "  Equations\n    2 * $x = -x + k * u\n  End Equations\n"
-    "End Model\n";
+const std::string kLagModel = AppModel("x = 0", "2 * $x = -x + k * u", "u = 1\nk = 1, >= 0, <= 10");
 constexpr double kTau = 2.0;
 const std::vector<double> kU = {1, 1, 2, 2, 2, 0.5, 0.5, 1, 1, 1, 1};
 // Noisy measurements of x at t = 0..10; NaN marks an empty cell.
@@ -231,11 +221,7 @@ TEST_F(MovingHorizon, CalculatedInitialConditionsAreReported) {
   Write("app.dbs", "ZPM.IMODE = 5\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n");
   ASSERT_EQ(Run("app").status, 1);
   const std::string report = Read("icd_calc.txt");
-  EXPECT_EQ(report.rfind(std::string(59, '*') + "\nReport on initial condition differential "
-                                                "variables\n",
-                         0),
-            0u)
-      << report;
+  EXPECT_NE(report.find("Report on initial condition differential variables"), std::string::npos);
   EXPECT_NE(report.find("\nx "), std::string::npos) << report;
 }
 

@@ -6,10 +6,7 @@
 namespace kx::driver {
 namespace {
 
-constexpr const char* kPlant =
-    "Model app\n  Parameters\n    u = 0\n    v = 0\n  End Parameters\n"
-    "  Variables\n    x = 0\n  End Variables\n"
-    "  Equations\n    2 * $x = -x + 3 * u + v\n  End Equations\nEnd Model\n";
+const std::string kPlant = AppModel("x = 0", "2 * $x = -x + 3 * u + v", "u = 0\nv = 0");
 
 class GeneratedRows : public CycleTest {
  protected:

@@ -40,10 +40,7 @@ TEST_F(Infeasibility, ThePlantedRowsAreNamedFirst) {
 }
 
 TEST_F(Infeasibility, AConflictingBoundIsNamed) {
-  Write("app.zpm",
-        "Model app\n  Variables\n    y = 0, <= 3\n    z = 0\n  End Variables\n"
-        "  Equations\n    y + z >= 10\n    z <= 4\n    z^2 + y^2 >= 1\n  End Equations\n"
-        "End Model\n");
+  Write("app.zpm", AppModel("y = 0, <= 3\nz = 0", "y + z >= 10\nz <= 4\nz^2 + y^2 >= 1"));
   Write("app.dbs", "ZPM.IMODE = 3\nZPM.SOLVER = 3\n");
   RunResult r = Run("app -cold");
   EXPECT_TRUE(r.Has("Conflicting equations: 2 equations and 1 bounds")) << r.out;

@@ -7,10 +7,8 @@
 namespace kx::driver {
 namespace {
 
-std::string Model(const std::string& declarations, const std::string& equations) {
-  return "Model app\n  Parameters\n    p = 0\n    q = 0\n  End Parameters\n  Variables\n" +
-         declarations + "  End Variables\n  Equations\n" + equations +
-         "  End Equations\nEnd Model\n";
+std::string Model(const std::string& variables, const std::string& equations) {
+  return AppModel(variables, equations, "p = 0\nq = 0");
 }
 
 class Reduction : public CycleTest {
@@ -119,8 +117,7 @@ TEST_F(Reduction, BlockPresolveMessages) {
 }
 
 TEST_F(Reduction, PresolveSaysWhenADerivativeFallsOutsideItsVariablesBlock) {
-  Write("app.zpm", "Model app\n  Variables\n    x = 0\n  End Variables\n"
-                   "  Equations\n    $x = 2\n  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x = 0", "$x = 2"));
   Write("app.dbs", "ZPM.IMODE = 4\nZPM.REDUCE = 2\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 2\n");
   RunResult r = Run("app -cold");
   EXPECT_TRUE(r.Has("Cutback: variable and associated differential are not in the same block"))

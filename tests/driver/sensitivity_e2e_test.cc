@@ -1,7 +1,6 @@
 // Sensitivities of square models against finite differences of re-solves through the program.
 #include <algorithm>
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
@@ -11,15 +10,8 @@ namespace {
 
 // d(variable)/d(input) from sensitivity.txt.
 double TableValue(const std::string& table, const std::string& variable, int input) {
-  std::istringstream in(table);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind(variable + ",", 0) != 0) continue;
-    std::stringstream ls(line);
-    std::string cell;
-    for (int c = 0; c <= input + 1; ++c) std::getline(ls, cell, ',');
-    return std::stod(cell);
-  }
+  for (const std::vector<std::string>& row : Cells(table))
+    if (!row.empty() && row[0] == variable) return std::stod(row.at(input + 1));
   return std::nan("");
 }
 
@@ -45,10 +37,7 @@ class Sensitivity : public CycleTest {
 };
 
 TEST_F(Sensitivity, SteadyStateAgreesWithReSolves) {
-  Write("app.zpm",
-        "Model app\n  Parameters\n    a = 2\n    b = 3\n  End Parameters\n"
-        "  Variables\n    x = 1, >= 0\n    y = 1\n  End Variables\n"
-        "  Equations\n    x^2 + a*x = 5*b\n    y = exp(x/4) * b\n  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x = 1, >= 0\ny = 1", "x^2 + a*x = 5*b\ny = exp(x/4) * b", "a = 2\nb = 3"));
   Write("app.info", "FV, a\nMV, b\n");
   Write("app.dbs", "ZPM.IMODE = 1\nZPM.SENSITIVITY = 1\nZPM.RTOL = 1e-12\nZPM.OTOL = 1e-12\n");
   ASSERT_EQ(Run("app -cold").status, 1);
@@ -66,10 +55,7 @@ TEST_F(Sensitivity, SteadyStateAgreesWithReSolves) {
 }
 
 TEST_F(Sensitivity, HorizonAgreesWithReSolves) {
-  Write("app.zpm",
-        "Model app\n  Parameters\n    k = 0.5\n  End Parameters\n"
-        "  Variables\n    x = 1\n  End Variables\n"
-        "  Equations\n    $x = -k * x^2 + 1\n  End Equations\nEnd Model\n");
+  Write("app.zpm", AppModel("x = 1", "$x = -k * x^2 + 1", "k = 0.5"));
   Write("app.info", "FV, k\n");
   const std::string horizon = "ZPM.IMODE = 4\nZPM.NODES = 3\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 4\n"
                               "ZPM.CTRL_HOR = 4\nZPM.RTOL = 1e-12\nZPM.OTOL = 1e-12\n";
@@ -82,10 +68,7 @@ TEST_F(Sensitivity, HorizonAgreesWithReSolves) {
 }
 
 TEST_F(Sensitivity, ANonSquareModelSaysSo) {
-  Write("app.zpm", "Model app\n  Parameters\n    p = 2\n  End Parameters\n"
-                   "  Variables\n    x = 1\n    y = 1\n  End Variables\n"
-                   "  Equations\n    x + y = p\n    minimize x^2 + y^2\n  End Equations\n"
-                   "End Model\n");
+  Write("app.zpm", AppModel("x = 1\ny = 1", "x + y = p\nminimize x^2 + y^2", "p = 2"));
   Write("app.info", "FV, p\n");
   Write("app.dbs", "ZPM.IMODE = 3\nZPM.SENSITIVITY = 1\n");
   RunResult r = Run("app -cold");

@@ -1,7 +1,6 @@
 // The step-by-step simulation through the program: the sequential mode gives the simultaneous
 // solution, and a cold simultaneous solve starts from it.
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
@@ -9,23 +8,19 @@
 namespace kx::driver {
 namespace {
 
+// The data rows of a results file as numbers.
 std::vector<std::vector<double>> Rows(const std::string& csv) {
-  std::istringstream in(csv);
-  std::string line;
-  std::getline(in, line);
+  const std::vector<std::vector<std::string>> cells = Cells(csv);
   std::vector<std::vector<double>> rows;
-  while (std::getline(in, line)) {
-    std::stringstream ls(line);
+  for (size_t r = 1; r < cells.size(); ++r) {
     rows.emplace_back();
-    for (std::string cell; std::getline(ls, cell, ',');) rows.back().push_back(std::stod(cell));
+    for (const std::string& cell : cells[r]) rows.back().push_back(std::stod(cell));
   }
   return rows;
 }
 
 // Logistic growth from far below its capacity: a flat start is far from the solution.
-constexpr const char* kGrowth =
-    "Model app\n  Variables\n    x = 0.5\n  End Variables\n"
-    "  Equations\n    $x = 0.8 * x * (1 - x/5)\n  End Equations\nEnd Model\n";
+const std::string kGrowth = AppModel("x = 0.5", "$x = 0.8 * x * (1 - x/5)");
 
 // Implicit Euler of the same equation, each step solved by Newton's method.
 std::vector<double> ImplicitEuler(double x, double dt, int steps) {

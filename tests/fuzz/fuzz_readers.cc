@@ -22,7 +22,6 @@
 #include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,6 +31,7 @@
 #include "files/restart.h"
 #include "horizon/data_file.h"
 #include "model/builder.h"
+#include "../testing/scratch_dir.h"
 
 #ifdef __SANITIZE_ADDRESS__  // built with -DKX_SANITIZE=ON
 #include <sanitizer/common_interface_defs.h>
@@ -75,13 +75,6 @@ void InstallHandlers() {
   for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(sig, OnFatalSignal);
 }
 
-std::string ReadFile(const std::filesystem::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 // Files of the repository with one of the extensions, small enough to mutate quickly.
 std::vector<std::string> RepositoryFiles(std::initializer_list<const char*> extensions) {
   std::vector<std::string> out;
@@ -91,7 +84,7 @@ std::vector<std::string> RepositoryFiles(std::initializer_list<const char*> exte
     for (const auto& e : std::filesystem::recursive_directory_iterator(root)) {
       if (!e.is_regular_file() || std::filesystem::file_size(e.path()) > kMaxSeedBytes) continue;
       for (const char* ext : extensions)
-        if (e.path().extension() == ext) out.push_back(ReadFile(e.path()));
+        if (e.path().extension() == ext) out.push_back(kx::testing::ReadFile(e.path()));
     }
   }
   return out;
@@ -215,7 +208,7 @@ Reader RestartReader(const std::string& scratch) {
   Reader r{"restart", RepositoryFiles({".t0"}), nullptr};
   const std::string seed_path = scratch + "/seed.t0";
   files::WriteRestart(seed_path, base, false);
-  r.seeds.push_back(ReadFile(seed_path));
+  r.seeds.push_back(kx::testing::ReadFile(seed_path));
   r.seeds.push_back("! dynamic\np(1).n(1).a = 1 *\np(1).n(2).a = 2\np(2).n(2).b = 3 *\nss.c = 4\n");
   const std::string path = scratch + "/fuzz.t0";
   auto run_count = std::make_shared<long>(0);

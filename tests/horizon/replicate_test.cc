@@ -11,6 +11,7 @@
 #include "horizon/checks.h"
 #include "horizon/horizon.h"
 #include "horizon_testing.h"
+#include "testing/dense_solve.h"
 #include "testing/scratch_dir.h"
 #include "testing/stop_lines.h"
 
@@ -33,34 +34,13 @@ int NumberOf(const model::ModelStore& store, const std::string& name) {
   return 0;
 }
 
-// Values at nodes 2..nodes of one step of dx/dt = a x from x1: (I - a dt M) X = x1 (all ones),
-// by Gaussian elimination.
+// Values at nodes 2..nodes of one step of dx/dt = a x from x1: (I - a dt M) X = x1 (all ones).
 std::vector<double> DiscreteStep(int nodes, double dt, double x1) {
-  int m = nodes - 1;
-  std::vector<double> mat = CollocationMatrix(nodes), a(m * m), b(m, x1);
-  for (int i = 0; i < m; ++i) {
+  const int m = nodes - 1;
+  std::vector<double> mat = CollocationMatrix(nodes), a(m * m);
+  for (int i = 0; i < m; ++i)
     for (int j = 0; j < m; ++j) a[i * m + j] = (i == j ? 1.0 : 0.0) - kRate * dt * mat[i * m + j];
-  }
-  for (int c = 0; c < m; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < m; ++r) {
-      if (std::abs(a[r * m + c]) > std::abs(a[piv * m + c])) piv = r;
-    }
-    for (int k = 0; k < m; ++k) std::swap(a[c * m + k], a[piv * m + k]);
-    std::swap(b[c], b[piv]);
-    for (int r = c + 1; r < m; ++r) {
-      double f = a[r * m + c] / a[c * m + c];
-      for (int k = c; k < m; ++k) a[r * m + k] -= f * a[c * m + k];
-      b[r] -= f * b[c];
-    }
-  }
-  std::vector<double> x(m);
-  for (int r = m - 1; r >= 0; --r) {
-    double s = b[r];
-    for (int k = r + 1; k < m; ++k) s -= a[r * m + k] * x[k];
-    x[r] = s / a[r * m + r];
-  }
-  return x;
+  return kx::testing::SolveDense(a, std::vector<double>(m, x1));
 }
 
 TEST(Replicate, LinearTestEquationMatchesTheDiscreteCollocationSolution) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "horizon/collocation.h"
+#include "testing/dense_solve.h"
 #include "testing/stop_lines.h"
 
 namespace kx::horizon {
@@ -27,13 +28,11 @@ TEST(DataFile, ReadsNamesRowsAndNoValueCells) {
   }
   EXPECT_EQ(d.Column("feed"), 1);
   EXPECT_EQ(d.Column("missing"), -1);
-}
-
-TEST(DataFile, TextCellWarnsOnceAndReadsAsNoValue) {
+  // A text cell is no value too, with one warning for the file.
   OutputCapture out;
-  DataFile d = ParseDataFile("time,u\n0,abc\n1,xyz\n", "app.csv");
-  EXPECT_TRUE(DataFile::IsNoValue(d.At(0, 1)));
-  EXPECT_TRUE(DataFile::IsNoValue(d.At(1, 1)));
+  DataFile t = ParseDataFile("time,u\n0,abc\n1,xyz\n", "app.csv");
+  EXPECT_TRUE(DataFile::IsNoValue(t.At(0, 1)));
+  EXPECT_TRUE(DataFile::IsNoValue(t.At(1, 1)));
   ASSERT_EQ(out.lines().size(), 1u);
   EXPECT_NE(out.lines()[0].find("\"abc\" in row 1"), std::string::npos);
 }
@@ -89,14 +88,8 @@ TEST(TimeGrid, DataRowsGiveUnequalStepsAndInteriorNodes) {
   EXPECT_EQ(g.times[6], 2.0);
   EXPECT_EQ(g.RowOf(3), 1);
   EXPECT_EQ(g.RowOf(4), -1);
-}
-
-TEST(TimeGrid, DataIgnoredWhenCsvReadIsOff) {
-  HorizonSettings s;
-  s.csv_read = 0;
+  s.csv_read = 0;  // the data is not looked at: the options give the horizon
   s.pred_hor = 2;
-  DataFile d = ParseDataFile("x\n1\n", "app.csv");  // no time column: not looked at
-  OutputCapture out;
   EXPECT_EQ(BuildTimeGrid(s, &d).num_steps(), 2);
 }
 
@@ -187,34 +180,22 @@ std::vector<double> ExactCollocationMatrix(const std::vector<double>& t) {
       if (k != j) w[j] /= (t[j] - t[k]);
     }
   }
-  // Augmented [D22 | I], Gauss-Jordan with partial pivoting.
-  std::vector<std::vector<long double>> a(m, std::vector<long double>(2 * m, 0));
+  // D22: the differentiation matrix without its first row and column; M = D22^-1 by columns.
+  std::vector<long double> d(m * m, 0);
   for (int i = 1; i < n; ++i) {
-    long double diag = 0;
     for (int j = 0; j < n; ++j) {
       if (j == i) continue;
-      long double dij = (w[j] / w[i]) / (t[i] - t[j]);
-      diag -= dij;
-      if (j > 0) a[i - 1][j - 1] = dij;
-    }
-    a[i - 1][i - 1] = diag;
-    a[i - 1][m + i - 1] = 1;
-  }
-  for (int c = 0; c < m; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < m; ++r) {
-      if (std::fabs(a[r][c]) > std::fabs(a[piv][c])) piv = r;
-    }
-    std::swap(a[c], a[piv]);
-    for (int r = 0; r < m; ++r) {
-      if (r == c) continue;
-      long double f = a[r][c] / a[c][c];
-      for (int k = 0; k < 2 * m; ++k) a[r][k] -= f * a[c][k];
+      const long double dij = (w[j] / w[i]) / (t[i] - t[j]);
+      d[(i - 1) * m + i - 1] -= dij;
+      if (j > 0) d[(i - 1) * m + j - 1] = dij;
     }
   }
   std::vector<double> inv(m * m);
-  for (int r = 0; r < m; ++r) {
-    for (int k = 0; k < m; ++k) inv[r * m + k] = static_cast<double>(a[r][m + k] / a[r][r]);
+  for (int k = 0; k < m; ++k) {
+    std::vector<long double> e(m, 0);
+    e[k] = 1;
+    const std::vector<long double> col = kx::testing::SolveDense(d, e);
+    for (int r = 0; r < m; ++r) inv[r * m + k] = static_cast<double>(col[r]);
   }
   return inv;
 }

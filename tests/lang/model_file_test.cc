@@ -1,9 +1,7 @@
 #include "lang/model_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "base/report.h"
@@ -49,7 +47,11 @@ TEST(ModelFileLines, CommentsContinuationsAndSectionKeywords) {
 TEST(ModelFileVectors, RangesExpand) {
   ParsedModel m = Read(
       "Constants\nn = 3\nEnd Constants\nVariables\nx[1:n] = 2, >= 0\ny[3:3]\nz[n]\n"
-      "End Variables\nEquations\nx[2:n] = x[1:n-1] * 2\nEnd Equations\n");
+      "End Variables\nIntermediates\nv[1:2] = x[1:2] + 1\nEnd Intermediates\n"
+      "Equations\nx[2:n] = x[1:n-1] * 2\nEnd Equations\n");
+  ASSERT_EQ(m.intermediates.size(), 2u);
+  EXPECT_EQ(m.intermediates[1].name, "v[2]");
+  EXPECT_EQ(m.intermediates[1].text, "x[2] + 1");
   ASSERT_EQ(m.variables.size(), 5u);
   EXPECT_EQ(m.variables[0].name, "x[1]");
   EXPECT_EQ(m.variables[2].name, "x[3]");
@@ -78,19 +80,17 @@ TEST(ModelFileDeclarations, ValuesBoundsAndDefaults) {
   EXPECT_DOUBLE_EQ(m.variables[6].value, 2 * 3.141592653589793);
 }
 
+// Constants read earlier constants (and D exponents); values read constants and earlier
+// declarations.
 TEST(ModelFileDeclarations, ValuesReadConstantsAndEarlierDeclarations) {
-  ParsedModel m = Read("Constants\nk = 0.5\nEnd Constants\nParameters\np = 4\nEnd Parameters\n"
-                       "Variables\na[1:2] = p*k\nb = a[2] + sqrt(p), <= 9\nEnd Variables\n");
-  ASSERT_EQ(m.variables.size(), 3u);
-  EXPECT_DOUBLE_EQ(m.variables[1].value, 2.0);
-  EXPECT_DOUBLE_EQ(m.variables[2].value, 4.0);
-  EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
-}
-
-TEST(ModelFileConstants, ReadEarlierConstantsAndDExponents) {
-  ParsedModel m = Read("Constants\na = 2\nb = a^3 + 2.5d1\nEnd Constants\n");
+  ParsedModel m = Read("Constants\nc = 2\nk = c^3/16 - 2.5d-1\nEnd Constants\nParameters\np = 4\n"
+                       "End Parameters\nVariables\na[1:2] = p*k\nb = a[2] + sqrt(p), <= 9\nEnd Variables\n");
   ASSERT_EQ(m.constants.size(), 2u);
-  EXPECT_DOUBLE_EQ(m.constants[1].value, 33);
+  EXPECT_DOUBLE_EQ(m.constants[1].value, 0.25);
+  ASSERT_EQ(m.variables.size(), 3u);
+  EXPECT_DOUBLE_EQ(m.variables[1].value, 1.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].value, 3.0);
+  EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
 }
 
 TEST(ModelFileEquations, FormsTypesAndBounds) {
@@ -117,13 +117,6 @@ TEST(ModelFileEquations, FormsTypesAndBounds) {
   EXPECT_EQ(m.equations[2].lower, -1.0e20);
   EXPECT_EQ(m.counts.equations, 8);
   EXPECT_EQ(m.counts.residuals, 10);
-}
-
-TEST(ModelFileIntermediates, VectorsExpand) {
-  ParsedModel m = Read("Intermediates\nv[1:2] = x[1:2] + 1\nEnd Intermediates\n");
-  ASSERT_EQ(m.intermediates.size(), 2u);
-  EXPECT_EQ(m.intermediates[1].name, "v[2]");
-  EXPECT_EQ(m.intermediates[1].text, "x[2] + 1");
 }
 
 TEST(ModelFileObjectsAndConnections, Stored) {
@@ -172,43 +165,10 @@ TEST(ModelFileLines, MissingModelFileStops) {
                                       "STOPPING..."}));
 }
 
-// Every record store is checked against MAX_MEMORY before any vector statement is expanded:
-// a model too large stops at once with the store named.
-TEST(ModelSize, EachStoreIsCheckedAgainstMaxMemory) {
-  struct Case {
-    const char* text;
-    const char* first_line;  // nullptr: the model fits
-  };
-  const Case cases[] = {
-      {"Variables\nx[1:10000] = 1\nEnd Variables\n", nullptr},
-      {"Variables\nx[1:10001] = 1\nEnd Variables\n",
-       "Error: Not enough memory to store model variables: 10001 elements, room for 10000"},
-      // Parameters and variables share one store.
-      {"Parameters\np[1:5000] = 1\nEnd Parameters\nVariables\nx[1:5000] = 1\ny = 2\n"
-       "End Variables\n",
-       "Error: Not enough memory to store model variables: 10001 elements, room for 10000"},
-      {"Intermediates\nv[1:20000] = 1\nEnd Intermediates\n",
-       "Error: Not enough memory to store model intermediates: 20000 elements, room for 10000"},
-      {"Equations\nx[1:9000] = 1\nx[2:3000] = 2\nEnd Equations\n",
-       "Error: Not enough memory to store model equations: 11999 elements, room for 10000"},
-      {"Connections\na[1:10001] = b[1:10001]\nEnd Connections\n",
-       "Error: Not enough memory to store model connections: 10001 elements, room for 10000"},
-  };
-  for (const Case& c : cases) {
-    std::vector<std::string> lines = ReadStop(c.text, {.max_memory = 2});
-    if (!c.first_line) {
-      EXPECT_TRUE(lines.empty()) << c.text;
-      continue;
-    }
-    EXPECT_EQ(lines, (std::vector<std::string>{c.first_line,
-                                               "Increase MAX_MEMORY 10^(2-10), Currently: 10^2",
-                                               "Stopping..."}))
-        << c.text;
-  }
-}
-
-// Ten million elements at the default level stop before a single copy is made (a run that
-// expanded them first would take many seconds and gigabytes here).
+// Every record store is checked against MAX_MEMORY before any vector statement is expanded
+// (each store's stop is a golden case, tests/golden/input/builder.zpm): ten million elements
+// at the default level stop before a single copy is made (a run that expanded them first
+// would take many seconds and gigabytes here).
 TEST(ModelSize, HugeModelStopsBeforeExpansion) {
   std::vector<std::string> lines =
       ReadStop("Variables\nx[1:10000000] = 1\nEnd Variables\nEquations\n"
@@ -234,27 +194,6 @@ TEST(FileBlock, SymbolicLinkIsRefusedNotFollowed) {
   EXPECT_EQ(lines[0], "Error: unable to write file data.csv: it is a symbolic link");
   EXPECT_EQ(outside.Read("victim.csv"), "precious\n");
   EXPECT_TRUE(std::filesystem::is_symlink(dir.File("data.csv")));
-}
-
-// A full disk: the block stops with the reason, and the file written by an earlier run
-// stays whole (no 0-byte file).
-TEST(FileBlock, FailedWriteStopsAndKeepsThePreviousFile) {
-  kx::testing::ScratchDir dir("kx_file_block");
-  dir.Write("data.csv", "old, file\n");
-  rlimit saved;
-  getrlimit(RLIMIT_FSIZE, &saved);
-  auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit tight = saved;
-  tight.rlim_cur = 8;
-  setrlimit(RLIMIT_FSIZE, &tight);
-  std::vector<std::string> lines =
-      ReadStop("File data.csv\n" + std::string(100, '7') + "\nEnd File\n",
-               {.output_dir = dir.str()});
-  setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, handler);
-  ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(lines[0], "Error: unable to write file data.csv: File too large");
-  EXPECT_EQ(dir.Read("data.csv"), "old, file\n");
 }
 
 }  // namespace

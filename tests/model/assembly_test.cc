@@ -244,20 +244,6 @@ TEST(Assembly, MergedColumnsAreSummedOnTheDiagonal) {
   EXPECT_DOUBLE_EQ(h[0], 2.0);
 }
 
-TEST(Assembly, VectorsExactlyNnzLongSucceed) {
-  ModelStore store = MakeModel({{"x", 1}, {"y", 2}}, {{"x*y - 2"}, {"x + $y"}});
-  ModelAccess m(store);
-  ASSERT_EQ(zpm_nnz(m, 2), 4);
-  EXPECT_EQ(zpm_nnz(m, 1), 3);
-  std::vector<int> ir(4), ic(4);
-  std::vector<double> pd(4), h(1);
-  zpm_jacobian(m, 2, 4, ir, ic, pd);
-  store.eqns[0].lambda = 1;
-  ASSERT_EQ(zpm_nnzh(m, 1), 1);
-  zpm_hessian(m, 2, 1, ir, ic, h);
-  EXPECT_DOUBLE_EQ(h[0], 1.0);  // d2(x*y)/dy dx
-}
-
 // Each stop of the assembly with the lines it prints (the first `lines.size()` of them).
 TEST(Assembly, StopsNameTheFaultAndTheSizes) {
   using Lines = std::vector<std::string>;

@@ -196,16 +196,6 @@ TEST(Connections, FixedCalculatedAndValues) {
   EXPECT_EQ(s.vars[testing::Find(s, "c")].spec, kSpecValue);
 }
 
-TEST(Connections, UnknownNameWritesValidNamesAndStops) {
-  ScratchDir dir;
-  auto r = Build(WithConnections("a = nowhere"), dir);
-  ASSERT_TRUE(r.stopped);
-  EXPECT_EQ(dir.Read("connect_error.t0"), "p\na\nb\nc\n");
-  auto f = Build(WithConnections("nowhere = fixed"), dir);
-  EXPECT_TRUE(f.stopped);
-  EXPECT_TRUE(Has(f.output, "unable to locate variable"));
-}
-
 TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   ModelStore s;
   s.vars.resize(3);

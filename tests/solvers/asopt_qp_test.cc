@@ -113,15 +113,12 @@ TEST(AsoptQpTest, KnownSolutions) {
   }
 }
 
-TEST(AsoptQpTest, InconsistentRowsEndInfeasibleWithLeastViolation) {
-  const QpProblem qp =
-      MakeQp({1, 1}, {0, 0}, {{1, 1}, {1, 1}}, {3, -kNone}, {kNone, 1});
-  const QpResult r = SolveQp(qp, {});
+// Inconsistent rows end infeasible with the least violation; negative curvature is reported
+// unless a shift removes it.
+TEST(AsoptQpTest, InfeasibleAndNonconvexQpsSaySo) {
+  const QpResult r = SolveQp(MakeQp({1, 1}, {0, 0}, {{1, 1}, {1, 1}}, {3, -kNone}, {kNone, 1}), {});
   EXPECT_EQ(r.status, QpStatus::kInfeasible);
   EXPECT_NEAR(r.violation, 2.0, 1e-6);
-}
-
-TEST(AsoptQpTest, NegativeCurvatureIsReported) {
   const QpProblem qp = MakeQp({-1, 1}, {1, 1}, {}, {}, {});
   EXPECT_EQ(SolveQp(qp, {}).status, QpStatus::kNonconvex);
   QpProblem shifted = qp;
@@ -263,21 +260,19 @@ TEST(AsoptQpTest, TraceLinesFollowTheirLevels) {
   }
 }
 
-TEST(AsoptQpTest, IterationLimitEndsTheSolve) {
+// An iteration limit of one leaves room for the first working-set guess only; a passed
+// deadline ends the solve before any iteration.
+TEST(AsoptQpTest, IterationAndTimeLimitsEndTheSolve) {
   const int n = 20;
-  std::vector<double> hdiag(n, 1.0), grad(n, -5.0);
-  QpProblem qp = MakeQp(hdiag, grad, {}, {}, {}, -1.0, 1.0);
-  qp.xl.assign(n, -kNone);  // every upper bound ends active
-  qp.max_iterations = 1;     // room for the first working-set guess only
-  const QpResult r = SolveQp(qp, {});
+  QpProblem qp = MakeQp(std::vector<double>(n, 1.0), std::vector<double>(n, -5.0), {}, {}, {},
+                        -kNone, 1.0);  // every upper bound ends active
+  qp.max_iterations = 1;
+  QpResult r = SolveQp(qp, {});
   EXPECT_EQ(r.status, QpStatus::kIterationLimit);
   EXPECT_EQ(r.iterations, 1);
-}
-
-TEST(AsoptQpTest, PassedDeadlineEndsTheSolveBeforeAnyIteration) {
-  QpProblem qp = MakeQp({1.0, 1.0}, {-5.0, -5.0}, {{1.0, 1.0}}, {-kNone}, {1.0});
+  qp.max_iterations = 1000;
   qp.deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
-  const QpResult r = SolveQp(qp, {});
+  r = SolveQp(qp, {});
   EXPECT_EQ(r.status, QpStatus::kTimeLimit);
   EXPECT_EQ(r.iterations, 0);
 }

@@ -226,8 +226,6 @@ TEST(Biopt, PrintsBannerSummaryAndWritesItsLog) {
   OutputCapture out;
   const SolverResult r = SolveBiopt(p, Tight());
   ASSERT_EQ(r.status, kSuccess);
-  EXPECT_TRUE(out.Contains(" with BIOPT Solver"));
-  EXPECT_TRUE(out.Contains("BIOPT Solver v1.0.5"));
   EXPECT_TRUE(out.Contains(std::string(OutcomeText(kSuccess))));
   std::ifstream log("biopt.out");
   ASSERT_TRUE(log.good());

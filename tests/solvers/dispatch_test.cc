@@ -74,14 +74,6 @@ TEST(Dispatch, BioptWithoutSecondDerivativesDoesNotSolve) {
   EXPECT_EQ(out.text(), "BIOPT: l-BFGS not available\n");
 }
 
-// The benchmark table's column is twelve characters wide.
-TEST(Dispatch, DisplayNamesAreTwelveCharacters) {
-  for (int s = 1; s <= 6; ++s) EXPECT_EQ(SolverDisplayName(s).size(), 12u) << s;
-  EXPECT_EQ(SolverDisplayName(1), "ASOPT (v1.0)");
-  EXPECT_EQ(SolverDisplayName(0), "");
-  EXPECT_EQ(SolverDisplayName(7), "");
-}
-
 using Vec = std::vector<double>;
 
 // min x0^2 + x1 + x2 s.t. x0 * x1 in [1, 2], with x2 fixed at 3; x0 < 0 gives NaN results.
