@@ -277,12 +277,14 @@ std::optional<CachedModel> LoadCache(const std::string& cache_file, const std::s
   return cached;
 }
 
-// Writes the files the build wrote again (File blocks, the connections listing).
+// Writes the files the build wrote again (File blocks, the connections listing); a file that
+// already holds its text is left alone, saving the write's flush to disk.
 bool RewriteFiles(const CachedModel& cached) {
   for (size_t i = 0; i < cached.files.size(); ++i) {
-    if (!WriteFileAtomically(cached.store.files_written[i], cached.files[i],
-                             WriteMode::kPlainFileName))
-      return false;
+    const std::string& path = cached.store.files_written[i];
+    std::string now;
+    if (ReadWholeFile(path, &now) && now == cached.files[i]) continue;
+    if (!WriteFileAtomically(path, cached.files[i], WriteMode::kPlainFileName)) return false;
   }
   return true;
 }
