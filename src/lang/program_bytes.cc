@@ -40,8 +40,8 @@ bool Program::Load(std::string_view* in) {
   if (!TakeArray(in, 6, &sizes)) return false;
   const int32_t inputs = sizes[0], num_consts = sizes[1], size = sizes[2], pairs = sizes[3];
   const int32_t end_residual = sizes[4], end_first = sizes[5];
-  if (inputs < 0 || num_consts < 0 || pairs < 0 || end_residual < 1 ||
-      end_residual > end_first || end_first > size)
+  if (inputs < 0 || num_consts < 0 || pairs < 0 || end_residual < 1 || end_residual > end_first ||
+      end_first > size)
     return false;
   std::vector<double> consts;
   std::vector<Instr> code;

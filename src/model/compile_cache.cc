@@ -77,8 +77,8 @@ std::string KeyText(const std::string& model_file, std::string_view model_bytes,
   return fmt::format(
       "format={};exe={};model={};bytes={};diaglevel={};max_memory={};stream_level={};"
       "scaling={};max_range={};work_dir={}",
-      kCacheFormatVersion, ExecutableIdentity(), model_file, Fingerprint(model_bytes),
-      o.diaglevel, o.max_memory, o.stream_level, o.scaling, o.max_range, o.work_dir);
+      kCacheFormatVersion, ExecutableIdentity(), model_file, Fingerprint(model_bytes), o.diaglevel,
+      o.max_memory, o.stream_level, o.scaling, o.max_range, o.work_dir);
 }
 
 // Bytes out: every Item appends one value; vectors and strings carry their length first.
@@ -89,10 +89,8 @@ class Encoder {
     (Item(items), ...);
   }
   template <typename T>
-    requires std::is_arithmetic_v<T>
-  void Item(T v) {
-    bytes_.append(reinterpret_cast<const char*>(&v), sizeof v);
-  }
+  requires std::is_arithmetic_v<T>
+  void Item(T v) { bytes_.append(reinterpret_cast<const char*>(&v), sizeof v); }
   void Item(const std::string& s) {
     Item(static_cast<uint64_t>(s.size()));
     bytes_ += s;
@@ -104,10 +102,8 @@ class Encoder {
   }
   void Item(const lang::Program& p) { p.Save(&bytes_); }
   template <typename T>
-    requires std::is_class_v<T>
-  void Item(const T& record) {
-    Fields(*this, record);
-  }
+  requires std::is_class_v<T>
+  void Item(const T& record) { Fields(*this, record); }
   std::string& bytes() { return bytes_; }
 
  private:
@@ -123,7 +119,7 @@ class Decoder {
     (Item(items), ...);
   }
   template <typename T>
-    requires std::is_arithmetic_v<T>
+  requires std::is_arithmetic_v<T>
   void Item(T& v) {
     if (!Fits(sizeof v)) return;
     std::memcpy(&v, in_.data(), sizeof v);
@@ -148,10 +144,8 @@ class Decoder {
     if (ok_ && !p.Load(&in_)) ok_ = false;
   }
   template <typename T>
-    requires std::is_class_v<T>
-  void Item(T& record) {
-    Fields(*this, record);
-  }
+  requires std::is_class_v<T>
+  void Item(T& record) { Fields(*this, record); }
   bool ok() const { return ok_; }
   bool AtEnd() const { return in_.empty(); }
 
@@ -166,7 +160,7 @@ class Decoder {
 
 // The stored fields of each record, one list for both directions.
 template <typename A, typename V>
-  requires std::is_same_v<std::remove_const_t<V>, Variable>
+requires std::is_same_v<std::remove_const_t<V>, Variable>
 void Fields(A& a, V& v) {
   a(v.name, v.vtype, v.number, v.idiff, v.diff, v.fixed, v.obj_def, v.iv, v.integer, v.slack,
     v.preferred, v.number_v, v.number_d, v.number_n, v.number_h, v.aliases, v.forward, v.spec,
@@ -174,45 +168,37 @@ void Fields(A& a, V& v) {
 }
 
 template <typename A, typename E>
-  requires std::is_same_v<std::remove_const_t<E>, Equation>
+requires std::is_same_v<std::remove_const_t<E>, Equation>
 void Fields(A& a, E& e) {
   a(e.name, e.text, e.residual_text, e.type, e.active, e.differential, e.obj_eqn, e.residual,
     e.lower, e.upper, e.scaling, e.lambda, e.program, e.columns, e.line, e.statement);
 }
 
 template <typename A, typename M>
-  requires std::is_same_v<std::remove_const_t<M>, Intermediate>
-void Fields(A& a, M& m) {
-  a(m.name, m.text, m.handle, m.program, m.columns, m.value, m.line);
-}
+requires std::is_same_v<std::remove_const_t<M>, Intermediate>
+void Fields(A& a, M& m) { a(m.name, m.text, m.handle, m.program, m.columns, m.value, m.line); }
 
 template <typename A, typename C>
-  requires std::is_same_v<std::remove_const_t<C>, Constant>
-void Fields(A& a, C& c) {
-  a(c.name, c.value);
-}
+requires std::is_same_v<std::remove_const_t<C>, Constant>
+void Fields(A& a, C& c) { a(c.name, c.value); }
 
 template <typename A, typename C>
-  requires std::is_same_v<std::remove_const_t<C>, Connection>
-void Fields(A& a, C& c) {
-  a(c.number, c.a, c.b, c.var_a, c.var_b);
-}
+requires std::is_same_v<std::remove_const_t<C>, Connection>
+void Fields(A& a, C& c) { a(c.number, c.a, c.b, c.var_a, c.var_b); }
 
 template <typename A, typename O>
-  requires std::is_same_v<std::remove_const_t<O>, ObjectDecl>
-void Fields(A& a, O& o) {
-  a(o.name, o.type, o.arguments, o.line);
-}
+requires std::is_same_v<std::remove_const_t<O>, ObjectDecl>
+void Fields(A& a, O& o) { a(o.name, o.type, o.arguments, o.line); }
 
 template <typename A, typename D>
-  requires std::is_same_v<std::remove_const_t<D>, lang::DomainErrors>
+requires std::is_same_v<std::remove_const_t<D>, lang::DomainErrors>
 void Fields(A& a, D& d) {
   a(d.divide_by_zero, d.log10_negative, d.log_negative, d.sqrt_negative, d.asin_illegal,
     d.acos_illegal);
 }
 
 template <typename A, typename S>
-  requires std::is_same_v<std::remove_const_t<S>, ModelStore>
+requires std::is_same_v<std::remove_const_t<S>, ModelStore>
 void Fields(A& a, S& s) {
   a(s.name, s.vars, s.order, s.eqns, s.intermediates, s.constants, s.connections, s.objects,
     s.compounds, s.programs, s.nvar, s.ndiff, s.num_integer, s.num_diff_eqns, s.num_alg_eqns,

@@ -2,13 +2,12 @@
 // same model loads APP.zpc instead of building and gives the same files and lines as a build;
 // any damage to the cache or change to what the model was built from is noticed, and the
 // cycle builds afresh, answers as a fresh build does and writes a good cache again.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <functional>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "driver/cycle_fixture.h"
 
@@ -149,10 +148,12 @@ struct Damage {
 TEST(CompileCache, DamageOrChangeIsNoticedAndRebuilt) {
   const std::function<void(const ScratchDir&)> nothing = [](const ScratchDir&) {};
   const Damage cases[] = {
-      {"truncated", [](const ScratchDir& d) {
+      {"truncated",
+       [](const ScratchDir& d) {
          std::filesystem::resize_file(d.File("two.zpc"),
                                       std::filesystem::file_size(d.File("two.zpc")) / 2);
-       }, nothing},
+       },
+       nothing},
       {"empty", [](const ScratchDir& d) { d.Write("two.zpc", ""); }, nothing},
       {"payload byte flipped", [](const ScratchDir& d) { ChangeCacheByte(d, -9, 1); }, nothing},
       {"wrong version", [](const ScratchDir& d) { ChangeCacheByte(d, 8, 1); }, nothing},
@@ -211,8 +212,8 @@ TEST(CompileCache, NoCacheWithoutAWholeQuietBuild) {
     std::string model, dbs;
     int status;
   } cases[] = {
-      {"build stops", std::string(kModel).replace(std::string(kModel).find("+ u"), 3, "+ w"),
-       kDbs, 0},
+      {"build stops", std::string(kModel).replace(std::string(kModel).find("+ u"), 3, "+ w"), kDbs,
+       0},
       {"diaglevel 2", kModel, std::string(kDbs) + "ZPM.DIAGLEVEL = 2\n", 1},
   };
   for (const Case& c : cases) {

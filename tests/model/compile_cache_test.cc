@@ -46,8 +46,8 @@ CachedModel BuildOnce(const ScratchDir& dir) {
   EXPECT_FALSE(r.stopped) << r.output;
   m.store = std::move(r.store);
   m.lines = r.lines;
-  for (const std::string& f : m.store.files_written) m.files.push_back(dir.Read(
-      std::filesystem::path(f).filename().string()));
+  for (const std::string& f : m.store.files_written)
+    m.files.push_back(dir.Read(std::filesystem::path(f).filename().string()));
   return m;
 }
 
