@@ -205,6 +205,25 @@ TEST(CompileCache, CacheOfAnotherModelIsNotUsed) {
   ExpectSameCycle(a, b, cached, fresh);
 }
 
+// A loaded model writes again what its build wrote: `File` blocks and the connections listing.
+TEST(CompileCache, FilesTheBuildWroteAreWrittenAgain) {
+  ScratchDir dir("kx_cache");
+  WriteInputs(dir);
+  dir.Write("two.zpm", "File notes.txt\nkept verbatim, 1 2 3\nEnd File\n" + std::string(kModel));
+  ASSERT_EQ(RunIn(dir, "two").status, 1);
+  const std::string notes = dir.Read("notes.txt");
+  const std::string connections = dir.Read("model_connections.txt");
+  ASSERT_EQ(notes, "kept verbatim, 1 2 3\n");
+  ASSERT_NE(connections.find("A: f.x"), std::string::npos) << connections;
+  const ino_t written = Inode(dir, "two.zpc");
+  std::filesystem::remove(dir.File("notes.txt"));
+  dir.Write("model_connections.txt", "changed by hand\n");
+  EXPECT_EQ(RunIn(dir, "two").status, 1);
+  EXPECT_EQ(Inode(dir, "two.zpc"), written) << "the cache was not loaded";
+  EXPECT_EQ(dir.Read("notes.txt"), notes);
+  EXPECT_EQ(dir.Read("model_connections.txt"), connections);
+}
+
 // No cache after a build that stops, nor at DIAGLEVEL 2 (whose build leaves diagnostic files).
 TEST(CompileCache, NoCacheWithoutAWholeQuietBuild) {
   struct Case {
