@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <type_traits>
 
 #include "base/file_writer.h"
@@ -50,6 +51,17 @@ uint32_t Adler(std::string_view bytes) {
   return static_cast<uint32_t>(sum);
 }
 
+// A whole file read in one piece of its size (a cache of a large model runs to tens of MB).
+bool ReadBytes(const std::string& path, std::string* bytes) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return false;
+  const std::streamoff size = in.tellg();
+  if (size < 0) return false;
+  bytes->resize(static_cast<size_t>(size));
+  in.seekg(0);
+  return static_cast<bool>(in.read(bytes->data(), size));
+}
+
 // The fingerprint of a file's bytes: length and two checksums; "missing" when unreadable.
 std::string Fingerprint(std::string_view bytes) {
   return fmt::format("{}:{:08x}:{:08x}", bytes.size(), Crc(bytes), Adler(bytes));
@@ -57,7 +69,7 @@ std::string Fingerprint(std::string_view bytes) {
 
 std::string FileFingerprint(const std::string& path) {
   std::string bytes;
-  return ReadWholeFile(path, &bytes) ? Fingerprint(bytes) : "missing";
+  return ReadBytes(path, &bytes) ? Fingerprint(bytes) : "missing";
 }
 
 // The engine that wrote a cache: another build of the executable may compile differently.
@@ -255,8 +267,7 @@ std::string ReplayedLine(const std::string& line, double load_seconds) {
 std::optional<CachedModel> LoadCache(const std::string& cache_file, const std::string& key,
                                      int diaglevel) {
   std::string bytes;
-  if (!std::filesystem::exists(cache_file) || !ReadWholeFile(cache_file, &bytes))
-    return std::nullopt;
+  if (!std::filesystem::exists(cache_file) || !ReadBytes(cache_file, &bytes)) return std::nullopt;
   std::string why;
   std::optional<CachedModel> cached = DecodeCache(bytes, key, &why);
   if (!cached && diaglevel >= 1) Sayf("Compile cache {} not used ({}): building", cache_file, why);
@@ -269,7 +280,7 @@ bool RewriteFiles(const CachedModel& cached) {
   for (size_t i = 0; i < cached.files.size(); ++i) {
     const std::string& path = cached.store.files_written[i];
     std::string now;
-    if (ReadWholeFile(path, &now) && now == cached.files[i]) continue;
+    if (ReadBytes(path, &now) && now == cached.files[i]) continue;
     if (!WriteFileAtomically(path, cached.files[i], WriteMode::kPlainFileName)) return false;
   }
   return true;
@@ -298,7 +309,7 @@ CachedModel BuildCapturing(const std::string& model_file, const BuildOptions& op
 void WriteCache(const std::string& cache_file, const std::string& key, CachedModel* built) {
   for (const std::string& path : built->store.files_written) {
     std::string content;
-    if (!ReadWholeFile(path, &content)) return;  // nothing to replay it from: no cache
+    if (!ReadBytes(path, &content)) return;  // nothing to replay it from: no cache
     built->files.push_back(std::move(content));
   }
   WriteFileAtomically(cache_file, EncodeCache(key, *built));
@@ -347,7 +358,7 @@ std::optional<CachedModel> DecodeCache(std::string_view bytes, std::string_view 
 ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& options,
                             const std::string& cache_file) {
   std::string model_bytes;
-  if (options.diaglevel >= 2 || !ReadWholeFile(model_file, &model_bytes))
+  if (options.diaglevel >= 2 || !ReadBytes(model_file, &model_bytes))
     return BuildModel(model_file, options);
   const Clock::time_point start = Clock::now();
   const std::string key = KeyText(model_file, model_bytes, options);
