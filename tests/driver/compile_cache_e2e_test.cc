@@ -4,10 +4,13 @@
 // cycle builds afresh, answers as a fresh build does and writes a good cache again.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "driver/cycle_fixture.h"
 
@@ -52,10 +55,17 @@ RunResult RunIn(const ScratchDir& dir, const std::string& args) {
   return r;
 }
 
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
 // The printed lines without the times, which differ from run to run.
 std::string Untimed(const std::string& out) {
   std::string kept;
-  for (const std::string& line : Lines(out)) {
+  for (const std::string& line : SplitLines(out)) {
     const size_t sec = line.find("(sec):");
     const size_t solution = line.find("Solution time");
     if (sec != std::string::npos) {
@@ -109,7 +119,7 @@ void ChangeCacheByte(const ScratchDir& dir, long at, char delta) {
 // A written DBS text without its solve times.
 std::string WithoutSolveTimes(const std::string& dbs) {
   std::string kept;
-  for (const std::string& line : Lines(dbs))
+  for (const std::string& line : SplitLines(dbs))
     if (line.find("SOLVETIME") == std::string::npos) kept += line + "\n";
   return kept;
 }
