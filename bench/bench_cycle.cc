@@ -11,9 +11,13 @@
 //      through the engine's callback set against the hand-coded callbacks, in this process.
 //   3. Front end: reading, compiling and differentiating the model of n = 50,000 (100,000
 //      equality rows) in both forms (model::BuildModelFromText, processor time, fastest of 3;
-//      the teardown of the built model is included).
+//      the teardown of the built model is included); then the same model file built with
+//      model::BuildModelCached: a fresh build that writes the compile cache against a load
+//      from it.
 //   4. Small-cycle latency: a 2-state model simulated over 10 steps, `kestrix app -sim`,
-//      process start to exit (every file written), median of the runs.
+//      process start to exit (every file written), median of the runs, the model loaded from
+//      the compile cache against built (the cache removed before the run, which writes it
+//      again), runs of the two kinds alternating.
 //
 //   bench_cycle [--quick] [--repeat R] [--only PART]
 //   --quick: n = 20,000 only in part 1; --only: one part (processes, calls, front, small)
@@ -33,6 +37,7 @@
 
 #include "base/report.h"
 #include "model/builder.h"
+#include "model/compile_cache.h"
 #include "process_bench.h"
 #include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
@@ -235,6 +240,7 @@ void CompareProcesses(int n, int repeat) {
     const Best cycle = BestOf({KestrixPath(), "app", "-rto", "-ipopt"}, repeat, [] {
       fs::remove("rto.t0");  // every cycle solves from the declared start
       fs::remove("lam.t0");
+      fs::remove("app.zpc");  // and builds its model (the compile cache is part 3's business)
     });
     if (cycle.run.status != 1) Sayf("  (kestrix exit status {})", cycle.run.status);
     row(vector ? "kestrix, vector statements" : "kestrix, element by element", cycle);
@@ -308,6 +314,29 @@ double CpuSeconds() {
   return sec(usage.ru_utime) + sec(usage.ru_stime);
 }
 
+// Processor seconds of one BuildModelCached of "app.zpm" (output captured).
+double CachedBuildSeconds(const model::BuildOptions& options) {
+  OutputCapture quiet;
+  const double start = CpuSeconds();
+  auto store = std::make_unique<model::ModelStore>(
+      model::BuildModelCached("app.zpm", options, "app.zpc"));
+  return CpuSeconds() - start;
+}
+
+// The model file built with the compile cache: fresh (the cache removed first; the build
+// writes it) against loaded from the cache, fastest of 3 each.
+void CompareCachedBuild(const std::string& text, const model::BuildOptions& options) {
+  WriteText("app.zpm", text);
+  double fresh = INFINITY, loaded = INFINITY;
+  for (int k = 0; k < 3; ++k) {
+    fs::remove("app.zpc");
+    fresh = std::min(fresh, CachedBuildSeconds(options));
+    loaded = std::min(loaded, CachedBuildSeconds(options));
+  }
+  Sayf("  {:<22} {:>8.3f} s fresh with cache write, {:.3f} s from cache ({:.1f} MB): {:.1f}x",
+       "", fresh, loaded, fs::file_size("app.zpc") / 1048576.0, fresh / loaded);
+}
+
 void CompareFrontEnd(int n) {
   Sayf("Front end at n = {}: read, compile and differentiate ({} equality rows, processor "
        "time, fastest of 3)",
@@ -326,6 +355,7 @@ void CompareFrontEnd(int n) {
     }
     Sayf("  {:<22} {:>8.3f} s  ({:.1f} MB of text)", vector ? "vector statements" : "element by element",
          best, text.size() / 1048576.0);
+    CompareCachedBuild(text, options);
   }
 }
 
@@ -339,17 +369,23 @@ void SmallCycleLatency() {
   std::string csv = "time,u\n";
   for (int k = 0; k <= 10; ++k) csv += fmt::format("{},1\n", k);
   WriteText("app.csv", csv);
-  std::vector<double> wall, cpu;
+  std::vector<double> wall[2], cpu[2];  // [0] the cache missing (built, written), [1] loaded
   int status = -1;
-  for (int k = 0; k < kLatencyRuns; ++k) {
+  RunProcess({KestrixPath(), "app", "-sim"}, "console.txt");  // writes the cache
+  for (int k = 0; k < 2 * kLatencyRuns; ++k) {
+    const int cached = k % 2;
+    if (!cached) fs::remove("app.zpc");  // this run builds and writes it again
     const ProcessRun r = RunProcess({KestrixPath(), "app", "-sim"}, "console.txt");
-    wall.push_back(r.seconds);
-    cpu.push_back(r.cpu);
+    wall[cached].push_back(r.seconds);
+    cpu[cached].push_back(r.cpu);
     status = r.status;
   }
   Sayf("Small cycle: 2 states, 10 steps, `kestrix app -sim` (median of {} runs, exit status {})",
        kLatencyRuns, status);
-  Sayf("  wall {:.2f} ms, processor {:.2f} ms", 1e3 * Median(wall), 1e3 * Median(cpu));
+  for (int cached : {0, 1})
+    Sayf("  {:<26} wall {:.2f} ms, processor {:.2f} ms",
+         cached ? "model from the cache" : "model built, cache written",
+         1e3 * Median(wall[cached]), 1e3 * Median(cpu[cached]));
 }
 
 }  // namespace

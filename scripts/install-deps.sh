@@ -6,7 +6,7 @@ packages=(
   build-essential cmake pkg-config
   libgtest-dev googletest libbenchmark-dev
   coinor-libipopt-dev libmumps-seq-dev libsuitesparse-dev
-  nlohmann-json3-dev libfmt-dev libsundials-dev
+  nlohmann-json3-dev libfmt-dev libsundials-dev zlib1g-dev
   python3 python3-venv chromium  # the Python client and its tests; the report page test
 )
 

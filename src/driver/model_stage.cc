@@ -16,6 +16,7 @@
 #include "horizon/data_file.h"
 #include "model/access.h"
 #include "model/builder.h"
+#include "model/compile_cache.h"
 #include "model/diagnostics.h"
 #include "model/routines.h"
 #include "solvers/model_problem.h"
@@ -135,7 +136,7 @@ int RunModelStage(CycleState& state) {
   auto m = std::make_unique<CycleModel>();
   {
     ScopedTimer timer("Model build");
-    m->base = model::BuildModel(state.model_file, BuildOptionsOf(state));
+    m->base = model::BuildModelCached(state.model_file, BuildOptionsOf(state), state.app + ".zpc");
   }
   ReadVariableClasses(state, m->base);
   if (state.diaglevel >= 2) model::WriteByteCodeListing(m->base, "model_bytecode.txt");

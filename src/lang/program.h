@@ -20,6 +20,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "lang/opcodes.h"
 
@@ -67,6 +68,12 @@ class Program {
 
   // Human-readable opcode listing (diagnostic files and golden tests).
   std::string Listing() const;
+
+  // Appends the program's sizes, constants, code, output slots and pairs to `out` (the
+  // model's compile cache). Load reads one program so saved from the front of `in` and
+  // advances it; false when `in` is too short or its sizes do not fit together.
+  void Save(std::string* out) const;
+  bool Load(std::string_view* in);
 
  private:
   friend class CodeGen;

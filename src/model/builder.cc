@@ -144,7 +144,8 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   Phase("Read model file (sec):", [&] { read(&reader); });
   Phase("Initialize constants (sec):", [&] { reader.InitializeConstants(); });
   Phase("Determine model size (sec):", [&] {
-    objects::ExpandObjects(&reader, {options_.work_dir, options_.diaglevel});
+    objects::ExpandObjects(&reader,
+                           {options_.work_dir, options_.diaglevel, &store_.files_read});
     counts = reader.DetermineSize();
   });
   Phase("Allocate memory (sec):", [&] {
@@ -159,6 +160,8 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
     ApplyConnections(parsed_.connections, names_, {options_.diaglevel, options_.work_dir},
                      &store_);
     NumberVariables();
+    if (!store_.connections.empty())
+      store_.files_written.push_back(options_.work_dir + "/model_connections.txt");
   });
   Phase("Error checking (sec):", [&] { CheckRecords(); });
   Phase("Compile equations (sec):", [&] {
@@ -282,6 +285,8 @@ void Builder::CreateRecords() {
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;
+  for (const std::string& f : parsed_.files_written)
+    store_.files_written.push_back(options_.work_dir + "/" + f);
   ReleaseDeclarations();
 }
 

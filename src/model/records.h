@@ -129,6 +129,8 @@ struct ModelStore {
   int num_alg_eqns = 0;                     // equations without one (objective rows excluded)
   int num_obj_eqns = 0;                     // objective rows
   bool exact_hessian = true;                // second derivatives are supplied to the solvers
+  std::vector<std::string> files_read;      // paths of the data files the objects read
+  std::vector<std::string> files_written;   // files the build wrote (File blocks, connections)
   lang::DomainErrors start_errors;          // met evaluating the starting point (builder)
 
   Variable& Var(int number) { return vars[order[number - 1]]; }

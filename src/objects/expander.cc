@@ -442,6 +442,14 @@ const ObjectType& CheckDeclaration(const lang::ObjectDeclText& decl,
   return *type;
 }
 
+// The data files an instance read, as paths (as ReadFileArgument opened them).
+void NoteFilesRead(const ObjectInstance& o, const ExpandOptions& options) {
+  for (const auto& [argument, table] : o.tables) {
+    const std::string& f = table.file;
+    options.files_read->push_back(f.front() == '/' ? f : options.work_dir + "/" + f);
+  }
+}
+
 }  // namespace
 
 [[noreturn]] void FailObject(const ObjectInstance& o, const std::string& what) {
@@ -493,8 +501,9 @@ void ExpandObjects(lang::ModelFileReader* reader, const ExpandOptions& options) 
     const lang::ObjectDeclText decl = lang::ParseObjectStatement(s);
     const ObjectType& type = CheckDeclaration(decl, &declared);
     auto evaluate = [&](std::string_view t) { return reader->EvaluateConstant(t, s.line); };
-    ObjectStatements st =
-        WriteStatements(MakeInstance(decl, type, compounds, evaluate, options.work_dir), type);
+    const ObjectInstance instance = MakeInstance(decl, type, compounds, evaluate, options.work_dir);
+    if (options.files_read != nullptr) NoteFilesRead(instance, options);
+    ObjectStatements st = WriteStatements(instance, type);
     if (options.diaglevel >= 4) Echo(st);
     AppendAll(&all, std::move(st));
   }

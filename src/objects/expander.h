@@ -15,6 +15,7 @@ namespace kx::objects {
 struct ExpandOptions {
   std::string work_dir = ".";  // folder of the data files the declarations name
   int diaglevel = 0;           // >= 4 echoes every generated statement
+  std::vector<std::string>* files_read = nullptr;  // out, when set: path of each data file read
 };
 
 // The statements one object expands to, by section.

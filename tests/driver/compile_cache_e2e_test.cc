@@ -1,0 +1,265 @@
+// The compile cache across cycles, seen as an outer program sees it: a second cycle on the
+// same model loads APP.zpc instead of building and gives the same files and lines as a build;
+// any damage to the cache or change to what the model was built from is noticed, and the
+// cycle builds afresh, answers as a fresh build does and writes a good cache again.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "driver/cycle_fixture.h"
+
+namespace kx::driver {
+namespace {
+
+using kx::testing::ScratchDir;
+
+// Two states, one of them through an object that reads a data file, over 10 steps.
+constexpr const char* kModel = R"(Model two
+  Objects
+    f = pwl(data=curve.csv)
+  End Objects
+  Parameters
+    u = 1
+  End Parameters
+  Variables
+    x1 = 1
+    x2 = 0
+  End Variables
+  Connections
+    f.x = x1
+  End Connections
+  Equations
+    $x1 = -0.5*x1 + u
+    $x2 = f.y - x2
+  End Equations
+End Model
+)";
+constexpr const char* kCurve = "x,y\n0,0\n1,2\n3,3\n";
+constexpr const char* kData = "time\n0\n1\n2\n3\n4\n5\n6\n7\n8\n9\n10\n";
+constexpr const char* kDbs = "ZPM.IMODE = 4\nZPM.NODES = 3\n";
+
+RunResult RunIn(const ScratchDir& dir, const std::string& args) {
+  const std::string cmd = "cd '" + dir.str() + "' && '" KX_BINARY "' " + args + " 2>&1";
+  RunResult r;
+  FILE* pipe = popen(cmd.c_str(), "r");
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
+  const int rc = pclose(pipe);
+  r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return r;
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// The printed lines without the times, which differ from run to run.
+std::string Untimed(const std::string& out) {
+  std::string kept;
+  for (const std::string& line : SplitLines(out)) {
+    const size_t sec = line.find("(sec):");
+    const size_t solution = line.find("Solution time");
+    if (sec != std::string::npos) {
+      kept += line.substr(0, sec) + "\n";
+    } else if (solution == std::string::npos) {
+      kept += line + "\n";
+    }
+  }
+  return kept;
+}
+
+// A file's inode: a cache that was written again (renamed into place) has a new one.
+ino_t Inode(const ScratchDir& dir, const std::string& name) {
+  struct stat st {};
+  return ::stat(dir.File(name).c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+void WriteInputs(const ScratchDir& dir) {
+  dir.Write("two.zpm", kModel);
+  dir.Write("curve.csv", kCurve);
+  dir.Write("two.csv", kData);
+  dir.Write("two.dbs", kDbs);
+}
+
+// Copies every file of `from` but the cache, so `to` continues the same history.
+void CopyHistory(const ScratchDir& from, const ScratchDir& to) {
+  for (const auto& entry : std::filesystem::directory_iterator(from.path())) {
+    if (entry.path().extension() == ".zpc") continue;
+    std::filesystem::copy_file(entry.path(), to.path() / entry.path().filename(),
+                               std::filesystem::copy_options::overwrite_existing);
+  }
+}
+
+void Replace(const ScratchDir& dir, const std::string& name, const std::string& from,
+             const std::string& to) {
+  std::string text = dir.Read(name);
+  const size_t at = text.find(from);
+  ASSERT_NE(at, std::string::npos) << from;
+  dir.Write(name, text.replace(at, from.size(), to));
+}
+
+// Changes byte `at` (from the end when negative) of the cache file.
+void ChangeCacheByte(const ScratchDir& dir, long at, char delta) {
+  std::string bytes = dir.Read("two.zpc");
+  ASSERT_FALSE(bytes.empty());
+  const size_t i = at < 0 ? bytes.size() + at : static_cast<size_t>(at);
+  bytes[i] = static_cast<char>(bytes[i] + delta);
+  dir.Write("two.zpc", bytes);
+}
+
+// A written DBS text without its solve times.
+std::string WithoutSolveTimes(const std::string& dbs) {
+  std::string kept;
+  for (const std::string& line : SplitLines(dbs))
+    if (line.find("SOLVETIME") == std::string::npos) kept += line + "\n";
+  return kept;
+}
+
+void ExpectSameCycle(const RunResult& a, const RunResult& b, const ScratchDir& da,
+                     const ScratchDir& db) {
+  EXPECT_EQ(a.status, 1) << a.out;
+  EXPECT_EQ(b.status, 1) << b.out;
+  EXPECT_EQ(Untimed(a.out), Untimed(b.out));
+  for (const char* f : {"results.csv", "results.json", "sim.t0"})
+    EXPECT_EQ(da.Read(f), db.Read(f)) << f;
+  EXPECT_EQ(WithoutSolveTimes(da.Read("two.dbs")), WithoutSolveTimes(db.Read("two.dbs")));
+}
+
+TEST(CompileCache, SecondCycleLoadsAndMatchesAFreshBuild) {
+  ScratchDir cached("kx_cache"), fresh("kx_cache");
+  WriteInputs(cached);
+  ASSERT_EQ(RunIn(cached, "two").status, 1);
+  ASSERT_TRUE(cached.Exists("two.zpc"));
+  const ino_t written = Inode(cached, "two.zpc");
+  CopyHistory(cached, fresh);
+  const RunResult a = RunIn(cached, "two");
+  const RunResult b = RunIn(fresh, "two");
+  EXPECT_EQ(Inode(cached, "two.zpc"), written) << "the cache was not loaded";
+  EXPECT_NE(a.out.find("Compile equations (sec):                          0.000000"),
+            std::string::npos);
+  ExpectSameCycle(a, b, cached, fresh);
+}
+
+struct Damage {
+  const char* name;
+  std::function<void(const ScratchDir&)> to_cache;   // the cached directory only
+  std::function<void(const ScratchDir&)> to_inputs;  // both directories
+};
+
+TEST(CompileCache, DamageOrChangeIsNoticedAndRebuilt) {
+  const std::function<void(const ScratchDir&)> nothing = [](const ScratchDir&) {};
+  const Damage cases[] = {
+      {"truncated",
+       [](const ScratchDir& d) {
+         std::filesystem::resize_file(d.File("two.zpc"),
+                                      std::filesystem::file_size(d.File("two.zpc")) / 2);
+       },
+       nothing},
+      {"empty", [](const ScratchDir& d) { d.Write("two.zpc", ""); }, nothing},
+      {"payload byte flipped", [](const ScratchDir& d) { ChangeCacheByte(d, -9, 1); }, nothing},
+      {"wrong version", [](const ScratchDir& d) { ChangeCacheByte(d, 8, 1); }, nothing},
+      {"model text", nothing,
+       [](const ScratchDir& d) { Replace(d, "two.zpm", "-0.5*x1", "-0.6*x1"); }},
+      {"object data file", nothing,
+       [](const ScratchDir& d) { Replace(d, "curve.csv", "1,2\n", "1,2.5\n"); }},
+      {"build option", nothing,
+       [](const ScratchDir& d) { d.Write("two.dbs", std::string(kDbs) + "ZPM.MAX_MEMORY = 5\n"); }},
+  };
+  for (const Damage& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir cached("kx_cache"), fresh("kx_cache");
+    WriteInputs(cached);
+    ASSERT_EQ(RunIn(cached, "two").status, 1);
+    CopyHistory(cached, fresh);
+    c.to_cache(cached);
+    c.to_inputs(cached);
+    c.to_inputs(fresh);
+    const ino_t damaged = Inode(cached, "two.zpc");
+    const RunResult a = RunIn(cached, "two");
+    const RunResult b = RunIn(fresh, "two");
+    const ino_t rewritten = Inode(cached, "two.zpc");
+    EXPECT_NE(rewritten, damaged) << "the cache was used, not rebuilt";
+    ExpectSameCycle(a, b, cached, fresh);
+    // The rewritten cache is whole: the next cycle loads it.
+    EXPECT_EQ(RunIn(cached, "two").status, 1);
+    EXPECT_EQ(Inode(cached, "two.zpc"), rewritten);
+  }
+}
+
+TEST(CompileCache, CacheOfAnotherModelIsNotUsed) {
+  ScratchDir cached("kx_cache"), fresh("kx_cache");
+  std::string other = kModel;
+  other.replace(other.find("Model two"), 9, "Model one");
+  other.replace(other.find("u = 1"), 5, "u = 2");
+  for (const ScratchDir* d : {&cached, &fresh}) {
+    WriteInputs(*d);
+    d->Write("one.zpm", other);
+    d->Write("one.csv", kData);
+    d->Write("one.dbs", kDbs);
+    ASSERT_EQ(RunIn(*d, "one").status, 1);
+  }
+  ASSERT_TRUE(cached.Exists("one.zpc"));
+  std::filesystem::copy_file(cached.File("one.zpc"), cached.File("two.zpc"));
+  const RunResult a = RunIn(cached, "two");
+  const RunResult b = RunIn(fresh, "two");
+  EXPECT_NE(cached.Read("two.zpc"), cached.Read("one.zpc"));
+  ExpectSameCycle(a, b, cached, fresh);
+}
+
+// A loaded model writes again what its build wrote: `File` blocks and the connections listing.
+TEST(CompileCache, FilesTheBuildWroteAreWrittenAgain) {
+  ScratchDir dir("kx_cache");
+  WriteInputs(dir);
+  dir.Write("two.zpm", "File notes.txt\nkept verbatim, 1 2 3\nEnd File\n" + std::string(kModel));
+  ASSERT_EQ(RunIn(dir, "two").status, 1);
+  const std::string notes = dir.Read("notes.txt");
+  const std::string connections = dir.Read("model_connections.txt");
+  ASSERT_EQ(notes, "kept verbatim, 1 2 3\n");
+  ASSERT_NE(connections.find("A: f.x"), std::string::npos) << connections;
+  const ino_t written = Inode(dir, "two.zpc");
+  std::filesystem::remove(dir.File("notes.txt"));
+  dir.Write("model_connections.txt", "changed by hand\n");
+  EXPECT_EQ(RunIn(dir, "two").status, 1);
+  EXPECT_EQ(Inode(dir, "two.zpc"), written) << "the cache was not loaded";
+  EXPECT_EQ(dir.Read("notes.txt"), notes);
+  EXPECT_EQ(dir.Read("model_connections.txt"), connections);
+}
+
+// No cache after a build that stops, nor at DIAGLEVEL 2 (whose build leaves diagnostic files).
+TEST(CompileCache, NoCacheWithoutAWholeQuietBuild) {
+  struct Case {
+    const char* name;
+    std::string model, dbs;
+    int status;
+  } cases[] = {
+      {"build stops", std::string(kModel).replace(std::string(kModel).find("+ u"), 3, "+ w"), kDbs,
+       0},
+      {"diaglevel 2", kModel, std::string(kDbs) + "ZPM.DIAGLEVEL = 2\n", 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir dir("kx_cache");
+    WriteInputs(dir);
+    dir.Write("two.zpm", c.model);
+    dir.Write("two.dbs", c.dbs);
+    const RunResult r = RunIn(dir, "two");
+    EXPECT_EQ(r.status, c.status) << r.out;
+    EXPECT_FALSE(dir.Exists("two.zpc"));
+    if (c.status == 0) {
+      EXPECT_TRUE(r.Has("Parsing model file two.zpm")) << r.out;
+      EXPECT_TRUE(r.Has("Invalid element: w")) << r.out;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kx::driver
