@@ -111,7 +111,8 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   struct Case {
     const char* declaration;
     const char* message;
-    const char* equation = "";  // one more after v = 1
+    const char* equation = "";   // one more after v = 1
+    const char* compounds = "";  // the compounds of the model
   };
   const Case kCases[] = {
       {"f = lag(tua=2)", "Object f (lag, line 2): unknown argument tua; lag takes: tau, k"},
@@ -144,6 +145,12 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
       {"x = lag(tau=1", "Problem with object input:"},
       {"f = lag", "Invalid element: f.yy", " f.yy = 2\n"},
       {"f = lag", "line number: 9\nMembers of object f: tau, k, u, y", " f.yy = 2\n"},
+      {"fl = flash",
+       "Object fl (flash, line 2): needs the compounds of the model: list them in a Compounds "
+       "section"},
+      {"fl = flash(spec=3)", "Object fl (flash, line 5): spec must be 0, 1 or 2", "", "water"},
+      {"fl = flash", "Object fl (flash, line 5): compound 'unobtainium' is not in the data bank",
+       "", "benzene, unobtainium"},
   };
   ScratchDir dir;
   dir.Write("flat.csv", "x, y\n0, 1\n1, 2\n1, 3\n");
@@ -154,9 +161,12 @@ TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
   dir.Write("v.csv", "5\n6\n");
   dir.Write("a.csv", "1 0 0\n0 1 0\n0 0 1\n");
   for (const Case& c : kCases) {
-    const std::string text = std::string("Objects\n") + c.declaration +
-                             "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\n" +
-                             c.equation + "End Equations\n";
+    const std::string text =
+        (*c.compounds ? "Compounds\n " + std::string(c.compounds) + "\nEnd Compounds\n"
+                      : std::string()) +
+        "Objects\n" + c.declaration +
+        "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\n" + c.equation +
+        "End Equations\n";
     std::vector<std::string> lines =
         kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
     EXPECT_NE(Joined(lines).find(c.message), std::string::npos) << c.declaration << "\n"
