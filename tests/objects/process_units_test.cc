@@ -45,6 +45,7 @@ std::string Set(const std::string& name, const std::vector<double>& values) {
   return s;
 }
 
+// A model of the given sections; empty ones are left out.
 std::string Flowsheet(const std::string& compounds, const std::string& objects,
                       const std::string& connections, const std::string& equations = "") {
   std::string m = "Model fs\n";
