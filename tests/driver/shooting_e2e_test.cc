@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -13,44 +14,15 @@
 namespace kx::driver {
 namespace {
 
-// A tank drained through a valve: area h' = u - k sqrt(h).
-constexpr const char* kTank =
-    "Model app\n"
-    "  Parameters\n    u = 1, >= 0, <= 3\n    k = 0.5, >= 0.05, <= 5\n  End Parameters\n"
-    "  Variables\n    h = 4, >= 0\n  End Variables\n"
-    "  Equations\n    0.5 * $h = u - k * sqrt(h)\n  End Equations\n"
-    "End Model\n";
+// A tank drained through a valve: area h' = u - k sqrt(h); LEVEL_BOUND is h's lower bound.
+std::string Tank(const char* level_bound = "0") {
+  return fmt::format(
+      "Model app\n  Parameters\n    u = 1, >= 0, <= 3\n    k = 0.5, >= 0.05, <= 5\n"
+      "  End Parameters\n  Variables\n    h = 4, >= {}\n  End Variables\n"
+      "  Equations\n    0.5 * $h = u - k * sqrt(h)\n  End Equations\nEnd Model\n",
+      level_bound);
+}
 constexpr const char* kTight = "ZPM.OTOL = 1e-9\nZPM.RTOL = 1e-9\nZPM.COLDSTART = 1\n";
-
-struct Solved {
-  double objective = 0;
-  double newval = 0;         // NEWVAL of the free input
-  std::vector<double> path;  // the free input's results column
-};
-
-class Shooting : public CycleTest {
- protected:
-  // Runs the application with `dbs` as its DBS file; `input` names the free input.
-  Solved Solve(const std::string& dbs, const std::string& input) {
-    Write("app.dbs", dbs);
-    RunResult r = Run("app -ipopt");
-    EXPECT_EQ(r.status, 1) << r.out;
-    const std::string out = Read("app.dbs");
-    return {DbsValue(out, "ZPM.OBJFCNVAL"), DbsValue(out, input + ".NEWVAL"),
-            Column(Read("results.csv"), input)};
-  }
-
-  void ExpectSameSolution(const Solved& simultaneous, const Solved& shooting,
-                          const std::string& what) {
-    EXPECT_NEAR(shooting.objective, simultaneous.objective,
-                1e-6 * (1 + std::abs(simultaneous.objective)))
-        << what;
-    EXPECT_NEAR(shooting.newval, simultaneous.newval, 1e-4) << what;
-    ASSERT_EQ(shooting.path.size(), simultaneous.path.size()) << what;
-    for (size_t i = 0; i < shooting.path.size(); ++i)
-      EXPECT_NEAR(shooting.path[i], simultaneous.path[i], 1e-4) << what << " row " << i;
-  }
-};
 
 // Level measurements of the tank with k = 0.6 and a wandering inflow, with noise.
 std::string EstimationData() {
@@ -58,133 +30,123 @@ std::string EstimationData() {
   double h = 4.0;
   for (int i = 0; i <= 12; ++i) {
     const double u = 1.0 + 0.4 * std::sin(i / 3.0);
-    if (i > 0)
-      for (int s = 0; s < 50; ++s) h += 0.5 / 50 * (u - 0.6 * std::sqrt(h)) / 0.5;
+    for (int s = 0; i > 0 && s < 50; ++s) h += 0.5 / 50 * (u - 0.6 * std::sqrt(h)) / 0.5;
     csv += fmt::format("{},{},{}\n", 0.5 * i, u, h + 0.01 * std::sin(7.0 * i));
   }
   return csv;
 }
 
+struct Solved {
+  double objective = 0, newval = 0;  // the optimum and the free input's NEWVAL
+  std::vector<double> path;          // the free input's results column
+};
+
+class Shooting : public CycleTest {
+ protected:
+  void SetUp() override {
+    Write("app.zpm", Tank());
+    Write("app.info", "FV, k\nMV, u\nCV, h\n");
+    Write("app.csv", EstimationData());
+  }
+  // Runs the application with `dbs`; `input` names the free input.
+  Solved Solve(const std::string& dbs, const std::string& input,
+               const std::string& solver = "-ipopt") {
+    Write("app.dbs", dbs);
+    RunResult r = Run("app " + solver);
+    EXPECT_EQ(r.status, 1) << r.out;
+    const std::string out = Read("app.dbs");
+    return {DbsValue(out, "ZPM.OBJFCNVAL"), DbsValue(out, input + ".NEWVAL"),
+            Column(Read("results.csv"), input)};
+  }
+  // Solves in the simultaneous mode `mode` and in mode + 3 and expects the same optimum.
+  Solved ExpectSameSolution(int mode, const std::string& dbs, const std::string& input,
+                            const std::string& what) {
+    const Solved a = Solve(fmt::format("ZPM.IMODE = {}\n{}{}", mode, dbs, kTight), input);
+    const Solved b = Solve(fmt::format("ZPM.IMODE = {}\n{}{}", mode + 3, dbs, kTight), input);
+    EXPECT_NEAR(b.objective, a.objective, 1e-6 * (1 + std::abs(a.objective))) << what;
+    EXPECT_NEAR(b.newval, a.newval, 1e-4) << what;
+    EXPECT_EQ(b.path.size(), a.path.size()) << what;
+    for (size_t i = 0; i < std::min(a.path.size(), b.path.size()); ++i)
+      EXPECT_NEAR(b.path[i], a.path[i], 1e-4) << what << " row " << i;
+    return a;
+  }
+};
+
 TEST_F(Shooting, EstimationReachesTheSimultaneousFit) {
-  Write("app.zpm", kTank);
-  Write("app.info", "FV, k\nMV, u\nCV, h\n");
-  Write("app.csv", EstimationData());
   for (int ev_type : {1, 2}) {
     for (int nodes : {2, 3}) {
-      const std::string dbs =
-          fmt::format("ZPM.EV_TYPE = {}\nZPM.NODES = {}\nk.STATUS = 1\nh.FSTATUS = 1\n{}", ev_type,
-                      nodes, kTight);
-      const Solved five = Solve("ZPM.IMODE = 5\n" + dbs, "k");
-      const Solved eight = Solve("ZPM.IMODE = 8\n" + dbs, "k");
-      const std::string what = fmt::format("EV_TYPE {} NODES {}", ev_type, nodes);
-      EXPECT_GT(five.newval, 0.55) << what;  // the fit found the plant's coefficient
-      EXPECT_LT(five.newval, 0.65) << what;
-      ExpectSameSolution(five, eight, what);
+      const std::string dbs = fmt::format(
+          "ZPM.EV_TYPE = {}\nZPM.NODES = {}\nk.STATUS = 1\nh.FSTATUS = 1\n", ev_type, nodes);
+      const Solved five = ExpectSameSolution(5, dbs, "k", dbs);
+      EXPECT_GT(five.newval, 0.55) << dbs;  // the fit found the plant's coefficient
+      EXPECT_LT(five.newval, 0.65) << dbs;
+    }
+  }
+}
+
+// With a lower bound of 3.5 on the level and a set point of 3 the bound is active: a row of
+// the reduced program, it holds as in the simultaneous solve.
+TEST_F(Shooting, ControlReachesTheSimultaneousMoves) {
+  const std::string horizon =
+      "ZPM.NODES = 3\nZPM.CSV_READ = 0\nZPM.CTRL_HOR = 8\nZPM.PRED_HOR = 8\nZPM.CTRL_TIME = 0.5\n"
+      "ZPM.PRED_TIME = 0.5\nu.STATUS = 1\nh.STATUS = 1\nh.SP = 3\nh.TAU = 0.5\n";
+  const std::string band = "u.DCOST = 0.05\nu.DMAX = 0.3\nh.SPHI = 3.1\nh.SPLO = 2.9\n";
+  std::vector<std::pair<const char*, std::string>> cases;  // h's lower bound, options
+  for (int cv_type : {1, 2}) {
+    for (int step_hor : {1, 2})
+      cases.emplace_back(
+          "0", fmt::format("{}ZPM.CV_TYPE = {}\nZPM.MV_STEP_HOR = {}\nh.TR_INIT = 0\n", band,
+                           cv_type, step_hor));
+  }
+  cases.emplace_back("3.5", "ZPM.CV_TYPE = 2\nu.DCOST = 0.01\n");
+  for (const auto& [bound, dbs] : cases) {
+    Write("app.zpm", Tank(bound));
+    const Solved six = ExpectSameSolution(6, horizon + dbs, "u", dbs);
+    EXPECT_LT(six.newval, 1.0) << dbs;  // the level is above its band: the inflow drops
+    const std::vector<double> level = Column(Read("results.csv"), "h");
+    ASSERT_FALSE(level.empty());
+    if (bound[0] == '3') {
+      EXPECT_NEAR(*std::min_element(level.begin(), level.end()), 3.5, 1e-6) << "active bound";
+    }
+    if (&dbs != &cases.front().second) continue;
+    // Exact second derivatives let every solver take the reduced program; a warm cycle starts
+    // from the mode's own restart file.
+    for (const char* solver : {"-asopt", "-biopt"}) {
+      const std::string nine = fmt::format("ZPM.IMODE = 9\n{}{}{}", horizon, dbs, kTight);
+      const Solved other = Solve(nine, "u", solver);
+      EXPECT_NEAR(other.objective, six.objective, 1e-5 * (1 + std::abs(six.objective))) << solver;
+      EXPECT_NEAR(other.newval, six.newval, 1e-4) << solver;
+      const RunResult warm = Run(std::string("app ") + solver);
+      EXPECT_EQ(warm.status, 1) << solver << warm.out;
+      EXPECT_FALSE(warm.Has("restart file not found")) << solver;
     }
   }
 }
 
 // SEQUENTIAL = 1 shoots in mode 5 too, where ICD_CALC = 1 makes the initial level one more
-// input of the shooting.
-TEST_F(Shooting, SequentialOptionShootsWithCalculatedInitialConditions) {
-  Write("app.zpm", kTank);
-  Write("app.info", "FV, k\nMV, u\nCV, h\n");
-  Write("app.csv", EstimationData());
+// input of the shooting; mode 8 keeps the initial conditions and says so once.
+TEST_F(Shooting, InitialConditionsCalculatedInModeFiveAndKeptInModeEight) {
   const std::string dbs =
-      fmt::format("ZPM.IMODE = 5\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n{}", kTight);
-  const Solved simultaneous = Solve(dbs, "k");
+      fmt::format("ZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n{}", kTight);
+  const Solved simultaneous = Solve("ZPM.IMODE = 5\n" + dbs, "k");
   const std::vector<double> level = Column(Read("results.csv"), "h");
-  Write("app.dbs", dbs + "ZPM.SEQUENTIAL = 1\n");
-  RunResult r = Run("app -ipopt");
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_TRUE(r.Has("Sequential (single shooting)")) << r.out;
-  EXPECT_NEAR(DbsValue(Read("app.dbs"), "k.NEWVAL"), simultaneous.newval, 1e-4);
-  const std::vector<double> shot = Column(Read("results.csv"), "h");
-  ASSERT_FALSE(shot.empty());
+  const Solved shot = Solve("ZPM.IMODE = 5\nZPM.SEQUENTIAL = 1\n" + dbs, "k");
+  EXPECT_NEAR(shot.newval, simultaneous.newval, 1e-4);
+  ASSERT_FALSE(level.empty());
   EXPECT_NE(level.front(), 4.0) << "the initial level was calculated";
-  EXPECT_NEAR(shot.front(), level.front(), 1e-4);
-}
+  EXPECT_NEAR(Column(Read("results.csv"), "h").at(0), level.front(), 1e-4);
 
-TEST_F(Shooting, ControlReachesTheSimultaneousMoves) {
-  Write("app.zpm", kTank);
-  Write("app.info", "FV, k\nMV, u\nCV, h\n");
-  for (int cv_type : {1, 2}) {
-    for (int step_hor : {1, 2}) {
-      const std::string dbs = fmt::format(
-          "ZPM.NODES = 3\nZPM.CSV_READ = 0\nZPM.CTRL_HOR = 8\nZPM.PRED_HOR = 8\n"
-          "ZPM.CTRL_TIME = 0.5\nZPM.PRED_TIME = 0.5\nZPM.CV_TYPE = {}\nZPM.MV_STEP_HOR = {}\n"
-          "u.STATUS = 1\nu.DCOST = 0.05\nu.DMAX = 0.3\nh.STATUS = 1\nh.SPHI = 3.1\n"
-          "h.SPLO = 2.9\nh.SP = 3\nh.TAU = 0.5\nh.TR_INIT = 0\n{}",
-          cv_type, step_hor, kTight);
-      const Solved six = Solve("ZPM.IMODE = 6\n" + dbs, "u");
-      const Solved nine = Solve("ZPM.IMODE = 9\n" + dbs, "u");
-      const std::string what = fmt::format("CV_TYPE {} MV_STEP_HOR {}", cv_type, step_hor);
-      EXPECT_LT(six.newval, 1.0) << what;  // the level is above its band: the inflow drops
-      ExpectSameSolution(six, nine, what);
-    }
-  }
-}
-
-TEST_F(Shooting, EstimationKeepsItsInitialConditionsAndWritesTheFilesOfTheMode) {
-  Write("app.zpm", kTank);
-  Write("app.info", "FV, k\nMV, u\nCV, h\n");
-  Write("app.csv", EstimationData());
-  Write("app.dbs", "ZPM.IMODE = 8\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n");
+  const char* kFiles[] = {"icd_calc.txt", "sqe.t0", "est.xfer", "est.meas", "ic.t0", "sqe.dxdt"};
+  for (const char* file : kFiles) std::filesystem::remove(dir_.File(file));
+  Write("app.dbs", "ZPM.IMODE = 8\n" + dbs);
   RunResult r = Run("app");
   ASSERT_EQ(r.status, 1) << r.out;
   const std::string message =
       "Calculated Initial Conditions Not Available for Sequential Estimation";
   EXPECT_TRUE(r.Has(message + "\n")) << r.out;
   EXPECT_EQ(r.out.find(message), r.out.rfind(message)) << "said once";
-  EXPECT_FALSE(Exists("icd_calc.txt"));
   EXPECT_DOUBLE_EQ(Column(Read("results.csv"), "h").front(), 4.0) << "the initial level holds";
-  for (const char* file : {"sqe.t0", "est.xfer", "est.meas", "ic.t0", "sqe.dxdt"})
-    EXPECT_TRUE(Exists(file)) << file;
-}
-
-// The level may not fall below 3.5 while the set point asks for 3: the bound is active, a row
-// of the reduced program, and holds as in the simultaneous solve.
-TEST_F(Shooting, AnActiveStateBoundHoldsAsInTheSimultaneousSolve) {
-  std::string model = kTank;
-  model.replace(model.find("h = 4, >= 0"), 11, "h = 4, >= 3.5");
-  Write("app.zpm", model);
-  Write("app.info", "MV, u\nCV, h\n");
-  const std::string dbs =
-      "ZPM.NODES = 3\nZPM.CSV_READ = 0\nZPM.CTRL_HOR = 8\nZPM.PRED_HOR = 8\n"
-      "ZPM.CTRL_TIME = 0.5\nZPM.PRED_TIME = 0.5\nZPM.CV_TYPE = 2\nu.STATUS = 1\n"
-      "u.DCOST = 0.01\nh.STATUS = 1\nh.SP = 3\nh.TAU = 0.5\n" +
-      std::string(kTight);
-  const Solved six = Solve("ZPM.IMODE = 6\n" + dbs, "u");
-  const Solved nine = Solve("ZPM.IMODE = 9\n" + dbs, "u");
-  ExpectSameSolution(six, nine, "bounded level");
-  const std::vector<double> level = Column(Read("results.csv"), "h");
-  ASSERT_FALSE(level.empty());
-  EXPECT_NEAR(*std::min_element(level.begin(), level.end()), 3.5, 1e-6) << "the bound is active";
-}
-
-// The reduced program carries exact second derivatives, so every solver takes it; a warm cycle
-// starts from the mode's own restart file.
-TEST_F(Shooting, EverySolverControlsAndWarmCyclesRestartFromTheirOwnFile) {
-  Write("app.zpm", kTank);
-  Write("app.info", "MV, u\nCV, h\n");
-  const std::string dbs =
-      "ZPM.NODES = 2\nZPM.CSV_READ = 0\nZPM.CTRL_HOR = 5\nZPM.PRED_HOR = 5\nu.STATUS = 1\n"
-      "u.DCOST = 0.05\nh.STATUS = 1\nh.SPHI = 3.1\nh.SPLO = 2.9\nZPM.RTOL = 1e-8\n"
-      "ZPM.OTOL = 1e-8\nZPM.COLDSTART = 1\n";
-  const Solved six = Solve("ZPM.IMODE = 6\n" + dbs, "u");
-  for (const char* solver : {"-asopt", "-biopt", "-ipopt"}) {
-    Write("app.dbs", "ZPM.IMODE = 9\n" + dbs);
-    RunResult first = Run(std::string("app ") + solver);
-    ASSERT_EQ(first.status, 1) << solver << first.out;
-    EXPECT_NEAR(DbsValue(Read("app.dbs"), "ZPM.OBJFCNVAL"), six.objective,
-                1e-5 * (1 + std::abs(six.objective)))
-        << solver;
-    EXPECT_NEAR(DbsValue(Read("app.dbs"), "u.NEWVAL"), six.newval, 1e-4) << solver;
-    EXPECT_TRUE(Exists("sqc.t0"));
-    RunResult second = Run(std::string("app ") + solver);
-    ASSERT_EQ(second.status, 1) << solver << second.out;
-    EXPECT_FALSE(second.Has("restart file not found")) << second.out;
-  }
+  for (const char* file : kFiles) EXPECT_EQ(Exists(file), file != kFiles[0]) << file;
 }
 
 }  // namespace

@@ -7,10 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "base/text.h"
 #include "lang/compiler.h"
 #include "lang/lang_testing.h"
 #include "objects/thermo_compounds.h"
@@ -60,50 +63,36 @@ TEST(ThermoDippr, FormsMatchTheirFormulas) {
   }
 }
 
-// Published values at 25 C: vapour pressures (Pa) and ideal-gas heat capacities (J/(mol K)).
-TEST(ThermoDippr, ReproducesTabulatedValuesAt25C) {
-  struct Case {
-    const char* name;
-    double pvap;   // Pa, 0: not checked
-    double cp_ig;  // J/(mol K), 0: not checked
-  };
-  const Case cases[] = {
-      {"water", 3169.9, 33.58},      {"benzene", 12700, 82.4},      {"toluene", 3790, 103.7},
-      {"methanol", 16900, 44.1},     {"ethanol", 7870, 65.6},       {"n-hexane", 20200, 143.1},
-      {"methane", 0, 35.69},         {"ethane", 0, 52.5},           {"propane", 0, 73.6},
-      {"nitrogen", 0, 29.12},        {"oxygen", 0, 29.38},          {"carbon dioxide", 0, 37.13},
-      {"hydrogen", 0, 28.84},        {"carbon monoxide", 0, 29.14}, {"argon", 0, 20.79},
-      {"hydrogen sulfide", 0, 34.2},
-  };
-  for (const Case& c : cases) {
-    const Compound& k = Get(c.name);
-    if (c.pvap > 0) {
-      EXPECT_NEAR(Evaluate(k.pvap, 298.15), c.pvap, 0.02 * c.pvap) << c.name;
-    }
-    EXPECT_NEAR(IdealGasCp(k, 298.15), c.cp_ig, 0.01 * c.cp_ig) << c.name;
-  }
-}
-
-// The text of every correlation of a few compounds compiles to a program whose value matches
-// the C++ evaluation and whose exact derivatives match finite differences.
+// The text of every correlation of a few compounds, and of the ideal-gas heat capacity's
+// integral, compiles to a program whose value matches the C++ evaluation and whose exact
+// derivatives match finite differences.
 TEST(ThermoDippr, ExpressionTextAgreesWithEvaluation) {
-  for (const char* name : {"water", "benzene", "nitrogen", "ethanol", "argon"}) {
+  struct Form {
+    std::string text;
+    std::function<double(double)> value;
+    double tol;    // relative to the value, or to `floor` if larger
+    double floor;  // the integral vanishes at kTref while its terms do not
+  };
+  for (const char* name : {"water", "benzene", "nitrogen", "ethanol", "argon", "toluene"}) {
     const Compound& k = Get(name);
+    std::vector<Form> forms = {{IntegralText(k.cp_ig, kTref, "x"),
+                                [&k](double t) { return Integral(k.cp_ig, kTref, t); }, 1e-9, 1e6}};
     for (const Correlation* c : {&k.pvap, &k.rho_l, &k.hvap, &k.cp_ig, &k.cp_l}) {
-      if (!c->present()) continue;
+      if (c->present())
+        forms.push_back(
+            {ExpressionText(*c, "x"), [c](double t) { return Evaluate(*c, t); }, 1e-12, 0});
+    }
+    for (const Form& f : forms) {
       lang::Compiler compiler;
       Symbols symbols;
-      const std::string text = "y - " + ExpressionText(*c, "x");
-      auto eq = Compile(&compiler, &symbols, text);
+      auto eq = Compile(&compiler, &symbols, "y - " + f.text);
       for (double t : {0.55 * k.tc, 0.7 * k.tc, 0.9 * k.tc}) {
-        const double expected = Evaluate(*c, t);
         std::vector<double> point(13, 0.0);  // columns: x is 1, y is 2
         point[1] = t;
-        point[2] = expected;
-        const std::vector<double> in = eq.Gather(point);
-        EXPECT_NEAR(eq.Residual(point), 0, 1e-12 * std::fabs(expected))
-            << name << " form " << c->form << " at " << t;
-        CheckDerivatives(eq.program, in, std::string(name) + " form " + std::to_string(c->form));
+        point[2] = f.value(t);
+        EXPECT_NEAR(eq.Residual(point), 0, f.tol * std::max(std::fabs(point[2]), f.floor))
+            << name << ": " << f.text;
+        CheckDerivatives(eq.program, eq.Gather(point), std::string(name) + ": " + f.text);
       }
     }
   }
@@ -128,24 +117,16 @@ TEST(ThermoDippr, HeatCapacityIntegralsMatchQuadrature) {
       }
     }
   }
-  lang::Compiler compiler;
-  Symbols symbols;
-  const Correlation& c = Get("toluene").cp_ig;
-  auto eq = Compile(&compiler, &symbols, "y - " + IntegralText(c, kTref, "x"));
-  std::vector<double> point(13, 0.0);
-  point[1] = 450;
-  point[2] = Integral(c, kTref, 450);
-  const std::vector<double> in = eq.Gather(point);
-  EXPECT_NEAR(eq.Residual(point), 0, 1e-9 * point[2]);
-  CheckDerivatives(eq.program, in, "toluene cp integral");
 }
 
 // The vapour-pressure curve of every compound passes through its normal boiling point (within
 // 1%) and ends at its critical point. The correlations are fitted with the critical point as
 // their last point; the bank's Tc and Pc come from tables that differ from the fits' own by up
 // to about 1% in Pc, hence 1.5%. Carbon dioxide has no liquid at 1 atm: its triple point is
-// checked instead.
-TEST(ThermoDippr, VapourPressureThroughBoilingAndCriticalPoints) {
+// checked instead. The liquid density of form 105 at T = C is the critical density A/B; the
+// critical compressibility Pc/(rho_c R Tc) of ordinary fluids lies between 0.22 (water,
+// methanol) and 0.31 (hydrogen). A coefficient with a wrong digit or unit lands far outside.
+TEST(ThermoDippr, VapourPressureAndCriticalPointsAreConsistent) {
   EXPECT_GE(Compounds().size(), 30u);
   for (const Compound& k : Compounds()) {
     if (k.tb > 0) {
@@ -154,33 +135,9 @@ TEST(ThermoDippr, VapourPressureThroughBoilingAndCriticalPoints) {
       EXPECT_NEAR(Evaluate(k.pvap, k.tt), k.pt, 0.01 * k.pt) << k.name;
     }
     EXPECT_NEAR(Evaluate(k.pvap, k.tc), k.pc, 0.015 * k.pc) << k.name;
-  }
-}
-
-// The liquid density of form 105 at T = C is the critical density A/B; the critical
-// compressibility Pc/(rho_c R Tc) of ordinary fluids lies between 0.22 (water, methanol) and
-// 0.31 (hydrogen). A coefficient with a wrong digit or unit lands far outside.
-TEST(ThermoDippr, CriticalCompressibilityIsPhysical) {
-  for (const Compound& k : Compounds()) {
-    const double rho_c = k.rho_l.c[0] / k.rho_l.c[1];
-    const double zc = k.pc / (rho_c * kR * k.tc);
+    const double zc = k.pc / (k.rho_l.c[0] / k.rho_l.c[1] * kR * k.tc);
     EXPECT_GT(zc, 0.22) << k.name;
     EXPECT_LT(zc, 0.31) << k.name;
-  }
-}
-
-// Liquid densities at 25 C (kg/m^3) from standard tables, within 1.5%.
-TEST(ThermoDippr, LiquidDensityAt25C) {
-  struct Case {
-    const char* name;
-    double rho;
-  };
-  const Case cases[] = {{"water", 997.0},    {"benzene", 873.6},   {"toluene", 862.3},
-                        {"n-hexane", 655.0}, {"n-heptane", 679.5}, {"n-octane", 698.6},
-                        {"methanol", 786.6}, {"ethanol", 785.1},   {"acetone", 784.5}};
-  for (const Case& c : cases) {
-    const Compound& k = Get(c.name);
-    EXPECT_NEAR(Evaluate(k.rho_l, 298.15) * k.mw, c.rho, 0.015 * c.rho) << c.name;
   }
 }
 
@@ -189,8 +146,6 @@ TEST(ThermoDippr, LiquidDensityAt25C) {
 // the vapour-pressure curve itself. The virial estimate is good to a few per cent of Vv at 1 atm
 // (hydrogen, a quantum gas, and the hydrogen-bonding alcohols are the worst), hence 4%.
 TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
-  const std::set<std::string_view> polar = {"water",      "methanol", "ethanol", "1-propanol",
-                                            "2-propanol", "acetone",  "ammonia"};
   for (const Compound& k : Compounds()) {
     const double t = k.tb > 0 ? k.tb : k.tt;
     const double p = Evaluate(k.pvap, t);
@@ -208,46 +163,47 @@ TEST(ThermoDippr, HeatOfVaporisationMatchesClausiusClapeyron) {
   }
 }
 
-// Heats of vaporisation at the normal boiling point (kJ/mol) from standard tables, within 3%.
-TEST(ThermoDippr, HeatOfVaporisationAtBoilingPoint) {
-  struct Case {
-    const char* name;
-    double hvap;
+// Published values from standard tables: at 25 C vapour pressures (Pa, within 2%), ideal-gas
+// heat capacities (J/(mol K), 1%), liquid densities (kg/m^3, 1.5%) and liquid heat capacities
+// (J/(mol K), 1.5%); heats of vaporisation at the normal boiling point (kJ/mol, 3%).
+TEST(ThermoDippr, ReproducesTabulatedValues) {
+  struct Table {
+    double (*property)(const Compound&);
+    double tol;
+    const char* values;  // "name value, ..."
   };
-  const Case cases[] = {{"water", 40.65},           {"methanol", 35.21},
-                        {"ethanol", 38.56},         {"benzene", 30.72},
-                        {"toluene", 33.18},         {"n-hexane", 28.85},
-                        {"n-heptane", 31.77},       {"n-octane", 34.41},
-                        {"n-pentane", 25.79},       {"acetone", 29.10},
-                        {"ammonia", 23.33},         {"nitrogen", 5.57},
-                        {"oxygen", 6.82},           {"argon", 6.43},
-                        {"methane", 8.19},          {"ethane", 14.69},
-                        {"propane", 19.04},         {"n-butane", 22.44},
-                        {"isobutane", 21.30},       {"ethylene", 13.53},
-                        {"propylene", 18.42},       {"o-xylene", 36.24},
-                        {"m-xylene", 35.66},        {"ethylbenzene", 35.57},
-                        {"2-propanol", 39.85},      {"isopentane", 24.69},
-                        {"hydrogen", 0.90},         {"carbon monoxide", 6.04},
-                        {"hydrogen sulfide", 18.67}};
-  for (const Case& c : cases) {
-    const Compound& k = Get(c.name);
-    EXPECT_NEAR(HeatOfVaporisation(k, k.tb), c.hvap, 0.03 * c.hvap) << c.name;
-  }
-}
-
-// Liquid heat capacities at 25 C (J/(mol K)) from standard tables, within 1.5%.
-TEST(ThermoDippr, LiquidHeatCapacityAt25C) {
-  struct Case {
-    const char* name;
-    double cp;
+  const Table kTables[] = {
+      {[](const Compound& k) { return Evaluate(k.pvap, 298.15); }, 0.02,
+       "water 3169.9, benzene 12700, toluene 3790, methanol 16900, ethanol 7870, "
+       "n-hexane 20200"},
+      {[](const Compound& k) { return IdealGasCp(k, 298.15); }, 0.01,
+       "water 33.58, benzene 82.4, toluene 103.7, methanol 44.1, ethanol 65.6, "
+       "n-hexane 143.1, methane 35.69, ethane 52.5, propane 73.6, nitrogen 29.12, "
+       "oxygen 29.38, carbon dioxide 37.13, hydrogen 28.84, carbon monoxide 29.14, "
+       "argon 20.79, hydrogen sulfide 34.2"},
+      {[](const Compound& k) { return Evaluate(k.rho_l, 298.15) * k.mw; }, 0.015,
+       "water 997.0, benzene 873.6, toluene 862.3, n-hexane 655.0, n-heptane 679.5, "
+       "n-octane 698.6, methanol 786.6, ethanol 785.1, acetone 784.5"},
+      {[](const Compound& k) { return Evaluate(k.cp_l, 298.15) * 1e-3; }, 0.015,
+       "water 75.3, benzene 136.0, toluene 157.3, methanol 81.1, ethanol 112.4, "
+       "n-hexane 195.6, n-pentane 167.2, n-octane 254.6"},
+      {[](const Compound& k) { return HeatOfVaporisation(k, k.tb); }, 0.03,
+       "water 40.65, methanol 35.21, ethanol 38.56, benzene 30.72, toluene 33.18, "
+       "n-hexane 28.85, n-heptane 31.77, n-octane 34.41, n-pentane 25.79, "
+       "acetone 29.10, ammonia 23.33, nitrogen 5.57, oxygen 6.82, argon 6.43, "
+       "methane 8.19, ethane 14.69, propane 19.04, n-butane 22.44, isobutane 21.30, "
+       "ethylene 13.53, propylene 18.42, o-xylene 36.24, m-xylene 35.66, "
+       "ethylbenzene 35.57, 2-propanol 39.85, isopentane 24.69, hydrogen 0.90, "
+       "carbon monoxide 6.04, hydrogen sulfide 18.67"},
   };
-  const Case cases[] = {{"water", 75.3},      {"benzene", 136.0}, {"toluene", 157.3},
-                        {"methanol", 81.1},   {"ethanol", 112.4}, {"n-hexane", 195.6},
-                        {"n-pentane", 167.2}, {"n-octane", 254.6}};
-  for (const Case& c : cases) {
-    const Compound& k = Get(c.name);
-    ASSERT_TRUE(k.cp_l.present()) << c.name;
-    EXPECT_NEAR(Evaluate(k.cp_l, 298.15) * 1e-3, c.cp, 0.015 * c.cp) << c.name;
+  for (const Table& t : kTables) {
+    for (const std::string& entry : Split(t.values, ',')) {
+      const std::string e(Trim(entry));
+      const std::string name = e.substr(0, e.rfind(' '));
+      const double value = ParseNumber(e.substr(e.rfind(' ') + 1)).value_or(0);
+      EXPECT_NEAR(t.property(Get(name.c_str())), value, t.tol * value)
+          << name << " in table " << &t - kTables;
+    }
   }
 }
 
