@@ -23,6 +23,20 @@ struct RunResult {
   bool Has(const std::string& s) const { return out.find(s) != std::string::npos; }
 };
 
+// Runs the program in `dir` with `args`; `shell` runs before it in the same shell.
+inline RunResult RunIn(const kx::testing::ScratchDir& dir, const std::string& args,
+                       const std::string& shell = "true") {
+  std::string cmd =
+      "cd '" + dir.str() + "' && " + shell + " && '" KX_BINARY "' " + args + " 2>&1";
+  RunResult r;
+  FILE* pipe = popen(cmd.c_str(), "r");
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
+  int rc = pclose(pipe);
+  r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return r;
+}
+
 class CycleTest : public ::testing::Test {
  protected:
   void Write(const std::string& name, const std::string& text) { dir_.Write(name, text); }
@@ -36,15 +50,7 @@ class CycleTest : public ::testing::Test {
 
   // `shell` runs before the program in the same shell (e.g. a ulimit).
   RunResult Run(const std::string& args, const std::string& shell = "true") {
-    std::string cmd =
-        "cd '" + dir_.str() + "' && " + shell + " && '" KX_BINARY "' " + args + " 2>&1";
-    RunResult r;
-    FILE* pipe = popen(cmd.c_str(), "r");
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
-    int rc = pclose(pipe);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    return r;
+    return RunIn(dir_, args, shell);
   }
 
   kx::testing::ScratchDir dir_{"kx_cycle"};
