@@ -51,18 +51,6 @@ class ShootingProblem : public solvers::Problem {
   horizon::Shooting& s_;
 };
 
-solvers::SolverSettings ShootingSettings(const dbs::OptionStore& o, int imode, bool warm) {
-  solvers::SolverSettings s;
-  s.objective_tol = o.Real("OTOL");
-  s.constraint_tol = o.Real("RTOL");
-  s.max_iter = o.Int("MAX_ITER");
-  s.max_time = o.Real("MAX_TIME");
-  s.diaglevel = o.Int("DIAGLEVEL");
-  s.imode = imode;
-  s.warm = warm;
-  return s;
-}
-
 // The simulation inside the shooting solves its steps far below RTOL, so that the reduced rows
 // and their derivatives are smooth functions of the inputs at the solver's tolerance (at 1e-9
 // an estimator's line search failed near its optimum on the simulation's own error); a step
@@ -106,7 +94,7 @@ SolveOutcome SolveShooting(CycleState& state, CycleModel& m, bool warm) {
   const auto t0 = std::chrono::steady_clock::now();
   solvers::SolverResult r = [&] {
     ScopedTimer timer("Solver");
-    return solvers::DispatchSolver(solver, problem, ShootingSettings(state.store, imode, warm));
+    return solvers::DispatchSolver(solver, problem, ReadSolverSettings(state.store, imode, warm));
   }();
   SolveOutcome out;
   out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();

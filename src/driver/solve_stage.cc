@@ -27,18 +27,6 @@ struct BenchmarkRow {
   double objective = 0, seconds = 0;
 };
 
-solvers::SolverSettings ReadSettings(const dbs::OptionStore& o, int imode, bool warm) {
-  solvers::SolverSettings s;
-  s.objective_tol = o.Real("OTOL");
-  s.constraint_tol = o.Real("RTOL");
-  s.max_iter = o.Int("MAX_ITER");
-  s.max_time = o.Real("MAX_TIME");
-  s.diaglevel = o.Int("DIAGLEVEL");
-  s.imode = imode;
-  s.warm = warm;
-  return s;
-}
-
 // The sequential solve of a problem with degrees of freedom is single shooting over a horizon
 // (driver/shooting_stage), chosen before this point for modes 5 and 6; anywhere else it falls
 // back to the simultaneous solve.
@@ -113,10 +101,22 @@ void WriteOutcomeKeys(dbs::OptionStore& o, const SolveOutcome& out) {
 
 }  // namespace
 
+solvers::SolverSettings ReadSolverSettings(const dbs::OptionStore& o, int imode, bool warm) {
+  solvers::SolverSettings s;
+  s.objective_tol = o.Real("OTOL");
+  s.constraint_tol = o.Real("RTOL");
+  s.max_iter = o.Int("MAX_ITER");
+  s.max_time = o.Real("MAX_TIME");
+  s.diaglevel = o.Int("DIAGLEVEL");
+  s.imode = imode;
+  s.warm = warm;
+  return s;
+}
+
 SolveOutcome SolveProblem(dbs::OptionStore& options, int imode, bool warm,
                           solvers::ModelProblem& problem, model::ModelAccess& access) {
   CheckSequential(options, access, imode);
-  const solvers::SolverSettings settings = ReadSettings(options, imode, warm);
+  const solvers::SolverSettings settings = ReadSolverSettings(options, imode, warm);
   const int solver = options.Int("SOLVER");
   const bool benchmark = solver == 0;
   const int first = benchmark ? 1 : solver, last = benchmark ? 6 : solver;

@@ -15,6 +15,9 @@ struct SolveOutcome {
   double seconds = 0.0;
 };
 
+// The solver settings of the option store (tolerances, limits, DIAGLEVEL) for mode `imode`.
+solvers::SolverSettings ReadSolverSettings(const dbs::OptionStore& o, int imode, bool warm);
+
 // Solves `problem` for the mode `imode`; `warm` says the start is a previous solution; the solution (or the last iterate) and the row
 // multipliers are written into the model. A benchmark (SOLVER = 0) ends the run with a stop
 // after its table: it never writes result, DBS or restart files.
