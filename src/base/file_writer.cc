@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@ namespace kx {
 namespace {
 
 std::string last_error;  // reason of the last failed write
+thread_local SyncBatch* open_batch = nullptr;  // innermost open batch of this thread, or null
 
 // The directory part of `path` ("." when there is none), for the temporary file and fsync.
 std::string DirectoryOf(const std::string& path) {
@@ -118,8 +120,28 @@ bool WriteFileAtomically(const std::string& path, std::string_view text, WriteMo
     ::unlink(tmp.c_str());
     return Fail(path, why);
   }
-  SyncDirectory(dir);
+  if (open_batch != nullptr) {
+    open_batch->Note(dir);
+  } else {
+    SyncDirectory(dir);
+  }
   return true;
+}
+
+SyncBatch::SyncBatch() : outer_(open_batch) { open_batch = this; }
+
+SyncBatch::~SyncBatch() {
+  Flush();
+  open_batch = outer_;
+}
+
+void SyncBatch::Flush() {
+  for (const std::string& dir : dirs_) SyncDirectory(dir);
+  dirs_.clear();
+}
+
+void SyncBatch::Note(const std::string& dir) {
+  if (std::find(dirs_.begin(), dirs_.end(), dir) == dirs_.end()) dirs_.push_back(dir);
 }
 
 const std::string& LastWriteError() { return last_error; }

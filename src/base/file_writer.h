@@ -6,6 +6,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kx {
 
@@ -21,6 +22,28 @@ enum class WriteMode {
 // link (or anything but a regular file) at the target is refused rather than followed.
 bool WriteFileAtomically(const std::string& path, std::string_view text,
                          WriteMode mode = WriteMode::kAnyPath);
+
+// While a SyncBatch is open (per thread; an inner batch syncs its own files when it closes),
+// WriteFileAtomically still syncs each file's data before the rename, so a crash leaves the old
+// or the new complete file under the name, but it leaves the directory sync, which only makes
+// the rename itself durable, to the batch's end: one sync per directory instead of per file.
+class SyncBatch {
+ public:
+  SyncBatch();
+  ~SyncBatch();  // syncs every directory that received a file
+  SyncBatch(const SyncBatch&) = delete;
+  SyncBatch& operator=(const SyncBatch&) = delete;
+
+  // Syncs the directories written so far; the batch stays open.
+  void Flush();
+
+ private:
+  friend bool WriteFileAtomically(const std::string&, std::string_view, WriteMode);
+  void Note(const std::string& dir);
+
+  SyncBatch* outer_;              // the batch open before this one, or null
+  std::vector<std::string> dirs_;  // directories renamed into since the last flush
+};
 
 // The reason the last failed WriteFileAtomically gave ("No space left on device").
 const std::string& LastWriteError();

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "analysis/sensitivity.h"
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
@@ -162,6 +163,8 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   PrintBanner();
   Timers().Reset();
   ScopedTimer total(kTotalTimer);
+  // The cycle's files are synced one by one as written; their directory once at the end.
+  SyncBatch directory_syncs;
   CycleState state;
   state.app = ApplicationName(argc > 1 ? argv[1] : "");
   state.model_file = state.app + ".zpm";
