@@ -16,7 +16,6 @@ constexpr int kUseCommWorld = -987654;
 constexpr int kMaxMemoryRetries = 4;
 constexpr int kMaxWorkspacePercent = 2000;
 constexpr int kNumericallySingular = -10;
-constexpr int kOrderQamd = 6;  // ICNTL(7): approximate minimum degree, quasi-dense rows aside
 
 // Errors that ask for more working memory: -8, -9 (work arrays) and -14..-20 (internal
 // buffers). Raising the margin and repeating the job cures them.
@@ -45,9 +44,6 @@ MumpsLdl::MumpsLdl(const LdlSettings& settings) : instance_(new Instance) {
   // ICNTL(6) = 0: on interior-point KKT matrices (a regularised diagonal block beside the
   // Jacobian) the transversal permutation leads to two to three times the factor time.
   if (!settings.transversal_ordering) id.icntl[5] = 0;
-  // ICNTL(7): the automatic choice falls on AMF in this build, whose fill on a horizon's banded
-  // KKT matrix grows faster than the step count; QAMD keeps it linear.
-  id.icntl[6] = kOrderQamd;
 }
 
 MumpsLdl::~MumpsLdl() {
