@@ -163,7 +163,7 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   PrintBanner();
   Timers().Reset();
   ScopedTimer total(kTotalTimer);
-  // The cycle's files are synced one by one as written; their directory once at the end.
+  // The stage's files are synced one by one as written; their directory once at the end.
   SyncBatch directory_syncs;
   CycleState state;
   state.app = ApplicationName(argc > 1 ? argv[1] : "");
@@ -174,9 +174,13 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   state.files = &routine;
   Prologue(state, argc, argv);
   int solve_status = stage(state);
-  WriteReport(state, solve_status);
-  WriteDatabase(state, solve_status);
-  Epilogue(state, solve_status);
+  {
+    // Nothing reads the last files back in this cycle: their data is synced together.
+    SyncBatch last_files(SyncBatch::Renames::kAtClose);
+    WriteReport(state, solve_status);
+    WriteDatabase(state, solve_status);
+    Epilogue(state, solve_status);
+  }
   FlushOutput();
   return solve_status == 0 ? 1 : 0;
 }
