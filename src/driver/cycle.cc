@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "analysis/sensitivity.h"
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
@@ -162,6 +163,8 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   PrintBanner();
   Timers().Reset();
   ScopedTimer total(kTotalTimer);
+  // The stage's files are synced one by one as written; their directory once at the end.
+  SyncBatch directory_syncs;
   CycleState state;
   state.app = ApplicationName(argc > 1 ? argv[1] : "");
   state.model_file = state.app + ".zpm";
@@ -171,9 +174,13 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   state.files = &routine;
   Prologue(state, argc, argv);
   int solve_status = stage(state);
-  WriteReport(state, solve_status);
-  WriteDatabase(state, solve_status);
-  Epilogue(state, solve_status);
+  {
+    // Nothing reads the last files back in this cycle: their data is synced together.
+    SyncBatch last_files(SyncBatch::Renames::kAtClose);
+    WriteReport(state, solve_status);
+    WriteDatabase(state, solve_status);
+    Epilogue(state, solve_status);
+  }
   FlushOutput();
   return solve_status == 0 ? 1 : 0;
 }

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <iterator>
 
 #include "base/file_writer.h"
 #include "base/sentinels.h"
@@ -17,8 +18,8 @@ bool WriteInitialConditions(const std::string& path, const horizon::Horizon& hor
                                  horizon.grid.times.empty() ? 0.0 : horizon.grid.times[0]);
   for (int b = 1; b <= base.nvar; ++b) {
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
-    text += fmt::format("{} = {:.17g}{}\n", base.Var(b).name, WritableValue(v.val),
-                        v.fixed ? "" : " *");
+    fmt::format_to(std::back_inserter(text), "{} = {:.17g}{}\n", base.Var(b).name,
+                   WritableValue(v.val), v.fixed ? "" : " *");
   }
   return WriteFileAtomically(path, text);
 }
@@ -28,7 +29,8 @@ bool WriteDerivatives(const std::string& path, const horizon::Horizon& horizon) 
   std::string text = fmt::format("! time derivatives: {} differential copies\n", store.ndiff);
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
-    if (v.idiff > 0) text += fmt::format("{} = {:.17g}\n", v.name, WritableValue(v.d_val));
+    if (v.idiff > 0)
+      fmt::format_to(std::back_inserter(text), "{} = {:.17g}\n", v.name, WritableValue(v.d_val));
   }
   return WriteFileAtomically(path, text);
 }
@@ -72,7 +74,7 @@ bool WriteTransfer(const std::string& path, const horizon::Horizon& horizon,
                                  base.name, horizon.grid.times[point]);
   for (int b : numbers) {
     const model::Variable& v = horizon.store.Var(horizon.Number(point, b));
-    text += fmt::format("{} = {:.17g}\n", base.Var(b).name, v.val);
+    fmt::format_to(std::back_inserter(text), "{} = {:.17g}\n", base.Var(b).name, v.val);
   }
   return WriteFileAtomically(path, text);
 }
@@ -88,7 +90,7 @@ bool WriteInitialConditionReport(const std::string& path, const horizon::Horizon
   for (int b = 1; b <= base.nvar; ++b) {
     if (!base.Var(b).diff) continue;
     const model::Variable& v = horizon.store.Var(horizon.Number(0, b));
-    text += fmt::format("{:<30} {:.17g}\n", base.Var(b).name, v.val);
+    fmt::format_to(std::back_inserter(text), "{:<30} {:.17g}\n", base.Var(b).name, v.val);
   }
   return WriteFileAtomically(path, text);
 }

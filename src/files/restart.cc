@@ -3,12 +3,13 @@
 #include <fmt/format.h>
 
 #include <fstream>
+#include <iterator>
 #include <unordered_map>
 
+#include "base/file_writer.h"
 #include "base/report.h"
 #include "base/sentinels.h"
 #include "base/text.h"
-#include "base/file_writer.h"
 
 namespace kx::files {
 namespace {
@@ -170,8 +171,8 @@ bool WriteRestart(const std::string& path, const model::ModelStore& store, bool 
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
     if ((calculated_only && v.fixed) || v.vtype == model::kVarStepLength) continue;
-    text += fmt::format("{} = {:.17g}{}\n", WrittenName(v), WritableValue(v.val),
-                        v.fixed ? "" : " *");
+    fmt::format_to(std::back_inserter(text), "{} = {:.17g}{}\n", WrittenName(v),
+                   WritableValue(v.val), v.fixed ? "" : " *");
   }
   return WriteFileAtomically(path, text);
 }
@@ -180,7 +181,7 @@ bool WriteMultipliers(const std::string& path, model::ModelAccess& access) {
   std::string text = fmt::format("! multipliers: {} constraint rows\n", access.NumRows());
   for (int r = 1; r <= access.NumRows(); ++r) {
     const model::Equation& e = access.Row(r);
-    text += fmt::format("{} = {:.17g}\n", e.name, WritableValue(e.lambda));
+    fmt::format_to(std::back_inserter(text), "{} = {:.17g}\n", e.name, WritableValue(e.lambda));
   }
   return WriteFileAtomically(path, text);
 }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "base/file_writer.h"
@@ -58,13 +59,17 @@ ResultsTable DynamicResults(const horizon::Horizon& horizon, const model::ModelS
 
 bool WriteResultsCsv(const std::string& path, const ResultsTable& table) {
   std::string text = "time";
-  for (const std::string& n : table.names) text += "," + n;
+  for (const std::string& n : table.names) text.append(",").append(n);
   text += "\n";
   for (size_t row = 0; row < table.time.size(); ++row) {
-    text += fmt::format("{:.17g}", table.time[row]);
+    fmt::format_to(std::back_inserter(text), "{:.17g}", table.time[row]);
     // A value that is not finite is an empty cell: "no value" to the data reader.
     for (const auto& column : table.values)
-      text += std::isfinite(column[row]) ? fmt::format(",{:.17g}", column[row]) : ",";
+      if (std::isfinite(column[row])) {
+        fmt::format_to(std::back_inserter(text), ",{:.17g}", column[row]);
+      } else {
+        text += ',';
+      }
     text += "\n";
   }
   return WriteFileAtomically(path, text);
