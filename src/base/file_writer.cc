@@ -1,6 +1,8 @@
 #include "base/file_writer.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,6 +130,34 @@ void SyncDirectory(const std::string& dir) {
 bool IsPlainFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." &&
          name.find_first_of("/\\") == std::string_view::npos;
+}
+
+// The process id of a temporary file name ".NAME.tmpPID", or 0 when `name` is not one.
+pid_t TemporaryOwner(std::string_view name) {
+  const size_t tmp = name.rfind(".tmp");
+  if (name.size() < 6 || name[0] != '.' || tmp == std::string_view::npos || tmp == 0) return 0;
+  const std::string_view digits = name.substr(tmp + 4);
+  if (digits.empty() || digits.size() > 9) return 0;
+  pid_t pid = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return 0;
+    pid = 10 * pid + (c - '0');
+  }
+  return pid;
+}
+
+int RemoveStaleTemporaries(const std::string& dir) {
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return 0;
+  int removed = 0;
+  while (const dirent* entry = ::readdir(d)) {
+    const pid_t owner = TemporaryOwner(entry->d_name);
+    if (owner <= 0 || owner == ::getpid()) continue;
+    if (::kill(owner, 0) == 0 || errno != ESRCH) continue;  // its writer may still be running
+    if (::unlink((dir + "/" + entry->d_name).c_str()) == 0) ++removed;
+  }
+  ::closedir(d);
+  return removed;
 }
 
 bool WriteFileAtomically(const std::string& path, std::string_view text, WriteMode mode) {

@@ -23,6 +23,11 @@ enum class WriteMode {
 bool WriteFileAtomically(const std::string& path, std::string_view text,
                          WriteMode mode = WriteMode::kAnyPath);
 
+// Removes the temporary files (".NAME.tmpPID") that writers which no longer run left in `dir`
+// when they were killed between writing and renaming; returns how many. A temporary of a
+// running process (another cycle in the same folder) is left alone.
+int RemoveStaleTemporaries(const std::string& dir);
+
 // While a SyncBatch is open (per thread; the innermost one counts, and an inner batch settles
 // its own files when it closes but leaves its directories to the outer one),
 // WriteFileAtomically leaves the directory sync, which only makes a rename durable, to the

@@ -165,6 +165,8 @@ int RunCycle(int argc, char** argv, const ModelStage& stage) {
   ScopedTimer total(kTotalTimer);
   // The stage's files are synced one by one as written; their directory once at the end.
   SyncBatch directory_syncs;
+  // Temporaries of an earlier cycle killed while writing would otherwise pile up.
+  RemoveStaleTemporaries(".");
   CycleState state;
   state.app = ApplicationName(argc > 1 ? argv[1] : "");
   state.model_file = state.app + ".zpm";

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "base/file_writer.h"
 #include "base/report.h"
@@ -115,6 +118,25 @@ TEST(SyncBatch, HeldFileThatCannotBePlacedIsReportedAtTheClose) {
   ASSERT_EQ(out.lines().size(), 1u) << out.text();
   EXPECT_TRUE(out.Contains("Warning: unable to write file " + dir.File("gone/x.t0") + ": "))
       << out.text();
+}
+
+// Temporaries of writers that are gone are swept; those of a running process, the own
+// process's, and files that only look alike stay.
+TEST(SyncBatch, StaleTemporariesOfDeadWritersAreRemoved) {
+  ScratchDir dir("kx_batch");
+  const std::string alive = std::to_string(::getppid());
+  const std::string own = std::to_string(::getpid());
+  const char* dead = "999999999";  // above any process id the kernel hands out
+  const std::vector<std::string> written = {".app.dbs.tmp" + std::string(dead),
+                                           ".results.csv.tmp" + alive, ".sim.t0.tmp" + own,
+                                           std::string("app.tmp") + dead, ".notes.tmpx1",
+                                           "results.csv"};
+  for (const std::string& name : written)
+    dir.Write(name, "x\n");
+  EXPECT_EQ(RemoveStaleTemporaries(dir.str()), 1);
+  EXPECT_FALSE(dir.Exists(".app.dbs.tmp" + std::string(dead)));
+  for (size_t k = 1; k < written.size(); ++k)
+    EXPECT_TRUE(dir.Exists(written[k])) << written[k];
 }
 
 }  // namespace
