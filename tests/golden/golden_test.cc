@@ -5,6 +5,7 @@
 // input formats and for regenerating the expected files on purpose (KX_UPDATE_GOLDEN=1).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
@@ -16,6 +17,7 @@
 
 #include "base/report.h"
 #include "base/text.h"
+#include "dbs/dbs_file.h"
 #include "dbs/option_table.h"
 #include "files/file_routine.h"
 #include "files/info_file.h"
@@ -263,9 +265,23 @@ std::string RegisterInfoFile(const std::string& text) {
   return out;
 }
 
+// A DBS file read into a store with one CV, x: the reader's warnings, the counts, then each
+// written line (form 1, every record) that the read changed.
+std::string ReadDbs(const std::string& text) {
+  dbs::OptionStore store;
+  store.AddVariable("x", dbs::VarClass::kCV);
+  const std::vector<std::string> before = Split(dbs::FormatDbs(store, 1, 1), '\n');
+  const dbs::DbsReadResult r = dbs::ReadDbsText(text, "g.dbs", store);
+  std::string out = fmt::format("applied {}, warnings {}\n", r.applied, r.warnings);
+  for (const std::string& line : Split(dbs::FormatDbs(store, 1, 1), '\n'))
+    if (std::find(before.begin(), before.end(), line) == before.end()) out += line + "\n";
+  return out;
+}
+
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
   if (kind == "time-grid") return LayOutTimeGrid(c);
+  if (kind == "dbs") return ReadDbs(c.text);
   return RegisterInfoFile(c.text);
 }
 
@@ -280,7 +296,8 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
         lang::Compiler compiler;
         lang::ReadModelText(c.text, &compiler, o);
       });
-    } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file") {
+    } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
+               kind == "dbs") {
       std::string result;
       RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
       chunk_out += result;
@@ -311,7 +328,7 @@ std::string RunCase(const GoldenCase& c) {
   if (c.kind == "syntax" || c.kind == "eval" || c.kind == "listing")
     return RunExpressions(c.kind, input);
   if (c.kind == "reader" || c.kind == "build" || c.kind == "asopt-options" ||
-      c.kind == "time-grid" || c.kind == "info-file")
+      c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs")
     return RunModelChunks(c.kind, input);
   if (c.kind == "files-help") {
     std::string out;
