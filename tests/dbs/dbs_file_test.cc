@@ -95,41 +95,7 @@ TEST(DbsFile, BasicLevelKeepsOutputsAndChangedInputsOnly) {
     EXPECT_EQ(basic.find(dropped), std::string::npos) << dropped;
 }
 
-TEST(DbsFile, BadLinesWarnOnceEachAndGoodLinesAreKept) {
-  OptionStore s;
-  s.AddVariable("x", VarClass::kCV);
-  const char* text =
-      "! comment\n"
-      "# another comment\n"
-      "\n"
-      "ZPM.IMODE = 4, 1, \n"
-      "this is garbage\n"
-      "zpm.max_iter 250\n"
-      "ZPM.NO_SUCH_KEY = 3\n"
-      "x.meas = 2.5d1\n"
-      "ZPM.OTOL = abc\n"
-      "nlc.solvestatus=0\n"
-      "x.PRED[3] = 9\n"
-      "justoneword\n";
-  OutputCapture out;
-  DbsReadResult r = ReadDbsText(text, "my.dbs", s);
-  EXPECT_EQ(r.warnings, 4);
-  EXPECT_EQ(r.applied, 5);
-  std::vector<std::string> lines = out.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0].rfind("Warning: my.dbs line 5:", 0), 0u) << lines[0];
-  EXPECT_EQ(lines[1].rfind("Warning: my.dbs line 7:", 0), 0u) << lines[1];
-  EXPECT_NE(lines[1].find("ZPM.NO_SUCH_KEY"), std::string::npos);
-  EXPECT_EQ(lines[2].rfind("Warning: my.dbs line 9:", 0), 0u) << lines[2];
-  EXPECT_EQ(lines[3].rfind("Warning: my.dbs line 12:", 0), 0u) << lines[3];
-  EXPECT_EQ(s.Int("IMODE"), 4);
-  EXPECT_EQ(s.Int("MAX_ITER"), 250);
-  EXPECT_EQ(s.GetReal("x", "MEAS"), 25.0);
-  EXPECT_EQ(s.Int("SOLVESTATUS"), 0);
-  EXPECT_EQ(s.Real("OTOL"), 1.0e-6);
-  EXPECT_EQ(s.GetReal("x", "PRED[3]"), 9.0);
-}
-
+// What the reader says of bad lines and values, and what it keeps: golden case dbs.
 TEST(DbsFile, MissingFileIsNotAnErrorAndLaterFilesOverride) {
   kx::testing::ScratchDir dir("kx_dbs_file_test");
   OptionStore s;
@@ -144,58 +110,10 @@ TEST(DbsFile, MissingFileIsNotAnErrorAndLaterFilesOverride) {
   EXPECT_TRUE(out.text().empty());
 }
 
-// Values read from DBS files pass one gate: finite numbers only, integer options within the
-// int range (what is written reads back through the gate: tests/base, the fuzz runs).
-
-// Each line is refused with one warning naming file and line; the value before it stays.
-TEST(DbsNumericGate, RefusedValuesWarnAndKeepThePreviousValue) {
-  struct Case {
-    const char* line;
-    const char* owner;
-    const char* key;
-    double kept;
-    const char* warning;
-  };
-  const Case cases[] = {
-      {"ZPM.MAX_ITER = 1e10", "ZPM", "MAX_ITER", 100,
-       "Warning: g.dbs line 1: value of ZPM.MAX_ITER is out of the integer range: \"1e10\", "
-       "100 kept; line skipped"},
-      {"ZPM.CYCLECOUNT = 1e21", "ZPM", "CYCLECOUNT", 0,
-       "Warning: g.dbs line 1: value of ZPM.CYCLECOUNT is out of the integer range: \"1e21\", "
-       "0 kept; line skipped"},
-      {"ZPM.MAX_ITER -3e9", "ZPM", "MAX_ITER", 100, nullptr},
-      {"ZPM.MAX_ITER = 0", "ZPM", "MAX_ITER", 100,
-       "Warning: g.dbs line 1: value of ZPM.MAX_ITER is outside its range 1 to 2147483647: "
-       "\"0\", 100 kept; line skipped"},
-      {"ZPM.TIME_SHIFT = 2", "ZPM", "TIME_SHIFT", 1, nullptr},
-      {"x.UPPER = 1e999", "x", "UPPER", kUnsetUpper,
-       "Warning: g.dbs line 1: value of x.UPPER is not a number: \"1e999\"; line skipped"},
-      {"x.MEAS = -1e999", "x", "MEAS", kNoValue, nullptr},
-      {"x.LOWER = inf", "x", "LOWER", kUnsetLower, nullptr},
-      {"ZPM.OTOL = nan", "ZPM", "OTOL", 1e-6, nullptr},
-  };
-  for (const Case& c : cases) {
-    OptionStore s;
-    s.AddVariable("x", VarClass::kCV);
-    OutputCapture out;
-    DbsReadResult r = ReadDbsText(c.line, "g.dbs", s);
-    EXPECT_EQ(r.warnings, 1) << c.line;
-    EXPECT_EQ(r.applied, 0) << c.line;
-    EXPECT_EQ(s.GetReal(c.owner, c.key), c.kept) << c.line;
-    ASSERT_EQ(out.lines().size(), 1u) << c.line;
-    if (c.warning) {
-      EXPECT_EQ(out.lines()[0], c.warning);
-    }
-  }
-}
-
-TEST(DbsNumericGate, IntegerLimitsAreAcceptedAndCountersSaturate) {
+// Values read from DBS files pass one gate, finite numbers only and integer options within
+// the int range (golden case dbs); the engine's own counters stop at the int range too.
+TEST(DbsNumericGate, CountersSaturate) {
   OptionStore s;
-  OutputCapture out;
-  EXPECT_EQ(ReadDbsText("ZPM.MAX_ITER = 2147483647\nZPM.CYCLECOUNT -2147483647.9\n", "g", s)
-                .applied, 2);
-  EXPECT_EQ(s.Int("MAX_ITER"), std::numeric_limits<int>::max());
-  EXPECT_EQ(s.Int("CYCLECOUNT"), -std::numeric_limits<int>::max());
   // Counters stop at the largest int instead of wrapping to a negative count.
   s.SetGlobal("CYCLECOUNT", std::numeric_limits<int>::max());
   s.SetGlobal("BAD_CYCLES", std::numeric_limits<int>::max());

@@ -5,6 +5,7 @@
 // input formats and for regenerating the expected files on purpose (KX_UPDATE_GOLDEN=1).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
@@ -16,12 +17,18 @@
 
 #include "base/report.h"
 #include "base/text.h"
+#include "dbs/dbs_file.h"
+#include "dbs/option_table.h"
 #include "files/file_routine.h"
+#include "files/info_file.h"
+#include "horizon/data_file.h"
+#include "horizon/time_grid.h"
 #include "lang/lang_testing.h"
 #include "lang/model_file.h"
 #include "model/builder.h"
 #include "model/help_texts.h"
 #include "model/routines.h"
+#include "solvers/asopt_options.h"
 #include "testing/scratch_dir.h"
 
 namespace kx {
@@ -208,6 +215,76 @@ std::string Masked(std::string text, const std::string& dir, bool timing) {
   return out;
 }
 
+// An options file: what the reader prints, then each option that left its default.
+std::string ReadAsoptOptions(const std::string& text, kx::testing::ScratchDir& dir) {
+  dir.Write("asopt.opt", text);
+  const solvers::AsoptOptions defaults;
+  solvers::AsoptOptions options;
+  options.Read(dir.File("asopt.opt"));
+  std::string out;
+  for (int i = 0; i < solvers::kNumAsoptOptions; ++i) {
+    const auto o = static_cast<solvers::AsoptOption>(i);
+    if (options[o] != defaults[o])
+      out += fmt::format("{} = {}\n", solvers::AsoptOptionName(o), FormatReal(options[o]));
+  }
+  return out;
+}
+
+// The grid: its number of steps and the time of each point.
+std::string FormatGrid(const horizon::TimeGrid& g) {
+  std::string out = fmt::format("steps {}, times", g.num_steps());
+  for (double t : g.times) out += " " + FormatReal(t);
+  return out + "\n";
+}
+
+// A data file (or none with `nodata`) and the horizon options: the grid's steps and times.
+std::string LayOutTimeGrid(const Chunk& c) {
+  horizon::HorizonSettings s;
+  s.nodes = IntKey(c, "nodes", s.nodes);
+  s.csv_read = IntKey(c, "csv_read", s.csv_read);
+  s.ctrl_hor = IntKey(c, "ctrl_hor", s.ctrl_hor);
+  s.pred_hor = IntKey(c, "pred_hor", s.pred_hor);
+  if (c.keys.count("pred_time")) s.pred_time = std::stod(c.keys.at("pred_time"));
+  if (c.keys.count("nodata")) return FormatGrid(horizon::BuildTimeGrid(s, nullptr));
+  const horizon::DataFile data = horizon::ParseDataFile(c.text, "app.csv");
+  return FormatGrid(horizon::BuildTimeGrid(s, &data));
+}
+
+// An info file checked against a model whose parameters' names start with p and variables'
+// with x: the entries kept.
+std::string RegisterInfoFile(const std::string& text) {
+  files::ModelKindFn kind = [](std::string_view n) {
+    return n.starts_with('p') ? 1 : n.starts_with('x') ? 2 : 0;
+  };
+  dbs::OptionStore store;
+  const std::vector<files::InfoEntry> entries = files::ParseInfoText(text, "app.info");
+  files::RegisterInfoEntries(entries, "app.info", store, kind);
+  std::string out;
+  for (const files::InfoEntry& e : entries)
+    out += fmt::format("line {}: {} {}\n", e.line, dbs::ClassName(e.cls), e.name);
+  return out;
+}
+
+// A DBS file read into a store with one CV, x: the reader's warnings, the counts, then each
+// written line (form 1, every record) that the read changed.
+std::string ReadDbs(const std::string& text) {
+  dbs::OptionStore store;
+  store.AddVariable("x", dbs::VarClass::kCV);
+  const std::vector<std::string> before = Split(dbs::FormatDbs(store, 1, 1), '\n');
+  const dbs::DbsReadResult r = dbs::ReadDbsText(text, "g.dbs", store);
+  std::string out = fmt::format("applied {}, warnings {}\n", r.applied, r.warnings);
+  for (const std::string& line : Split(dbs::FormatDbs(store, 1, 1), '\n'))
+    if (std::find(before.begin(), before.end(), line) == before.end()) out += line + "\n";
+  return out;
+}
+
+std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
+  if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
+  if (kind == "time-grid") return LayOutTimeGrid(c);
+  if (kind == "dbs") return ReadDbs(c.text);
+  return RegisterInfoFile(c.text);
+}
+
 std::string RunModelChunks(const std::string& kind, const std::string& text) {
   std::string out;
   for (const Chunk& c : SplitChunks(text)) {
@@ -219,6 +296,11 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
         lang::Compiler compiler;
         lang::ReadModelText(c.text, &compiler, o);
       });
+    } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
+               kind == "dbs") {
+      std::string result;
+      RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
+      chunk_out += result;
     } else {
       model::BuildOptions o;
       o.diaglevel = IntKey(c, "diaglevel", 0);
@@ -245,7 +327,9 @@ std::string RunCase(const GoldenCase& c) {
   const std::string input = c.input == "-" ? "" : ReadFile(kGoldenDir + "/input/" + c.input);
   if (c.kind == "syntax" || c.kind == "eval" || c.kind == "listing")
     return RunExpressions(c.kind, input);
-  if (c.kind == "reader" || c.kind == "build") return RunModelChunks(c.kind, input);
+  if (c.kind == "reader" || c.kind == "build" || c.kind == "asopt-options" ||
+      c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs")
+    return RunModelChunks(c.kind, input);
   if (c.kind == "files-help") {
     std::string out;
     RunCaptured(&out, [] { files::zpm_files(0); });

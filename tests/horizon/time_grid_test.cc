@@ -1,4 +1,5 @@
-// The data file reader, the horizon settings and the time grid with every stop it can give.
+// The data file reader, the horizon settings and the time grid (its stops and printed lines:
+// golden case time-grid).
 #include "horizon/time_grid.h"
 
 #include <gtest/gtest.h>
@@ -7,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "base/report.h"
 #include "horizon/collocation.h"
 #include "testing/dense_solve.h"
-#include "testing/stop_lines.h"
 
 namespace kx::horizon {
 namespace {
@@ -91,47 +92,6 @@ TEST(TimeGrid, DataRowsGiveUnequalStepsAndInteriorNodes) {
   s.csv_read = 0;  // the data is not looked at: the options give the horizon
   s.pred_hor = 2;
   EXPECT_EQ(BuildTimeGrid(s, &d).num_steps(), 2);
-}
-
-// Every stop of the grid, with the exact lines printed (node counts: collocation_test).
-TEST(TimeGrid, BadTimeColumnsAndNodeCountsStop) {
-  struct Case {
-    const char* what;
-    int nodes;
-    std::string csv;
-    Lines lines;
-  };
-  const Case cases[] = {
-      {"no time column", 3, "t,x\n0,1\n1,2\n",
-       {"zpm_dyn_model_init_a error: time unspecified in csv file",
-        "  action: add a column with header \"time\" to csv file",
-        "          or turn OFF csv_read in configuration", "STOPPING..."}},
-      {"first time not 0", 3, "time,x\n0.5,1\n1,2\n",
-       {"First row of CSV data must be at Time=0", "Current value = 0.5", "STOPPING..."}},
-      {"repeated time", 3, "time\n0\n1\n1\n",
-       {"Error: non-incremental time sequence", " time in data row 3", "STOPPING..."}},
-      {"falling time", 2, "time\n0\n1\n2\n1.5\n",
-       {"Error: non-incremental time sequence", " time in data row 4", "STOPPING..."}},
-      {"missing time", 2, "time,x\n0,1\n,2\n",
-       {"Error: non-incremental time sequence", " time in data row 2", "STOPPING..."}},
-  };
-  for (const Case& c : cases) {
-    HorizonSettings s;
-    s.nodes = c.nodes;
-    DataFile d = ParseDataFile(c.csv, "app.csv");
-    EXPECT_EQ(testing::StopLines([&] { BuildTimeGrid(s, &d); }), c.lines) << c.what;
-  }
-}
-
-TEST(TimeGrid, EmptyHorizonsStop) {
-  HorizonSettings s;
-  DataFile one_row = ParseDataFile("time\n0\n", "app.csv");
-  EXPECT_FALSE(testing::StopLines([&] { BuildTimeGrid(s, &one_row); }).empty());
-  s.pred_hor = 0;
-  EXPECT_FALSE(testing::StopLines([&] { BuildTimeGrid(s, nullptr); }).empty());
-  s.pred_hor = 2;
-  s.pred_time = 0;
-  EXPECT_FALSE(testing::StopLines([&] { BuildTimeGrid(s, nullptr); }).empty());
 }
 
 // The Lobatto positions and the collocation matrices, checked against an independent
@@ -226,15 +186,6 @@ TEST(Collocation, MatrixHoldsSinglePrecisionRoundingOfTheExactInverse) {
   // The single-precision value differs from the exact one: the rounding is kept on purpose.
   EXPECT_EQ(CollocationMatrix(4)[0], 0.43633899092674255);
   EXPECT_NE(CollocationMatrix(4)[0], 0.436338998074);
-}
-
-TEST(Collocation, NodeCountOutsideTwoToSixStops) {
-  for (int nodes : {1, 7, 0, -3}) {
-    auto lines = testing::StopLines([&] { CollocationMatrix(nodes); });
-    std::vector<std::string> want = {fmt::format("Lobatto Order {} is not available", nodes),
-                                     "Stopping. . ."};
-    EXPECT_EQ(lines, want);
-  }
 }
 
 }  // namespace

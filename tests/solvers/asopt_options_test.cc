@@ -17,21 +17,6 @@ namespace {
 
 constexpr const char* kPage = KX_SOURCE_DIR "/docs/asopt_options.md";
 
-struct ReadOutcome {
-  AsoptOptions options;
-  std::vector<std::string> lines;
-};
-
-ReadOutcome ReadText(const std::string& text) {
-  testing::ScratchDir dir("asopt_opt");
-  dir.Write("asopt.opt", text);
-  ReadOutcome out;
-  OutputCapture capture;
-  out.options.Read(dir.File("asopt.opt"));
-  out.lines = capture.lines();
-  return out;
-}
-
 // Every row names a distinct option the reader finds, with its default inside its range;
 // the defaults that follow the machine precision and the run's settings take them.
 TEST(AsoptOptionsTest, TableRowsAreConsistentAndDriveTheDefaults) {
@@ -68,45 +53,6 @@ TEST(AsoptOptionsTest, TableRowsAreConsistentAndDriveTheDefaults) {
   EXPECT_EQ(IntegerParameterLabel(10), "MAXIMUM ITERATIONS");
   EXPECT_EQ(p.integers[10], 123);
   EXPECT_EQ(p.integers[7], 5);  // "NOVMAXF", a label without an option
-}
-
-TEST(AsoptOptionsTest, ReadsLinesAndReportsBadOnes) {
-  struct Case {
-    const char* name;
-    std::string text;
-    AsoptOption option;
-    double value;                     // expected value of `option` afterwards
-    std::vector<std::string> output;  // expected printed lines
-  };
-  const AsoptOptions defaults;
-  const Case cases[] = {
-      {"capital name", "MINLP_GAP_TOL 0.5\n", kMinlpGapTol, 0.5, {}},
-      {"tabs and trailing comment", "\tqp_print_level\t3 ! three\n", kQpPrintLevel, 3, {}},
-      {"d exponent", "maximum_delta_x 1d3\n", kMaximumDeltaX, 1000, {}},
-      {"comment lines", "# nlp_print_level 5\n% nlp_print_level 6\n! x\n\n", kNlpPrintLevel,
-       defaults[kNlpPrintLevel], {}},
-      {"bad value leaves the option",
-       "backtrack_frequency 4\nbacktrack_frequency four\n",
-       kBacktrackFrequency,
-       4,
-       {"Invalid syntax in options file (asopt.opt) at line 2",
-        "Line  : backtrack_frequency four", "Option: backtrack_frequency", "Value : four"}},
-      {"value outside the range", "minlp_branch_method 4\n", kMinlpBranchMethod,
-       defaults[kMinlpBranchMethod],
-       {"Value out of range in options file (asopt.opt) at line 1",
-        "Line  : minlp_branch_method 4", "Option: minlp_branch_method", "Value : 4",
-        "Range : [1, 3]"}},
-      {"unknown name and reading goes on", "no_such_option 1\ndamped_iterations 7\n",
-       kDampedIterations, 7, {"Unknown option: no_such_option"}},
-      {"missing value", "infinity\n", kInfiniteBound, 1e30,
-       {"Invalid syntax in options file (asopt.opt) at line 1", "Line  : infinity",
-        "Option: infinity", "Value : "}},
-  };
-  for (const Case& c : cases) {
-    const ReadOutcome r = ReadText(c.text);
-    EXPECT_EQ(r.options[c.option], c.value) << c.name;
-    EXPECT_EQ(r.lines, c.output) << c.name;
-  }
 }
 
 TEST(AsoptOptionsTest, WrittenFileReadsBackInTableOrder) {
