@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,6 +25,7 @@
 #include "files/file_routine.h"
 #include "files/info_file.h"
 #include "horizon/data_file.h"
+#include "horizon/horizon.h"
 #include "horizon/time_grid.h"
 #include "lang/lang_testing.h"
 #include "lang/model_file.h"
@@ -29,6 +33,8 @@
 #include "model/help_texts.h"
 #include "model/routines.h"
 #include "solvers/asopt_options.h"
+#include "testing/forwarding_problem.h"
+#include "testing/nlp_suite.h"
 #include "testing/scratch_dir.h"
 
 namespace kx {
@@ -38,7 +44,7 @@ const std::string kGoldenDir = KX_SOURCE_DIR "/tests/golden";
 
 struct GoldenCase {
   std::string name;   // expected/NAME.txt
-  std::string kind;   // what runs: syntax, eval, listing, reader, build, files-help
+  std::string kind;   // what runs: see README.md
   std::string input;  // file under input/, "-" for none
 };
 
@@ -237,14 +243,22 @@ std::string FormatGrid(const horizon::TimeGrid& g) {
   return out + "\n";
 }
 
-// A data file (or none with `nodata`) and the horizon options: the grid's steps and times.
-std::string LayOutTimeGrid(const Chunk& c) {
+// The horizon options a chunk's keys give; the others keep their defaults.
+horizon::HorizonSettings HorizonSettingsOf(const Chunk& c) {
   horizon::HorizonSettings s;
+  s.imode = IntKey(c, "imode", s.imode);
+  s.icd_calc = IntKey(c, "icd_calc", s.icd_calc);
   s.nodes = IntKey(c, "nodes", s.nodes);
   s.csv_read = IntKey(c, "csv_read", s.csv_read);
   s.ctrl_hor = IntKey(c, "ctrl_hor", s.ctrl_hor);
   s.pred_hor = IntKey(c, "pred_hor", s.pred_hor);
   if (c.keys.count("pred_time")) s.pred_time = std::stod(c.keys.at("pred_time"));
+  return s;
+}
+
+// A data file (or none with `nodata`) and the horizon options: the grid's steps and times.
+std::string LayOutTimeGrid(const Chunk& c) {
+  const horizon::HorizonSettings s = HorizonSettingsOf(c);
   if (c.keys.count("nodata")) return FormatGrid(horizon::BuildTimeGrid(s, nullptr));
   const horizon::DataFile data = horizon::ParseDataFile(c.text, "app.csv");
   return FormatGrid(horizon::BuildTimeGrid(s, &data));
@@ -278,10 +292,85 @@ std::string ReadDbs(const std::string& text) {
   return out;
 }
 
+// A model, built quietly, set up over the horizon the chunk's options give (no data file):
+// what the set-up prints.
+void SetUpHorizon(const Chunk& c, kx::testing::ScratchDir& dir, std::string* out) {
+  model::BuildOptions o;
+  o.work_dir = dir.str();
+  RunCaptured(out, [&] {
+    model::ModelStore base;
+    {
+      OutputCapture quiet;
+      base = model::BuildModelFromText(c.text, o);
+    }
+    horizon::SetUpDynamicModel(base, HorizonSettingsOf(c), nullptr, dir.str());
+  });
+}
+
+// The model with one part broken at the start, as a chunk's `break=` key names it: a
+// variable's or a row's bounds inverted, a start value or a gradient entry not a number, or a
+// Jacobian entry infinite.
+class BrokenProblem : public kx::testing::ForwardingProblem {
+ public:
+  BrokenProblem(solvers::Problem& base, std::string what)
+      : ForwardingProblem(base), what_(std::move(what)) {}
+  void Bounds(std::span<double> xl, std::span<double> xu) override {
+    base_.Bounds(xl, xu);
+    if (what_ == "var-bounds") xl[1] = xu[1] + 1;
+  }
+  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
+    base_.ConstraintBounds(cl, cu);
+    if (what_ == "row-bounds") cu[0] = cl[0] - 1;
+  }
+  void Start(std::span<double> x) override {
+    base_.Start(x);
+    if (what_ == "nan-start") x[0] = std::nan("");
+  }
+  bool Gradient(std::span<const double> x, std::span<double> g) override {
+    const bool ok = base_.Gradient(x, g);
+    if (what_ == "nan-gradient") g[1] = std::nan("");
+    return ok && what_ != "nan-gradient";
+  }
+  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
+    const bool ok = base_.JacobianValues(x, v);
+    if (what_ == "inf-jacobian") v[0] = std::numeric_limits<double>::infinity();
+    return ok;
+  }
+
+ private:
+  std::string what_;  // the broken part; empty for none
+};
+
+// The solver's printed iterates with their rounding noise masked: the time as <time>, reals
+// printed to six or more decimals as <real>, and values below 1e-8 as <tiny>.
+std::string MaskIterates(const std::string& text) {
+  static const std::regex time("Tm: +[0-9.]+"), tiny("[0-9]\\.[0-9]+e-(0[89]|[1-9][0-9])");
+  static const std::regex real("-?[0-9]+\\.[0-9]{6,}(e[-+][0-9]+)?");
+  const std::string t = std::regex_replace(text, time, "Tm: <time>");
+  return std::regex_replace(std::regex_replace(t, tiny, "<tiny>"), real, "<real>");
+}
+
+// A model solved by ASOPT with the options file that `options=name:value,...` gives and
+// `break=` applied: what the solver prints (iterates masked), then its status.
+std::string SolveWithAsopt(const Chunk& c) {
+  std::string options;
+  if (c.keys.count("options")) {
+    for (std::string o : Split(c.keys.at("options"), ',')) {
+      std::replace(o.begin(), o.end(), ':', ' ');
+      options += o + "\n";
+    }
+  }
+  auto model = kx::testing::LoadModelText(c.text);
+  BrokenProblem problem(*model->problem, c.keys.count("break") ? c.keys.at("break") : "");
+  const kx::testing::Solved s = kx::testing::SolveAsoptWithOptions(problem, options);
+  return MaskIterates(s.output) + fmt::format("status {}\n", s.result.status);
+}
+
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
   if (kind == "time-grid") return LayOutTimeGrid(c);
   if (kind == "dbs") return ReadDbs(c.text);
+  if (kind == "asopt") return SolveWithAsopt(c);
   return RegisterInfoFile(c.text);
 }
 
@@ -296,8 +385,10 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
         lang::Compiler compiler;
         lang::ReadModelText(c.text, &compiler, o);
       });
+    } else if (kind == "horizon") {
+      SetUpHorizon(c, dir, &chunk_out);
     } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
-               kind == "dbs") {
+               kind == "dbs" || kind == "asopt") {
       std::string result;
       RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
       chunk_out += result;
@@ -328,7 +419,8 @@ std::string RunCase(const GoldenCase& c) {
   if (c.kind == "syntax" || c.kind == "eval" || c.kind == "listing")
     return RunExpressions(c.kind, input);
   if (c.kind == "reader" || c.kind == "build" || c.kind == "asopt-options" ||
-      c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs")
+      c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs" || c.kind == "horizon" ||
+      c.kind == "asopt")
     return RunModelChunks(c.kind, input);
   if (c.kind == "files-help") {
     std::string out;

@@ -88,10 +88,6 @@ TEST(Replicate, DaeHasTheRightCountsAndSolvesSquare) {
   EXPECT_EQ(c.variable_imbalance, 0);
   EXPECT_EQ(c.num_equations, 19);
   EXPECT_EQ(c.equation_imbalance, 0);
-  EXPECT_EQ(out.lines(),
-            (Lines{" total number of variables: 24", " total number of nodes    : 7",
-                   " variable imbalance       : 0", " total number of equations: 19",
-                   " equation imbalance       : 0"}));
 
   ASSERT_GE(SolveSquare(h.store), 0.0);
   EXPECT_LT(SolveSquare(h.store), 1e-12);
@@ -241,37 +237,6 @@ TEST(HorizonChecks, InconsistentCountsStop) {
     EXPECT_EQ(lines[2], " variable imbalance       : 1");
     EXPECT_EQ(lines[5], "zpm_dyn_model ERROR: node number check");
     EXPECT_EQ(lines.back(), "STOPPING...");
-  }
-}
-
-TEST(SetUpDynamicModel, ModeAndInitialConditionMessages) {
-  model::ModelStore base = BuildQuietly("dae");
-  HorizonSettings s;
-  s.imode = 3;
-  EXPECT_EQ(kx::testing::StopLines([&] { SetUpDynamicModel(base, s, nullptr, "."); }),
-            (Lines{"zpm_dyn_model ERROR: imode must be 4-9", "imode = 3", "STOPPING..."}));
-  struct Case {
-    int imode, icd_calc;
-    std::string first_line;
-  };
-  const Case cases[] = {
-      {4, 0, "Prediction Horizon: 2"},
-      {5, 1, "Prediction Horizon: 2"},  // estimation calculates the initial conditions
-      {6, 1,
-       "Note: ICD_CALC = 1 ignored: calculated initial conditions come with estimation; the "
-       "initial conditions stay fixed"},
-      {8, 1, "Calculated Initial Conditions Not Available for Sequential Estimation"},
-  };
-  for (const Case& c : cases) {
-    s.imode = c.imode;
-    s.icd_calc = c.icd_calc;
-    s.pred_hor = 2;
-    OutputCapture out;
-    Horizon h = SetUpDynamicModel(base, s, nullptr, ".");
-    ASSERT_FALSE(out.lines().empty());
-    EXPECT_EQ(out.lines()[0], c.first_line);
-    EXPECT_EQ(out.lines().back(), " equation imbalance       : 0");
-    EXPECT_EQ(h.grid.num_steps(), 2);
   }
 }
 

@@ -43,9 +43,8 @@ TEST(TimeGrid, FromOptionsControlStepsThenPredictionSteps) {
   s.nodes = 3;
   s.ctrl_hor = 2, s.ctrl_time = 0.5;
   s.pred_hor = 4, s.pred_time = 2.0;
-  OutputCapture out;
+  OutputCapture quiet;  // the messages are the golden case time-grid
   TimeGrid g = BuildTimeGrid(s, nullptr);
-  EXPECT_EQ(out.lines(), Lines{"Prediction Horizon: 4"});
   EXPECT_EQ(g.dt, (std::vector<double>{0.5, 0.5, 2.0, 2.0}));
   ASSERT_EQ(g.num_points(), 9);
   EXPECT_EQ(g.times, (std::vector<double>{0, 0.25, 0.5, 0.75, 1.0, 2.0, 3.0, 4.0, 5.0}));
@@ -63,10 +62,8 @@ TEST(TimeGrid, ControlHorizonLongerThanPredictionIsAdjusted) {
   HorizonSettings s;
   s.ctrl_hor = 5, s.ctrl_time = 1.0;
   s.pred_hor = 3, s.pred_time = 7.0;
-  OutputCapture out;
+  OutputCapture quiet;  // the messages are the golden case time-grid
   TimeGrid g = BuildTimeGrid(s, nullptr);
-  EXPECT_EQ(out.lines(), (Lines{"WARNING: Adjusting control horizon (must be <= predict horizon)",
-                                "Prediction Horizon: 3"}));
   EXPECT_EQ(g.ctrl_hor, 3);
   EXPECT_EQ(g.dt, (std::vector<double>{1.0, 1.0, 1.0}));
 }
@@ -76,9 +73,8 @@ TEST(TimeGrid, DataRowsGiveUnequalStepsAndInteriorNodes) {
   s.nodes = 4;
   s.pred_hor = 99;  // ignored: the data sets the horizon
   DataFile d = ParseDataFile("x,time\n5,0\n6,0.5\n7,2\n", "app.csv");
-  OutputCapture out;
+  OutputCapture quiet;
   TimeGrid g = BuildTimeGrid(s, &d);
-  EXPECT_EQ(out.lines(), Lines{"Prediction Horizon: 2"});
   EXPECT_TRUE(g.from_data);
   EXPECT_EQ(g.dt, (std::vector<double>{0.5, 1.5}));
   EXPECT_EQ(g.ctrl_hor, 2);

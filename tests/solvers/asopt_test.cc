@@ -2,18 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <fstream>
-#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "base/base.h"
 #include "base/report.h"
 #include "solvers/ipopt_call.h"
-#include "solvers/residual_dump.h"
 #include "solvers/status.h"
 #include "testing/forwarding_problem.h"
 #include "testing/nlp_suite.h"
@@ -218,35 +214,28 @@ Solved Solve(const std::string& variables, const std::string& equations,
   return testing::SolveAsoptWithOptions(*model->problem, options);
 }
 
-TEST(AsoptMinlpTest, BranchAndBoundCases) {
+// The branch-and-bound messages of these searches are the golden case asopt.
+TEST(AsoptMinlpTest, BranchAndBoundOptima) {
   struct Case {
     const char* name;
     std::string variables, equations;
     double optimum;
-    std::vector<std::string> messages;
   };
   const Case cases[] = {
-      {"no integer variables", "    x = 0\n", "    minimize (x-1.5)^2\n", 0.0,
-       {"No integer variables - completed branching"}},
+      {"no integer variables", "    x = 0\n", "    minimize (x-1.5)^2\n", 0.0},
       {"integer solution at the root", "    int_x = 0, >= 0, <= 10\n",
-       "    minimize (int_x-3)^2\n", 0.0, {"Found integer solution on root node"}},
+       "    minimize (int_x-3)^2\n", 0.0},
       {"upper leaf crosses the absolute bound", "    int_x = 0, >= 0, <= 2.5\n",
-       "    minimize (int_x-5)^2\n", 9.0,
-       {"The upper leaf violated an absolute bound and was eliminated",
-        "MINLP: no other leaves, optimal solution found"}},
+       "    minimize (int_x-5)^2\n", 9.0},
       {"convex, two integers", "    int_x = 0, >= 0, <= 10\n    int_y = 0, >= 0, <= 10\n",
-       "    minimize (int_x-2.6)^2 + (int_y-3.3)^2\n", 0.25,
-       {"First integer solution", "--Integer Solution: "}},
+       "    minimize (int_x-2.6)^2 + (int_y-3.3)^2\n", 0.25},
       {"nonconvex row", "    int_x = 1, >= 0, <= 5\n    y = 1, >= 0, <= 5\n",
-       "    int_x*y >= 2\n    minimize (int_x-1.4)^2 + (y-1)^2\n", 0.36, {"Not an integer solution"}},
+       "    int_x*y >= 2\n    minimize (int_x-1.4)^2 + (y-1)^2\n", 0.36},
   };
   for (const Case& c : cases) {
     const Solved s = Solve(c.variables, c.equations);
     ASSERT_EQ(s.result.status, kSuccess) << c.name << "\n" << s.output;
     EXPECT_NEAR(s.result.objective, c.optimum, 1e-6) << c.name << "\n" << s.output;
-    for (const std::string& m : c.messages) {
-      EXPECT_NE(s.output.find(m), std::string::npos) << c.name << ": " << m << "\n" << s.output;
-    }
   }
 }
 
@@ -258,25 +247,6 @@ TEST(AsoptMinlpTest, LimitsEndTheSearch) {
   const Solved iterations = Solve(variables, equations, "minlp_maximum_iterations 3\n");
   const Solved gap = Solve(variables, equations, "minlp_gap_tol 10\n");
   const Solved with_int = Solve(variables, equations, "minlp_gap_tol -1\nminlp_max_iter_with_int_sol 1\n");
-  const struct {
-    const char* name;
-    const Solved& s;
-    std::vector<std::string> messages;
-  } cases[] = {
-      {"leaf limit", iterations,
-       {"Warning: reached maximum MINLP iterations, returning best solution",
-        "Adjust minlp_maximum_iterations 3 in asopt.opt to change limit"}},
-      {"gap", gap, {"within minlp_gap_tol, returning the best integer solution"}},
-      {"leaves after an integer solution", with_int,
-       {"Warning: best integer solution returned after maximum MINLP iterations",
-        "Adjust minlp_max_iter_with_int_sol 1 in asopt.opt to change limit"}},
-  };
-  for (const auto& c : cases) {
-    for (const std::string& m : c.messages) {
-      EXPECT_NE(c.s.output.find(m), std::string::npos) << c.name << ": " << m << "\n"
-                                                       << c.s.output;
-    }
-  }
   EXPECT_EQ(iterations.nodes, 3);
   // The gap test stops at the first integer solution, the other limit one leaf later; both
   // return an integer solution before the full search has finished.
@@ -289,128 +259,6 @@ TEST(AsoptMinlpTest, LimitsEndTheSearch) {
     EXPECT_NEAR(s->result.x[0], std::round(s->result.x[0]), 1e-2);
     EXPECT_NEAR(s->result.x[1], std::round(s->result.x[1]), 1e-2);
   }
-}
-
-// The ASOPT call around the solver: the dump of a setup it refuses and the residual dump that
-// nlp_debug_level asks for.
-
-// Two variables, one row: x + y >= 1, minimize x^2 + y^2.
-constexpr const char* kModel =
-    "Model call\n  Variables\n    x = 1, >= 0, <= 4\n    y = 1, >= 0, <= 4\n  End Variables\n"
-    "  Equations\n    x + y >= 1\n    minimize x^2 + y^2\n  End Equations\nEnd Model\n";
-
-// The model with one thing broken: a bound, a start value or a derivative entry.
-class Broken : public testing::ForwardingProblem {
- public:
-  using ForwardingProblem::ForwardingProblem;
-  void Bounds(std::span<double> xl, std::span<double> xu) override {
-    base_.Bounds(xl, xu);
-    if (inverted_var) xl[1] = xu[1] + 1;
-  }
-  void ConstraintBounds(std::span<double> cl, std::span<double> cu) override {
-    base_.ConstraintBounds(cl, cu);
-    if (inverted_row) cu[0] = cl[0] - 1;
-  }
-  void Start(std::span<double> x) override {
-    base_.Start(x);
-    if (nan_start) x[0] = std::nan("");
-  }
-  bool Gradient(std::span<const double> x, std::span<double> g) override {
-    base_.Gradient(x, g);
-    if (nan_gradient) g[1] = std::nan("");
-    return !nan_gradient;
-  }
-  bool JacobianValues(std::span<const double> x, std::span<double> v) override {
-    base_.JacobianValues(x, v);
-    if (nan_jacobian) v[0] = std::numeric_limits<double>::infinity();
-    return true;
-  }
-  bool inverted_var = false, inverted_row = false, nan_start = false;
-  bool nan_gradient = false, nan_jacobian = false;
-};
-
-struct Outcome {
-  SolverResult result;
-  std::vector<std::string> lines;
-};
-
-Outcome Solve(Problem& problem, const std::string& options = "") {
-  testing::Solved s = testing::SolveAsoptWithOptions(problem, options);
-  std::vector<std::string> lines = Split(s.output, '\n');
-  if (!lines.empty() && lines.back().empty()) lines.pop_back();
-  return {s.result, lines};
-}
-
-bool HasLine(const std::vector<std::string>& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-TEST(AsoptCallTest, RefusedSetupPrintsTheSolverDump) {
-  struct Case {
-    const char* name;
-    void (*Break)(Broken&);
-    std::string options;
-    int status;
-    std::vector<std::string> lines;  // lines of the dump beyond the common frame
-  };
-  const Case cases[] = {
-      {"inverted variable bounds", [](Broken& b) { b.inverted_var = true; }, "", kInvalidBounds,
-       {"       g", "    g(1)  = 2", "    g(2)  = 2", "       a", "    a(1)  = 1"}},
-      {"inverted row bounds", [](Broken& b) { b.inverted_row = true; }, "", kInvalidBounds, {}},
-      {"start value not a number", [](Broken& b) { b.nan_start = true; }, "", kBadInputs, {}},
-      {"gradient fails at the start", [](Broken& b) { b.nan_gradient = true; }, "",
-       kBadDerivatives, {"       g (errors only)", "       a"}},
-      {"Jacobian entry infinite at the start", [](Broken& b) { b.nan_jacobian = true; }, "",
-       kBadDerivatives, {"       g", "       a (errors only)", "    a(1)  = inf"}},
-      {"too many degrees of freedom", [](Broken&) {}, "max_degrees_of_freedom 1\n", kBadInputs,
-       {"       g"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    auto model = testing::LoadModelText(kModel);
-    Broken problem(*model->problem);
-    c.Break(problem);
-    const Outcome out = Solve(problem, c.options);
-    EXPECT_EQ(out.result.status, c.status);
-    const auto dump = std::find(out.lines.begin(), out.lines.end(), "***** Solver Dump *****");
-    ASSERT_NE(dump, out.lines.end()) << ::testing::PrintToString(out.lines);
-    const std::vector<std::string> head(dump + 1, dump + 7);
-    const std::vector<std::string> want = {fmt::format("info : {}", c.status), "n    : 2",
-                                           "m    : 1", "nz   : 2", "p    : 2", "mode : 0"};
-    EXPECT_EQ(head, want);
-    for (const std::string& line : c.lines) {
-      EXPECT_TRUE(HasLine(out.lines, line)) << line << "\n" << ::testing::PrintToString(out.lines);
-    }
-    EXPECT_EQ(out.lines.back(), fmt::format("Error: Problems with Setup.  info = {}", c.status));
-  }
-}
-
-TEST(AsoptCallTest, DebugLevelPrintsTheResidualDumpOfTheStartPoint) {
-  for (const int level : {0, 1}) {
-    auto model = testing::LoadModelText(kModel);
-    const Outcome out = Solve(*model->problem, fmt::format("nlp_debug_level {}\n", level));
-    EXPECT_EQ(out.result.status, kSuccess);
-    EXPECT_NEAR(out.result.objective, 0.5, 1e-8);
-    EXPECT_EQ(HasLine(out.lines, "----- Kestrix Residual Evaluation -----"), level == 1);
-    EXPECT_EQ(HasLine(out.lines, "x(1:n): 1 1"), level == 1);
-  }
-}
-
-TEST(ResidualDump, PrintsEverySectionClippedAtTenValues) {
-  // 12 variables, two rows: the second row's non-zeros come first in the model's triplets
-  // only if the assembly orders them so; the combined index is in row order either way.
-  auto m = testing::LoadModelText(
-      "Model d\n  Variables\n    x[1:12] = 2\n  End Variables\n  Equations\n"
-      "    x[1] + x[12] = 3\n    x[2]*x[3] = 1\n    minimize x[1]^2\n  End Equations\nEnd Model\n");
-  std::vector<double> x(12, 2.0);
-  OutputCapture out;
-  ProblemView view(*m->problem, 1e20);
-  PrintResidualDump(view, x);
-  const std::vector<std::string> lines = out.lines();
-  for (const char* want : {"nvar (n): 12", "x(1:n): 2 2 2 2 2 2 2 2 2 2", "residuals (f(1:m)): 1 3",
-                           "obj grad (g(1:n)): 4 0 0 0 0 0 0 0 0 0", "1st derivs (a(1:nz)): 1 1 2 2",
-                           "1st deriv sparsity (ia(0:nz+m+1)): 4 1 12 2 3 1 3 5"})
-    EXPECT_TRUE(HasLine(lines, want)) << want << "\n" << out.text();
 }
 
 }  // namespace
