@@ -30,26 +30,20 @@ static_assert(sizeof(Variable) == 184, "Variable changed: update Fields and the 
 static_assert(sizeof(Equation) == 184, "Equation changed: update Fields and the version");
 static_assert(sizeof(Intermediate) == 112, "Intermediate changed: update Fields");
 
-uint32_t Crc(std::string_view bytes) {
-  uLong crc = crc32(0L, Z_NULL, 0);
-  // zlib takes lengths as uInt: feed large inputs in pieces.
+// A zlib checksum (crc32 or adler32) of `bytes`. zlib takes lengths as uInt: large inputs go
+// in pieces.
+uint32_t Checksum(uLong (*update)(uLong, const Bytef*, uInt), std::string_view bytes) {
+  uLong sum = update(0L, Z_NULL, 0);
   constexpr size_t kPiece = size_t{1} << 30;
   for (size_t at = 0; at < bytes.size(); at += kPiece) {
     const size_t n = std::min(kPiece, bytes.size() - at);
-    crc = crc32(crc, reinterpret_cast<const Bytef*>(bytes.data() + at), static_cast<uInt>(n));
-  }
-  return static_cast<uint32_t>(crc);
-}
-
-uint32_t Adler(std::string_view bytes) {
-  uLong sum = adler32(0L, Z_NULL, 0);
-  constexpr size_t kPiece = size_t{1} << 30;
-  for (size_t at = 0; at < bytes.size(); at += kPiece) {
-    const size_t n = std::min(kPiece, bytes.size() - at);
-    sum = adler32(sum, reinterpret_cast<const Bytef*>(bytes.data() + at), static_cast<uInt>(n));
+    sum = update(sum, reinterpret_cast<const Bytef*>(bytes.data() + at), static_cast<uInt>(n));
   }
   return static_cast<uint32_t>(sum);
 }
+
+uint32_t Crc(std::string_view bytes) { return Checksum(crc32, bytes); }
+uint32_t Adler(std::string_view bytes) { return Checksum(adler32, bytes); }
 
 // A whole file read in one piece of its size (a cache of a large model runs to tens of MB).
 bool ReadBytes(const std::string& path, std::string* bytes) {
