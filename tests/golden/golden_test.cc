@@ -48,6 +48,9 @@ struct GoldenCase {
   std::string input;  // file under input/, "-" for none
 };
 
+// Names the case in test listings (instead of its bytes).
+void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.kind << ' ' << c.input; }
+
 using kx::testing::ReadFile;
 
 std::vector<GoldenCase> LoadCases() {
