@@ -83,13 +83,9 @@ std::string BeamModel(int n, bool vector) {
 
 // The same problem hand-coded. Variables t_0..t_n, x_0..x_n, u_0..u_n; rows 2(i-1) and
 // 2(i-1)+1 are the x and t rows of interval i.
-class BeamTnlp : public Ipopt::TNLP {
+class BeamTnlp : public HandCodedTnlp {
  public:
-  using Index = Ipopt::Index;
-  using Number = Ipopt::Number;
   explicit BeamTnlp(int n) : n_(n), h_(1.0 / n) {}
-  double objective = 0;
-  int status = -1;
 
   bool get_nlp_info(Index& n, Index& m, Index& nnz_jac, Index& nnz_h,
                     IndexStyleEnum& style) override {
@@ -171,12 +167,6 @@ class BeamTnlp : public Ipopt::TNLP {
       }
     }
     return true;
-  }
-  void finalize_solution(Ipopt::SolverReturn s, Index, const Number*, const Number*,
-                         const Number*, Index, const Number*, const Number*, Number f,
-                         const Ipopt::IpoptData*, Ipopt::IpoptCalculatedQuantities*) override {
-    status = static_cast<int>(s);
-    objective = f;
   }
 
  private:

@@ -44,13 +44,9 @@ constexpr double kTol = 1e-8;
 // min h sum (u_i - target)^2 + alpha f_i^2
 // s.t. u_{i-1} - 2 u_i + u_{i+1} + h^2 (lambda exp(u_i) + f_i) = 0, u_0 = u_{n+1} = 0,
 //      -10 <= f_i <= 10.   Variables: u_1..u_n (0..n-1), then f_1..f_n (n..2n-1).
-class BratuTnlp : public Ipopt::TNLP {
+class BratuTnlp : public HandCodedTnlp {
  public:
-  using Index = Ipopt::Index;
-  using Number = Ipopt::Number;
   double eval_seconds = 0;  // time spent in the callbacks
-  double objective = 0;
-  int status = -1;
 
   bool get_nlp_info(Index& n, Index& m, Index& nnz_jac, Index& nnz_h,
                     IndexStyleEnum& style) override {
@@ -125,12 +121,6 @@ class BratuTnlp : public Ipopt::TNLP {
     }
     return true;
   }
-  void finalize_solution(Ipopt::SolverReturn s, Index, const Number*, const Number*,
-                         const Number*, Index, const Number*, const Number*, Number f,
-                         const Ipopt::IpoptData*, Ipopt::IpoptCalculatedQuantities*) override {
-    status = static_cast<int>(s);
-    objective = f;
-  }
 
  private:
   // Adds the callback's wall time to eval_seconds.
@@ -154,16 +144,7 @@ struct Timing {
 // The hand-coded problem with the options the call routine sets.
 Timing SolveHandCoded() {
   Ipopt::SmartPtr<Ipopt::IpoptApplication> app = IpoptApplicationFactory();
-  Ipopt::OptionsList& o = *app->Options();
-  o.SetStringValue("mu_strategy", "adaptive");
-  o.SetStringValue("hessian_approximation", "exact");
-  o.SetStringValue("linear_solver", solvers::HslAvailable() ? "ma27" : "mumps");
-  o.SetNumericValue("tol", kTol);
-  o.SetNumericValue("mu_init", 0.0001);
-  o.SetIntegerValue("print_level", 0);
-  o.SetStringValue("sb", "yes");
-  o.SetStringValue("output_file", "ipopt.out");
-  o.SetIntegerValue("file_print_level", 5);
+  SetEngineOptions(*app, kTol);
   const Clock::time_point start = Clock::now();
   app->Initialize();
   Ipopt::SmartPtr<BratuTnlp> nlp = new BratuTnlp();

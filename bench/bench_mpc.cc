@@ -350,10 +350,8 @@ std::string StartFile(const std::vector<double>& start) {
 // computed once: tr_k = (tau tr_k-1 + dt sp) / (tau + dt). Set-point weights are wsp at every
 // step (CV_WGT_SLOPE 0, CV_WGT_START 0), move weights dcost (MV_DCOST_SLOPE 0).
 // Variables per point k: ca_i (2i), t_i (2i + 1), then u_g (2 kTanks + g).
-class ChainTnlp : public Ipopt::TNLP {
+class ChainTnlp : public HandCodedTnlp {
  public:
-  using Index = Ipopt::Index;
-  using Number = Ipopt::Number;
   explicit ChainTnlp(std::vector<double> start) : x0_(std::move(start)) {
     for (int g = 0; g < kMvs; ++g) {
       const int i = CvTank(g);
@@ -365,8 +363,6 @@ class ChainTnlp : public Ipopt::TNLP {
       }
     }
   }
-  double objective = 0;
-  int status = -1;
 
   bool get_nlp_info(Index& n, Index& m, Index& nnz_jac, Index& nnz_h,
                     IndexStyleEnum& style) override {
@@ -484,12 +480,6 @@ class ChainTnlp : public Ipopt::TNLP {
       }
     }
     return true;
-  }
-  void finalize_solution(Ipopt::SolverReturn s, Index, const Number*, const Number*,
-                         const Number*, Index, const Number*, const Number*, Number f,
-                         const Ipopt::IpoptData*, Ipopt::IpoptCalculatedQuantities*) override {
-    status = static_cast<int>(s);
-    objective = f;
   }
 
  private:

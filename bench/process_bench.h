@@ -19,6 +19,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <coin/IpIpoptApplication.hpp>
+#include <coin/IpTNLP.hpp>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -193,6 +194,22 @@ inline std::map<std::string, double> TimersOf(const std::string& console, bool c
   if (timers.count("Solver: ipopt")) timers["library"] = timers["Solver: ipopt"] - timers["callbacks"];
   return timers;
 }
+
+// A hand-coded problem for the library: keeps the return code and the objective it ends with.
+class HandCodedTnlp : public Ipopt::TNLP {
+ public:
+  using Index = Ipopt::Index;
+  using Number = Ipopt::Number;
+  double objective = 0;
+  int status = -1;  // the library's return code
+
+  void finalize_solution(Ipopt::SolverReturn s, Index, const Number*, const Number*,
+                         const Number*, Index, const Number*, const Number*, Number f,
+                         const Ipopt::IpoptData*, Ipopt::IpoptCalculatedQuantities*) override {
+    status = static_cast<int>(s);
+    objective = f;
+  }
+};
 
 // The options the engine's interior-point call sets, plus its log file.
 inline void SetEngineOptions(Ipopt::IpoptApplication& app, double tol) {
