@@ -66,6 +66,19 @@ class Program {
   double Hessian(const double* in, double* work, double* grad, double* hess,
                  DomainErrors* errs) const;
 
+  // Block evaluation (model/eval_plan): `lanes` copies of the program at once, each
+  // instruction run over every copy before the next, so that one dispatch serves all of them
+  // and the arithmetic runs in vector loops. Lane l reads input a from values[cols[l][a]].
+  // `w` holds work_size() x stride doubles, instruction-major: slot i of lane l is
+  // w[i * stride + l]; lanes <= stride. Runs the code up to the end of `upto`; the residual,
+  // gradient and Hessian slots below then say where each result lies.
+  enum class Part { kResidual, kFirst, kSecond };
+  void RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
+                int stride, double* w, DomainErrors* errs) const;
+  int residual_slot() const { return end_residual_ - 1; }
+  const int32_t* gradient_slots() const { return out(); }
+  const int32_t* hessian_slots() const { return out() + num_inputs_; }
+
   // Human-readable opcode listing (diagnostic files and golden tests).
   std::string Listing() const;
 

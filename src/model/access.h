@@ -28,6 +28,7 @@
 #include <span>
 #include <vector>
 
+#include "model/eval_plan.h"
 #include "model/hessian.h"
 #include "model/jacobian.h"
 #include "model/records.h"
@@ -64,6 +65,9 @@ class ModelAccess {
   const JacobianPattern& Jacobian(Shape shape);
   const HessianPattern& Hessian(Shape shape);  // kSteady or kReduced
   const std::vector<int>& ObjectivePattern();
+  // The fast evaluation path of the unscaled problem in `shape` (kSteady or kReduced), built on
+  // first use from the records' current values.
+  EvalPlan& Plan(Shape shape);
   int NumRows() { return static_cast<int>(Layout().constraint_eqns.size()); }
   Equation& Row(int row) { return store_.eqns[Layout().constraint_eqns[row - 1]]; }
 
@@ -137,6 +141,7 @@ class ModelAccess {
   double obj_factor = 1.0;
 
   const lang::DomainErrors& domain_errors() const { return scratch_.errors; }
+  lang::DomainErrors* mutable_domain_errors() { return &scratch_.errors; }
   // Scratch vector of at least `size` doubles for the routines' reordering; reused.
   std::span<double> Buffer(int size) {
     if (static_cast<int>(buffer_.size()) < size) buffer_.resize(size);
@@ -151,6 +156,7 @@ class ModelAccess {
   std::array<std::optional<JacobianPattern>, kNumShapes> jac_;  // per Shape
   std::array<std::optional<HessianPattern>, kNumShapes> hess_;  // kSteady, kReduced used
   std::optional<std::vector<int>> obj_pattern_;               // objective gradient pattern
+  std::array<std::optional<EvalPlan>, kNumShapes> plan_;      // kSteady, kReduced used
   EvalScratch scratch_;                                       // evaluation buffers
   std::vector<double> buffer_;                                // see Buffer()
 };

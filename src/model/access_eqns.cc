@@ -12,6 +12,7 @@ void ModelAccess::Invalidate() {
   layout_.reset();
   for (auto& p : jac_) p.reset();
   for (auto& p : hess_) p.reset();
+  for (auto& p : plan_) p.reset();
   obj_pattern_.reset();
 }
 
@@ -48,6 +49,13 @@ const std::vector<int>& ModelAccess::ObjectivePattern() {
   EnsureLayout();
   if (!obj_pattern_) obj_pattern_ = BuildObjectivePattern(store_, *layout_);
   return *obj_pattern_;
+}
+
+EvalPlan& ModelAccess::Plan(Shape shape) {
+  EnsureLayout();
+  auto& slot = plan_[static_cast<int>(shape)];
+  if (!slot) slot.emplace(store_, *layout_, shape);
+  return *slot;
 }
 
 void ModelAccess::EvaluateResiduals() {

@@ -8,12 +8,20 @@
 
 namespace kx::model {
 
-Nlp::Nlp(ModelAccess& access, bool dynamic, bool scaled)
+Nlp::Nlp(ModelAccess& access, bool dynamic, bool scaled, PointHome home)
     : access_(access),
       dynamic_(dynamic),
       scaled_(scaled),
       jac_shape_(dynamic ? Shape::kReduced : Shape::kSteady),
-      num_vars_(access.nvar() + (dynamic ? access.ndiff() : 0)) {}
+      num_vars_(access.nvar() + (dynamic ? access.ndiff() : 0)),
+      use_plan_(home == PointHome::kArrays && !scaled) {
+  // A plan kept from an earlier solve must still describe the rows' programs.
+  if (use_plan_ && !access_.Plan(jac_shape_).Matches(access_.store())) {
+    access_.Invalidate();
+    use_plan_ = access_.Plan(jac_shape_).Matches(access_.store());
+  }
+  Forget();
+}
 
 void Nlp::GetBounds(std::span<double> xl, std::span<double> xu) {
   KX_CHECK(static_cast<int>(xl.size()) >= num_vars_ && static_cast<int>(xu.size()) >= num_vars_);
@@ -53,10 +61,12 @@ void Nlp::GetStart(std::span<double> x) {
   }
 }
 
-void Nlp::SetX(std::span<const double> x) {
-  // A solver asks for several quantities at one point: write the point once.
-  if (x.size() == last_x_.size() && std::equal(x.begin(), x.end(), last_x_.begin())) return;
-  last_x_.assign(x.begin(), x.end());
+void Nlp::Forget() {
+  last_x_.clear();
+  if (use_plan_) access_.Plan(jac_shape_).LoadValues(access_.store());
+}
+
+void Nlp::WriteRecords(std::span<const double> x) {
   if (dynamic_) {
     access_.SetCondensed(scaled_, x);
   } else {
@@ -64,21 +74,52 @@ void Nlp::SetX(std::span<const double> x) {
   }
 }
 
+void Nlp::SetX(std::span<const double> x) {
+  if (use_plan_) {
+    Planned(x);
+    return;
+  }
+  // A solver asks for several quantities at one point: write the point once.
+  if (x.size() == last_x_.size() && std::equal(x.begin(), x.end(), last_x_.begin())) return;
+  last_x_.assign(x.begin(), x.end());
+  WriteRecords(x);
+}
+
+EvalPlan& Nlp::Planned(std::span<const double> x) {
+  EvalPlan& plan = access_.Plan(jac_shape_);
+  if (&plan != plan_) {
+    // A new plan (the structure was rebuilt): it holds the records' values, not the point.
+    plan_ = &plan;
+    last_x_.clear();
+  }
+  if (x.size() == last_x_.size() && std::equal(x.begin(), x.end(), last_x_.begin())) return plan;
+  last_x_.assign(x.begin(), x.end());
+  plan.SetPoint(x);
+  return plan;
+}
+
 double Nlp::Objective(std::span<const double> x) {
   ScopedTimer timer("Objective Calc: zpm_p");
+  if (use_plan_) return Planned(x).Objective(access_.mutable_domain_errors());
   SetX(x);
   return access_.Objective(false);
 }
 
 void Nlp::Gradient(std::span<const double> x, std::span<double> g) {
   ScopedTimer timer("Objective Grad: zpm_g");
-  SetX(x);
-  access_.ObjectiveGradient(scaled_, g);
+  if (use_plan_) {
+    access_.ObjectivePattern();  // checks the objective rows' columns
+    Planned(x).Gradient(g, access_.mutable_domain_errors());
+  } else {
+    SetX(x);
+    access_.ObjectiveGradient(scaled_, g);
+  }
   std::fill(g.begin() + access_.nvar(), g.begin() + num_vars_, 0.0);
 }
 
 void Nlp::Constraints(std::span<const double> x, std::span<double> c) {
   ScopedTimer timer("Constraint Calc: zpm_c");
+  if (use_plan_) return Planned(x).Residuals(c, access_.mutable_domain_errors());
   SetX(x);
   access_.EvaluateConstraintRows();
   access_.GetResiduals(true, scaled_, c);
@@ -93,6 +134,11 @@ void Nlp::JacobianStructure(std::span<int> rows, std::span<int> cols) {
 
 void Nlp::JacobianValues(std::span<const double> x, std::span<double> values) {
   ScopedTimer timer("1st Deriv #1: zpm_a1");
+  if (use_plan_) {
+    const JacobianPattern& pattern = access_.Jacobian(jac_shape_);
+    return Planned(x).Jacobian(access_.Layout(), pattern, values,
+                               access_.mutable_domain_errors());
+  }
   SetX(x);
   access_.JacobianValues(jac_shape_, scaled_, values);
 }
@@ -105,6 +151,11 @@ void Nlp::HessianStructure(std::span<int> rows, std::span<int> cols) {
 
 void Nlp::HessianValues(std::span<const double> x, double obj_factor,
                         std::span<const double> lambda, std::span<double> values) {
+  if (use_plan_) {
+    const HessianPattern& pattern = access_.Hessian(jac_shape_);
+    return Planned(x).Hessian(pattern, obj_factor, lambda, values,
+                              access_.mutable_domain_errors());
+  }
   SetX(x);
   if (scaled_) {
     access_.SetMultipliers(lambda);
@@ -124,8 +175,8 @@ std::vector<int> Nlp::IntegerColumns() const {
 }
 
 void Nlp::StoreSolution(std::span<const double> x, std::span<const double> lambda) {
+  WriteRecords(x);
   Forget();
-  SetX(x);
   if (!lambda.empty()) {
     if (scaled_) {
       access_.SetMultipliers(lambda);

@@ -23,9 +23,16 @@
 
 namespace kx::model {
 
+// Where the point lives between value calls.
+enum class PointHome {
+  kRecords,  // SetX writes it into the store (callers that read the records between calls)
+  kArrays,   // the unscaled problem evaluates through ModelAccess::Plan's arrays; the store
+             // sees the point at StoreSolution (a scaled problem keeps kRecords)
+};
+
 class Nlp {
  public:
-  Nlp(ModelAccess& access, bool dynamic, bool scaled);
+  Nlp(ModelAccess& access, bool dynamic, bool scaled, PointHome home = PointHome::kRecords);
 
   int num_vars() const { return num_vars_; }
   int num_cons() { return access_.NumRows(); }
@@ -35,10 +42,10 @@ class Nlp {
   void GetBounds(std::span<double> xl, std::span<double> xu);
   void GetConstraintBounds(std::span<double> gl, std::span<double> gu);
   void GetStart(std::span<double> x);
-  // Writes x into the store; a point equal to the last one written is not written again (call
-  // Forget() after changing the store's values some other way).
+  // Writes x into the store (or the plan's arrays); a point equal to the last one written is
+  // not written again (call Forget() after changing the store's values some other way).
   void SetX(std::span<const double> x);
-  void Forget() { last_x_.clear(); }
+  void Forget();
   double Objective(std::span<const double> x);
   void Gradient(std::span<const double> x, std::span<double> g);
   void Constraints(std::span<const double> x, std::span<double> c);
@@ -63,6 +70,12 @@ class Nlp {
   Shape jac_shape_;     // kReduced when dynamic, else kSteady
   int num_vars_;        // nvar, or nvar + ndiff when dynamic
   std::vector<double> last_x_;  // the point last written into the store
+  bool use_plan_;       // evaluate through the plan's arrays (kArrays, unscaled)
+  EvalPlan* plan_ = nullptr;  // the plan last_x_ was written into
+
+  // The plan of this problem's shape, with the point written into it.
+  EvalPlan& Planned(std::span<const double> x);
+  void WriteRecords(std::span<const double> x);
 };
 
 }  // namespace kx::model

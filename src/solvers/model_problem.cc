@@ -12,7 +12,7 @@ void ToZeroBased(std::span<int> v) {
 }  // namespace
 
 ModelProblem::ModelProblem(model::ModelAccess& access, bool dynamic, std::string name)
-    : nlp_(access, dynamic, /*scaled=*/false), name_(std::move(name)) {}
+    : nlp_(access, dynamic, /*scaled=*/false, model::PointHome::kArrays), name_(std::move(name)) {}
 
 void ModelProblem::Bounds(std::span<double> xl, std::span<double> xu) { nlp_.GetBounds(xl, xu); }
 

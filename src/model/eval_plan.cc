@@ -1,0 +1,250 @@
+#include "model/eval_plan.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "base/check.h"
+
+namespace kx::model {
+namespace {
+
+constexpr int kMaxLanes = 32;            // copies evaluated together
+constexpr long kBlockDoubles = 1 << 14;  // work area of one block: 128 KB at most (when the
+                                         // program allows more than one lane)
+
+int LanesFor(const lang::Program& p) {
+  return static_cast<int>(std::clamp<long>(kBlockDoubles / std::max(p.work_size(), 1), 1,
+                                           kMaxLanes));
+}
+
+}  // namespace
+
+EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape shape)
+    : shape_(shape), nvar_(store.nvar), diff_var_(layout.diff_var),
+      programs_(store.programs.data()) {
+  KX_CHECK(shape == Shape::kSteady || shape == Shape::kReduced);
+  for (int n : layout.objective_vars)
+    if (!store.Var(n).fixed) objective_vars_.push_back(n);
+  AddGroups(store, layout, layout.constraint_eqns, false);
+  AddGroups(store, layout, layout.objective_eqns, true);
+  size_t work = 1;
+  for (const std::vector<Group>* list : {&rows_, &objective_})
+    for (const Group& g : *list)
+      work = std::max(work, static_cast<size_t>(g.program->work_size()) * g.stride);
+  work_.assign(work, 0.0);
+  members_.resize(kMaxLanes);
+  lane_cols_.resize(kMaxLanes);
+  weight_.resize(kMaxLanes);
+  values_.assign(2 * static_cast<size_t>(nvar_) + 1, 0.0);
+  LoadValues(store);
+}
+
+// Groups the rows `eqns` by program, each group's members in row order.
+void EvalPlan::AddGroups(const ModelStore& store, const EquationLayout& layout,
+                         const std::vector<int>& eqns, bool objective) {
+  std::vector<int> order(eqns.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(), [&](int a, int b) {
+    return store.eqns[eqns[a]].program < store.eqns[eqns[b]].program;
+  });
+  std::vector<Group>& groups = objective ? objective_ : rows_;
+  for (int k : order) {
+    const int e = eqns[k];
+    const int index = store.eqns[e].program;
+    const lang::Program& p = store.programs[index];
+    if (groups.empty() || groups.back().index != index) {
+      groups.push_back(Group{&p, index, static_cast<int32_t>(eqn_.size()), 0, p.num_inputs(),
+                             static_cast<int32_t>(p.hess_pairs().size()), LanesFor(p),
+                             static_cast<int64_t>(cols_.size()), 0});
+    }
+    ++groups.back().count;
+    eqn_.push_back(e);
+    row_.push_back(objective ? -1 : k);
+    for (int s = layout.slot_begin[e]; s < layout.slot_begin[e + 1]; ++s)
+      cols_.push_back(layout.slot_column[s]);
+  }
+}
+
+bool EvalPlan::Matches(const ModelStore& store) const {
+  if (store.programs.data() != programs_ || store.nvar != nvar_) return false;
+  for (const std::vector<Group>* list : {&rows_, &objective_})
+    for (const Group& g : *list)
+      for (int m = g.first; m < g.first + g.count; ++m)
+        if (store.eqns[eqn_[m]].program != g.index) return false;
+  return true;
+}
+
+void EvalPlan::LoadValues(const ModelStore& store) {
+  for (int n = 1; n <= nvar_; ++n) {
+    values_[n] = store.Var(n).val;
+    values_[nvar_ + n] = store.Var(n).d_val;
+  }
+}
+
+void EvalPlan::SetPoint(std::span<const double> x) {
+  std::copy(x.begin(), x.begin() + nvar_, values_.begin() + 1);
+  if (shape_ != Shape::kReduced) return;
+  for (size_t i = 1; i < diff_var_.size(); ++i) values_[nvar_ + diff_var_[i]] = x[nvar_ + i - 1];
+}
+
+void EvalPlan::Run(const Group& g, Part part, const int32_t* members, int lanes,
+                   lang::DomainErrors* errs) {
+  for (int l = 0; l < lanes; ++l)
+    lane_cols_[l] = cols_.data() + g.cols + static_cast<int64_t>(members[l] - g.first) * g.inputs;
+  g.program->RunBlock(part, values_.data(), lane_cols_.data(), lanes, g.stride, work_.data(),
+                      errs);
+}
+
+void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,
+                              lang::DomainErrors* errs) {
+  std::iota(members_.begin(), members_.begin() + lanes, m);
+  Run(g, part, members_.data(), lanes, errs);
+}
+
+double EvalPlan::Objective(lang::DomainErrors* errs) {
+  double f = 0.0;
+  for (int n : objective_vars_) f += values_[n];
+  for (const Group& g : objective_) {
+    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
+      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
+      RunConsecutive(g, Part::kResidual, m, lanes, errs);
+      const double* r = Slot(g, g.program->residual_slot());
+      for (int l = 0; l < lanes; ++l) f += r[l];
+    }
+  }
+  return f;
+}
+
+void EvalPlan::Gradient(std::span<double> g_out, lang::DomainErrors* errs) {
+  std::fill(g_out.begin(), g_out.begin() + nvar_, 0.0);
+  for (int n : objective_vars_) g_out[n - 1] += 1.0;
+  for (const Group& g : objective_) {
+    const int32_t* slots = g.program->gradient_slots();
+    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
+      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
+      RunConsecutive(g, Part::kFirst, m, lanes, errs);
+      for (int a = 0; a < g.inputs; ++a) {
+        const double* d = Slot(g, slots[a]);
+        for (int l = 0; l < lanes; ++l) {
+          // Objective rows read no time derivative (the objective pattern stops on one).
+          g_out[cols_[g.cols + static_cast<int64_t>(m - g.first + l) * g.inputs + a] - 1] += d[l];
+        }
+      }
+    }
+  }
+}
+
+void EvalPlan::Residuals(std::span<double> c, lang::DomainErrors* errs) {
+  for (const Group& g : rows_) {
+    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
+      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
+      RunConsecutive(g, Part::kResidual, m, lanes, errs);
+      const double* r = Slot(g, g.program->residual_slot());
+      for (int l = 0; l < lanes; ++l) c[row_[m + l]] = r[l];
+    }
+  }
+}
+
+void EvalPlan::PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern) {
+  jac_at_.resize(cols_.size());
+  for (const Group& g : rows_) {
+    for (int32_t m = g.first; m < g.first + g.count; ++m) {
+      const int begin = layout.slot_begin[eqn_[m]];
+      for (int a = 0; a < g.inputs; ++a)
+        jac_at_[g.cols + static_cast<int64_t>(m - g.first) * g.inputs + a] =
+            pattern.scatter[begin + a];
+    }
+  }
+  jac_duplicates_ = pattern.has_duplicates;
+  jac_planned_ = true;
+}
+
+void EvalPlan::Jacobian(const EquationLayout& layout, const JacobianPattern& pattern,
+                        std::span<double> values, lang::DomainErrors* errs) {
+  KX_CHECK(pattern.shape == shape_);
+  if (!jac_planned_) PlanJacobian(layout, pattern);
+  // Positions a row reads twice are summed; a position no slot feeds stays zero.
+  if (jac_duplicates_) std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
+  for (const Group& g : rows_) {
+    const int32_t* slots = g.program->gradient_slots();
+    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
+      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
+      RunConsecutive(g, Part::kFirst, m, lanes, errs);
+      const int32_t* at = jac_at_.data() + g.cols + static_cast<int64_t>(m - g.first) * g.inputs;
+      for (int a = 0; a < g.inputs; ++a) {
+        const double* d = Slot(g, slots[a]);
+        for (int l = 0; l < lanes; ++l) {
+          const int32_t p = at[l * g.inputs + a];
+          if (p < 0) continue;
+          if (jac_duplicates_) {
+            values[p] += d[l];
+          } else {
+            values[p] = d[l];
+          }
+        }
+      }
+    }
+  }
+}
+
+void EvalPlan::PlanHessian(const HessianPattern& pattern) {
+  if (hess_planned_) return;
+  KX_CHECK(pattern.shape == shape_);
+  for (std::vector<Group>* list : {&rows_, &objective_}) {
+    for (Group& g : *list) {
+      g.pair_at = static_cast<int64_t>(hess_at_.size());
+      for (int32_t m = g.first; m < g.first + g.count; ++m) {
+        const int begin = pattern.pair_begin[eqn_[m]];
+        hess_at_.insert(hess_at_.end(), pattern.scatter.begin() + begin,
+                        pattern.scatter.begin() + begin + g.pairs);
+      }
+    }
+  }
+  hess_planned_ = true;
+}
+
+// Adds weight * the pairs of the `lanes` members listed in members_ (just evaluated).
+void EvalPlan::AddPairs(const Group& g, int lanes, std::span<double> values) {
+  const int32_t* slots = g.program->hessian_slots();
+  for (int q = 0; q < g.pairs; ++q) {
+    const double* h = Slot(g, slots[q]);
+    for (int l = 0; l < lanes; ++l) {
+      const int32_t k = hess_at_[g.pair_at + static_cast<int64_t>(members_[l] - g.first) * g.pairs + q];
+      if (k >= 0) {
+        values[k] += weight_[l] * h[l];
+      } else if (k <= -2) {
+        values[-2 - k] += 2.0 * weight_[l] * h[l];
+      }
+    }
+  }
+}
+
+void EvalPlan::Hessian(const HessianPattern& pattern, double obj_factor,
+                       std::span<const double> lambda, std::span<double> values,
+                       lang::DomainErrors* errs) {
+  PlanHessian(pattern);
+  std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
+  for (const std::vector<Group>* list : {&rows_, &objective_}) {
+    for (const Group& g : *list) {
+      if (g.pairs == 0) continue;
+      // Blocks of the members whose weight is not zero: a row that does not count is not
+      // evaluated, so its faults are neither counted nor spread into the sum.
+      int lanes = 0;
+      auto flush = [&] {
+        Run(g, Part::kSecond, members_.data(), lanes, errs);
+        AddPairs(g, lanes, values);
+        lanes = 0;
+      };
+      for (int32_t m = g.first; m < g.first + g.count; ++m) {
+        const double w = row_[m] < 0 ? obj_factor : lambda[row_[m]];
+        if (w == 0.0) continue;
+        members_[lanes] = m;
+        weight_[lanes] = w;
+        if (++lanes == g.stride) flush();
+      }
+      if (lanes > 0) flush();
+    }
+  }
+}
+
+}  // namespace kx::model

@@ -1,0 +1,104 @@
+// model/eval_plan: the solvers' fast evaluation path for the unscaled problem. Built once per
+// cycle from the records (through the layout) and kept until the structure changes:
+//   - the point lives in one plain array indexed by model column (1..nvar values, nvar+n the
+//     time derivative of variable n), written from the solver's x and read by every row;
+//   - rows that share a program form a group; a group's copies read their inputs through one
+//     compact table of 32-bit indices, and a value call runs each instruction over a block of
+//     copies at once (lang::Program::RunBlock);
+//   - results go straight into the solver's arrays: residuals by row, Jacobian and Hessian
+//     values through 32-bit positions in the cached patterns, gradient entries by column.
+// The records stay the store of record: nothing here writes them. model::Nlp writes the point
+// and the multipliers back when a solve ends.
+//
+// A plan is valid while every row keeps the program it was planned with (Matches); an edited
+// store needs ModelAccess::Invalidate(), as the patterns do.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "lang/program.h"
+#include "model/hessian.h"
+#include "model/jacobian.h"
+#include "model/records.h"
+#include "model/sparsity.h"
+
+namespace kx::model {
+
+class EvalPlan {
+ public:
+  // Plans the active rows of `layout` for `shape` (kSteady or kReduced).
+  EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape shape);
+
+  // True while the store's rows still have the programs the plan was built with.
+  bool Matches(const ModelStore& store) const;
+
+  // Copies every value and time derivative from the records (the point before a solve).
+  void LoadValues(const ModelStore& store);
+  // The solver's point: x[0..nvar) values, then (kReduced) the derivatives in idiff order.
+  void SetPoint(std::span<const double> x);
+
+  // Objective: free obj_def variables plus the objective rows.
+  double Objective(lang::DomainErrors* errs);
+  // Dense gradient of the objective over the x columns (the rest of g is left alone).
+  void Gradient(std::span<double> g, lang::DomainErrors* errs);
+  // Constraint residuals in row order.
+  void Residuals(std::span<double> c, lang::DomainErrors* errs);
+  // Jacobian values in the order of `pattern` (the pattern of this plan's shape).
+  void Jacobian(const EquationLayout& layout, const JacobianPattern& pattern,
+                std::span<double> values, lang::DomainErrors* errs);
+  // Lower-triangle Hessian of the Lagrangian in the order of `pattern`; rows whose weight is
+  // zero are not evaluated.
+  void Hessian(const HessianPattern& pattern, double obj_factor, std::span<const double> lambda,
+               std::span<double> values, lang::DomainErrors* errs);
+  // Ready for Hessian calls with `pattern` (builds the pair positions once).
+  void PlanHessian(const HessianPattern& pattern);
+
+ private:
+  // Rows of one program, members [first, first + count) of the member arrays.
+  struct Group {
+    const lang::Program* program;
+    int32_t index;        // its index in ModelStore::programs
+    int32_t first;        // first member
+    int32_t count;        // members
+    int32_t inputs;       // inputs of the program
+    int32_t pairs;        // Hessian pairs of the program
+    int32_t stride;       // lanes of one block (work area rows)
+    int64_t cols;         // offset of the first member's inputs in cols_
+    int64_t pair_at;      // offset of the first member's pair positions in hess_at_
+  };
+  using Part = lang::Program::Part;
+
+  void AddGroups(const ModelStore& store, const EquationLayout& layout,
+                 const std::vector<int>& eqns, bool objective);
+  void PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern);
+  // Runs `part` of g's program for the members listed in `members` (at most g.stride).
+  void Run(const Group& g, Part part, const int32_t* members, int lanes,
+           lang::DomainErrors* errs);
+  void RunConsecutive(const Group& g, Part part, int32_t m, int lanes, lang::DomainErrors* errs);
+  void AddPairs(const Group& g, int lanes, std::span<double> values);
+  const double* Slot(const Group& g, int32_t slot) const { return work_.data() + slot * g.stride; }
+
+  Shape shape_;
+  int nvar_ = 0;
+  std::vector<int> diff_var_;              // variable number of each idiff (index 0 unused)
+  std::vector<int> objective_vars_;        // free obj_def variables
+  const lang::Program* programs_ = nullptr;  // store.programs.data() at build
+  std::vector<double> values_;             // the point by model column; size 2*nvar+1
+  std::vector<Group> rows_;                // groups of constraint rows
+  std::vector<Group> objective_;           // groups of objective rows
+  std::vector<int32_t> eqn_;               // equation of each member
+  std::vector<int32_t> row_;               // constraint row (0-based) of each member; -1 obj
+  std::vector<int32_t> cols_;              // model column of each member input
+  std::vector<int32_t> jac_at_;            // Jacobian position of each member input, -1 none
+  bool jac_duplicates_ = false;            // some row reads one column twice
+  std::vector<int32_t> hess_at_;           // Hessian position per member pair (see hessian.h)
+  bool jac_planned_ = false, hess_planned_ = false;
+  std::vector<int32_t> members_;           // lane list of one block
+  std::vector<const int32_t*> lane_cols_;  // input table of each lane
+  std::vector<double> weight_;             // Hessian weight of each lane
+  std::vector<double> work_;               // block work area
+};
+
+}  // namespace kx::model
