@@ -21,6 +21,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "lang/opcodes.h"
 
@@ -72,9 +73,32 @@ class Program {
   // `w` holds work_size() x stride doubles, instruction-major: slot i of lane l is
   // w[i * stride + l]; lanes <= stride. Runs the code up to the end of `upto`; the residual,
   // gradient and Hessian slots below then say where each result lies.
+  //
+  // Instructions that apply a function without domain faults directly to an input
+  // (sin(in[a]), exp(in[a]), ...) may be `tabled`: the caller has computed the function of
+  // every column once for all copies, and lane l takes table[cols[l][input]] instead (rows
+  // over shifted slices, sin(t[1:n]) and sin(t[0:n-1]), then compute each sine once).
+  // `tabled` lists such instructions in increasing order.
   enum class Part { kResidual, kFirst, kSecond };
+  struct Tabled {
+    int32_t instr;        // instruction index
+    int32_t input;        // the input it applies its function to
+    const double* table;  // the function's value by column
+  };
   void RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
-                int stride, double* w, DomainErrors* errs) const;
+                int stride, double* w, std::span<const Tabled> tabled,
+                DomainErrors* errs) const;
+  // The instructions that may be tabled: index, function and input of each, in order.
+  struct InputFunction {
+    int32_t instr;
+    Op op;
+    int32_t input;
+  };
+  std::vector<InputFunction> InputFunctions() const;
+  // The end of the segments that `upto` runs (instruction index).
+  int PartEnd(Part upto) const {
+    return upto == Part::kResidual ? end_residual_ : upto == Part::kFirst ? end_first_ : size_;
+  }
   int residual_slot() const { return end_residual_ - 1; }
   const int32_t* gradient_slots() const { return out(); }
   const int32_t* hessian_slots() const { return out() + num_inputs_; }

@@ -38,12 +38,21 @@ inline void Guarded(double* __restrict o, const double* __restrict a, int lanes,
   *count += bad;
 }
 
+// Runs instructions [begin, end); `tabled` advances past the tabled ones it meets.
 void RunLanes(const Instr* code, const double* k, int begin, int end, const double* values,
               const int32_t* const* cols, int lanes, int stride, double* w,
+              const Program::Tabled** tabled, const Program::Tabled* tabled_end,
               DomainErrors* errs) {
   for (int i = begin; i < end; ++i) {
     const Instr c = code[i - begin];
     double* __restrict o = w + static_cast<long>(i) * stride;
+    if (*tabled != tabled_end && (*tabled)->instr == i) {
+      const double* table = (*tabled)->table;
+      const int input = (*tabled)->input;
+      for (int l = 0; l < lanes; ++l) o[l] = table[cols[l][input]];
+      ++*tabled;
+      continue;
+    }
     const Op op = static_cast<Op>(c.op);
     if (op == Op::kConst) {
       const double v = k[c.a];
@@ -119,14 +128,54 @@ void RunLanes(const Instr* code, const double* k, int begin, int end, const doub
 }  // namespace
 
 void Program::RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
-                       int stride, double* w, DomainErrors* errs) const {
+                       int stride, double* w, std::span<const Tabled> tabled,
+                       DomainErrors* errs) const {
   DomainErrors ignored;
   if (errs == nullptr) errs = &ignored;
   const double* k = consts();
-  RunLanes(residual_code(), k, 0, end_residual_, values, cols, lanes, stride, w, errs);
+  const Tabled* next = tabled.data();
+  const Tabled* last = tabled.data() + tabled.size();
+  RunLanes(residual_code(), k, 0, end_residual_, values, cols, lanes, stride, w, &next, last,
+           errs);
   if (upto == Part::kResidual) return;
-  const int end = upto == Part::kFirst ? end_first_ : size_;
-  RunLanes(derivative_code(), k, end_residual_, end, values, cols, lanes, stride, w, errs);
+  RunLanes(derivative_code(), k, end_residual_, PartEnd(upto), values, cols, lanes, stride, w,
+           &next, last, errs);
+}
+
+namespace {
+
+// Functions defined everywhere: a table of them counts no fault that a row would have.
+bool Tableable(Op op) {
+  switch (op) {
+    case Op::kExp:
+    case Op::kSinh:
+    case Op::kCosh:
+    case Op::kTanh:
+    case Op::kSin:
+    case Op::kCos:
+    case Op::kTan:
+    case Op::kAtan:
+    case Op::kErf:
+    case Op::kErfc:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+std::vector<Program::InputFunction> Program::InputFunctions() const {
+  std::vector<InputFunction> found;
+  for (int i = 0; i < size_; ++i) {
+    const Instr& c = instr(i);
+    const Op op = static_cast<Op>(c.op);
+    if (!Tableable(op)) continue;
+    const Instr& arg = instr(static_cast<int>(c.a));
+    if (static_cast<Op>(arg.op) != Op::kInput) continue;
+    found.push_back({i, op, static_cast<int32_t>(arg.a)});
+  }
+  return found;
 }
 
 }  // namespace kx::lang

@@ -1,6 +1,7 @@
 #include "model/eval_plan.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 
 #include "base/check.h"
@@ -36,6 +37,7 @@ EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape 
   lane_cols_.resize(kMaxLanes);
   weight_.resize(kMaxLanes);
   values_.assign(2 * static_cast<size_t>(nvar_) + 1, 0.0);
+  PlanTables();
   LoadValues(store);
 }
 
@@ -55,7 +57,7 @@ void EvalPlan::AddGroups(const ModelStore& store, const EquationLayout& layout,
     if (groups.empty() || groups.back().index != index) {
       groups.push_back(Group{&p, index, static_cast<int32_t>(eqn_.size()), 0, p.num_inputs(),
                              static_cast<int32_t>(p.hess_pairs().size()), LanesFor(p),
-                             static_cast<int64_t>(cols_.size()), 0});
+                             static_cast<int64_t>(cols_.size()), 0, 0, 0});
     }
     ++groups.back().count;
     eqn_.push_back(e);
@@ -74,25 +76,120 @@ bool EvalPlan::Matches(const ModelStore& store) const {
   return true;
 }
 
+// Tables a group's function of an input when most of its members' columns are shared with
+// other rows applying the same function: then each value is computed once instead of twice
+// or more.
+void EvalPlan::PlanTables() {
+  const size_t width = values_.size();
+  tables_.resize(lang::kNumOps);
+  table_cols_.resize(lang::kNumOps);
+  fresh_.assign(lang::kNumOps, 0);
+  std::vector<std::vector<int32_t>> uses(lang::kNumOps);
+  std::vector<std::vector<lang::Program::InputFunction>> found;
+  auto col = [&](const Group& g, int32_t m, int32_t input) {
+    return cols_[g.cols + static_cast<int64_t>(m - g.first) * g.inputs + input];
+  };
+  for (std::vector<Group>* list : {&rows_, &objective_}) {
+    for (Group& g : *list) {
+      found.push_back(g.program->InputFunctions());
+      for (const auto& f : found.back()) {
+        std::vector<int32_t>& u = uses[static_cast<int>(f.op)];
+        if (u.empty()) u.assign(width, 0);
+        for (int32_t m = g.first; m < g.first + g.count; ++m) ++u[col(g, m, f.input)];
+      }
+    }
+  }
+  size_t next = 0;
+  for (std::vector<Group>* list : {&rows_, &objective_}) {
+    for (Group& g : *list) {
+      g.tabled = static_cast<int32_t>(tabled_.size());
+      for (const auto& f : found[next]) {
+        const int op = static_cast<int>(f.op);
+        int32_t shared = 0;
+        for (int32_t m = g.first; m < g.first + g.count; ++m) shared += uses[op][col(g, m, f.input)] > 1;
+        if (2 * shared < g.count) continue;
+        if (tables_[op].empty()) tables_[op].assign(width, 0.0);
+        for (int32_t m = g.first; m < g.first + g.count; ++m) table_cols_[op].push_back(col(g, m, f.input));
+        tabled_.push_back({f.instr, f.input, tables_[op].data()});
+        tabled_op_.push_back(f.op);
+      }
+      g.num_tabled = static_cast<int32_t>(tabled_.size()) - g.tabled;
+      ++next;
+    }
+  }
+  for (std::vector<int32_t>& cols : table_cols_) {
+    std::sort(cols.begin(), cols.end());
+    cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
+  }
+}
+
+namespace {
+
+template <typename F>
+void Fill(std::vector<double>* table, const std::vector<int32_t>& cols, const double* values,
+          F f) {
+  for (int32_t c : cols) (*table)[c] = f(values[c]);
+}
+
+}  // namespace
+
+void EvalPlan::FreshTables(const Group& g, Part part) {
+  const int end = g.program->PartEnd(part);
+  for (int32_t t = g.tabled; t < g.tabled + g.num_tabled; ++t) {
+    if (tabled_[t].instr >= end) break;
+    const int op = static_cast<int>(tabled_op_[t]);
+    if (fresh_[op]) continue;
+    fresh_[op] = 1;
+    std::vector<double>* table = &tables_[op];
+    const std::vector<int32_t>& cols = table_cols_[op];
+    const double* v = values_.data();
+    switch (tabled_op_[t]) {
+      case lang::Op::kExp: Fill(table, cols, v, [](double x) { return std::exp(x); }); break;
+      case lang::Op::kSinh: Fill(table, cols, v, [](double x) { return std::sinh(x); }); break;
+      case lang::Op::kCosh: Fill(table, cols, v, [](double x) { return std::cosh(x); }); break;
+      case lang::Op::kTanh: Fill(table, cols, v, [](double x) { return std::tanh(x); }); break;
+      case lang::Op::kSin: Fill(table, cols, v, [](double x) { return std::sin(x); }); break;
+      case lang::Op::kCos: Fill(table, cols, v, [](double x) { return std::cos(x); }); break;
+      case lang::Op::kTan: Fill(table, cols, v, [](double x) { return std::tan(x); }); break;
+      case lang::Op::kAtan: Fill(table, cols, v, [](double x) { return std::atan(x); }); break;
+      case lang::Op::kErf: Fill(table, cols, v, [](double x) { return std::erf(x); }); break;
+      case lang::Op::kErfc: Fill(table, cols, v, [](double x) { return std::erfc(x); }); break;
+      default: KX_CHECK(false);
+    }
+  }
+}
+
 void EvalPlan::LoadValues(const ModelStore& store) {
   for (int n = 1; n <= nvar_; ++n) {
     values_[n] = store.Var(n).val;
     values_[nvar_ + n] = store.Var(n).d_val;
   }
+  std::fill(fresh_.begin(), fresh_.end(), 0);
 }
 
 void EvalPlan::SetPoint(std::span<const double> x) {
+  std::fill(fresh_.begin(), fresh_.end(), 0);
   std::copy(x.begin(), x.begin() + nvar_, values_.begin() + 1);
   if (shape_ != Shape::kReduced) return;
   for (size_t i = 1; i < diff_var_.size(); ++i) values_[nvar_ + diff_var_[i]] = x[nvar_ + i - 1];
+}
+
+bool EvalPlan::HoldsPoint(std::span<const double> x) const {
+  // A changed point usually differs early; an unchanged one is read once.
+  if (!std::equal(x.begin(), x.begin() + nvar_, values_.begin() + 1)) return false;
+  if (shape_ != Shape::kReduced) return true;
+  for (size_t i = 1; i < diff_var_.size(); ++i)
+    if (values_[nvar_ + diff_var_[i]] != x[nvar_ + i - 1]) return false;
+  return true;
 }
 
 void EvalPlan::Run(const Group& g, Part part, const int32_t* members, int lanes,
                    lang::DomainErrors* errs) {
   for (int l = 0; l < lanes; ++l)
     lane_cols_[l] = cols_.data() + g.cols + static_cast<int64_t>(members[l] - g.first) * g.inputs;
+  FreshTables(g, part);
   g.program->RunBlock(part, values_.data(), lane_cols_.data(), lanes, g.stride, work_.data(),
-                      errs);
+                      std::span(tabled_).subspan(g.tabled, g.num_tabled), errs);
 }
 
 void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,

@@ -5,6 +5,8 @@
 //   - rows that share a program form a group; a group's copies read their inputs through one
 //     compact table of 32-bit indices, and a value call runs each instruction over a block of
 //     copies at once (lang::Program::RunBlock);
+//   - a function that rows apply directly to a variable (sin(t[i]) in rows over shifted
+//     slices of t) is computed once per column and point in a table that the rows read;
 //   - results go straight into the solver's arrays: residuals by row, Jacobian and Hessian
 //     values through 32-bit positions in the cached patterns, gradient entries by column.
 // The records stay the store of record: nothing here writes them. model::Nlp writes the point
@@ -38,6 +40,8 @@ class EvalPlan {
   void LoadValues(const ModelStore& store);
   // The solver's point: x[0..nvar) values, then (kReduced) the derivatives in idiff order.
   void SetPoint(std::span<const double> x);
+  // True when x is the point the plan holds (the tables and values stay valid).
+  bool HoldsPoint(std::span<const double> x) const;
 
   // Objective: free obj_def variables plus the objective rows.
   double Objective(lang::DomainErrors* errs);
@@ -67,11 +71,16 @@ class EvalPlan {
     int32_t stride;       // lanes of one block (work area rows)
     int64_t cols;         // offset of the first member's inputs in cols_
     int64_t pair_at;      // offset of the first member's pair positions in hess_at_
+    int32_t tabled;       // first of its tabled instructions in tabled_
+    int32_t num_tabled;   // tabled instructions
   };
   using Part = lang::Program::Part;
 
   void AddGroups(const ModelStore& store, const EquationLayout& layout,
                  const std::vector<int>& eqns, bool objective);
+  void PlanTables();
+  // Brings the tables that g's code up to the end of `part` reads to the current point.
+  void FreshTables(const Group& g, Part part);
   void PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern);
   // Runs `part` of g's program for the members listed in `members` (at most g.stride).
   void Run(const Group& g, Part part, const int32_t* members, int lanes,
@@ -95,6 +104,11 @@ class EvalPlan {
   bool jac_duplicates_ = false;            // some row reads one column twice
   std::vector<int32_t> hess_at_;           // Hessian position per member pair (see hessian.h)
   bool jac_planned_ = false, hess_planned_ = false;
+  std::vector<lang::Program::Tabled> tabled_;  // tabled instructions, group by group
+  std::vector<lang::Op> tabled_op_;        // the function of each tabled instruction
+  std::vector<std::vector<double>> tables_;      // by opcode: function value by column
+  std::vector<std::vector<int32_t>> table_cols_; // by opcode: the columns its table needs
+  std::vector<char> fresh_;                // by opcode: table computed at the current point
   std::vector<int32_t> members_;           // lane list of one block
   std::vector<const int32_t*> lane_cols_;  // input table of each lane
   std::vector<double> weight_;             // Hessian weight of each lane

@@ -87,14 +87,9 @@ void Nlp::SetX(std::span<const double> x) {
 
 EvalPlan& Nlp::Planned(std::span<const double> x) {
   EvalPlan& plan = access_.Plan(jac_shape_);
-  if (&plan != plan_) {
-    // A new plan (the structure was rebuilt): it holds the records' values, not the point.
-    plan_ = &plan;
-    last_x_.clear();
-  }
-  if (x.size() == last_x_.size() && std::equal(x.begin(), x.end(), last_x_.begin())) return plan;
-  last_x_.assign(x.begin(), x.end());
-  plan.SetPoint(x);
+  // The point is compared with the one the plan holds (a plan rebuilt with the structure
+  // holds the records' values), so that a repeated point reuses the plan's tables.
+  if (!plan.HoldsPoint(x)) plan.SetPoint(x);
   return plan;
 }
 

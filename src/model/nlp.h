@@ -69,9 +69,8 @@ class Nlp {
   bool scaled_;         // the scaled problem
   Shape jac_shape_;     // kReduced when dynamic, else kSteady
   int num_vars_;        // nvar, or nvar + ndiff when dynamic
-  std::vector<double> last_x_;  // the point last written into the store
+  std::vector<double> last_x_;  // the point last written into the store (kRecords)
   bool use_plan_;       // evaluate through the plan's arrays (kArrays, unscaled)
-  EvalPlan* plan_ = nullptr;  // the plan last_x_ was written into
 
   // The plan of this problem's shape, with the point written into it.
   EvalPlan& Planned(std::span<const double> x);
