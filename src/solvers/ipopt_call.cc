@@ -27,7 +27,34 @@ constexpr int kFilePrintLevel = 5;
 struct CallData {
   ProblemView* view = nullptr;
   int iterations = 0;
+  std::vector<int> solver_row;   // the library's index of each of the problem's rows
+  std::vector<double> row_work;  // residuals or multipliers in the problem's row order
 };
+
+// The rows in the order of their first column (stable): rows that read neighbouring columns
+// become neighbours. Models list their rows statement by statement, so that the rows of one
+// interval of a discretisation lie far apart; the factorisation's ordering of the KKT matrix
+// breaks its ties by index and finds less fill from this order.
+std::vector<int> BandedRowOrder(const ProblemView& view) {
+  const int m = view.m();
+  std::vector<int> first(m, view.n());
+  for (size_t k = 0; k < view.jac_rows().size(); ++k)
+    first[view.jac_rows()[k]] = std::min(first[view.jac_rows()[k]], view.jac_cols()[k]);
+  std::vector<int> order(m);
+  for (int r = 0; r < m; ++r) order[r] = r;
+  std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return first[a] < first[b]; });
+  std::vector<int> solver_row(m);
+  for (int k = 0; k < m; ++k) solver_row[order[k]] = k;
+  return solver_row;
+}
+
+// Row-indexed values between the problem's order (`model`) and the library's (`solver`).
+void ToSolverRows(const std::vector<int>& solver_row, const double* model, double* solver) {
+  for (size_t r = 0; r < solver_row.size(); ++r) solver[solver_row[r]] = model[r];
+}
+void ToModelRows(const std::vector<int>& solver_row, const double* solver, double* model) {
+  for (size_t r = 0; r < solver_row.size(); ++r) model[r] = solver[solver_row[r]];
+}
 
 CallData& Data(UserDataPtr user_data) { return *static_cast<CallData*>(user_data); }
 ProblemView& View(UserDataPtr user_data) { return *Data(user_data).view; }
@@ -48,7 +75,12 @@ Bool EvalObjective(Index n, Number* x, Bool, Number* f, UserDataPtr user_data) {
 }
 
 Bool EvalConstraints(Index n, Number* x, Bool, Index m, Number* c, UserDataPtr user_data) {
-  return Guarded([&] { return View(user_data).Constraints({x, size_t(n)}, {c, size_t(m)}); });
+  CallData& data = Data(user_data);
+  return Guarded([&] {
+    if (!data.view->Constraints({x, size_t(n)}, {data.row_work.data(), size_t(m)})) return false;
+    ToSolverRows(data.solver_row, data.row_work.data(), c);
+    return true;
+  });
 }
 
 Bool EvalGradient(Index n, Number* x, Bool, Number* g, UserDataPtr user_data) {
@@ -67,7 +99,11 @@ Bool CopyStructure(const std::vector<int>& rows, const std::vector<int>& cols, I
 Bool EvalJacobian(Index n, Number* x, Bool, Index, Index nnz, Index* rows, Index* cols,
                   Number* values, UserDataPtr user_data) {
   ProblemView& view = View(user_data);
-  if (values == nullptr) return CopyStructure(view.jac_rows(), view.jac_cols(), rows, cols);
+  if (values == nullptr) {
+    CopyStructure(view.jac_rows(), view.jac_cols(), rows, cols);
+    for (Index k = 0; k < nnz; ++k) rows[k] = Data(user_data).solver_row[rows[k]];
+    return TRUE;
+  }
   return Guarded([&] { return view.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
 }
 
@@ -76,8 +112,11 @@ Bool EvalHessian(Index n, Number* x, Bool, Number obj_factor, Index m, Number* l
   ProblemView& view = View(user_data);
   if (!view.has_hessian()) return FALSE;
   if (values == nullptr) return CopyStructure(view.hess_rows(), view.hess_cols(), rows, cols);
+  CallData& data = Data(user_data);
+  ToModelRows(data.solver_row, lambda, data.row_work.data());
   return Guarded([&] {
-    return view.Hessian({x, size_t(n)}, obj_factor, {lambda, size_t(m)}, {values, size_t(nnz)});
+    return view.Hessian({x, size_t(n)}, obj_factor, {data.row_work.data(), size_t(m)},
+                        {values, size_t(nnz)});
   });
 }
 
@@ -163,8 +202,9 @@ bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Iter
     Say("Error opening the Ipopt output file.");
     return false;
   }
-  const bool warm =
-      settings.warm && !a.lambda.empty() && data.view->problem().StartMultipliers(a.lambda);
+  bool warm = settings.warm && !a.lambda.empty() &&
+              data.view->problem().StartMultipliers(data.row_work);
+  if (warm) ToSolverRows(data.solver_row, data.row_work.data(), a.lambda.data());
   for (const Option& option : BuildOptions(*data.view, settings, warm)) {
     if (!SetOption(handle, option)) {
       Say("Error setting an option");
@@ -212,14 +252,19 @@ SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   PrintSolverBanner('*', settings.imode, " with Interior Point Solver");
   ProblemView view(problem, settings.max_time);
   Iterates a = StartIterates(view);
-  CallData data{.view = &view};
+  CallData data{.view = &view,
+                .solver_row = BandedRowOrder(view),
+                .row_work = std::vector<double>(view.m())};
   // The library copies the bounds; it takes them through non-const pointers.
   auto bounds = [](const std::vector<double>& v) { return const_cast<double*>(v.data()); };
+  std::vector<double> cl(view.m()), cu(view.m());
+  ToSolverRows(data.solver_row, view.cl().data(), cl.data());
+  ToSolverRows(data.solver_row, view.cu().data(), cu.data());
   SolverResult result;
   result.status = kSystemError;
   IpoptProblem handle = CreateIpoptProblem(
-      view.n(), bounds(view.xl()), bounds(view.xu()), view.m(), bounds(view.cl()),
-      bounds(view.cu()), view.nnz_jac(), view.nnz_hess(),
+      view.n(), bounds(view.xl()), bounds(view.xu()), view.m(), cl.data(), cu.data(),
+      view.nnz_jac(), view.nnz_hess(),
       /*index_style=*/0, EvalObjective, EvalConstraints, EvalGradient, EvalJacobian, EvalHessian);
   if (handle == nullptr) {
     Say("Error creating an Ipopt Problem handle.");
@@ -231,7 +276,8 @@ SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   result.residual_evals = view.residual_evals();
   result.jacobian_evals = view.jacobian_evals();
   result.x = std::move(a.x);
-  result.lambda = std::move(a.lambda);
+  result.lambda.resize(a.lambda.size());
+  ToModelRows(data.solver_row, a.lambda.data(), result.lambda.data());
   result.z_lower = std::move(a.z_lower);
   result.z_upper = std::move(a.z_upper);
   return result;
