@@ -284,7 +284,9 @@ void ModelFileReader::CollectDeclaredNames() {
     for (const Statement& s : statements_[static_cast<int>(sec)]) {
       const std::string_view text = s.text;
       const std::string_view head = Trim(text.substr(0, text.find_first_of("=<>,")));
-      if (!head.empty() && head.front() != '$') declared_later_.insert(ToLower(head));
+      if (head.empty() || head.front() == '$') continue;
+      const std::string name = ToLower(head);
+      for (long k = 0; k < s.copies; ++k) declared_later_.insert(ShiftIndex(name, k));
     }
   }
 }
@@ -338,9 +340,21 @@ void ModelFileReader::CheckStoreSizes(const long (&counts)[4]) const {
   }
 }
 
-// Expands the statements of one section over their vector indices, in place.
+namespace {
+
+// A declaration whose one vector index is a range in the declared name (`x[1:n] = 0, >= 0`):
+// every copy but the name is the same, so it is read once (Statement::copies).
+bool NameOnlyRange(const Statement& s, const IndexedStatement& x) {
+  if (x.indices.size() != 1 || !x.indices[0].range) return false;
+  return x.indices[0].close < s.text.find_first_of("=<>,");
+}
+
+}  // namespace
+
+// Expands the statements of one section over their vector indices, in place. In a
+// declaration section a name-only range keeps its statement whole.
 void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed,
-                                    std::vector<Statement>* statements) {
+                                    bool declarations, std::vector<Statement>* statements) {
   if (indexed.empty()) return;
   long total = static_cast<long>(statements->size());
   for (const IndexedStatement& x : indexed) total += x.copies - 1;
@@ -354,6 +368,10 @@ void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed
       continue;
     }
     const IndexedStatement& x = indexed[next++];
+    if (declarations && NameOnlyRange(s, x)) {
+      out.push_back({s.line, WriteCopy(s.text, x.indices, 0), x.copies});
+      continue;
+    }
     for (long k = 0; k < x.copies; ++k) out.push_back({s.line, WriteCopy(s.text, x.indices, k)});
   }
   *statements = std::move(out);
@@ -371,10 +389,16 @@ const ModelCounts& ModelFileReader::DetermineSize() {
     totals[k] = FindCopies(statements_[static_cast<int>(kExpanded[k])], &indexed[k]);
   const long stores[4] = {totals[0] + totals[1], totals[2], totals[3], totals[4]};
   CheckStoreSizes(stores);
-  for (size_t k = 0; k < std::size(kExpanded); ++k)
-    ExpandSection(indexed[k], &statements_[static_cast<int>(kExpanded[k])]);
+  for (size_t k = 0; k < std::size(kExpanded); ++k) {
+    const bool declarations = k < 2;
+    ExpandSection(indexed[k], declarations, &statements_[static_cast<int>(kExpanded[k])]);
+  }
   ModelCounts& c = model_.counts;
-  auto count = [&](Section sec) { return static_cast<long>(statements_[static_cast<int>(sec)].size()); };
+  auto count = [&](Section sec) {
+    long n = 0;
+    for (const Statement& s : statements_[static_cast<int>(sec)]) n += s.copies;
+    return n;
+  };
   c.constants = static_cast<long>(model_.constants.size());
   c.parameters = count(Section::kParameters);
   c.variables = count(Section::kVariables);
@@ -387,11 +411,10 @@ const ModelCounts& ModelFileReader::DetermineSize() {
 
 ParsedModel ModelFileReader::Parse() {
   auto& st = statements_;
-  model_.parameters.reserve(st[static_cast<int>(Section::kParameters)].size());
-  model_.variables.reserve(st[static_cast<int>(Section::kVariables)].size());
+  model_.parameters.reserve(model_.counts.parameters);
+  model_.variables.reserve(model_.counts.variables);
   model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
-  const size_t declarations = st[static_cast<int>(Section::kParameters)].size() +
-                              st[static_cast<int>(Section::kVariables)].size();
+  const size_t declarations = model_.counts.parameters + model_.counts.variables;
   declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
                     model_.constants.size());
   initial_values_.reserve(declarations);

@@ -35,6 +35,8 @@ enum class Section {
 struct Statement {
   int line = 0;      // physical line number where the statement starts (1-based)
   std::string text;  // trimmed text
+  long copies = 1;   // a declaration whose only vector index is in its name stays one
+                     // statement: `text` is its first copy, copy k has the index + k
 };
 
 struct ConstantDecl {
@@ -164,7 +166,7 @@ class ModelFileReader {
   long FindCopies(const std::vector<Statement>& statements,
                   std::vector<IndexedStatement>* indexed);
   void CheckStoreSizes(const long (&counts)[4]) const;
-  void ExpandSection(const std::vector<IndexedStatement>& indexed,
+  void ExpandSection(const std::vector<IndexedStatement>& indexed, bool declarations,
                      std::vector<Statement>* statements);
   double EvaluateConstantText(std::string_view text, int line);
   double EvaluateInitialValue(std::string_view text, const std::string& name, int line);

@@ -170,9 +170,14 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
   }
   for (size_t i = 1; i < parts.size(); ++i) ParseBound(parts[i], s, &d);
   if (!d.has_value && d.lower <= d.upper) d.value = std::clamp(0.0, d.lower, d.upper);
-  CheckNewName(d.name, d.derivative ? "variable differential:" : "variable:", d.derivative);
-  if (!d.derivative) initial_values_[d.name] = d.value;
-  out->push_back(std::move(d));
+  // The copies of a vector declaration differ from the first in the index of their name only.
+  const char* kind = d.derivative ? "variable differential:" : "variable:";
+  for (long k = 0; k < s.copies; ++k) {
+    VariableDecl& copy = out->emplace_back(d);
+    if (k > 0) copy.name = ShiftIndex(d.name, k);
+    CheckNewName(copy.name, kind, copy.derivative);
+    if (!copy.derivative) initial_values_[copy.name] = copy.value;
+  }
 }
 
 void ModelFileReader::ParseBound(std::string_view part, const Statement& s, VariableDecl* d) {

@@ -113,4 +113,14 @@ std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indi
   return out;
 }
 
+std::string ShiftIndex(std::string_view name, long k) {
+  if (k == 0) return std::string(name);
+  const size_t open = name.find('['), close = name.find(']', open);
+  const long first = std::stol(std::string(name.substr(open + 1, close - open - 1)));
+  std::string out(name.substr(0, open + 1));
+  out += std::to_string(first + k);
+  out.append(name.substr(close));
+  return out;
+}
+
 }  // namespace kx::lang

@@ -35,6 +35,10 @@ long CountCopies(const std::vector<IndexRange>& indices, long max_copies);
 // index by its value.
 std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indices, long k);
 
+// The name of the element k places after `name`, whose one index is an integer
+// (`x[3]`, 2 -> `x[5]`); `name` itself for k = 0.
+std::string ShiftIndex(std::string_view name, long k);
+
 // True when `text` has a '[' (the fast path skips expansion otherwise).
 inline bool HasIndex(std::string_view text) { return text.find('[') != std::string_view::npos; }
 

@@ -93,6 +93,41 @@ TEST(ModelFileDeclarations, ValuesReadConstantsAndEarlierDeclarations) {
   EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
 }
 
+// A declaration whose only range is in its name is read once and copied: the result, or the
+// stop, is the one of the same declarations written out element by element.
+TEST(ModelFileDeclarations, NameRangesReadLikeTheWrittenOutElements) {
+  struct Case {
+    std::string vector, written;
+  };
+  const Case cases[] = {
+      {"x[1:3] = 2*p, >= -1\n$x[2:3] = 0.5\ns[0:1].y, < -3",
+       "x[1] = 2*p, >= -1\nx[2] = 2*p, >= -1\nx[3] = 2*p, >= -1\n$x[2] = 0.5\n$x[3] = 0.5\n"
+       "s[0].y, < -3\ns[1].y, < -3"},
+      {"x[-1:1] = 1\nz = x[0] + x[1]", "x[-1] = 1\nx[0] = 1\nx[1] = 1\nz = x[0] + x[1]"},
+      {"x[1:3]\nx[2] = 4", "x[1]\nx[2]\nx[3]\nx[2] = 4"},  // duplicate
+      {"a = x[2]\nx[1:3] = 1", "a = x[2]\nx[1] = 1\nx[2] = 1\nx[3] = 1"},  // read too early
+      {"b[1:2] = 1\nq = b[1:2]", "b[1] = 1\nb[2] = 1\nq = b[1]\nq = b[2]"},  // range in a value
+  };
+  const std::string head = "Constants\np = 1.5\nEnd Constants\n";
+  for (const Case& c : cases) {
+    const std::string vector = head + Vars(c.vector), written = head + Vars(c.written);
+    EXPECT_EQ(ReadStop(vector), ReadStop(written)) << c.vector;
+    if (!ReadStop(written).empty()) continue;
+    const ParsedModel a = Read(vector), b = Read(written);
+    ASSERT_EQ(a.variables.size(), b.variables.size()) << c.vector;
+    EXPECT_EQ(a.counts.variables, b.counts.variables);
+    for (size_t k = 0; k < a.variables.size(); ++k) {
+      const VariableDecl &x = a.variables[k], &y = b.variables[k];
+      EXPECT_EQ(x.name, y.name);
+      EXPECT_EQ(x.derivative, y.derivative) << x.name;
+      EXPECT_EQ(x.has_value, y.has_value) << x.name;
+      EXPECT_EQ(x.value, y.value) << x.name;
+      EXPECT_EQ(x.lower, y.lower) << x.name;
+      EXPECT_EQ(x.upper, y.upper) << x.name;
+    }
+  }
+}
+
 TEST(ModelFileEquations, FormsTypesAndBounds) {
   ParsedModel m = Read(
       "Equations\nx = y\nx >= 1\nx < 2\n0 <= x*y <= 4\n5 > x > 1\nminimize x^2\n"
