@@ -10,9 +10,6 @@ namespace kx::model {
 
 namespace {
 
-// Key of a lower-triangle position, ordered by row then column.
-int64_t Key(int row, int col, int dim) { return static_cast<int64_t>(row) * (dim + 1) + col; }
-
 // Shape columns of local pair p of equation e; either is 0 when the shape drops it.
 void PairColumns(const ModelStore& store, const EquationLayout& layout, Shape shape, int e,
                  const lang::HessPair& pair, int* a, int* b) {
@@ -27,23 +24,48 @@ std::vector<int> ActiveRows(const EquationLayout& layout) {
   return active;
 }
 
-std::vector<int64_t> CollectKeys(const ModelStore& store, const EquationLayout& layout,
-                                 Shape shape, int dim) {
-  std::vector<int64_t> keys;
-  for (int e : ActiveRows(layout)) {
-    for (const lang::HessPair& pair : store.programs[store.eqns[e].program].hess_pairs()) {
+// Calls f(e, q, row, col) for every kept pair q of every active row e (row >= col, 1-based).
+template <typename F>
+void ForEachPair(const ModelStore& store, const EquationLayout& layout, Shape shape,
+                 const std::vector<int>& active, F f) {
+  for (int e : active) {
+    auto pairs = store.programs[layout.program_at_build[e]].hess_pairs();
+    for (size_t q = 0; q < pairs.size(); ++q) {
       int a, b;
-      PairColumns(store, layout, shape, e, pair, &a, &b);
-      if (a > 0 && b > 0) keys.push_back(Key(std::max(a, b), std::min(a, b), dim));
+      PairColumns(store, layout, shape, e, pairs[q], &a, &b);
+      if (a > 0 && b > 0) f(e, static_cast<int>(q), std::max(a, b), std::min(a, b));
     }
   }
-  std::sort(keys.begin(), keys.end());
-  keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-  return keys;
+}
+
+// The distinct positions, row by row: each row's columns are bucketed, then sorted and made
+// unique within the row (rows are short), so no sort runs over the whole matrix.
+void CollectPositions(const ModelStore& store, const EquationLayout& layout,
+                      const std::vector<int>& active, HessianPattern* p) {
+  std::vector<int> start(p->dim + 2, 0);
+  ForEachPair(store, layout, p->shape, active, [&](int, int, int row, int) { ++start[row + 1]; });
+  for (int r = 1; r <= p->dim; ++r) start[r + 1] += start[r];
+  std::vector<int> cols(start[p->dim + 1]), fill(start.begin(), start.end() - 1);
+  ForEachPair(store, layout, p->shape, active,
+              [&](int, int, int row, int col) { cols[fill[row]++] = col; });
+  p->rows.reserve(cols.size());
+  p->cols.reserve(cols.size());
+  p->row_start.assign(p->dim + 2, 0);
+  for (int r = 1; r <= p->dim; ++r) {
+    auto first = cols.begin() + start[r], last = cols.begin() + start[r + 1];
+    std::sort(first, last);
+    last = std::unique(first, last);
+    p->row_start[r] = p->nnz();
+    for (auto c = first; c != last; ++c) {
+      p->rows.push_back(r);
+      p->cols.push_back(*c);
+    }
+  }
+  p->row_start[p->dim + 1] = p->nnz();
 }
 
 void AssignScatter(const ModelStore& store, const EquationLayout& layout,
-                   const std::vector<int64_t>& keys, HessianPattern* p) {
+                   const std::vector<int>& active, HessianPattern* p) {
   int neqn = static_cast<int>(store.eqns.size());
   p->pair_begin.assign(neqn + 1, 0);
   for (int e = 0; e < neqn; ++e) {
@@ -52,18 +74,13 @@ void AssignScatter(const ModelStore& store, const EquationLayout& layout,
     p->pair_begin[e + 1] = p->pair_begin[e] + npairs;
   }
   p->scatter.assign(p->pair_begin[neqn], -1);
-  for (int e : ActiveRows(layout)) {
-    auto pairs = store.programs[layout.program_at_build[e]].hess_pairs();
-    for (size_t q = 0; q < pairs.size(); ++q) {
-      int a, b;
-      PairColumns(store, layout, p->shape, e, pairs[q], &a, &b);
-      if (a == 0 || b == 0) continue;
-      int64_t key = Key(std::max(a, b), std::min(a, b), p->dim);
-      int idx = static_cast<int>(std::lower_bound(keys.begin(), keys.end(), key) - keys.begin());
-      bool twice = a == b && pairs[q].i != pairs[q].j;
-      p->scatter[p->pair_begin[e] + q] = twice ? -2 - idx : idx;
-    }
-  }
+  ForEachPair(store, layout, p->shape, active, [&](int e, int q, int row, int col) {
+    auto first = p->cols.begin() + p->row_start[row], last = p->cols.begin() + p->row_start[row + 1];
+    int idx = static_cast<int>(std::lower_bound(first, last, col) - p->cols.begin());
+    auto pair = store.programs[layout.program_at_build[e]].hess_pairs()[q];
+    bool twice = row == col && pair.i != pair.j;
+    p->scatter[p->pair_begin[e] + q] = twice ? -2 - idx : idx;
+  });
 }
 
 // Adds weight * hess into the pattern for a row whose program changed after the pattern was
@@ -134,14 +151,9 @@ HessianPattern BuildHessianPattern(const ModelStore& store, const EquationLayout
   HessianPattern p;
   p.shape = shape;
   p.dim = NumColumns(store, shape);
-  std::vector<int64_t> keys = CollectKeys(store, layout, shape, p.dim);
-  p.rows.reserve(keys.size());
-  p.cols.reserve(keys.size());
-  for (int64_t key : keys) {
-    p.rows.push_back(static_cast<int>(key / (p.dim + 1)));
-    p.cols.push_back(static_cast<int>(key % (p.dim + 1)));
-  }
-  AssignScatter(store, layout, keys, &p);
+  const std::vector<int> active = ActiveRows(layout);
+  CollectPositions(store, layout, active, &p);
+  AssignScatter(store, layout, active, &p);
   return p;
 }
 

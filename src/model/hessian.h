@@ -2,7 +2,8 @@
 //
 //   H = obj_factor * sum over objective rows of d2 r + sum over constraint rows of lambda * d2 r
 //
-// The pattern is built once per cycle from every active row's second-derivative pairs; each
+// The pattern is built once per cycle from every active row's second-derivative pairs, row by
+// row (no sort over the whole matrix); each
 // (equation, pair) gets the index of its non-zero in advance, so a value call runs each row's
 // second-derivative byte code and adds the weighted pair values in place. Pairs that land on
 // one non-zero (several rows, or (i,j) and (j,i) after a merge) are summed. An off-diagonal local
@@ -28,6 +29,7 @@ struct HessianPattern {
   int dim = 0;                     // order of the matrix
   std::vector<int> rows;           // 1-based row of each non-zero (row >= col); sorted
   std::vector<int> cols;           // 1-based column of each non-zero
+  std::vector<int> row_start;      // first non-zero of each row (1-based rows); size dim+2
   std::vector<int> pair_begin;     // first scatter slot of each equation's pairs; size neqn+1
   std::vector<int> scatter;        // non-zero of each (equation, pair): >= 0 index, -1 dropped,
                                    // <= -2 index -2-p counted twice
