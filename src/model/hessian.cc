@@ -24,30 +24,53 @@ std::vector<int> ActiveRows(const EquationLayout& layout) {
   return active;
 }
 
-// Calls f(e, q, row, col) for every kept pair q of every active row e (row >= col, 1-based).
-template <typename F>
-void ForEachPair(const ModelStore& store, const EquationLayout& layout, Shape shape,
-                 const std::vector<int>& active, F f) {
-  for (int e : active) {
+// One kept pair: its lower-triangle position (1-based, row >= col) and where its place goes.
+struct PairPosition {
+  int row, col;
+  int slot;    // index into pattern.scatter
+  bool twice;  // an off-diagonal local pair on the diagonal
+};
+
+// The kept pairs of the active rows, in row order. Shape columns come from one table built by
+// a pass over the variables, not from the records pair by pair.
+std::vector<PairPosition> KeptPairs(const ModelStore& store, const EquationLayout& layout,
+                                    const HessianPattern& p) {
+  std::vector<int> shape_col(2 * static_cast<size_t>(store.nvar) + 1, 0);
+  for (size_t c = 1; c < shape_col.size(); ++c)
+    shape_col[c] = ShapeColumn(store, p.shape, static_cast<int>(c));
+  std::vector<PairPosition> kept;
+  for (int e : ActiveRows(layout)) {
     auto pairs = store.programs[layout.program_at_build[e]].hess_pairs();
+    const int* cols = layout.slot_column.data() + layout.slot_begin[e];
     for (size_t q = 0; q < pairs.size(); ++q) {
-      int a, b;
-      PairColumns(store, layout, shape, e, pairs[q], &a, &b);
-      if (a > 0 && b > 0) f(e, static_cast<int>(q), std::max(a, b), std::min(a, b));
+      const int a = shape_col[cols[pairs[q].i]], b = shape_col[cols[pairs[q].j]];
+      if (a == 0 || b == 0) continue;
+      kept.push_back({std::max(a, b), std::min(a, b), p.pair_begin[e] + static_cast<int>(q),
+                      a == b && pairs[q].i != pairs[q].j});
     }
+  }
+  return kept;
+}
+
+void CountPairs(const ModelStore& store, const EquationLayout& layout, HessianPattern* p) {
+  int neqn = static_cast<int>(store.eqns.size());
+  p->pair_begin.assign(neqn + 1, 0);
+  for (int e = 0; e < neqn; ++e) {
+    int prog = layout.program_at_build[e];
+    int npairs = prog >= 0 ? static_cast<int>(store.programs[prog].hess_pairs().size()) : 0;
+    p->pair_begin[e + 1] = p->pair_begin[e] + npairs;
   }
 }
 
 // The distinct positions, row by row: each row's columns are bucketed, then sorted and made
-// unique within the row (rows are short), so no sort runs over the whole matrix.
-void CollectPositions(const ModelStore& store, const EquationLayout& layout,
-                      const std::vector<int>& active, HessianPattern* p) {
+// unique within the row (rows are short), so no sort runs over the whole matrix. Then each
+// kept pair gets the index of its position.
+void PlacePairs(const std::vector<PairPosition>& kept, HessianPattern* p) {
   std::vector<int> start(p->dim + 2, 0);
-  ForEachPair(store, layout, p->shape, active, [&](int, int, int row, int) { ++start[row + 1]; });
+  for (const PairPosition& k : kept) ++start[k.row + 1];
   for (int r = 1; r <= p->dim; ++r) start[r + 1] += start[r];
-  std::vector<int> cols(start[p->dim + 1]), fill(start.begin(), start.end() - 1);
-  ForEachPair(store, layout, p->shape, active,
-              [&](int, int, int row, int col) { cols[fill[row]++] = col; });
+  std::vector<int> cols(kept.size()), fill(start.begin(), start.end() - 1);
+  for (const PairPosition& k : kept) cols[fill[k.row]++] = k.col;
   p->rows.reserve(cols.size());
   p->cols.reserve(cols.size());
   p->row_start.assign(p->dim + 2, 0);
@@ -62,25 +85,13 @@ void CollectPositions(const ModelStore& store, const EquationLayout& layout,
     }
   }
   p->row_start[p->dim + 1] = p->nnz();
-}
-
-void AssignScatter(const ModelStore& store, const EquationLayout& layout,
-                   const std::vector<int>& active, HessianPattern* p) {
-  int neqn = static_cast<int>(store.eqns.size());
-  p->pair_begin.assign(neqn + 1, 0);
-  for (int e = 0; e < neqn; ++e) {
-    int prog = layout.program_at_build[e];
-    int npairs = prog >= 0 ? static_cast<int>(store.programs[prog].hess_pairs().size()) : 0;
-    p->pair_begin[e + 1] = p->pair_begin[e] + npairs;
+  p->scatter.assign(p->pair_begin.back(), -1);
+  for (const PairPosition& k : kept) {
+    auto first = p->cols.begin() + p->row_start[k.row];
+    auto last = p->cols.begin() + p->row_start[k.row + 1];
+    const int idx = static_cast<int>(std::lower_bound(first, last, k.col) - p->cols.begin());
+    p->scatter[k.slot] = k.twice ? -2 - idx : idx;
   }
-  p->scatter.assign(p->pair_begin[neqn], -1);
-  ForEachPair(store, layout, p->shape, active, [&](int e, int q, int row, int col) {
-    auto first = p->cols.begin() + p->row_start[row], last = p->cols.begin() + p->row_start[row + 1];
-    int idx = static_cast<int>(std::lower_bound(first, last, col) - p->cols.begin());
-    auto pair = store.programs[layout.program_at_build[e]].hess_pairs()[q];
-    bool twice = row == col && pair.i != pair.j;
-    p->scatter[p->pair_begin[e] + q] = twice ? -2 - idx : idx;
-  });
 }
 
 // Adds weight * hess into the pattern for a row whose program changed after the pattern was
@@ -151,9 +162,8 @@ HessianPattern BuildHessianPattern(const ModelStore& store, const EquationLayout
   HessianPattern p;
   p.shape = shape;
   p.dim = NumColumns(store, shape);
-  const std::vector<int> active = ActiveRows(layout);
-  CollectPositions(store, layout, active, &p);
-  AssignScatter(store, layout, active, &p);
+  CountPairs(store, layout, &p);
+  PlacePairs(KeptPairs(store, layout, p), &p);
   return p;
 }
 
