@@ -106,10 +106,12 @@ void EvalPlan::PlanTables() {
       for (const auto& f : found[next]) {
         const int op = static_cast<int>(f.op);
         int32_t shared = 0;
-        for (int32_t m = g.first; m < g.first + g.count; ++m) shared += uses[op][col(g, m, f.input)] > 1;
+        for (int32_t m = g.first; m < g.first + g.count; ++m)
+          shared += uses[op][col(g, m, f.input)] > 1;
         if (2 * shared < g.count) continue;
         if (tables_[op].empty()) tables_[op].assign(width, 0.0);
-        for (int32_t m = g.first; m < g.first + g.count; ++m) table_cols_[op].push_back(col(g, m, f.input));
+        for (int32_t m = g.first; m < g.first + g.count; ++m)
+          table_cols_[op].push_back(col(g, m, f.input));
         tabled_.push_back({f.instr, f.input, tables_[op].data()});
         tabled_op_.push_back(f.op);
       }
@@ -171,7 +173,8 @@ void EvalPlan::SetPoint(std::span<const double> x) {
   std::fill(fresh_.begin(), fresh_.end(), 0);
   std::copy(x.begin(), x.begin() + nvar_, values_.begin() + 1);
   if (shape_ != Shape::kReduced) return;
-  for (size_t i = 1; i < diff_var_.size(); ++i) values_[nvar_ + diff_var_[i]] = x[nvar_ + i - 1];
+  for (size_t i = 1; i < diff_var_.size(); ++i)
+    if (diff_var_[i] > 0) values_[nvar_ + diff_var_[i]] = x[nvar_ + i - 1];
 }
 
 bool EvalPlan::HoldsPoint(std::span<const double> x) const {
@@ -179,7 +182,7 @@ bool EvalPlan::HoldsPoint(std::span<const double> x) const {
   if (!std::equal(x.begin(), x.begin() + nvar_, values_.begin() + 1)) return false;
   if (shape_ != Shape::kReduced) return true;
   for (size_t i = 1; i < diff_var_.size(); ++i)
-    if (values_[nvar_ + diff_var_[i]] != x[nvar_ + i - 1]) return false;
+    if (diff_var_[i] > 0 && values_[nvar_ + diff_var_[i]] != x[nvar_ + i - 1]) return false;
   return true;
 }
 
@@ -303,10 +306,11 @@ void EvalPlan::PlanHessian(const HessianPattern& pattern) {
 // Adds weight * the pairs of the `lanes` members listed in members_ (just evaluated).
 void EvalPlan::AddPairs(const Group& g, int lanes, std::span<double> values) {
   const int32_t* slots = g.program->hessian_slots();
+  const int32_t* at = hess_at_.data() + g.pair_at;
   for (int q = 0; q < g.pairs; ++q) {
     const double* h = Slot(g, slots[q]);
     for (int l = 0; l < lanes; ++l) {
-      const int32_t k = hess_at_[g.pair_at + static_cast<int64_t>(members_[l] - g.first) * g.pairs + q];
+      const int32_t k = at[static_cast<int64_t>(members_[l] - g.first) * g.pairs + q];
       if (k >= 0) {
         values[k] += weight_[l] * h[l];
       } else if (k <= -2) {
