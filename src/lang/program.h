@@ -85,8 +85,10 @@ class Program {
     int32_t input;        // the input it applies its function to
     const double* table;  // the function's value by column
   };
+  // A constant fills all `stride` lanes of its slot; with `constants_ready` the slots still
+  // hold them from the previous block of this program (up to the same `upto`) and are kept.
   void RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
-                int stride, double* w, std::span<const Tabled> tabled,
+                int stride, double* w, std::span<const Tabled> tabled, bool constants_ready,
                 DomainErrors* errs) const;
   // The instructions that may be tabled: index, function and input of each, in order.
   struct InputFunction {

@@ -42,7 +42,7 @@ inline void Guarded(double* __restrict o, const double* __restrict a, int lanes,
 void RunLanes(const Instr* code, const double* k, int begin, int end, const double* values,
               const int32_t* const* cols, int lanes, int stride, double* w,
               const Program::Tabled** tabled, const Program::Tabled* tabled_end,
-              DomainErrors* errs) {
+              bool constants_ready, DomainErrors* errs) {
   for (int i = begin; i < end; ++i) {
     const Instr c = code[i - begin];
     double* __restrict o = w + static_cast<long>(i) * stride;
@@ -55,8 +55,9 @@ void RunLanes(const Instr* code, const double* k, int begin, int end, const doub
     }
     const Op op = static_cast<Op>(c.op);
     if (op == Op::kConst) {
+      if (constants_ready) continue;
       const double v = k[c.a];
-      for (int l = 0; l < lanes; ++l) o[l] = v;
+      for (int l = 0; l < stride; ++l) o[l] = v;
       continue;
     }
     if (op == Op::kInput) {
@@ -129,17 +130,17 @@ void RunLanes(const Instr* code, const double* k, int begin, int end, const doub
 
 void Program::RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
                        int stride, double* w, std::span<const Tabled> tabled,
-                       DomainErrors* errs) const {
+                       bool constants_ready, DomainErrors* errs) const {
   DomainErrors ignored;
   if (errs == nullptr) errs = &ignored;
   const double* k = consts();
   const Tabled* next = tabled.data();
   const Tabled* last = tabled.data() + tabled.size();
   RunLanes(residual_code(), k, 0, end_residual_, values, cols, lanes, stride, w, &next, last,
-           errs);
+           constants_ready, errs);
   if (upto == Part::kResidual) return;
   RunLanes(derivative_code(), k, end_residual_, PartEnd(upto), values, cols, lanes, stride, w,
-           &next, last, errs);
+           &next, last, constants_ready, errs);
 }
 
 namespace {

@@ -191,8 +191,12 @@ void EvalPlan::Run(const Group& g, Part part, const int32_t* members, int lanes,
   for (int l = 0; l < lanes; ++l)
     lane_cols_[l] = cols_.data() + g.cols + static_cast<int64_t>(members[l] - g.first) * g.inputs;
   FreshTables(g, part);
+  // The work area keeps a group's constants from one block to the next of the same call.
+  const bool constants_ready = filled_ == &g;
+  filled_ = &g;
   g.program->RunBlock(part, values_.data(), lane_cols_.data(), lanes, g.stride, work_.data(),
-                      std::span(tabled_).subspan(g.tabled, g.num_tabled), errs);
+                      std::span(tabled_).subspan(g.tabled, g.num_tabled), constants_ready,
+                      errs);
 }
 
 void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,
@@ -202,6 +206,7 @@ void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,
 }
 
 double EvalPlan::Objective(lang::DomainErrors* errs) {
+  filled_ = nullptr;
   double f = 0.0;
   for (int n : objective_vars_) f += values_[n];
   for (const Group& g : objective_) {
@@ -216,6 +221,7 @@ double EvalPlan::Objective(lang::DomainErrors* errs) {
 }
 
 void EvalPlan::Gradient(std::span<double> g_out, lang::DomainErrors* errs) {
+  filled_ = nullptr;
   std::fill(g_out.begin(), g_out.begin() + nvar_, 0.0);
   for (int n : objective_vars_) g_out[n - 1] += 1.0;
   for (const Group& g : objective_) {
@@ -235,6 +241,7 @@ void EvalPlan::Gradient(std::span<double> g_out, lang::DomainErrors* errs) {
 }
 
 void EvalPlan::Residuals(std::span<double> c, lang::DomainErrors* errs) {
+  filled_ = nullptr;
   for (const Group& g : rows_) {
     for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
       const int lanes = std::min<int>(g.stride, g.first + g.count - m);
@@ -262,6 +269,7 @@ void EvalPlan::PlanJacobian(const EquationLayout& layout, const JacobianPattern&
 void EvalPlan::Jacobian(const EquationLayout& layout, const JacobianPattern& pattern,
                         std::span<double> values, lang::DomainErrors* errs) {
   KX_CHECK(pattern.shape == shape_);
+  filled_ = nullptr;
   if (!jac_planned_) PlanJacobian(layout, pattern);
   // Positions a row reads twice are summed; a position no slot feeds stays zero.
   if (jac_duplicates_) std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
@@ -325,6 +333,7 @@ void EvalPlan::Hessian(const HessianPattern& pattern, double obj_factor,
                        lang::DomainErrors* errs) {
   PlanHessian(pattern);
   std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
+  filled_ = nullptr;
   for (const std::vector<Group>* list : {&rows_, &objective_}) {
     for (const Group& g : *list) {
       if (g.pairs == 0) continue;

@@ -113,6 +113,7 @@ class EvalPlan {
   std::vector<const int32_t*> lane_cols_;  // input table of each lane
   std::vector<double> weight_;             // Hessian weight of each lane
   std::vector<double> work_;               // block work area
+  const Group* filled_ = nullptr;          // the group whose constants work_ holds (this call)
 };
 
 }  // namespace kx::model
