@@ -352,9 +352,11 @@ bool NameOnlyRange(const Statement& s, const IndexedStatement& x) {
 }  // namespace
 
 // Expands the statements of one section over their vector indices, in place. In a
-// declaration section a name-only range keeps its statement whole.
-void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed,
-                                    bool declarations, std::vector<Statement>* statements) {
+// declaration section a name-only range keeps its statement whole, and so does every vector
+// equation (Parse writes its copies out).
+void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed, Section section,
+                                    std::vector<Statement>* statements) {
+  const bool declarations = section == Section::kParameters || section == Section::kVariables;
   if (indexed.empty()) return;
   long total = static_cast<long>(statements->size());
   for (const IndexedStatement& x : indexed) total += x.copies - 1;
@@ -370,6 +372,11 @@ void ModelFileReader::ExpandSection(const std::vector<IndexedStatement>& indexed
     const IndexedStatement& x = indexed[next++];
     if (declarations && NameOnlyRange(s, x)) {
       out.push_back({s.line, WriteCopy(s.text, x.indices, 0), x.copies});
+      continue;
+    }
+    if (section == Section::kEquations && x.copies > 1) {
+      auto ranges = std::make_shared<const std::vector<IndexRange>>(x.indices);
+      out.push_back({s.line, std::move(s.text), x.copies, std::move(ranges)});
       continue;
     }
     for (long k = 0; k < x.copies; ++k) out.push_back({s.line, WriteCopy(s.text, x.indices, k)});
@@ -389,10 +396,8 @@ const ModelCounts& ModelFileReader::DetermineSize() {
     totals[k] = FindCopies(statements_[static_cast<int>(kExpanded[k])], &indexed[k]);
   const long stores[4] = {totals[0] + totals[1], totals[2], totals[3], totals[4]};
   CheckStoreSizes(stores);
-  for (size_t k = 0; k < std::size(kExpanded); ++k) {
-    const bool declarations = k < 2;
-    ExpandSection(indexed[k], declarations, &statements_[static_cast<int>(kExpanded[k])]);
-  }
+  for (size_t k = 0; k < std::size(kExpanded); ++k)
+    ExpandSection(indexed[k], kExpanded[k], &statements_[static_cast<int>(kExpanded[k])]);
   ModelCounts& c = model_.counts;
   auto count = [&](Section sec) {
     long n = 0;
@@ -413,7 +418,7 @@ ParsedModel ModelFileReader::Parse() {
   auto& st = statements_;
   model_.parameters.reserve(model_.counts.parameters);
   model_.variables.reserve(model_.counts.variables);
-  model_.equations.reserve(st[static_cast<int>(Section::kEquations)].size());
+  model_.equations.reserve(model_.counts.equations);
   const size_t declarations = model_.counts.parameters + model_.counts.variables;
   declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
                     model_.constants.size());
@@ -426,7 +431,13 @@ ParsedModel ModelFileReader::Parse() {
   }
   for (const auto& s : st[static_cast<int>(Section::kIntermediates)]) ParseIntermediate(s);
   int number = 0;
-  for (const auto& s : st[static_cast<int>(Section::kEquations)]) ParseEquation(s, ++number);
+  for (const auto& s : st[static_cast<int>(Section::kEquations)]) {
+    if (s.ranges == nullptr) {
+      ParseEquation(s, ++number);
+    } else {
+      ParseEquationCopies(s, &number);
+    }
+  }
   for (const auto& s : st[static_cast<int>(Section::kConnections)]) ParseConnection(s);
   for (const auto& s : st[static_cast<int>(Section::kObjects)]) ParseObject(s);
   for (const auto& s : st[static_cast<int>(Section::kCompounds)]) {

@@ -11,6 +11,7 @@
 //   Parse()                        declarations, equations, connections, objects parsed
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -35,8 +36,11 @@ enum class Section {
 struct Statement {
   int line = 0;      // physical line number where the statement starts (1-based)
   std::string text;  // trimmed text
-  long copies = 1;   // a declaration whose only vector index is in its name stays one
-                     // statement: `text` is its first copy, copy k has the index + k
+  long copies = 1;   // a vector statement kept whole: see ranges
+  // A declaration whose only range is in its name, and an equation, stay one statement when
+  // expanded: `text` is then the statement as written, `ranges` its indices, and copy k is
+  // the text with each range replaced by first + k (declarations keep copy 0 in `text`).
+  std::shared_ptr<const std::vector<IndexRange>> ranges = nullptr;
 };
 
 struct ConstantDecl {
@@ -166,7 +170,7 @@ class ModelFileReader {
   long FindCopies(const std::vector<Statement>& statements,
                   std::vector<IndexedStatement>* indexed);
   void CheckStoreSizes(const long (&counts)[4]) const;
-  void ExpandSection(const std::vector<IndexedStatement>& indexed, bool declarations,
+  void ExpandSection(const std::vector<IndexedStatement>& indexed, Section section,
                      std::vector<Statement>* statements);
   double EvaluateConstantText(std::string_view text, int line);
   double EvaluateInitialValue(std::string_view text, const std::string& name, int line);
@@ -178,6 +182,8 @@ class ModelFileReader {
   void ParseBound(std::string_view part, const Statement& s, VariableDecl* d);
   void ParseIntermediate(const Statement& s);
   void ParseEquation(const Statement& s, int number);
+  // The copies of an equation statement kept whole, numbered from *number + 1.
+  void ParseEquationCopies(const Statement& s, int* number);
   void ParseConnection(const Statement& s);
   void ParseObject(const Statement& s);
 

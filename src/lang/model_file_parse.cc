@@ -275,6 +275,63 @@ void ModelFileReader::ParseEquation(const Statement& s, int number) {
 }
 
 // connection -> name '=' (name | number | 'fixed' | 'calculated')
+namespace {
+
+// True when the bracketed indices of `residual` are those of `ranges` at copy 0, in order: the
+// residual of copy k is then the same text with each range's index moved on by k.
+bool IndicesInOrder(std::string_view residual, const std::vector<IndexRange>& ranges) {
+  size_t pos = 0;
+  for (const IndexRange& r : ranges) {
+    const size_t open = residual.find('[', pos);
+    if (open == std::string_view::npos) return false;
+    const size_t close = residual.find(']', open);
+    if (close == std::string_view::npos) return false;
+    if (residual.substr(open + 1, close - open - 1) != std::to_string(r.first)) return false;
+    pos = close + 1;
+  }
+  return residual.find('[', pos) == std::string_view::npos;
+}
+
+// `residual` (the copy-0 text, IndicesInOrder) with its indices written for copy k.
+std::string ShiftIndices(std::string_view residual, const std::vector<IndexRange>& ranges,
+                         long k) {
+  std::string out;
+  out.reserve(residual.size() + 8);
+  size_t pos = 0;
+  for (const IndexRange& r : ranges) {
+    const size_t open = residual.find('[', pos), close = residual.find(']', open);
+    out.append(residual.substr(pos, open + 1 - pos));
+    out += std::to_string(r.range ? r.first + k : r.first);
+    pos = close;
+  }
+  out.append(residual.substr(pos));
+  return out;
+}
+
+}  // namespace
+
+// The first copy is parsed (and checked) as written; the others differ from it only in their
+// indices, so their residuals are the first one's with the indices moved on. A statement whose
+// residual does not show its indices in order (a double inequality) has every copy parsed.
+void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
+  const std::vector<IndexRange>& ranges = *s.ranges;
+  const size_t first = model_.equations.size();
+  ParseEquation({s.line, WriteCopy(s.text, ranges, 0)}, ++*number);
+  const bool shifted = model_.equations.size() == first + 1 &&
+                       IndicesInOrder(model_.equations[first].residual, ranges);
+  for (long k = 1; k < s.copies; ++k) {
+    if (!shifted) {
+      ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
+      continue;
+    }
+    EquationDecl copy = model_.equations[first];
+    copy.text = WriteCopy(s.text, ranges, k);
+    copy.residual = ShiftIndices(model_.equations[first].residual, ranges, k);
+    copy.statement = ++*number;
+    model_.equations.push_back(std::move(copy));
+  }
+}
+
 void ModelFileReader::ParseConnection(const Statement& s) {
   std::vector<Relation> rel = FindRelations(s.text);
   if (rel.size() != 1 || rel[0].kind != '=' || rel[0].len != 1) {

@@ -128,6 +128,36 @@ TEST(ModelFileDeclarations, NameRangesReadLikeTheWrittenOutElements) {
   }
 }
 
+// A vector equation is parsed once; its other copies are read like the written-out rows.
+TEST(ModelFileEquations, VectorCopiesReadLikeTheWrittenOutRows) {
+  const std::string vars = "Variables\nx[0:3]\ny\nEnd Variables\nEquations\n";
+  const std::string vector =
+      "x[1:3] - x[0:2]*y = sin(x[3])\n0 < x[1:2] + y < 1\nmaximize x[0:1]^2\n"
+      "x[2:3] >= 0\n";
+  std::string written;
+  for (int i = 1; i <= 3; ++i)
+    written += fmt::format("x[{}] - x[{}]*y = sin(x[3])\n", i, i - 1);
+  for (int i = 1; i <= 2; ++i) written += fmt::format("0 < x[{}] + y < 1\n", i);
+  for (int i = 0; i <= 1; ++i) written += fmt::format("maximize x[{}]^2\n", i);
+  for (int i = 2; i <= 3; ++i) written += fmt::format("x[{}] >= 0\n", i);
+  const ParsedModel a = Read(vars + vector + "End Equations\n");
+  const ParsedModel b = Read(vars + written + "End Equations\n");
+  ASSERT_EQ(a.equations.size(), b.equations.size());
+  EXPECT_EQ(a.counts.equations, b.counts.equations);
+  for (size_t k = 0; k < a.equations.size(); ++k) {
+    const EquationDecl &x = a.equations[k], &y = b.equations[k];
+    EXPECT_EQ(x.text, y.text);
+    EXPECT_EQ(x.residual, y.residual) << y.text;
+    EXPECT_EQ(x.type, y.type) << y.text;
+    EXPECT_EQ(x.objective, y.objective) << y.text;
+    EXPECT_EQ(x.lower, y.lower) << y.text;
+    EXPECT_EQ(x.upper, y.upper) << y.text;
+    EXPECT_EQ(x.statement, y.statement) << y.text;  // numbered per copy, as written out
+  }
+  EXPECT_EQ(a.equations[2].line, 6);  // the copies keep their statement's line
+  EXPECT_EQ(a.equations.back().line, 9);
+}
+
 TEST(ModelFileEquations, FormsTypesAndBounds) {
   ParsedModel m = Read(
       "Equations\nx = y\nx >= 1\nx < 2\n0 <= x*y <= 4\n5 > x > 1\nminimize x^2\n"
