@@ -254,8 +254,8 @@ double ModelFileReader::EvaluateInitialValue(std::string_view text, const std::s
     const std::string key(ref);
     if (const double* v = FindConstant(key)) {
       sym.value = *v;
-    } else if (auto it = initial_values_.find(key); it != initial_values_.end()) {
-      sym.value = it->second;
+    } else if (auto it = declared_.find(key); it != declared_.end() && it->second.initial) {
+      sym.value = it->second.value;
     } else if (IsDeclaredLater(key)) {
       Fatal({"Error: Initialization of variable " + name + " failed",
              " Trying to use an uninitialized value in expression:", std::string(text)});
@@ -422,7 +422,6 @@ ParsedModel ModelFileReader::Parse() {
   const size_t declarations = model_.counts.parameters + model_.counts.variables;
   declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
                     model_.constants.size());
-  initial_values_.reserve(declarations);
   for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
     ParseDeclaration(s, &model_.parameters);
   }

@@ -162,6 +162,13 @@ class ModelFileReader {
   std::vector<Statement>& SectionStatements(Section s) { return statements_[static_cast<int>(s)]; }
 
  private:
+  // What a declared name stands for (see declared_).
+  struct Declared {
+    const char* kind;
+    double value = 0;
+    bool initial = false;  // a parameter or variable value: `value` holds it
+  };
+
   void ReadPhysicalLines(std::string_view text);
   void HandleStatement(const Statement& s);
   bool SwitchSection(const Statement& s);
@@ -176,7 +183,8 @@ class ModelFileReader {
   double EvaluateInitialValue(std::string_view text, const std::string& name, int line);
   bool IsDeclaredLater(const std::string& name);
   void CollectDeclaredNames();
-  void CheckNewName(const std::string& name, const char* kind, bool derivative);
+  // Enters a new name; stops on a duplicate.
+  Declared& CheckNewName(const std::string& name, const char* kind, bool derivative);
   void ParseConstant(const Statement& s);
   void ParseDeclaration(const Statement& s, std::vector<VariableDecl>* out);
   void ParseBound(std::string_view part, const Statement& s, VariableDecl* d);
@@ -197,13 +205,14 @@ class ModelFileReader {
   int file_line_ = 0;
   bool in_file_ = false;
   std::unordered_map<std::string, double> constant_values_;
-  // Initial values of the parameters and variables parsed so far, and the names of every
-  // parameter and variable statement (a value may read the ones above it, not those below).
-  std::unordered_map<std::string, double> initial_values_;
+  // Every declared name (a derivative's as "$name") with its kind ("variable:",
+  // "intermediate:", ...), for duplicates; a parameter or variable with its initial value too,
+  // which the values below it may read.
+  std::unordered_map<std::string, Declared> declared_;
+  // The names of every parameter and variable statement (a value may read the ones above it,
+  // not those below).
   std::unordered_set<std::string> declared_later_;
   bool names_collected_ = false;  // declared_later_ is filled (on the first question)
-  // Every declared name with its kind ("variable:", "intermediate:", ...), for duplicates.
-  std::unordered_map<std::string, const char*> declared_;
   ParsedModel model_;
 };
 

@@ -111,12 +111,14 @@ void SetBound(char kind, double v, VariableDecl* d) {
 
 }  // namespace
 
-void ModelFileReader::CheckNewName(const std::string& name, const char* kind, bool derivative) {
-  std::string key = derivative ? "$" + name : name;
-  auto [it, inserted] = declared_.emplace(key, kind);
+ModelFileReader::Declared& ModelFileReader::CheckNewName(const std::string& name,
+                                                         const char* kind, bool derivative) {
+  auto [it, inserted] = derivative ? declared_.try_emplace("$" + name, Declared{kind})
+                                   : declared_.try_emplace(name, Declared{kind});
   if (!inserted) {
     Fatal({"error: duplicate variable declarations", std::string(kind) + " " + name});
   }
+  return it->second;
 }
 
 // constant -> name '=' expression
@@ -175,8 +177,8 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
   for (long k = 0; k < s.copies; ++k) {
     VariableDecl& copy = out->emplace_back(d);
     if (k > 0) copy.name = ShiftIndex(d.name, k);
-    CheckNewName(copy.name, kind, copy.derivative);
-    if (!copy.derivative) initial_values_[copy.name] = copy.value;
+    Declared& entry = CheckNewName(copy.name, kind, copy.derivative);
+    if (!copy.derivative) entry = {kind, copy.value, true};
   }
 }
 
