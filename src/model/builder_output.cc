@@ -13,12 +13,29 @@ namespace {
 constexpr const char* kSizeLabels[] = {"Objects",     "Constants", "Variables", "Intermediates",
                                        "Connections", "Equations", "Residuals"};
 
-// Evaluates one program at the current values; domain errors are counted, never fatal.
-double EvaluateProgram(const ModelStore& store, int program, const std::vector<int>& columns,
-                       std::vector<double>* in, std::vector<double>* work,
-                       lang::DomainErrors* errs) {
+// The values a program input reads, by model column (1..nvar values, nvar+i dx/dt of
+// variable i), laid out once so that each input is one array read, not a walk through the
+// variable records.
+std::vector<double> ColumnValues(const ModelStore& store) {
+  std::vector<double> values(2 * static_cast<size_t>(store.nvar) + 1, 0.0);
+  for (int n = 1; n <= store.nvar; ++n) {
+    values[n] = store.Var(n).val;
+    values[store.nvar + n] = store.Var(n).d_val;
+  }
+  return values;
+}
+
+// Evaluates one program at the values `by_column` and the intermediates' current values;
+// domain errors are counted, never fatal.
+double EvaluateProgram(const ModelStore& store, const std::vector<double>& by_column,
+                       int program, const std::vector<int>& columns, std::vector<double>* in,
+                       std::vector<double>* work, lang::DomainErrors* errs) {
   const lang::Program& p = store.programs[program];
-  GatherInputs(store, columns, in);
+  in->resize(columns.size());
+  for (size_t k = 0; k < columns.size(); ++k) {
+    const int c = columns[k];
+    (*in)[k] = c < 0 ? store.intermediates[-c - 1].value : by_column[c];
+  }
   if (work->size() < static_cast<size_t>(p.work_size())) work->resize(p.work_size());
   return p.Residual(in->data(), work->data(), errs);
 }
@@ -40,11 +57,12 @@ void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
 
 void EvaluateInitialState(ModelStore* store) {
   std::vector<double> in, work;
+  const std::vector<double> by_column = ColumnValues(*store);
   lang::DomainErrors& errs = store->start_errors;
   errs = {};
   for (Intermediate& m : store->intermediates) {
     if (m.program < 0) continue;
-    m.value = EvaluateProgram(*store, m.program, m.columns, &in, &work, &errs);
+    m.value = EvaluateProgram(*store, by_column, m.program, m.columns, &in, &work, &errs);
     if (!std::isfinite(m.value)) {
       Say("custom: Explicit calculation failed");
       Say("Intermediate: " + m.name + " = " + m.text);
@@ -52,7 +70,7 @@ void EvaluateInitialState(ModelStore* store) {
   }
   for (Equation& q : store->eqns) {
     if (q.program < 0) continue;
-    q.residual = EvaluateProgram(*store, q.program, q.columns, &in, &work, &errs);
+    q.residual = EvaluateProgram(*store, by_column, q.program, q.columns, &in, &work, &errs);
   }
 }
 
