@@ -150,6 +150,8 @@ class ModelAccess {
 
  private:
   void EnsureLayout();
+  void LoadColumnValues();
+  double ResidualFromColumns(int e);
 
   ModelStore& store_;
   std::optional<EquationLayout> layout_;                      // built on first use

@@ -58,26 +58,41 @@ EvalPlan& ModelAccess::Plan(Shape shape) {
   return *slot;
 }
 
+// The value each model column reads, laid out once per pass over many rows: the rows then read
+// one array instead of walking the variable records.
+void ModelAccess::LoadColumnValues() {
+  std::vector<double>& v = scratch_.by_column;
+  v.resize(2 * static_cast<size_t>(nvar()) + 1);
+  for (int n = 1; n <= nvar(); ++n) {
+    const Variable& var = store_.Var(n);
+    v[n] = var.val;
+    v[nvar() + n] = var.d_val;
+  }
+}
+
+// Residual of equation e from the column values of LoadColumnValues, stored in its record.
+double ModelAccess::ResidualFromColumns(int e) {
+  Equation& eqn = store_.eqns[e];
+  const int* cols = layout_->slot_column.data() + layout_->slot_begin[e];
+  const int n = layout_->slot_begin[e + 1] - layout_->slot_begin[e];
+  double* in = scratch_.in.data();
+  for (int k = 0; k < n; ++k) in[k] = scratch_.by_column[cols[k]];
+  eqn.residual = store_.programs[eqn.program].Residual(in, scratch_.work.data(), &scratch_.errors);
+  return eqn.residual;
+}
+
 void ModelAccess::EvaluateResiduals() {
   EnsureLayout();
-  for (int e = 0; e < num_eqns(); ++e) {
-    Equation& eqn = store_.eqns[e];
-    if (eqn.program < 0) continue;
-    GatherInputs(*layout_, e, scratch_.in.data());
-    eqn.residual = store_.programs[eqn.program].Residual(scratch_.in.data(),
-                                                         scratch_.work.data(), &scratch_.errors);
-  }
+  LoadColumnValues();
+  for (int e = 0; e < num_eqns(); ++e)
+    if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
 }
 
 void ModelAccess::EvaluateConstraintRows() {
   EnsureLayout();
-  for (int e : layout_->constraint_eqns) {
-    Equation& eqn = store_.eqns[e];
-    if (eqn.program < 0) continue;
-    GatherInputs(*layout_, e, scratch_.in.data());
-    eqn.residual = store_.programs[eqn.program].Residual(scratch_.in.data(),
-                                                         scratch_.work.data(), &scratch_.errors);
-  }
+  LoadColumnValues();
+  for (int e : layout_->constraint_eqns)
+    if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
 }
 
 void ModelAccess::GetResiduals(bool active_only, bool scaled, std::span<double> y) {
@@ -120,13 +135,9 @@ double ModelAccess::Objective(bool include_fixed) {
     const Variable& v = store_.Var(n);
     if (include_fixed || !v.fixed) f += v.val;
   }
-  for (int e : layout_->objective_eqns) {
-    Equation& eqn = store_.eqns[e];
-    GatherInputs(*layout_, e, scratch_.in.data());
-    eqn.residual = store_.programs[eqn.program].Residual(scratch_.in.data(),
-                                                         scratch_.work.data(), &scratch_.errors);
-    f += eqn.residual;
-  }
+  if (layout_->objective_eqns.empty()) return f;
+  LoadColumnValues();
+  for (int e : layout_->objective_eqns) f += ResidualFromColumns(e);
   return f;
 }
 
