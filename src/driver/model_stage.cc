@@ -38,15 +38,18 @@ model::BuildOptions BuildOptionsOf(const CycleState& state) {
   return opts;
 }
 
-// Kind of a model name for the info-file check: 0 unknown, 1 parameter, 2 variable.
+// Kind of a model name for the info-file check: 0 unknown, 1 parameter, 2 variable. The name
+// table is made on the first question (a cycle without an info file asks none).
 files::ModelKindFn ModelKind(const model::ModelStore& store) {
   auto names = std::make_shared<std::unordered_map<std::string, int>>();
-  for (const model::Variable& v : store.vars) {
-    int kind = v.vtype == model::kVarParameter ? 1 : 2;
-    names->emplace(v.name, kind);
-    for (const std::string& alias : v.aliases) names->emplace(alias, kind);
-  }
-  return [names](std::string_view name) {
+  return [names, &store](std::string_view name) {
+    if (names->empty()) {
+      for (const model::Variable& v : store.vars) {
+        int kind = v.vtype == model::kVarParameter ? 1 : 2;
+        names->emplace(v.name, kind);
+        for (const std::string& alias : v.aliases) names->emplace(alias, kind);
+      }
+    }
     auto it = names->find(std::string(name));
     return it == names->end() ? 0 : it->second;
   };
