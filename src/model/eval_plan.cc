@@ -119,9 +119,17 @@ void EvalPlan::PlanTables() {
       ++next;
     }
   }
+  // Each table's columns once, in increasing order (marked, then collected: no sort).
+  std::vector<char> marked(width);
   for (std::vector<int32_t>& cols : table_cols_) {
-    std::sort(cols.begin(), cols.end());
-    cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
+    if (cols.empty()) continue;
+    for (int32_t c : cols) marked[c] = 1;
+    cols.clear();
+    for (size_t c = 0; c < width; ++c) {
+      if (!marked[c]) continue;
+      cols.push_back(static_cast<int32_t>(c));
+      marked[c] = 0;
+    }
   }
 }
 
