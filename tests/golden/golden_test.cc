@@ -370,13 +370,10 @@ std::string SolveWithAsopt(const Chunk& c) {
   return MaskIterates(s.output) + fmt::format("status {}\n", s.result.status);
 }
 
-// A cycle of the program as a user runs it: the chunk's text is app.zpm up to the first
-// "==== NAME" line, which starts file NAME. `args=` gives the command line (commas for blanks,
-// default "app"); the lines shown run from the first holding `from=` (`~` for a blank)
-// up to the one holding `until=` or `lines=` lines on (default: to the end), then the status.
-std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
+// A cycle chunk's files: app.zpm up to the first "==== NAME" line, which starts file NAME.
+void WriteCycleFiles(const std::string& chunk_text, const kx::testing::ScratchDir& dir) {
   std::string name = "app.zpm", text;
-  for (const std::string& line : Split(c.text, '\n')) {
+  for (const std::string& line : Split(chunk_text, '\n')) {
     if (line.rfind("==== ", 0) != 0) {
       text += line + "\n";
       continue;
@@ -386,26 +383,40 @@ std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
     text.clear();
   }
   dir.Write(name, text);
-  auto key = [&c](const std::string& k, std::string fallback) {
-    std::string v = c.keys.count(k) ? c.keys.at(k) : fallback;
-    std::replace(v.begin(), v.end(), k == "args" ? ',' : '~', ' ');
-    return v;
-  };
-  const driver::RunResult r = driver::RunIn(dir, key("args", "app"));
-  const std::string from = key("from", ""), until = key("until", "");
+}
+
+// A key's value with `blank` standing for a blank; `fallback` when the chunk has no such key.
+std::string BlankedKey(const Chunk& c, const std::string& key, const std::string& fallback,
+                       char blank) {
+  std::string v = c.keys.count(key) ? c.keys.at(key) : fallback;
+  std::replace(v.begin(), v.end(), blank, ' ');
+  return v;
+}
+
+// The stretch of `out` a chunk shows: from the first line holding `from=` up to the one
+// holding `until=`, at most `lines=` lines.
+std::string ShownLines(const Chunk& c, const std::string& out) {
+  const std::string from = BlankedKey(c, "from", "", '~'), until = BlankedKey(c, "until", "", '~');
   const int lines = IntKey(c, "lines", INT_MAX);
-  std::string out;
+  std::string shown;
   bool started = false;
-  int shown = 0;
-  for (const std::string& line : Split(r.out, '\n')) {
+  int count = 0;
+  for (const std::string& line : Split(out, '\n')) {
     if (!started && line.find(from) == std::string::npos) continue;
     started = true;
-    if (shown++ >= lines) break;
-    out += line + "\n";
+    if (count++ >= lines) break;
+    shown += line + "\n";
     if (!until.empty() && line.find(until) != std::string::npos) break;
   }
-  if (!started) out = "(no line holds \"" + from + "\")\n";
-  return out + fmt::format("exit status {}\n", r.status);
+  return started ? shown : "(no line holds \"" + from + "\")\n";
+}
+
+// A cycle of the program as a user runs it, on the chunk's files with the command line
+// `args=` (commas for blanks, default "app"): the lines shown, then the exit status.
+std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
+  WriteCycleFiles(c.text, dir);
+  const driver::RunResult r = driver::RunIn(dir, BlankedKey(c, "args", "app", ','));
+  return ShownLines(c, r.out) + fmt::format("exit status {}\n", r.status);
 }
 
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "builder_testing.h"
-#include "lang/lang_testing.h"
 #include "model/checks.h"
 #include "model/connections.h"
 
@@ -181,25 +180,6 @@ TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   s.vars[1].aliases.assign(kMaxAliasSteps + 1, "w");  // the survivor's own list
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 1: POSSIBLE INFINITE LOOP"));
-}
-
-// Derivatives of a model equation built through the whole front end (reader, intermediates,
-// time-derivative columns) against central finite differences. Every function and operator
-// is checked the same way on the compiler's own tests.
-TEST(BuilderDerivatives, IntermediatesAndTimeDerivativesChainThrough) {
-  testing::ScratchDir dir;
-  auto r = testing::Build(
-      "Variables\nx = 0.7\ny = 1.3\n$x = 0.2\nEnd Variables\nIntermediates\n"
-      "u = x*y\nv = exp(u) / y\nEnd Intermediates\nEquations\n$x * v = u^2 - y\nEnd Equations\n",
-      dir);
-  ASSERT_FALSE(r.stopped) << r.output;
-  const Equation& q = r.store.eqns[0];
-  ASSERT_EQ(q.columns.size(), 3u);  // x, y and dx/dt
-  std::vector<double> in;
-  GatherInputs(r.store, q.columns, &in);
-  lang::testing::CheckDerivatives(r.store.programs[q.program], in, q.text);
-  double u = 0.7 * 1.3;
-  EXPECT_NEAR(q.residual, 0.2 * std::exp(u) / 1.3 - (u * u - 1.3), 1e-14);
 }
 
 // A parameter is a runtime value: a domain fault it causes at the starting point is counted
