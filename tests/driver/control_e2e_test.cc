@@ -2,9 +2,7 @@
 // back from the DBS and results files and checked against an independent optimum.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cmath>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"

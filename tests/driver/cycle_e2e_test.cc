@@ -1,6 +1,5 @@
 // Runs the built program in a fresh working directory, as a user would, and checks what it
 // prints, its exit status and the files it leaves.
-#include <algorithm>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"

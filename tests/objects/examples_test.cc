@@ -2,7 +2,6 @@
 // READMEs state.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 
 #include "objects_testing.h"
