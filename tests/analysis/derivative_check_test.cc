@@ -148,26 +148,5 @@ TEST_F(DerivativeCheck, GradientAndHessianThresholds) {
   }
 }
 
-TEST_F(DerivativeCheck, ConsoleCountsAndFiles) {
-  Planted p;
-  p.a = {{1.0, 5.0}};
-  p.q = {0};
-  p.g = p.claimed_g = {0, 0};
-  p.claimed = {{0, 0, 1.0}, {0, 1, 4.0}};
-  std::string out;
-  {
-    OutputCapture capture;
-    RunDerivativeChecks(p, Names(), 2, 3, 6, dir_.str());
-    out = capture.text();
-  }
-  EXPECT_NE(out.find("checking objective 1st derivatives...\nchecking constraint 1st "
-                     "derivatives...\nzpm_verify_jacobian: located 1 error (see "
-                     "verify_jacobian.txt)\n...done\nchecking 2nd derivatives...\n"),
-            std::string::npos)
-      << out;
-  EXPECT_NE(Read("sparsity.txt").find("1 2\n"), std::string::npos);
-  EXPECT_NE(Read("jacobian.txt").find("1 2 4."), std::string::npos);
-}
-
 }  // namespace
 }  // namespace kx::analysis

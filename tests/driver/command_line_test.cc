@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "base/report.h"
 #include "base/text.h"
 
@@ -14,53 +16,60 @@ std::vector<std::string> Args(std::initializer_list<const char*> switches) {
   return args;
 }
 
-TEST(CommandLine, ModeWordsSetImodeAndTheLastOneWins) {
+// Each switch sets its flag and the option it stands for; the last of two rivals wins. -1
+// leaves a flag to the DBS options. A solver word prints nothing; an unknown solver name is
+// reported and changes nothing.
+TEST(CommandLine, SwitchesSetTheirFlagsAndOptions) {
   struct Case {
     std::initializer_list<const char*> switches;
-    int imode;
-  } cases[] = {{{}, 3},
-               {{"-ss"}, 1},
-               {{"-UZPM_SSTATE_MPU"}, 2},
-               {{"-Rto"}, 3},
-               {{"-uzpm_isim"}, 4},
-               {{"-uzpm_dyn_sim"}, 4},
-               {{"-EST"}, 5},
-               {{"-uzpm_online_ctl"}, 6},
-               {{"-sqs"}, 7},
-               {{"-SQE"}, 8},
-               {{"-sqc"}, 9},
-               {{"-sim", "-ss"}, 1},
-               {{"-ctl", "-uzpm_icon"}, 6},
-               {{"-l1", "bare", "-est"}, 5}};
+    int imode, coldstart, dbs_read, dbs_write, specs, solver;
+    const char* message = nullptr;  // what is printed, checked when given
+  } cases[] = {{{}, 3, 0, -1, -1, -1, 1},
+               {{"-ss"}, 1, 0, -1, -1, -1, 1},
+               {{"-UZPM_SSTATE_MPU"}, 2, 0, -1, -1, -1, 1},
+               {{"-Rto"}, 3, 0, -1, -1, -1, 1},
+               {{"-uzpm_isim"}, 4, 0, -1, -1, -1, 1},
+               {{"-uzpm_dyn_sim"}, 4, 0, -1, -1, -1, 1},
+               {{"-EST"}, 5, 0, -1, -1, -1, 1},
+               {{"-uzpm_online_ctl"}, 6, 0, -1, -1, -1, 1},
+               {{"-sqs"}, 7, 0, -1, -1, -1, 1},
+               {{"-SQE"}, 8, 0, -1, -1, -1, 1},
+               {{"-sqc"}, 9, 0, -1, -1, -1, 1},
+               {{"-sim", "-ss"}, 1, 0, -1, -1, -1, 1},
+               {{"-ctl", "-uzpm_icon"}, 6, 0, -1, -1, -1, 1},
+               {{"-l1", "bare", "-est"}, 5, 0, -1, -1, -1, 1},
+               {{"-COLD"}, 3, 1, -1, -1, -1, 1},
+               {{"-cold", "-warm"}, 3, 0, -1, -1, -1, 1},
+               {{"-skipread"}, 3, 0, 0, -1, -1, 1},
+               {{"-SkipWrite"}, 3, 0, -1, 0, -1, 1},
+               {{"-skipreadwrite"}, 3, 0, 0, 0, -1, 1},
+               {{"-no_specs"}, 3, 0, -1, -1, 0, 1},
+               {{"-no_specs", "-specs"}, 3, 0, -1, -1, -1, 1},
+               {{"-ipopt"}, 3, 0, -1, -1, -1, 3, ""},
+               {{"-SOLVER=IPOPT"}, 3, 0, -1, -1, -1, 3, ""},
+               {{"-solver=-biopt"}, 3, 0, -1, -1, -1, 2, ""},
+               {{"-all"}, 3, 0, -1, -1, -1, 0, ""},
+               {{"-Minos"}, 3, 0, -1, -1, -1, 6, ""},
+               {{"-solver=ipoptf"}, 3, 0, -1, -1, -1, 4, ""},
+               {{"-snopt", "-asopt"}, 3, 0, -1, -1, -1, 1, ""},
+               {{"-solver=xyz"}, 3, 0, -1, -1, -1, 1, "Unknown solver name: xyz"},
+               {{"-ipopt", "-solver=XYZ"}, 3, 0, -1, -1, -1, 3, "Unknown solver name: xyz"},
+               {{"-solver"}, 3, 0, -1, -1, -1, 1, "Unknown solver name: "}};
   for (const auto& c : cases) {
+    std::string trace;
+    for (const char* w : c.switches) trace += std::string(w) + " ";
+    SCOPED_TRACE(trace);
     dbs::OptionStore store;
     OutputCapture out;
-    CommandLineFlags flags = ParseCommandLine(Args(c.switches), store);
-    EXPECT_EQ(flags.imode, c.imode);
-    EXPECT_EQ(store.Int("IMODE"), c.imode);
-  }
-}
-
-TEST(CommandLine, FlagsAndColdStart) {
-  struct Case {
-    std::initializer_list<const char*> switches;
-    int coldstart, dbs_read, dbs_write, specs;
-  } cases[] = {{{}, 0, -1, -1, -1},
-               {{"-COLD"}, 1, -1, -1, -1},
-               {{"-cold", "-warm"}, 0, -1, -1, -1},
-               {{"-skipread"}, 0, 0, -1, -1},
-               {{"-SkipWrite"}, 0, -1, 0, -1},
-               {{"-skipreadwrite"}, 0, 0, 0, -1},
-               {{"-no_specs"}, 0, -1, -1, 0},
-               {{"-no_specs", "-specs"}, 0, -1, -1, -1}};
-  for (const auto& c : cases) {
-    dbs::OptionStore store;
     CommandLineFlags f = ParseCommandLine(Args(c.switches), store);
-    EXPECT_EQ(f.coldstart, c.coldstart);
+    EXPECT_EQ(std::tie(f.imode, f.coldstart, f.dbs_read, f.dbs_write, f.specs, f.solver),
+              std::tie(c.imode, c.coldstart, c.dbs_read, c.dbs_write, c.specs, c.solver));
+    EXPECT_EQ(store.Int("IMODE"), c.imode);
     EXPECT_EQ(store.Int("COLDSTART"), c.coldstart);
-    EXPECT_EQ(f.dbs_read, c.dbs_read);
-    EXPECT_EQ(f.dbs_write, c.dbs_write);
-    EXPECT_EQ(f.specs, c.specs);
+    EXPECT_EQ(store.Int("SOLVER"), c.solver);
+    if (c.message) {
+      EXPECT_EQ(out.text(), *c.message ? std::string(c.message) + "\n" : "");
+    }
   }
 }
 
@@ -77,43 +86,6 @@ TEST(CommandLine, FlagsStartFromTheDbsOptions) {
   EXPECT_EQ(f.coldstart, 1);
 }
 
-TEST(CommandLine, SolverWords) {
-  struct Case {
-    std::initializer_list<const char*> switches;
-    int solver;
-    const char* message;
-  } cases[] = {{{"-ipopt"}, 3, ""},
-               {{"-SOLVER=IPOPT"}, 3, ""},
-               {{"-solver=-biopt"}, 2, ""},
-               {{"-all"}, 0, ""},
-               {{"-Minos"}, 6, ""},
-               {{"-solver=ipoptf"}, 4, ""},
-               {{"-snopt", "-asopt"}, 1, ""},
-               {{"-solver=xyz"}, 1, "Unknown solver name: xyz"},
-               {{"-ipopt", "-solver=XYZ"}, 3, "Unknown solver name: xyz"},
-               {{"-solver"}, 1, "Unknown solver name: "}};
-  for (const auto& c : cases) {
-    dbs::OptionStore store;
-    OutputCapture out;
-    EXPECT_EQ(ParseCommandLine(Args(c.switches), store).solver, c.solver);
-    EXPECT_EQ(store.Int("SOLVER"), c.solver);
-    EXPECT_EQ(out.text(), *c.message ? std::string(c.message) + "\n" : "");
-  }
-}
-
-TEST(CommandLine, UnknownSwitchStopsWithTheHelpText) {
-  for (const char* bad : {"-bogus", "-imode=3", "-COLDX"}) {
-    dbs::OptionStore store;
-    OutputCapture out;
-    EXPECT_THROW(ParseCommandLine(Args({"-cold", bad}), store), Stop);
-    std::vector<std::string> lines = out.lines();
-    ASSERT_EQ(lines.size(), 23u);
-    std::string name = ToLower(bad).substr(0, ToLower(bad).find('='));
-    EXPECT_EQ(lines[0], "argument not recognized: " + name);
-    EXPECT_EQ(lines[22], "STOPPING...");
-  }
-}
-
 TEST(CommandLine, RequestedControlModeAndKill) {
   struct Case {
     int reqctrlmode, imode, ctrlmode;
@@ -125,12 +97,10 @@ TEST(CommandLine, RequestedControlModeAndKill) {
     EXPECT_EQ(ParseCommandLine(Args({}), store).ctrlmode, c.ctrlmode);
     EXPECT_EQ(store.Int("CTRLMODE"), c.ctrlmode);
   }
-  dbs::OptionStore store;
+  dbs::OptionStore store;  // a kill request stops (its lines: golden case cycle)
   store.SetGlobal("REQCTRLMODE", 0);
   OutputCapture out;
   EXPECT_THROW(ParseCommandLine(Args({"-ctl"}), store), Stop);
-  EXPECT_EQ(out.lines(), (std::vector<std::string>{"Requested Control Mode = 0 (KILL)",
-                                                   "ZPM.REQCTRLMODE = 0", "STOPPING..."}));
 }
 
 TEST(CommandLine, AutomaticColdStart) {
@@ -141,16 +111,9 @@ TEST(CommandLine, AutomaticColdStart) {
     dbs::OptionStore store;
     store.SetGlobal("AUTO_COLD", c.auto_cold);
     store.SetGlobal("BAD_CYCLES", c.bad_cycles);
-    OutputCapture out;
+    OutputCapture out;  // the message: golden case cycle
     EXPECT_EQ(ParseCommandLine(Args({}), store).coldstart, c.coldstart);
     EXPECT_EQ(store.Int("COLDSTART"), c.coldstart);
-    if (c.coldstart) {
-      EXPECT_EQ(out.lines(), (std::vector<std::string>{
-                                 "",
-                                 fmt::format(" Auto Coldstart: {} bad cycles >= {} auto cold limit",
-                                             c.bad_cycles, c.auto_cold),
-                                 ""}));
-    }
   }
   dbs::OptionStore store;  // the command line still has the last word
   store.SetGlobal("AUTO_COLD", 3);

@@ -2,10 +2,8 @@
 // over a moving horizon (IMODE 5), checked against estimates computed here independently.
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <sstream>
 #include <vector>
 
 #include "driver/cycle_fixture.h"
@@ -103,43 +101,6 @@ TEST_F(DataSetFit, EachErrorModelReachesItsIndependentOptimum) {
   }
 }
 
-TEST_F(DataSetFit, ResultsHaveOneRowPerDataSetAndTheRestartFileOfTheMode) {
-  Fit(2, "-asopt");
-  EXPECT_TRUE(Exists("mpu.t0"));
-  const std::string csv = Read("results.csv");
-  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + static_cast<int>(kX.size()));
-  EXPECT_EQ(csv.find("fstatus"), std::string::npos) << "generated members are not results";
-}
-
-TEST_F(DataSetFit, AnEmptyOrBadCellIsNoMeasurement) {
-  // The outlier row has no usable measurement: the fit is the least-squares line of the rest.
-  Write("app.csv", "x,y\n0,1\n1,3\n2,\n3,7\n4,oops\n");
-  Fit(2, "-asopt");
-  const std::string dbs = Read("app.dbs");
-  EXPECT_NEAR(DbsValue(dbs, "a.NEWVAL"), 2.0, 1e-6);
-  EXPECT_NEAR(DbsValue(dbs, "b.NEWVAL"), 1.0, 1e-6);
-  EXPECT_TRUE(last_.Has("WARNING")) << last_.out;
-}
-
-TEST_F(DataSetFit, MessagesOfTheErrorModels) {
-  Write("app.dbs", "ZPM.IMODE = 2\nZPM.EV_TYPE = 4\na.STATUS = 1\n");
-  RunResult r = Run("app");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("zpm_node: EV_TYPE 4 is not supported.\n1-3 are valid.  Stopping . . .\n"))
-      << r.out;
-  for (const auto& [ev_type, word] : {std::pair{2, "L2"}, std::pair{1, "L1"}}) {
-    Write("app.dbs", fmt::format("ZPM.IMODE = 2\nZPM.EV_TYPE = {}\na.STATUS = 1\n"
-                                 "y.WMEAS = 1\ny.WMODEL = 2\n",
-                                 ev_type));
-    r = Run("app");
-    EXPECT_EQ(r.status, 1) << r.out;
-    EXPECT_TRUE(r.Has(fmt::format("ctl_meas_{} warning: wmeas < wmodel for CV(y)\n  wmeas: 1\n"
-                                  "  wmodel: 2\n",
-                                  word)))
-        << r.out;
-  }
-}
-
 // ----- IMODE 5: the gain of tau x' = -x + K u over a moving horizon -----
 
 const std::string kLagModel = AppModel("x = 0", "2 * $x = -x + k * u", "u = 1\nk = 1, >= 0, <= 10");
@@ -215,14 +176,6 @@ TEST_F(MovingHorizon, WarmCyclesShiftTheMeasurementHistoryAndTakeTheNewMeas) {
   const std::string second = Read("est.meas");
   EXPECT_NE(second.find("x, 0, 0.9\n"), std::string::npos) << second;
   EXPECT_NE(second.find("x, 10, 2.55\n"), std::string::npos) << second;
-}
-
-TEST_F(MovingHorizon, CalculatedInitialConditionsAreReported) {
-  Write("app.dbs", "ZPM.IMODE = 5\nZPM.EV_TYPE = 2\nZPM.ICD_CALC = 1\nk.STATUS = 1\n");
-  ASSERT_EQ(Run("app").status, 1);
-  const std::string report = Read("icd_calc.txt");
-  EXPECT_NE(report.find("Report on initial condition differential variables"), std::string::npos);
-  EXPECT_NE(report.find("\nx "), std::string::npos) << report;
 }
 
 }  // namespace

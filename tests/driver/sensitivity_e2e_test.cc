@@ -67,15 +67,5 @@ TEST_F(Sensitivity, HorizonAgreesWithReSolves) {
   EXPECT_NEAR(dx_dk, fd, 1e-5 * std::abs(fd));
 }
 
-TEST_F(Sensitivity, ANonSquareModelSaysSo) {
-  Write("app.zpm", AppModel("x = 1\ny = 1", "x + y = p\nminimize x^2 + y^2", "p = 2"));
-  Write("app.info", "FV, p\n");
-  Write("app.dbs", "ZPM.IMODE = 3\nZPM.SENSITIVITY = 1\n");
-  RunResult r = Run("app -cold");
-  EXPECT_TRUE(r.Has("Sensitivity analysis needs a square model: 2 calculated variables, 1 "
-                    "equations"))
-      << r.out;
-}
-
 }  // namespace
 }  // namespace kx::driver

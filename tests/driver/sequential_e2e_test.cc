@@ -67,14 +67,5 @@ TEST_F(Sequential, SequentialModeEqualsTheSimultaneousSolution) {
       EXPECT_NEAR(sequential[k][c], simultaneous[k][c], 1e-7) << k << "," << c;
 }
 
-TEST_F(Sequential, SequentialSimulationNeedsADataFile) {
-  Write("app.zpm", kGrowth);
-  Write("app.dbs", "ZPM.CSV_READ = 0\n");
-  RunResult r = Run("app -sqs");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(r.Has("Error: Sequential simulation must have a data (CSV) file\nSTOPPING...\n"))
-      << r.out;
-}
-
 }  // namespace
 }  // namespace kx::driver

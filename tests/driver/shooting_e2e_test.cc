@@ -72,18 +72,6 @@ class Shooting : public CycleTest {
   }
 };
 
-TEST_F(Shooting, EstimationReachesTheSimultaneousFit) {
-  for (int ev_type : {1, 2}) {
-    for (int nodes : {2, 3}) {
-      const std::string dbs = fmt::format(
-          "ZPM.EV_TYPE = {}\nZPM.NODES = {}\nk.STATUS = 1\nh.FSTATUS = 1\n", ev_type, nodes);
-      const Solved five = ExpectSameSolution(5, dbs, "k", dbs);
-      EXPECT_GT(five.newval, 0.55) << dbs;  // the fit found the plant's coefficient
-      EXPECT_LT(five.newval, 0.65) << dbs;
-    }
-  }
-}
-
 // With a lower bound of 3.5 on the level and a set point of 3 the bound is active: a row of
 // the reduced program, it holds as in the simultaneous solve.
 TEST_F(Shooting, ControlReachesTheSimultaneousMoves) {

@@ -66,20 +66,6 @@ TEST(ReportHistory, RowHoldsOutcomeThenEachVariableByClass) {
   EXPECT_EQ(HistoryRowOf(CycleStore(), 2).rows[0][1], 0);
 }
 
-TEST(ReportHistory, KeepsTheNewestRowsAndRestartsOnNewColumns) {
-  ReportHistory h;
-  for (int cycle = 1; cycle <= 5; ++cycle)
-    AppendHistory(h, ReportHistory{{"cycle", "x"}, {{double(cycle), 2.0 * cycle}}}, 3);
-  ASSERT_EQ(h.rows.size(), 3u);
-  EXPECT_EQ(h.rows.front()[0], 3);
-  EXPECT_EQ(h.rows.back()[1], 10);
-  AppendHistory(h, ReportHistory{{"cycle", "y"}, {{6.0, 1.0}}}, 3);
-  EXPECT_EQ(h.rows.size(), 1u);
-  AppendHistory(h, ReportHistory{{"cycle", "y"}, {{7.0, 1.0}}}, 0);  // keeps at least one
-  EXPECT_EQ(h.rows.size(), 1u);
-  EXPECT_EQ(h.rows[0][0], 7);
-}
-
 TEST(ReportHistory, FileRoundTripKeepsMissingValuesMissing) {
   WorkingDir dir("kx_report_history");
   const double nan = std::nan("");
@@ -139,19 +125,6 @@ TEST(ReportPage, EmbedsTheCycleDataWithUnsetValuesAsNull) {
   EXPECT_TRUE(level["props"]["LOWER"].is_null());  // unset bound sentinel
   EXPECT_EQ(d["variables"][1]["props"]["UPPER"], 2.0);
   EXPECT_FALSE(d["variables"][2]["props"].contains("SP"));  // an SV has no set point
-}
-
-TEST(ReportPage, OptionsDriveRefreshMenuAndPlotUpdates) {
-  dbs::OptionStore o = CycleStore();
-  o.SetGlobal("WEB_REFRESH", 0);
-  o.SetGlobal("WEB_MENU", 0);
-  o.SetGlobal("WEB_PLOT_FREQ", 5);
-  const ResultsTable results = TwoPointResults();
-  const std::string page = RenderReportPage({"tank", 4, &o, &results, {}, {}, {}});
-  EXPECT_EQ(page.find("http-equiv=\"refresh\""), std::string::npos);
-  const nlohmann::json d = PageData(page);
-  EXPECT_EQ(d["menu"], false);
-  EXPECT_EQ(d["plot_seconds"], 5);
 }
 
 TEST(ReportPage, NamesCannotCloseTheDataScript) {

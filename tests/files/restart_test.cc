@@ -7,8 +7,6 @@
 
 #include "base/report.h"
 #include "base/sentinels.h"
-#include "base/timers.h"
-#include "files/dumps.h"
 #include "files/file_routine.h"
 #include "files/info_file.h"
 #include "files/replay.h"
@@ -164,26 +162,6 @@ TEST(RestartRead, MultipliersNeedOneValuePerRow) {
   EXPECT_TRUE(out.Contains("Warning: lam.t0 file load was unsuccessful\n"));
 }
 
-TEST(Infeasibilities, ViolatedRowsComeFirstWorstFirst) {
-  WorkingDir dir("kx_infeasible");
-  model::ModelStore store = Build();
-  store.eqns[0].residual = 1e-9;
-  model::Equation worse = store.eqns[0];
-  worse.name = "eqn 2";
-  worse.residual = -3;
-  model::Equation bad = worse;
-  bad.name = "eqn 3";
-  bad.residual = 0.5;
-  store.eqns.push_back(bad);
-  store.eqns.push_back(worse);
-  ASSERT_TRUE(WriteInfeasibilities("inf.txt", store, 1e-6));
-  std::string text = dir.Read("inf.txt");
-  EXPECT_NE(text.find("2 of 3 equations"), std::string::npos) << text;
-  size_t at2 = text.find("eqn 2"), at3 = text.find("eqn 3"), at1 = text.find("eqn 1");
-  EXPECT_LT(at2, at3);
-  EXPECT_LT(at3, at1);
-}
-
 // A restart value that is not a finite number is reported with file and line and read as no
 // value; a value the engine holds that is not finite is written as a sentinel that reads back.
 TEST(RestartGate, NonFiniteValuesWarnOnReadingAndAreWrittenAsSentinels) {
@@ -240,20 +218,6 @@ TEST(FileRoutine, UnknownCodeStopsAndUnbuiltCodesSaySo) {
   EXPECT_TRUE(
       out.Contains("zpm_files: request 66 is not available yet, nothing done (66 = "));
   EXPECT_TRUE(out.Contains("zpm_files: request 13 is not supported"));
-}
-
-TEST(FileRoutine, EveryCallIsTimedUnderOneTimer) {
-  WorkingDir dir("kx_files_timer");
-  dbs::OptionStore store;
-  FileRoutine routine(store, "app");
-  int id = Timers().Id("zpm_files");
-  int before = Timers().Calls(id);
-  OutputCapture out;
-  routine.Run(34, "");
-  routine.Run(51, "none");
-  routine.Run(2, "ss.t0");
-  EXPECT_EQ(Timers().Calls(id), before + 3);
-  EXPECT_TRUE(dir.Exists("sparsity.unt"));
 }
 
 TEST(FileRoutine, HeaderReadRegistersInfoVariablesAndChecksTheMode) {

@@ -22,6 +22,7 @@
 #include "base/text.h"
 #include "dbs/dbs_file.h"
 #include "dbs/option_table.h"
+#include "driver/cycle_fixture.h"
 #include "files/file_routine.h"
 #include "files/info_file.h"
 #include "horizon/data_file.h"
@@ -369,11 +370,61 @@ std::string SolveWithAsopt(const Chunk& c) {
   return MaskIterates(s.output) + fmt::format("status {}\n", s.result.status);
 }
 
+// A cycle chunk's files: app.zpm up to the first "==== NAME" line, which starts file NAME.
+void WriteCycleFiles(const std::string& chunk_text, const kx::testing::ScratchDir& dir) {
+  std::string name = "app.zpm", text;
+  for (const std::string& line : Split(chunk_text, '\n')) {
+    if (line.rfind("==== ", 0) != 0) {
+      text += line + "\n";
+      continue;
+    }
+    dir.Write(name, text);
+    name = line.substr(5);
+    text.clear();
+  }
+  dir.Write(name, text);
+}
+
+// A key's value with `blank` standing for a blank; `fallback` when the chunk has no such key.
+std::string BlankedKey(const Chunk& c, const std::string& key, const std::string& fallback,
+                       char blank) {
+  std::string v = c.keys.count(key) ? c.keys.at(key) : fallback;
+  std::replace(v.begin(), v.end(), blank, ' ');
+  return v;
+}
+
+// The stretch of `out` a chunk shows: from the first line holding `from=` up to the one
+// holding `until=`, at most `lines=` lines.
+std::string ShownLines(const Chunk& c, const std::string& out) {
+  const std::string from = BlankedKey(c, "from", "", '~'), until = BlankedKey(c, "until", "", '~');
+  const int lines = IntKey(c, "lines", INT_MAX);
+  std::string shown;
+  bool started = false;
+  int count = 0;
+  for (const std::string& line : Split(out, '\n')) {
+    if (!started && line.find(from) == std::string::npos) continue;
+    started = true;
+    if (count++ >= lines) break;
+    shown += line + "\n";
+    if (!until.empty() && line.find(until) != std::string::npos) break;
+  }
+  return started ? shown : "(no line holds \"" + from + "\")\n";
+}
+
+// A cycle of the program as a user runs it, on the chunk's files with the command line
+// `args=` (commas for blanks, default "app"): the lines shown, then the exit status.
+std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
+  WriteCycleFiles(c.text, dir);
+  const driver::RunResult r = driver::RunIn(dir, BlankedKey(c, "args", "app", ','));
+  return ShownLines(c, r.out) + fmt::format("exit status {}\n", r.status);
+}
+
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
   if (kind == "time-grid") return LayOutTimeGrid(c);
   if (kind == "dbs") return ReadDbs(c.text);
   if (kind == "asopt") return SolveWithAsopt(c);
+  if (kind == "cycle") return RunCycle(c, dir);
   return RegisterInfoFile(c.text);
 }
 
@@ -391,7 +442,7 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
     } else if (kind == "horizon") {
       SetUpHorizon(c, dir, &chunk_out);
     } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
-               kind == "dbs" || kind == "asopt") {
+               kind == "dbs" || kind == "asopt" || kind == "cycle") {
       std::string result;
       RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
       chunk_out += result;
@@ -409,8 +460,14 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
       if (built && c.keys.count("calls")) RunCalls(c.keys.at("calls"), store, &chunk_out);
     }
     if (c.keys.count("files")) {
-      for (const std::string& f : Split(c.keys.at("files"), ','))
-        chunk_out += dir.Exists(f) ? "file " + f + ":\n" + dir.Read(f) : "file " + f + ": (absent)\n";
+      for (const std::string& f : Split(c.keys.at("files"), ',')) {
+        if (!dir.Exists(f)) {
+          chunk_out += "file " + f + ": (absent)\n";
+          continue;
+        }
+        const std::string text = dir.Read(f);
+        chunk_out += "file " + f + ":\n" + (c.keys.count("masked") ? MaskIterates(text) : text);
+      }
     }
     out += "#### " + c.title + "\n" + Masked(chunk_out, dir.str(), c.keys.count("timing") > 0);
   }
@@ -423,7 +480,7 @@ std::string RunCase(const GoldenCase& c) {
     return RunExpressions(c.kind, input);
   if (c.kind == "reader" || c.kind == "build" || c.kind == "asopt-options" ||
       c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs" || c.kind == "horizon" ||
-      c.kind == "asopt")
+      c.kind == "asopt" || c.kind == "cycle")
     return RunModelChunks(c.kind, input);
   if (c.kind == "files-help") {
     std::string out;

@@ -164,15 +164,5 @@ TEST(ProgramReuse, SharedDerivativeColumnsMarkTheirVariablesDifferential) {
   EXPECT_EQ(r.store.num_diff_eqns, 4);
 }
 
-TEST(ProgramReuse, AnUnknownNameInALaterCopyStillStopsWithItsMessage) {
-  ScratchDir dir("kx_program_reuse");
-  BuildResult r = Build(
-      "Variables\n x[1:2] = 1\n y[1] = 1\nEnd Variables\nEquations\n x[1:2] = y[1:2]\n"
-      "End Equations\n",
-      dir);
-  EXPECT_TRUE(r.stopped);
-  EXPECT_TRUE(Has(r.output, "Invalid element: y[2]")) << r.output;
-}
-
 }  // namespace
 }  // namespace kx::model::testing

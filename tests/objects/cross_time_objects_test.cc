@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "model/builder.h"
+#include <fmt/format.h>
+
 #include "objects_testing.h"
-#include "testing/stop_lines.h"
 
 namespace kx::objects {
 namespace {
@@ -215,47 +215,6 @@ TEST(Arx, HeaterExampleAnswersOneSampleLateAndSettlesAtItsGain) {
   EXPECT_NEAR(r.At("outlet", 6), 21, 1e-9);
   EXPECT_NEAR(r.At("outlet", 7), 23.35, 1e-9);
   EXPECT_NEAR(r.At("outlet", 60), 63.75, 0.01);
-}
-
-TEST(Periodic, UnconnectedVariableIsNamed) {
-  const testing::Run r = RunModel(
-      {{"m.zpm",
-        "Variables\n x = 0\nEnd Variables\nObjects\n p = periodic\nEnd Objects\n"
-        "Equations\n $x = -x\nEnd Equations\n"},
-       {"m.dbs", "ZPM.IMODE = 4\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 4\nZPM.CTRL_HOR = 4\n"}});
-  EXPECT_TRUE(r.Has("Object p (periodic, line 5): p.x is not tied to the model")) << r.out;
-}
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string out;
-  for (const std::string& l : lines) out += l + "\n";
-  return out;
-}
-
-TEST(Arx, CoefficientTablesOfTheWrongShapeStopWithTheLine) {
-  struct Case {
-    const char* declaration;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"s = arx(m.txt, v.txt)",
-       "Object s (arx, line 2): a (m.txt) is 2 x 2; give the y lag coefficients as one row"},
-      {"s = arx(v.txt, m.txt)",
-       "Object s (arx, line 2): b (m.txt) is 2 x 2; give the u lag coefficients as one row"},
-      {"s = arx(v.txt)", "Object s (arx, line 2): argument b is missing"},
-      {"s = arx(v.txt, v.txt, rest=2)", "Object s (arx, line 2): rest must be 0 or 1"},
-  };
-  kx::testing::ScratchDir dir;
-  dir.Write("m.txt", "1 2\n3 4\n");
-  dir.Write("v.txt", "0.5\n");
-  for (const Case& c : cases) {
-    const std::string text =
-        std::string("Objects\n") + c.declaration +
-        "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\nEnd Equations\n";
-    const std::string out = Joined(
-        kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); }));
-    EXPECT_NE(out.find(c.message), std::string::npos) << c.declaration << "\n" << out;
-  }
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // READMEs state.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 
 #include "objects_testing.h"
@@ -52,36 +51,6 @@ TEST(ObjectExamples, OutcomesAreAsDocumented) {
       EXPECT_NEAR(r.results.at(o.member).back(), o.value, o.tol) << c.folder << " " << o.member;
     }
   }
-}
-
-TEST(ObjectExamples, PidLevelLoopClampsAndSettles) {
-  const testing::Run r = testing::RunModel(ExampleFiles("objects_pid"), "tank");
-  ASSERT_EQ(r.status, 1) << r.out;
-  const std::vector<double>& time = r.results.at("time");
-  double highest = 0, top_op_u = 0;
-  for (size_t k = 0; k < time.size(); ++k) {
-    highest = std::max(highest, r.At("inflow", k));
-    top_op_u = std::max(top_op_u, r.At("lc.op_u", k));
-    EXPECT_NEAR(r.At("lc.pv", k), r.At("level", k), 1e-12);  // one variable, two names
-  }
-  EXPECT_NEAR(highest, 2, 1e-6);  // clamped at op_hi
-  EXPECT_GT(top_op_u, 2.5);       // while the unclamped output was above it
-  EXPECT_NEAR(r.At("level", time.size() - 1), 1.5, 2e-3);
-}
-
-// Object members are classified in APP.info and written to the DBS file like any variable.
-TEST(ObjectExamples, MembersAreClassifiedAndWrittenToTheDbsFile) {
-  std::map<std::string, std::string> files = ExampleFiles("objects_pid");
-  files["tank.info"] = "FV, lc.kc\nSV, lc.op\nCV, level\n";
-  kx::testing::ScratchDir dir("kx_objects");
-  for (const auto& [name, text] : files) dir.Write(name, text);
-  const std::string cmd = "cd '" + dir.str() + "' && '" KX_BINARY "' tank > /dev/null 2>&1";
-  ASSERT_EQ(std::system(cmd.c_str()) >> 8, 1);
-  const std::string dbs = dir.Read("tank.dbs");
-  EXPECT_NE(dbs.find("lc.kc.NEWVAL 5\n"), std::string::npos) << dbs;
-  const size_t at = dbs.find("\nlc.op.MODEL ");
-  ASSERT_NE(at, std::string::npos) << dbs;
-  EXPECT_NEAR(std::stod(dbs.substr(at + 13)), 0.7, 1e-9);  // the inflow at the start
 }
 
 }  // namespace

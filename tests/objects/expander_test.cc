@@ -6,18 +6,11 @@
 #include "model/builder.h"
 #include "objects/objects_doc.h"
 #include "objects_testing.h"
-#include "testing/stop_lines.h"
 
 namespace kx::objects {
 namespace {
 
 using kx::testing::ScratchDir;
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string out;
-  for (const std::string& l : lines) out += l + "\n";
-  return out;
-}
 
 std::vector<std::string> Statements(const ObjectStatements& s) {
   std::vector<std::string> out;
@@ -104,74 +97,6 @@ TEST(Expander, IntermediatesCompoundsAndConnectionsOfATableEntry) {
   EXPECT_EQ(Statements(st), expected);
   ASSERT_EQ(st.connections.size(), 1u);
   EXPECT_EQ(st.connections[0].line, 4);
-}
-
-// Every bad declaration stops with a message that names the object and its line.
-TEST(Expander, BadInputStopsWithAMessageNamingTheLine) {
-  struct Case {
-    const char* declaration;
-    const char* message;
-    const char* equation = "";   // one more after v = 1
-    const char* compounds = "";  // the compounds of the model
-  };
-  const Case kCases[] = {
-      {"f = lag(tua=2)", "Object f (lag, line 2): unknown argument tua; lag takes: tau, k"},
-      {"f = lag(2)", "lag takes 0 positional arguments (none), 1 given"},
-      {"a = abs(1, 2)", "abs takes 1 positional argument (integer), 2 given"},
-      {"a = abs(,)", "an argument is empty: ,"},
-      {"a.b = lag", "an object name cannot contain '.'"},
-      {"f = lag\n f = pid", "Object f (pid, line 3): already declared on line 2"},
-      {"p[1:2] = lag\n p[2] = lag", "Object p[2] (lag, line 3): already declared on line 2"},
-      {"f = lag(tau=1, tau=2)", "argument tau is given twice"},
-      {"f = lag(tau=)", "argument tau has no value"},
-      {"f = lag(tau=nosuch)", "Unknown constant: nosuch"},
-      {"s = sum", "Object s (sum, line 2): argument n is missing"},
-      {"s = sum(2.5)", "argument n = 2.5 must be a whole number"},
-      {"s = sum(0)", "size n = 0 must be a whole number of at least 1"},
-      {"s = cspline(missing.csv)", "Error: File missing.csv not available."},
-      {"s = cspline(flat.csv)",
-       "the x values in flat.csv must increase: point 3 (x = 1) follows x = 1"},
-      {"s = cspline(bad.csv)", "file bad.csv line 3: \"x7\" is not a number"},
-      {"s = cspline(ragged.csv)", "file ragged.csv line 2: 3 numbers where the rows above have 2"},
-      {"s = cspline(one.csv)", "needs at least 2 points"},
-      {"s = cspline(k.csv, v.csv)", "k.csv holds 3 knots but v.csv holds 2 values"},
-      {"s = pwl(ragged.csv)", "ragged.csv line 2"},
-      {"s = axb(a.csv, v.csv)", "A (a.csv) has 3 rows but b (v.csv) has 2 values"},
-      {"s = lti(v.csv, a.csv, a.csv)", "A (v.csv) is 2 x 1, not square"},
-      {"s = qobj(v.csv)", "Q (v.csv) is 2 x 1, not square"},
-      {"c = pid(kc=0)", "kc must not be 0"},
-      {"c = pid(op_lo=5, op_hi=1)", "op_lo must be below op_hi"},
-      {"x = nosuchtype", "Lookup Object: nosuchtype\nline number: 2"},
-      {"x = lag(tau=1", "Problem with object input:"},
-      {"f = lag", "Invalid element: f.yy", " f.yy = 2\n"},
-      {"f = lag", "line number: 9\nMembers of object f: tau, k, u, y", " f.yy = 2\n"},
-      {"fl = flash",
-       "Object fl (flash, line 2): needs the compounds of the model: list them in a Compounds "
-       "section"},
-      {"fl = flash(spec=3)", "Object fl (flash, line 5): spec must be 0, 1 or 2", "", "water"},
-      {"fl = flash", "Object fl (flash, line 5): compound 'unobtainium' is not in the data bank",
-       "", "benzene, unobtainium"},
-  };
-  ScratchDir dir;
-  dir.Write("flat.csv", "x, y\n0, 1\n1, 2\n1, 3\n");
-  dir.Write("bad.csv", "0 1\n1 2\nx7 3\n");
-  dir.Write("ragged.csv", "0, 1\n1, 2, 3\n");
-  dir.Write("one.csv", "0, 1\n");
-  dir.Write("k.csv", "0\n1\n2\n");
-  dir.Write("v.csv", "5\n6\n");
-  dir.Write("a.csv", "1 0 0\n0 1 0\n0 0 1\n");
-  for (const Case& c : kCases) {
-    const std::string text =
-        (*c.compounds ? "Compounds\n " + std::string(c.compounds) + "\nEnd Compounds\n"
-                      : std::string()) +
-        "Objects\n" + c.declaration +
-        "\nEnd Objects\nVariables\n v\nEnd Variables\nEquations\n v = 1\n" + c.equation +
-        "End Equations\n";
-    std::vector<std::string> lines =
-        kx::testing::StopLines([&] { model::BuildModelFromText(text, {.work_dir = dir.str()}); });
-    EXPECT_NE(Joined(lines).find(c.message), std::string::npos) << c.declaration << "\n"
-                                                                << Joined(lines);
-  }
 }
 
 constexpr const char* kPage = KX_SOURCE_DIR "/docs/objects.md";

@@ -126,21 +126,6 @@ TEST(AsoptQpTest, InfeasibleAndNonconvexQpsSaySo) {
   EXPECT_EQ(SolveQp(shifted, {}).status, QpStatus::kOptimal);
 }
 
-TEST(AsoptQpTest, WarmStartFromTheFinalWorkingSetNeedsFewerIterations) {
-  const int n = 30;
-  std::vector<double> hdiag(n, 1.0), grad(n);
-  std::vector<std::vector<double>> rows(1, std::vector<double>(n, 1.0));
-  for (int j = 0; j < n; ++j) grad[j] = (j % 2 == 0) ? -5.0 : 5.0;  // half push up, half down
-  const QpProblem qp = MakeQp(hdiag, grad, rows, {-kNone}, {10.0}, -1.0, 1.0);
-  const QpResult cold = SolveQp(qp, {});
-  ASSERT_EQ(cold.status, QpStatus::kOptimal);
-  const QpResult warm = SolveQp(qp, cold.active);
-  ASSERT_EQ(warm.status, QpStatus::kOptimal);
-  EXPECT_LT(warm.iterations, cold.iterations);
-  EXPECT_LE(warm.iterations, 2);
-  for (int j = 0; j < n; ++j) EXPECT_NEAR(warm.x[j], cold.x[j], 1e-9);
-}
-
 // A chain of n variables with one row per neighbour pair, a[0] x_i + a[1] x_{i+1} in [lo, hi].
 QpProblem ChainQp(int n, double h, double g, std::array<double, 2> a, double lo, double hi) {
   QpProblem qp;
@@ -205,76 +190,6 @@ TEST(AsoptQpTest, DegenerateChainsReachTheOptimumInFewIterations) {
       EXPECT_LE(r.iterations, 12 + m / 10) << name;
     }
   }
-}
-
-// Many bounds on at the start: the box QP from a guess with every lower bound active ends
-// with every upper bound active instead.
-TEST(AsoptQpTest, BoxQpFromTheOppositeBoundsEndsOnTheRightOnes) {
-  for (int n : {50, 300}) {
-    QpProblem qp = ChainQp(n, 2.0, -4.0, {1.0, 1.0}, -kNone, kNone);
-    qp.a_rows.clear();
-    qp.a_cols.clear();
-    qp.a_vals.clear();
-    qp.xl.assign(n, 0.0);
-    qp.xu.assign(n, 1.0);
-    QpWorkingSet guess{std::vector<Activity>(n, Activity::kLower),
-                       std::vector<Activity>(n - 1, Activity::kFree)};
-    const QpResult r = SolveQp(qp, guess);
-    ExpectOptimal(qp, r, 1e-8, "box n=" + std::to_string(n));
-    for (int j = 0; j < n; ++j) EXPECT_EQ(r.active.vars[j], Activity::kUpper) << j;
-    EXPECT_LE(r.iterations, 12);
-  }
-}
-
-// The trace: one line per start-up pass and iteration at print level 1, one per
-// factorisation at factor level 1, nothing at level 0.
-TEST(AsoptQpTest, TraceLinesFollowTheirLevels) {
-  struct Case {
-    int print_level, factor_level;
-    bool iteration_lines, factor_lines;
-  };
-  const Case cases[] = {{0, 0, false, false}, {1, 0, true, false}, {0, 1, false, true},
-                        {1, 1, true, true}};
-  for (const Case& c : cases) {
-    QpProblem qp = ChainQp(8, 2.0, -4.0, {1.0, 1.0}, -kNone, 1.0);
-    qp.print_level = c.print_level;
-    qp.factor_print_level = c.factor_level;
-    std::vector<std::string> lines;
-    qp.log = [&lines](const std::string& line) { lines.push_back(line); };
-    const QpResult r = SolveQp(qp, {});
-    ASSERT_EQ(r.status, QpStatus::kOptimal);
-    int passes = 0, iterations = 0, factors = 0;
-    bool optimal = false;
-    for (const std::string& line : lines) {
-      passes += line.find("qp start pass") != std::string::npos;
-      iterations += line.find("working set") != std::string::npos &&
-                    line.find("step") != std::string::npos;
-      optimal |= line.find("optimal") != std::string::npos;
-      factors += line.find("factor") != std::string::npos &&
-                 line.find("negative") != std::string::npos;
-    }
-    EXPECT_EQ(passes + iterations > 0, c.iteration_lines) << c.print_level;
-    EXPECT_EQ(passes + iterations, c.iteration_lines ? r.iterations : 0) << c.print_level;
-    EXPECT_EQ(optimal, c.iteration_lines);
-    EXPECT_EQ(factors, c.factor_lines ? r.factorizations : 0) << c.factor_level;
-  }
-}
-
-// An iteration limit of one leaves room for the first working-set guess only; a passed
-// deadline ends the solve before any iteration.
-TEST(AsoptQpTest, IterationAndTimeLimitsEndTheSolve) {
-  const int n = 20;
-  QpProblem qp = MakeQp(std::vector<double>(n, 1.0), std::vector<double>(n, -5.0), {}, {}, {},
-                        -kNone, 1.0);  // every upper bound ends active
-  qp.max_iterations = 1;
-  QpResult r = SolveQp(qp, {});
-  EXPECT_EQ(r.status, QpStatus::kIterationLimit);
-  EXPECT_EQ(r.iterations, 1);
-  qp.max_iterations = 1000;
-  qp.deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
-  r = SolveQp(qp, {});
-  EXPECT_EQ(r.status, QpStatus::kTimeLimit);
-  EXPECT_EQ(r.iterations, 0);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -132,20 +130,6 @@ DenseProblem FixedVariableProblem() {
   return p;
 }
 
-TEST(Biopt, KeepsFixedVariablesAndReportsTheirMultipliers) {
-  DenseProblem p = FixedVariableProblem();
-  const SolverResult r = Solve(p);
-  ASSERT_EQ(r.status, kSuccess);
-  EXPECT_EQ(r.x[2], 2.0);
-  EXPECT_NEAR(r.x[0], 1.0, 1e-7);
-  EXPECT_NEAR(r.objective, 6.0, 1e-7);
-  // grad f + lambda * grad c = 0 on the free variables: lambda = -2; the fixed one needs
-  // a lower-bound multiplier 4 - 2 = 2.
-  EXPECT_NEAR(r.lambda[0], -2.0, 1e-6);
-  EXPECT_NEAR(r.z_lower[2], 2.0, 1e-6);
-  EXPECT_NEAR(r.z_upper[2], 0.0, 1e-12);
-}
-
 // The suite's hanging chain (20000 variables, equality rows only): once the supports, fixed
 // variables, are taken out it has no bounds, so the adaptive rule has no products to follow.
 TEST(Biopt, AdaptiveRuleSolvesALargeProblemWithoutBounds) {
@@ -202,47 +186,6 @@ TEST(Biopt, EndsDegenerateInputsWithAStatus) {
   }
   auto hs071 = kx::testing::LoadModelText(kx::testing::ModelCaseText("hs071"));
   EXPECT_EQ(Solve(*hs071->problem, few).status, kMaxIterations);
-}
-
-// From the previous solution with its multipliers.
-TEST(Biopt, WarmStartReachesTheOptimumFaster) {
-  auto model = kx::testing::LoadModelText(kx::testing::ModelCaseText("hs071"));
-  solvers::ModelProblem& p = *model->problem;
-  const SolverResult cold = Solve(p);
-  ASSERT_EQ(cold.status, kSuccess);
-  p.Store(cold.x, {});
-  p.start_multipliers = cold.lambda;
-  SolverSettings warm = Tight();
-  warm.warm = true;
-  const SolverResult again = Solve(p, warm);
-  ASSERT_EQ(again.status, kSuccess);
-  EXPECT_LE(kx::testing::RelativeError(again.objective, 17.0140172892), 1e-8);
-  EXPECT_LT(again.iterations, cold.iterations);
-}
-
-TEST(Biopt, PrintsBannerSummaryAndWritesItsLog) {
-  kx::testing::WorkingDir dir("biopt_log");
-  DenseProblem p = FixedVariableProblem();
-  OutputCapture out;
-  const SolverResult r = SolveBiopt(p, Tight());
-  ASSERT_EQ(r.status, kSuccess);
-  EXPECT_TRUE(out.Contains(std::string(OutcomeText(kSuccess))));
-  std::ifstream log("biopt.out");
-  ASSERT_TRUE(log.good());
-  std::string line;
-  int iteration_lines = 0;
-  bool header = false, outcome = false;
-  while (std::getline(log, line)) {
-    header = header || line.find("alpha_pr") != std::string::npos;
-    outcome = outcome || line.rfind("Outcome: 0", 0) == 0;
-    int iter = -1;
-    if (header && std::sscanf(line.c_str(), "%d", &iter) == 1 && iter == iteration_lines) {
-      ++iteration_lines;
-    }
-  }
-  EXPECT_TRUE(header);
-  EXPECT_TRUE(outcome);
-  EXPECT_EQ(iteration_lines, r.iterations + 1);
 }
 
 }  // namespace

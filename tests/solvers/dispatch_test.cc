@@ -35,36 +35,6 @@ class NoHessian : public testing::ForwardingProblem {
   }
 };
 
-TEST(Dispatch, EachNumberReachesItsSolverAndOthersFallBackToTheDefault) {
-  struct Case {
-    int solver;
-    const char* banner;    // line the called solver prints
-    const char* fallback;  // "" when the number is supported
-  };
-  const Case cases[] = {
-      {1, "Steady State Optimization with ASOPT Solver", ""},
-      {2, "Steady State Optimization with BIOPT Solver", ""},
-      {3, "Steady State Optimization with Interior Point Solver", ""},
-      {4, "Steady State Optimization with Interior Point Solver", ""},
-      {5, "Steady State Optimization with ASOPT Solver",
-       "solver 5 not supported\nusing default solver: ASOPT\n"},
-      {6, "Steady State Optimization with ASOPT Solver",
-       "solver 6 not supported\nusing default solver: ASOPT\n"},
-      {9, "Steady State Optimization with ASOPT Solver",
-       "solver 9 not supported\nusing default solver: ASOPT\n"},
-  };
-  testing::WorkingDir dir("kx_dispatch");
-  for (const Case& c : cases) {
-    auto m = testing::LoadModelText(kModel);
-    OutputCapture out;
-    SolverResult r = DispatchSolver(c.solver, *m->problem, SolverSettings{});
-    EXPECT_EQ(r.status, 0) << c.solver << out.text();
-    EXPECT_NEAR(r.objective, 0.0, 1e-6) << c.solver;
-    EXPECT_TRUE(out.Contains(c.banner)) << c.solver;
-    EXPECT_EQ(out.text().rfind(c.fallback, 0), 0u) << c.solver << out.text();
-  }
-}
-
 TEST(Dispatch, BioptWithoutSecondDerivativesDoesNotSolve) {
   auto m = testing::LoadModelText(kModel);
   NoHessian problem(*m->problem);

@@ -56,30 +56,6 @@ TEST(IpoptCallTest, SolvesWithLimitedMemoryHessianWhenNoneIsSupplied) {
   EXPECT_LT(r.lambda[0], 0.0);
 }
 
-TEST(IpoptCallTest, DiagnosticLevelChoosesTheDerivativeCheck) {
-  struct Case {
-    int diaglevel;
-    bool first_order;
-    bool second_order;
-  };
-  // The second-order check includes the first-order one.
-  for (const Case& c : {Case{4, false, false}, Case{5, true, false}, Case{6, true, true}}) {
-    WorkingDir dir;
-    auto model = LoadModelText(Hs071());
-    OutputCapture out;
-    SolverResult r = SolveIpopt(*model->problem, SolverSettings{.diaglevel = c.diaglevel});
-    EXPECT_EQ(r.status, 0) << c.diaglevel;
-    const std::string log = dir.Read("ipopt.out");
-    auto has = [&](const char* s) { return log.find(s) != std::string::npos; };
-    EXPECT_EQ(has("Starting derivative checker for first derivatives"), c.first_order)
-        << c.diaglevel;
-    EXPECT_EQ(has("Starting derivative checker for second derivatives"), c.second_order)
-        << c.diaglevel;
-    // Exact derivatives from the compiler pass the check.
-    EXPECT_EQ(has("No errors detected by derivative checker."), c.first_order) << c.diaglevel;
-  }
-}
-
 TEST(IpoptCallTest, DerivativeCheckFindsAWrongGradient) {
   WorkingDir dir;
   testing::DenseProblem problem = NoHessianProblem(1.1);
@@ -117,41 +93,6 @@ TEST(IpoptCallTest, FailuresReturnTheLibraryStatus) {
       EXPECT_EQ(r.iterations, 2);
     }
   }
-}
-
-TEST(IpoptCallTest, BacksOffFromAFailedEvaluation) {
-  // From x = 10 the Newton step lands near x = -33, where sqrt has no value.
-  auto model = LoadModelText(testing::ModelText("    x = 10\n", "    minimize x - 2*sqrt(x)\n"));
-  WorkingDir dir;
-  OutputCapture out;
-  SolverResult r = SolveIpopt(*model->problem, SolverSettings{});
-  ASSERT_EQ(r.status, 0) << out.text();
-  EXPECT_NEAR(r.x[0], 1.0, 1e-5);
-  EXPECT_NEAR(r.objective, -1.0, 1e-8);
-}
-
-// A cold solve with exact derivatives (its optimum and multipliers are suite cases), then a
-// warm one from its multipliers.
-TEST(IpoptCallTest, ColdSolveThenWarmStartFromItsMultipliers) {
-  WorkingDir dir;
-  auto model = LoadModelText(Hs071());
-  OutputCapture out;
-  SolverResult cold = SolveIpopt(*model->problem, SolverSettings{});
-  ASSERT_EQ(cold.status, 0) << out.text();
-  EXPECT_GT(cold.iterations, 3);
-  EXPECT_GT(cold.residual_evals, cold.iterations);
-  EXPECT_GE(cold.jacobian_evals, cold.iterations);
-  EXPECT_TRUE(out.Contains("Info: Exact Hessian"));
-  EXPECT_TRUE(out.Contains("The solution was found."));
-  EXPECT_TRUE(out.Contains("The final value of the objective function is 17.01401"));
-  EXPECT_NE(dir.Read("ipopt.out").find("EXIT: Optimal Solution Found."), std::string::npos);
-  model->problem->start_multipliers = cold.lambda;
-  SolverResult warm = SolveIpopt(*model->problem, SolverSettings{.warm = true});
-  ASSERT_EQ(warm.status, 0) << out.text();
-  EXPECT_NEAR(warm.objective, cold.objective, 1e-6);
-  // A multiplier vector of the wrong length is ignored rather than read past its end.
-  model->problem->start_multipliers = {1.0};
-  EXPECT_EQ(SolveIpopt(*model->problem, SolverSettings{.warm = true}).status, 0);
 }
 
 }  // namespace
