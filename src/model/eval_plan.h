@@ -1,5 +1,5 @@
-// model/eval_plan: the solvers' fast evaluation path for the unscaled problem. Built once per
-// cycle from the records (through the layout) and kept until the structure changes:
+// model/eval_plan: the solvers' fast evaluation path for the unscaled problem. Built from the
+// records (through the layout) on first use and kept until the structure changes:
 //   - the point lives in one plain array indexed by model column (1..nvar values, nvar+n the
 //     time derivative of variable n), written from the solver's x and read by every row;
 //   - rows that share a program form a group; a group's copies read their inputs through one
@@ -56,8 +56,6 @@ class EvalPlan {
   // zero are not evaluated.
   void Hessian(const HessianPattern& pattern, double obj_factor, std::span<const double> lambda,
                std::span<double> values, lang::DomainErrors* errs);
-  // Ready for Hessian calls with `pattern` (builds the pair positions once).
-  void PlanHessian(const HessianPattern& pattern);
 
  private:
   // Rows of one program, members [first, first + count) of the member arrays.
@@ -82,6 +80,8 @@ class EvalPlan {
   // Brings the tables that g's code up to the end of `part` reads to the current point.
   void FreshTables(const Group& g, Part part);
   void PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern);
+  // Ready for Hessian calls with `pattern` (builds the pair positions once).
+  void PlanHessian(const HessianPattern& pattern);
   // Runs `part` of g's program for the members listed in `members` (at most g.stride).
   void Run(const Group& g, Part part, const int32_t* members, int lanes,
            lang::DomainErrors* errs);
