@@ -106,14 +106,6 @@ class FileSizeLimit {
   void (*previous_handler_)(int) = nullptr;
 };
 
-TEST(FileWriter, ReplacesTheWholeFileAndLeavesNoTemporary) {
-  ScratchDir dir("kx_writer");
-  ASSERT_TRUE(WriteFileAtomically(dir.File("a.dbs"), "old text, longer than the new\n"));
-  ASSERT_TRUE(WriteFileAtomically(dir.File("a.dbs"), "new\n"));
-  EXPECT_EQ(dir.Read("a.dbs"), "new\n");
-  EXPECT_EQ(OtherFiles(dir, {"a.dbs"}), 0);
-}
-
 TEST(FileWriter, FailedWriteKeepsThePreviousVersionAndSaysWhy) {
   ScratchDir dir("kx_writer");
   ASSERT_TRUE(WriteFileAtomically(dir.File("results.csv"), "time,x\n0,1\n"));

@@ -189,12 +189,6 @@ Reader DataReader() {
   return r;
 }
 
-model::BuildOptions BuildOptionsIn(const std::string& dir) {
-  model::BuildOptions o;
-  o.work_dir = dir;
-  return o;
-}
-
 Reader RestartReader(const std::string& scratch) {
   static const char* kModel =
       "Model m\n  Parameters\n    p = 1\n  End Parameters\n  Variables\n    a = 1\n    b = 2\n"
@@ -203,7 +197,9 @@ Reader RestartReader(const std::string& scratch) {
   model::ModelStore base;
   {
     OutputCapture quiet;
-    base = model::BuildModelFromText(kModel, BuildOptionsIn(scratch));
+    model::BuildOptions o;
+    o.work_dir = scratch;
+    base = model::BuildModelFromText(kModel, o);
   }
   Reader r{"restart", RepositoryFiles({".t0"}), nullptr};
   const std::string seed_path = scratch + "/seed.t0";
@@ -272,20 +268,17 @@ int main(int argc, char** argv) {
   const long runs = argc > 2 ? std::atol(argv[2]) : 10000;
   const unsigned seed = argc > 3 ? static_cast<unsigned>(std::atol(argv[3])) : 20261123u;
   InstallHandlers();
-  const std::filesystem::path scratch =
-      std::filesystem::temp_directory_path() / ("kx_fuzz_" + std::to_string(getpid()));
-  std::filesystem::create_directories(scratch);
+  const kx::testing::ScratchDir scratch("kx_fuzz");
   std::vector<Reader> readers;
-  if (which == "model" || which == "all") readers.push_back(ModelReader(scratch.string()));
+  if (which == "model" || which == "all") readers.push_back(ModelReader(scratch.str()));
   if (which == "dbs" || which == "all") readers.push_back(DbsReader());
   if (which == "data" || which == "all") readers.push_back(DataReader());
-  if (which == "restart" || which == "all") readers.push_back(RestartReader(scratch.string()));
+  if (which == "restart" || which == "all") readers.push_back(RestartReader(scratch.str()));
   if (readers.empty()) {
     std::fprintf(stderr, "kx_fuzz: unknown reader %s\n", which.c_str());
     return 2;
   }
   int failures = 0;
   for (const Reader& r : readers) failures += FuzzReader(r, runs, seed);
-  std::filesystem::remove_all(scratch);
   return failures == 0 ? 0 : 1;
 }

@@ -1,8 +1,6 @@
 // Test support for the horizon: builds a model quietly, replicates it, and solves a square
-// replicated model with Newton steps on the dynamic callback set and a sparse LU.
+// replicated model with Newton steps on the dynamic callback set and a dense solve.
 #pragma once
-
-#include <umfpack.h>
 
 #include <cmath>
 #include <memory>
@@ -14,8 +12,16 @@
 #include "model/access.h"
 #include "model/builder.h"
 #include "model/nlp.h"
+#include "testing/dense_solve.h"
 
 namespace kx::horizon::testing {
+
+// The number of the variable called `name` in `store`; 0 when there is none.
+inline int NumberOf(const model::ModelStore& store, const std::string& name) {
+  for (int n = 1; n <= store.nvar; ++n)
+    if (store.Var(n).name == name) return n;
+  return 0;
+}
 
 // Builds tests/models/horizon/NAME.zpm.
 inline model::ModelStore BuildQuietly(const std::string& name) {
@@ -38,33 +44,9 @@ inline Horizon ReplicateQuietly(const model::ModelStore& base, int nodes,
   return Replicate(base, grid, nullptr, 0);
 }
 
-// Sparse LU solve of the n x n system given by triplets (0-based); false when singular.
-inline bool SolveSparse(int n, const std::vector<int>& ti, const std::vector<int>& tj,
-                        const std::vector<double>& tx, const std::vector<double>& b,
-                        std::vector<double>* x) {
-  int nz = static_cast<int>(tx.size());
-  std::vector<int> ap(n + 1), ai(nz);
-  std::vector<double> ax(nz);
-  umfpack_di_triplet_to_col(n, n, nz, ti.data(), tj.data(), tx.data(), ap.data(), ai.data(),
-                            ax.data(), nullptr);
-  void* symbolic = nullptr;
-  void* numeric = nullptr;
-  bool ok = umfpack_di_symbolic(n, n, ap.data(), ai.data(), ax.data(), &symbolic, nullptr,
-                                nullptr) == UMFPACK_OK;
-  ok = ok && umfpack_di_numeric(ap.data(), ai.data(), ax.data(), symbolic, &numeric, nullptr,
-                                nullptr) == UMFPACK_OK;
-  x->assign(n, 0.0);
-  ok = ok && umfpack_di_solve(UMFPACK_A, ap.data(), ai.data(), ax.data(), x->data(), b.data(),
-                              numeric, nullptr, nullptr) == UMFPACK_OK;
-  if (symbolic != nullptr) umfpack_di_free_symbolic(&symbolic);
-  if (numeric != nullptr) umfpack_di_free_numeric(&numeric);
-  return ok;
-}
-
 // Newton's method on the equality rows of a square replicated model (every free unknown, the
 // differential variables' derivatives included, is a column). Writes the solution into the
-// store. Returns the final infinity norm of the residuals, or -1 when the system is not square
-// or the LU fails.
+// store. Returns the final infinity norm of the residuals, or -1 when the system is not square.
 inline double SolveSquare(model::ModelStore& store, int max_iter = 30) {
   model::ModelAccess access(store);
   model::Nlp nlp(access, /*dynamic=*/true, /*scaled=*/false);
@@ -88,17 +70,13 @@ inline double SolveSquare(model::ModelStore& store, int max_iter = 30) {
     for (int r = 0; r < m; ++r) norm = std::max(norm, std::abs(c[r] - gl[r]));
     if (norm < 1e-13 || it == max_iter) break;
     nlp.JacobianValues(x, values);
-    std::vector<int> ti, tj;
-    std::vector<double> tx, b(m), step;
+    std::vector<double> a(static_cast<size_t>(m) * m, 0.0), b(m);
     for (int k = 0; k < nnz; ++k) {
-      int f = free_index[cols[k] - 1];
-      if (f < 0) continue;
-      ti.push_back(rows[k] - 1);
-      tj.push_back(f);
-      tx.push_back(values[k]);
+      const int f = free_index[cols[k] - 1];
+      if (f >= 0) a[static_cast<size_t>(rows[k] - 1) * m + f] += values[k];
     }
     for (int r = 0; r < m; ++r) b[r] = -(c[r] - gl[r]);
-    if (!SolveSparse(m, ti, tj, tx, b, &step)) return -1;
+    const std::vector<double> step = kx::testing::SolveDense(a, b);
     for (int k = 0; k < n; ++k) {
       if (free_index[k] >= 0) x[k] += step[free_index[k]];
     }

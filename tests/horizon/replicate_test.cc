@@ -20,19 +20,13 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using testing::BuildQuietly;
+using testing::NumberOf;
 using testing::ReplicateQuietly;
 using testing::SolveSquare;
 
 // tests/models/horizon/linear.zpm: dx/dt = a x from x(0).
 constexpr double kRate = -0.7;  // a
 constexpr double kStart = 2.0;  // x(0)
-
-int NumberOf(const model::ModelStore& store, const std::string& name) {
-  for (int n = 1; n <= store.nvar; ++n) {
-    if (store.Var(n).name == name) return n;
-  }
-  return 0;
-}
 
 // Values at nodes 2..nodes of one step of dx/dt = a x from x1: (I - a dt M) X = x1 (all ones).
 std::vector<double> DiscreteStep(int nodes, double dt, double x1) {

@@ -18,19 +18,13 @@ namespace {
 
 using Vec = std::vector<double>;
 
-int Number(const model::ModelStore& base, const std::string& name) {
-  for (int n = 1; n <= base.nvar; ++n)
-    if (base.Var(n).name == name) return n;
-  return 0;
-}
-
 // The test model replicated with every copy of u free (one input per copy) and k free, its
 // copies one value for the horizon (link rows, as a free FV has them) unless `share_k` is off.
 struct Shot {
   Shot(int nodes, const Vec& dt, bool share_k = true, bool hessian = true) {
     base.exact_hessian = hessian;
     h = testing::ReplicateQuietly(base, nodes, dt);
-    const int u = Number(base, "u"), k = Number(base, "k");
+    const int u = testing::NumberOf(base, "u"), k = testing::NumberOf(base, "k");
     for (int p = 0; p < h.grid.num_points(); ++p) {
       h.store.Var(h.Number(p, u)).fixed = false;
       if (!share_k) h.store.Var(h.Number(p, k)).fixed = false;
@@ -139,7 +133,7 @@ TEST(Shooting, LinkedCopiesAreOneInput) {
 // shooting lives, and back on the records after.
 TEST(Shooting, StoredPointHoldsAndStateBoundsAreRowsWhileItLives) {
   Shot shot(3, {0.5, 0.5, 0.5, 0.5});
-  const int x_last = shot.h.Number(shot.h.grid.num_points() - 1, Number(shot.base, "x"));
+  const int x_last = shot.h.Number(shot.h.grid.num_points() - 1, testing::NumberOf(shot.base, "x"));
   EXPECT_EQ(shot.h.store.Var(x_last).lower, -kUnlimited);
   const int m = shot.s->num_cons();
   Vec cl(m), cu(m), c(m), z = shot.Start([](double) { return 0.0; });

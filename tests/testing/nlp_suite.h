@@ -41,10 +41,9 @@ struct SuiteEntry {
   bool large = false;
 };
 
-// Parameterised tests over the suite show each problem by name: in failure messages (found
-// by the test framework through this overload) and as the test name suffix (SuiteEntryName).
+// Parameterised tests over the suite show each problem by name in failure messages (the test
+// framework finds this overload).
 inline void PrintTo(const SuiteEntry& entry, std::ostream* os) { *os << entry.name; }
-inline constexpr auto SuiteEntryName = [](const auto& info) { return info.param.name; };
 
 // The suite in name order; `include_large` false leaves out the scalable problems.
 std::vector<SuiteEntry> NlpSuite(bool include_large);
