@@ -105,6 +105,7 @@ TEST(ModelFileDeclarations, NameRangesReadLikeTheWrittenOutElements) {
        "s[0].y, < -3\ns[1].y, < -3"},
       {"x[-1:1] = 1\nz = x[0] + x[1]", "x[-1] = 1\nx[0] = 1\nx[1] = 1\nz = x[0] + x[1]"},
       {"x[1:3]\nx[2] = 4", "x[1]\nx[2]\nx[3]\nx[2] = 4"},  // duplicate
+      {"x[2] = 4\nx[1:3]", "x[2] = 4\nx[1]\nx[2]\nx[3]"},  // duplicate within the copies
       {"a = x[2]\nx[1:3] = 1", "a = x[2]\nx[1] = 1\nx[2] = 1\nx[3] = 1"},  // read too early
       {"b[1:2] = 1\nq = b[1:2]", "b[1] = 1\nb[2] = 1\nq = b[1]\nq = b[2]"},  // range in a value
   };
