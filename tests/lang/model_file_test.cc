@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <tuple>
 
 #include "base/report.h"
 #include "testing/scratch_dir.h"
@@ -93,6 +94,20 @@ TEST(ModelFileDeclarations, ValuesReadConstantsAndEarlierDeclarations) {
   EXPECT_DOUBLE_EQ(m.variables[2].upper, 9.0);
 }
 
+// What a vector statement's copies must share with the statements written out.
+auto Fields(const VariableDecl& d) {
+  return std::tie(d.name, d.derivative, d.has_value, d.value, d.lower, d.upper);
+}
+auto Fields(const EquationDecl& e) {
+  return std::tie(e.text, e.residual, e.type, e.objective, e.lower, e.upper, e.statement);
+}
+
+template <typename Decl>
+void ExpectSameDecls(const std::vector<Decl>& a, const std::vector<Decl>& b) {
+  ASSERT_EQ(a.size(), b.size());
+  for (size_t k = 0; k < a.size(); ++k) EXPECT_EQ(Fields(a[k]), Fields(b[k])) << k;
+}
+
 // A declaration whose only range is in its name is read once and copied: the result, or the
 // stop, is the one of the same declarations written out element by element.
 TEST(ModelFileDeclarations, NameRangesReadLikeTheWrittenOutElements) {
@@ -115,17 +130,8 @@ TEST(ModelFileDeclarations, NameRangesReadLikeTheWrittenOutElements) {
     EXPECT_EQ(ReadStop(vector), ReadStop(written)) << c.vector;
     if (!ReadStop(written).empty()) continue;
     const ParsedModel a = Read(vector), b = Read(written);
-    ASSERT_EQ(a.variables.size(), b.variables.size()) << c.vector;
     EXPECT_EQ(a.counts.variables, b.counts.variables);
-    for (size_t k = 0; k < a.variables.size(); ++k) {
-      const VariableDecl &x = a.variables[k], &y = b.variables[k];
-      EXPECT_EQ(x.name, y.name);
-      EXPECT_EQ(x.derivative, y.derivative) << x.name;
-      EXPECT_EQ(x.has_value, y.has_value) << x.name;
-      EXPECT_EQ(x.value, y.value) << x.name;
-      EXPECT_EQ(x.lower, y.lower) << x.name;
-      EXPECT_EQ(x.upper, y.upper) << x.name;
-    }
+    ExpectSameDecls(a.variables, b.variables);
   }
 }
 
@@ -143,18 +149,8 @@ TEST(ModelFileEquations, VectorCopiesReadLikeTheWrittenOutRows) {
   for (int i = 2; i <= 3; ++i) written += fmt::format("x[{}] >= 0\n", i);
   const ParsedModel a = Read(vars + vector + "End Equations\n");
   const ParsedModel b = Read(vars + written + "End Equations\n");
-  ASSERT_EQ(a.equations.size(), b.equations.size());
   EXPECT_EQ(a.counts.equations, b.counts.equations);
-  for (size_t k = 0; k < a.equations.size(); ++k) {
-    const EquationDecl &x = a.equations[k], &y = b.equations[k];
-    EXPECT_EQ(x.text, y.text);
-    EXPECT_EQ(x.residual, y.residual) << y.text;
-    EXPECT_EQ(x.type, y.type) << y.text;
-    EXPECT_EQ(x.objective, y.objective) << y.text;
-    EXPECT_EQ(x.lower, y.lower) << y.text;
-    EXPECT_EQ(x.upper, y.upper) << y.text;
-    EXPECT_EQ(x.statement, y.statement) << y.text;  // numbered per copy, as written out
-  }
+  ExpectSameDecls(a.equations, b.equations);  // statements numbered per copy, as written out
   EXPECT_EQ(a.equations[2].line, 6);  // the copies keep their statement's line
   EXPECT_EQ(a.equations.back().line, 9);
 }
