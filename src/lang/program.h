@@ -87,9 +87,17 @@ class Program {
   };
   // A constant fills all `stride` lanes of its slot; with `constants_ready` the slots still
   // hold them from the previous block of this program (up to the same `upto`) and are kept.
+  //
+  // `only`, when not empty, lists the instructions to run (increasing, from Needed): the
+  // others are skipped, and their slots hold nothing.
   void RunBlock(Part upto, const double* values, const int32_t* const* cols, int lanes,
                 int stride, double* w, std::span<const Tabled> tabled, bool constants_ready,
-                DomainErrors* errs) const;
+                std::span<const int32_t> only, DomainErrors* errs) const;
+  // The instructions up to the end of `part` that its own outputs need (kResidual: the
+  // residual; kFirst: the gradient slots; kSecond: the Hessian slots), in increasing order.
+  // An instruction that can count a domain fault is always kept, so a run over the list
+  // counts the same faults as a run over everything.
+  std::vector<int32_t> Needed(Part part) const;
   // The instructions that may be tabled: index, function and input of each, in order.
   struct InputFunction {
     int32_t instr;

@@ -57,7 +57,15 @@ void EvalPlan::AddGroups(const ModelStore& store, const EquationLayout& layout,
     if (groups.empty() || groups.back().index != index) {
       groups.push_back(Group{&p, index, static_cast<int32_t>(eqn_.size()), 0, p.num_inputs(),
                              static_cast<int32_t>(p.hess_pairs().size()), LanesFor(p),
-                             static_cast<int64_t>(cols_.size()), 0, 0, 0});
+                             static_cast<int64_t>(cols_.size()), 0, 0, 0, {0, 0}, {0, 0}});
+      // A derivative call runs only the instructions its outputs need: the residual, and
+      // whatever feeds only it, is skipped.
+      for (int d = 0; d < 2; ++d) {
+        const std::vector<int32_t> need = p.Needed(d == 0 ? Part::kFirst : Part::kSecond);
+        groups.back().need[d] = static_cast<int32_t>(needed_.size());
+        groups.back().num_need[d] = static_cast<int32_t>(need.size());
+        needed_.insert(needed_.end(), need.begin(), need.end());
+      }
     }
     ++groups.back().count;
     eqn_.push_back(e);
@@ -202,9 +210,14 @@ void EvalPlan::Run(const Group& g, Part part, const int32_t* members, int lanes,
   // The work area keeps a group's constants from one block to the next of the same call.
   const bool constants_ready = filled_ == &g;
   filled_ = &g;
+  std::span<const int32_t> only;
+  if (part != Part::kResidual) {
+    const int d = part == Part::kFirst ? 0 : 1;
+    only = std::span<const int32_t>(needed_).subspan(g.need[d], g.num_need[d]);
+  }
   g.program->RunBlock(part, values_.data(), lane_cols_.data(), lanes, g.stride, work_.data(),
                       std::span(tabled_).subspan(g.tabled, g.num_tabled), constants_ready,
-                      errs);
+                      only, errs);
 }
 
 void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,

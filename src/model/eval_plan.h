@@ -71,6 +71,8 @@ class EvalPlan {
     int64_t pair_at;      // offset of the first member's pair positions in hess_at_
     int32_t tabled;       // first of its tabled instructions in tabled_
     int32_t num_tabled;   // tabled instructions
+    int32_t need[2];      // first of the instructions its gradient (0) and Hessian (1) need
+    int32_t num_need[2];  // in needed_
   };
   using Part = lang::Program::Part;
 
@@ -105,6 +107,7 @@ class EvalPlan {
   std::vector<int32_t> hess_at_;           // Hessian position per member pair (see hessian.h)
   bool jac_planned_ = false, hess_planned_ = false;
   std::vector<lang::Program::Tabled> tabled_;  // tabled instructions, group by group
+  std::vector<int32_t> needed_;            // the instructions each group's derivatives need
   std::vector<lang::Op> tabled_op_;        // the function of each tabled instruction
   std::vector<std::vector<double>> tables_;      // by opcode: function value by column
   std::vector<std::vector<int32_t>> table_cols_; // by opcode: the columns its table needs

@@ -135,7 +135,8 @@ INSTANTIATE_TEST_SUITE_P(Models, EvalPlanAgrees,
                          [](const auto& info) { return std::string(info.param.name); });
 
 // The log row goes negative at this point: with its multiplier zero the Hessian is finite
-// and that row's fault is not counted; the store sees the point only when a solve ends.
+// and that row's fault is not counted, while the residual and Jacobian calls count it; the
+// store sees the point only when a solve ends.
 TEST(EvalPlan, SkipsZeroWeightRowsAndLeavesTheRecordsAlone) {
   ScratchDir dir;
   testing::BuildResult built = Build(kSteady, dir);
@@ -161,6 +162,10 @@ TEST(EvalPlan, SkipsZeroWeightRowsAndLeavesTheRecordsAlone) {
   nlp.Constraints(x, c);
   EXPECT_TRUE(std::isnan(c[log_row - 1]));
   EXPECT_EQ(access.domain_errors().log_negative, 1);
+  // A Jacobian call needs no log for its values (d log y = 1/y) but still counts its fault.
+  std::vector<double> jac(nlp.nnz_jac());
+  nlp.JacobianValues(x, jac);
+  EXPECT_EQ(access.domain_errors().log_negative, 2);
   EXPECT_EQ(built.store.Var(y).val, start_y);
   x[y - 1] = 2;
   nlp.StoreSolution(x, lambda);
