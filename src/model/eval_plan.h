@@ -7,6 +7,8 @@
 //     copies at once (lang::Program::RunBlock);
 //   - a function that rows apply directly to a variable (sin(t[i]) in rows over shifted
 //     slices of t) is computed once per column and point in a table that the rows read;
+//   - a gradient, Jacobian or Hessian call runs only the instructions its outputs need
+//     (lang::Program::Needed);
 //   - results go straight into the solver's arrays: residuals by row, Jacobian and Hessian
 //     values through 32-bit positions in the cached patterns, gradient entries by column.
 // The records stay the store of record: nothing here writes them. model::Nlp writes the point
