@@ -117,10 +117,9 @@ void EvalPlan::PlanTables() {
         for (int32_t m = g.first; m < g.first + g.count; ++m)
           shared += uses[op][col(g, m, f.input)] > 1;
         if (2 * shared < g.count) continue;
-        if (tables_[op].empty()) tables_[op].assign(width, 0.0);
         for (int32_t m = g.first; m < g.first + g.count; ++m)
           table_cols_[op].push_back(col(g, m, f.input));
-        tabled_.push_back({f.instr, f.input, tables_[op].data()});
+        tabled_.push_back({f.instr, f.input, nullptr});  // its table is sized below
         tabled_op_.push_back(f.op);
       }
       g.num_tabled = static_cast<int32_t>(tabled_.size()) - g.tabled;
@@ -139,6 +138,11 @@ void EvalPlan::PlanTables() {
       marked[c] = 0;
     }
   }
+  // A table reaches only as far as the last column it needs.
+  for (int op = 0; op < lang::kNumOps; ++op)
+    if (!table_cols_[op].empty()) tables_[op].assign(table_cols_[op].back() + 1, 0.0);
+  for (size_t t = 0; t < tabled_.size(); ++t)
+    tabled_[t].table = tables_[static_cast<int>(tabled_op_[t])].data();
 }
 
 namespace {
