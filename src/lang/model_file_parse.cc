@@ -276,7 +276,6 @@ void ModelFileReader::ParseEquation(const Statement& s, int number) {
   model_.equations.push_back(std::move(upper_row));
 }
 
-// connection -> name '=' (name | number | 'fixed' | 'calculated')
 namespace {
 
 // True when the bracketed indices of `residual` are those of `ranges` at copy 0, in order: the
@@ -334,6 +333,7 @@ void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
   }
 }
 
+// connection -> name '=' (name | number | 'fixed' | 'calculated')
 void ModelFileReader::ParseConnection(const Statement& s) {
   std::vector<Relation> rel = FindRelations(s.text);
   if (rel.size() != 1 || rel[0].kind != '=' || rel[0].len != 1) {
