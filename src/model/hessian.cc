@@ -24,7 +24,8 @@ std::vector<int> ActiveRows(const EquationLayout& layout) {
   return active;
 }
 
-// One kept pair: its lower-triangle position (1-based, row >= col) and where its place goes.
+// One kept pair: its lower-triangle position (1-based, row >= col) and the scatter slot that
+// receives the index of that position.
 struct PairPosition {
   int row, col;
   int slot;    // index into pattern.scatter
