@@ -22,10 +22,8 @@ int LanesFor(const lang::Program& p) {
 
 EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape shape)
     : shape_(shape), nvar_(store.nvar), diff_var_(layout.diff_var),
-      programs_(store.programs.data()) {
+      objective_all_(layout.objective_vars), programs_(store.programs.data()) {
   KX_CHECK(shape == Shape::kSteady || shape == Shape::kReduced);
-  for (int n : layout.objective_vars)
-    if (!store.Var(n).fixed) objective_vars_.push_back(n);
   AddGroups(store, layout, layout.constraint_eqns, false);
   AddGroups(store, layout, layout.objective_eqns, true);
   size_t work = 1;
@@ -186,6 +184,10 @@ void EvalPlan::LoadValues(const ModelStore& store) {
     values_[n] = store.Var(n).val;
     values_[nvar_ + n] = store.Var(n).d_val;
   }
+  // Which objective variables count may have changed with the marks since the last solve.
+  objective_vars_.clear();
+  for (int n : objective_all_)
+    if (!store.Var(n).fixed) objective_vars_.push_back(n);
   std::fill(fresh_.begin(), fresh_.end(), 0);
 }
 

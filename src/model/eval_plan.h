@@ -38,7 +38,8 @@ class EvalPlan {
   // True while the store's rows still have the programs the plan was built with.
   bool Matches(const ModelStore& store) const;
 
-  // Copies every value and time derivative from the records (the point before a solve).
+  // Copies every value and time derivative from the records (the point before a solve), and
+  // which objective variables are free.
   void LoadValues(const ModelStore& store);
   // The solver's point: x[0..nvar) values, then (kReduced) the derivatives in idiff order.
   void SetPoint(std::span<const double> x);
@@ -96,7 +97,8 @@ class EvalPlan {
   Shape shape_;
   int nvar_ = 0;
   std::vector<int> diff_var_;              // variable number of each idiff (index 0 unused)
-  std::vector<int> objective_vars_;        // free obj_def variables
+  std::vector<int> objective_all_;         // obj_def variables
+  std::vector<int> objective_vars_;        // those free at the last LoadValues
   const lang::Program* programs_ = nullptr;  // store.programs.data() at build
   std::vector<double> values_;             // the point by model column; size 2*nvar+1
   std::vector<Group> rows_;                // groups of constraint rows
