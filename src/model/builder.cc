@@ -94,6 +94,12 @@ class Builder {
   void FinishCounts();
   Symbol Resolve(std::string_view name, bool derivative);
   Symbol Lookup(std::string_view name, bool derivative) const;
+  // The constant named `name`; constants are never vectors, so an indexed name is not looked
+  // up (most names of a large model are indexed).
+  std::unordered_map<std::string, double>::const_iterator FindConstant(
+      const std::string& name) const {
+    return name.find('[') != std::string::npos ? constants_.end() : constants_.find(name);
+  }
   void NoteElement(const std::string& name, int record);
   int FindRecord(std::string_view name) const;
   void MarkDerivatives(const std::vector<int>& columns);
@@ -335,7 +341,7 @@ void Builder::CheckRecords() const {
 Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
   std::string name(name_view);
   Symbol sym;
-  if (auto c = constants_.find(name); c != constants_.end() && !derivative) {
+  if (auto c = FindConstant(name); c != constants_.end() && !derivative) {
     sym.kind = Symbol::Kind::kConstant;
     sym.value = c->second;
     return sym;
@@ -359,7 +365,7 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
 Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
   const std::string name(name_view);
   Symbol sym;
-  if (auto c = constants_.find(name); c != constants_.end() && !derivative) {
+  if (auto c = FindConstant(name); c != constants_.end() && !derivative) {
     sym.kind = Symbol::Kind::kConstant;
     sym.value = c->second;
     return sym;
