@@ -150,7 +150,6 @@ class ModelAccess {
 
  private:
   void EnsureLayout();
-  void LoadColumnValues();
   double ResidualFromColumns(int e);
 
   ModelStore& store_;

@@ -58,19 +58,7 @@ EvalPlan& ModelAccess::Plan(Shape shape) {
   return *slot;
 }
 
-// The value each model column reads, laid out once per pass over many rows: the rows then read
-// one array instead of walking the variable records.
-void ModelAccess::LoadColumnValues() {
-  std::vector<double>& v = scratch_.by_column;
-  v.resize(2 * static_cast<size_t>(nvar()) + 1);
-  for (int n = 1; n <= nvar(); ++n) {
-    const Variable& var = store_.Var(n);
-    v[n] = var.val;
-    v[nvar() + n] = var.d_val;
-  }
-}
-
-// Residual of equation e from the column values of LoadColumnValues, stored in its record.
+// Residual of equation e from the column values in scratch_.by_column, stored in its record.
 double ModelAccess::ResidualFromColumns(int e) {
   Equation& eqn = store_.eqns[e];
   const int* cols = layout_->slot_column.data() + layout_->slot_begin[e];
@@ -83,14 +71,14 @@ double ModelAccess::ResidualFromColumns(int e) {
 
 void ModelAccess::EvaluateResiduals() {
   EnsureLayout();
-  LoadColumnValues();
+  ColumnValues(store_, &scratch_.by_column);
   for (int e = 0; e < num_eqns(); ++e)
     if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
 }
 
 void ModelAccess::EvaluateConstraintRows() {
   EnsureLayout();
-  LoadColumnValues();
+  ColumnValues(store_, &scratch_.by_column);
   for (int e : layout_->constraint_eqns)
     if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
 }
@@ -136,7 +124,7 @@ double ModelAccess::Objective(bool include_fixed) {
     if (include_fixed || !v.fixed) f += v.val;
   }
   if (layout_->objective_eqns.empty()) return f;
-  LoadColumnValues();
+  ColumnValues(store_, &scratch_.by_column);
   for (int e : layout_->objective_eqns) f += ResidualFromColumns(e);
   return f;
 }

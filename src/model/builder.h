@@ -30,11 +30,6 @@ ModelStore BuildModel(const std::string& model_file, const BuildOptions& options
 // The same from model text held in memory (tests, tools). Files go to options.work_dir.
 ModelStore BuildModelFromText(std::string_view text, const BuildOptions& options);
 
-// Gathers the values of a program's input columns: 1..nvar values, nvar+i the dx/dt of
-// variable i, -(j+1) the current value of intermediate j (value programs of intermediates).
-void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
-                  std::vector<double>* in);
-
 // Recomputes every intermediate value (declaration order) and every equation residual from
 // the current variable values; domain errors met are kept in store->start_errors.
 void EvaluateInitialState(ModelStore* store);

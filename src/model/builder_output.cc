@@ -6,24 +6,13 @@
 #include "base/file_writer.h"
 #include "base/report.h"
 #include "model/builder.h"
+#include "model/sparsity.h"
 
 namespace kx::model {
 namespace {
 
 constexpr const char* kSizeLabels[] = {"Objects",     "Constants", "Variables", "Intermediates",
                                        "Connections", "Equations", "Residuals"};
-
-// The values a program input reads, by model column (1..nvar values, nvar+i dx/dt of
-// variable i), laid out once so that each input is one array read, not a walk through the
-// variable records.
-std::vector<double> ColumnValues(const ModelStore& store) {
-  std::vector<double> values(2 * static_cast<size_t>(store.nvar) + 1, 0.0);
-  for (int n = 1; n <= store.nvar; ++n) {
-    values[n] = store.Var(n).val;
-    values[store.nvar + n] = store.Var(n).d_val;
-  }
-  return values;
-}
 
 // Evaluates one program at the values `by_column` and the intermediates' current values;
 // domain errors are counted, never fatal.
@@ -42,22 +31,10 @@ double EvaluateProgram(const ModelStore& store, const std::vector<double>& by_co
 
 }  // namespace
 
-void GatherInputs(const ModelStore& store, const std::vector<int>& columns,
-                  std::vector<double>* in) {
-  in->resize(columns.size());
-  for (size_t k = 0; k < columns.size(); ++k) {
-    int c = columns[k];
-    if (c < 0) {
-      (*in)[k] = store.intermediates[-c - 1].value;
-    } else {
-      (*in)[k] = c > store.nvar ? store.Var(c - store.nvar).d_val : store.Var(c).val;
-    }
-  }
-}
-
 void EvaluateInitialState(ModelStore* store) {
   std::vector<double> in, work;
-  const std::vector<double> by_column = ColumnValues(*store);
+  std::vector<double> by_column;
+  ColumnValues(*store, &by_column);
   lang::DomainErrors& errs = store->start_errors;
   errs = {};
   for (Intermediate& m : store->intermediates) {

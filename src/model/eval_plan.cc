@@ -180,10 +180,7 @@ void EvalPlan::FreshTables(const Group& g, Part part) {
 }
 
 void EvalPlan::LoadValues(const ModelStore& store) {
-  for (int n = 1; n <= nvar_; ++n) {
-    values_[n] = store.Var(n).val;
-    values_[nvar_ + n] = store.Var(n).d_val;
-  }
+  ColumnValues(store, &values_);
   // Which objective variables count may have changed with the marks since the last solve.
   objective_vars_.clear();
   for (int n : objective_all_)

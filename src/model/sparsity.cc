@@ -35,6 +35,16 @@ int ShapeColumn(const ModelStore& store, Shape shape, int model_col) {
   return 0;
 }
 
+void ColumnValues(const ModelStore& store, std::vector<double>* values) {
+  values->resize(2 * static_cast<size_t>(store.nvar) + 1);
+  double* v = values->data();
+  for (int n = 1; n <= store.nvar; ++n) {
+    const Variable& var = store.Var(n);
+    v[n] = var.val;
+    v[store.nvar + n] = var.d_val;
+  }
+}
+
 namespace {
 
 // Address that a slot reading model column `col` reads its value from.

@@ -25,6 +25,10 @@ inline constexpr int kNumShapes = 3;
 // Number of Jacobian columns of a shape.
 int NumColumns(const ModelStore& store, Shape shape);
 
+// The value each model column reads (1..nvar values, nvar+n the time derivative of variable n;
+// index 0 unused), laid out once so that rows read one array, not the variable records.
+void ColumnValues(const ModelStore& store, std::vector<double>* values);
+
 // Column of model column `model_col` (1..2*nvar) in `shape`; 0 when the shape drops it.
 int ShapeColumn(const ModelStore& store, Shape shape, int model_col);
 

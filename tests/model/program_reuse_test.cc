@@ -11,6 +11,7 @@
 
 #include "builder_testing.h"
 #include "lang/compiler.h"
+#include "model/sparsity.h"
 
 namespace kx::model::testing {
 namespace {
@@ -54,8 +55,9 @@ struct Reference {
 // Residual and d residual / d column of equation e, through the store's program and map.
 std::map<int, double> Evaluate(const ModelStore& store, const lang::Program& p,
                                const std::vector<int>& columns, double* residual) {
-  std::vector<double> in, work(p.work_size()), grad(columns.size() + 1);
-  GatherInputs(store, columns, &in);
+  std::vector<double> values, in, work(p.work_size()), grad(columns.size() + 1);
+  ColumnValues(store, &values);
+  for (int c : columns) in.push_back(c < 0 ? store.intermediates[-c - 1].value : values[c]);
   lang::DomainErrors errors;
   *residual = p.Gradient(in.data(), work.data(), grad.data(), &errors);
   std::map<int, double> by_column;
