@@ -278,35 +278,24 @@ void ModelFileReader::ParseEquation(const Statement& s, int number) {
 
 namespace {
 
-// True when the bracketed indices of `residual` are those of `ranges` at copy 0, in order: the
-// residual of copy k is then the same text with each range's index moved on by k.
-bool IndicesInOrder(std::string_view residual, const std::vector<IndexRange>& ranges) {
+// The indices of `residual` (the copy-0 text) placed where it shows them, when it shows
+// those of `ranges` at copy 0 and in their order: copy k is then WriteCopy(residual, placed,
+// k). Empty when it does not (a double inequality).
+std::vector<IndexRange> PlaceIndices(std::string_view residual,
+                                     const std::vector<IndexRange>& ranges) {
+  std::vector<IndexRange> placed;
   size_t pos = 0;
-  for (const IndexRange& r : ranges) {
-    const size_t open = residual.find('[', pos);
-    if (open == std::string_view::npos) return false;
-    const size_t close = residual.find(']', open);
-    if (close == std::string_view::npos) return false;
-    if (residual.substr(open + 1, close - open - 1) != std::to_string(r.first)) return false;
-    pos = close + 1;
+  for (IndexRange r : ranges) {
+    r.open = residual.find('[', pos);
+    if (r.open == std::string_view::npos) return {};
+    r.close = residual.find(']', r.open);
+    if (r.close == std::string_view::npos) return {};
+    if (residual.substr(r.open + 1, r.close - r.open - 1) != std::to_string(r.first)) return {};
+    placed.push_back(r);
+    pos = r.close + 1;
   }
-  return residual.find('[', pos) == std::string_view::npos;
-}
-
-// `residual` (the copy-0 text, IndicesInOrder) with its indices written for copy k.
-std::string ShiftIndices(std::string_view residual, const std::vector<IndexRange>& ranges,
-                         long k) {
-  std::string out;
-  out.reserve(residual.size() + 8);
-  size_t pos = 0;
-  for (const IndexRange& r : ranges) {
-    const size_t open = residual.find('[', pos), close = residual.find(']', open);
-    out.append(residual.substr(pos, open + 1 - pos));
-    out += std::to_string(r.range ? r.first + k : r.first);
-    pos = close;
-  }
-  out.append(residual.substr(pos));
-  return out;
+  if (residual.find('[', pos) != std::string_view::npos) return {};
+  return placed;
 }
 
 }  // namespace
@@ -318,16 +307,18 @@ void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
   const std::vector<IndexRange>& ranges = *s.ranges;
   const size_t first = model_.equations.size();
   ParseEquation({s.line, WriteCopy(s.text, ranges, 0)}, ++*number);
-  const bool shifted = model_.equations.size() == first + 1 &&
-                       IndicesInOrder(model_.equations[first].residual, ranges);
+  const std::vector<IndexRange> placed =
+      model_.equations.size() == first + 1
+          ? PlaceIndices(model_.equations[first].residual, ranges)
+          : std::vector<IndexRange>();
   for (long k = 1; k < s.copies; ++k) {
-    if (!shifted) {
+    if (placed.empty()) {
       ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
       continue;
     }
     EquationDecl copy = model_.equations[first];
     copy.text = WriteCopy(s.text, ranges, k);
-    copy.residual = ShiftIndices(model_.equations[first].residual, ranges, k);
+    copy.residual = WriteCopy(model_.equations[first].residual, placed, k);
     copy.statement = ++*number;
     model_.equations.push_back(std::move(copy));
   }
