@@ -223,57 +223,52 @@ void EvalPlan::Run(const Group& g, Part part, const int32_t* members, int lanes,
                       only, errs);
 }
 
-void EvalPlan::RunConsecutive(const Group& g, Part part, int32_t m, int lanes,
-                              lang::DomainErrors* errs) {
-  std::iota(members_.begin(), members_.begin() + lanes, m);
-  Run(g, part, members_.data(), lanes, errs);
+// Runs `part` over every group of `groups` in blocks of consecutive members, then calls
+// body(group, first member, lanes) to collect the block's results. A new call: no group's
+// constants are in the work area yet.
+template <typename Body>
+void EvalPlan::ForEachBlock(const std::vector<Group>& groups, Part part,
+                            lang::DomainErrors* errs, Body body) {
+  filled_ = nullptr;
+  for (const Group& g : groups) {
+    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
+      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
+      std::iota(members_.begin(), members_.begin() + lanes, m);
+      Run(g, part, members_.data(), lanes, errs);
+      body(g, m, lanes);
+    }
+  }
 }
 
 double EvalPlan::Objective(lang::DomainErrors* errs) {
-  filled_ = nullptr;
   double f = 0.0;
   for (int n : objective_vars_) f += values_[n];
-  for (const Group& g : objective_) {
-    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
-      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
-      RunConsecutive(g, Part::kResidual, m, lanes, errs);
-      const double* r = Slot(g, g.program->residual_slot());
-      for (int l = 0; l < lanes; ++l) f += r[l];
-    }
-  }
+  ForEachBlock(objective_, Part::kResidual, errs, [&](const Group& g, int32_t, int lanes) {
+    const double* r = Slot(g, g.program->residual_slot());
+    for (int l = 0; l < lanes; ++l) f += r[l];
+  });
   return f;
 }
 
 void EvalPlan::Gradient(std::span<double> g_out, lang::DomainErrors* errs) {
-  filled_ = nullptr;
   std::fill(g_out.begin(), g_out.begin() + nvar_, 0.0);
   for (int n : objective_vars_) g_out[n - 1] += 1.0;
-  for (const Group& g : objective_) {
+  ForEachBlock(objective_, Part::kFirst, errs, [&](const Group& g, int32_t m, int lanes) {
     const int32_t* slots = g.program->gradient_slots();
-    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
-      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
-      RunConsecutive(g, Part::kFirst, m, lanes, errs);
-      for (int a = 0; a < g.inputs; ++a) {
-        const double* d = Slot(g, slots[a]);
-        for (int l = 0; l < lanes; ++l) {
-          // Objective rows read no time derivative (the objective pattern stops on one).
-          g_out[cols_[g.cols + static_cast<int64_t>(m - g.first + l) * g.inputs + a] - 1] += d[l];
-        }
-      }
+    const int32_t* cols = cols_.data() + g.cols + static_cast<int64_t>(m - g.first) * g.inputs;
+    for (int a = 0; a < g.inputs; ++a) {
+      const double* d = Slot(g, slots[a]);
+      // Objective rows read no time derivative (the objective pattern stops on one).
+      for (int l = 0; l < lanes; ++l) g_out[cols[l * g.inputs + a] - 1] += d[l];
     }
-  }
+  });
 }
 
 void EvalPlan::Residuals(std::span<double> c, lang::DomainErrors* errs) {
-  filled_ = nullptr;
-  for (const Group& g : rows_) {
-    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
-      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
-      RunConsecutive(g, Part::kResidual, m, lanes, errs);
-      const double* r = Slot(g, g.program->residual_slot());
-      for (int l = 0; l < lanes; ++l) c[row_[m + l]] = r[l];
-    }
-  }
+  ForEachBlock(rows_, Part::kResidual, errs, [&](const Group& g, int32_t m, int lanes) {
+    const double* r = Slot(g, g.program->residual_slot());
+    for (int l = 0; l < lanes; ++l) c[row_[m + l]] = r[l];
+  });
 }
 
 void EvalPlan::PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern) {
@@ -293,30 +288,25 @@ void EvalPlan::PlanJacobian(const EquationLayout& layout, const JacobianPattern&
 void EvalPlan::Jacobian(const EquationLayout& layout, const JacobianPattern& pattern,
                         std::span<double> values, lang::DomainErrors* errs) {
   KX_CHECK(pattern.shape == shape_);
-  filled_ = nullptr;
   if (!jac_planned_) PlanJacobian(layout, pattern);
   // Positions a row reads twice are summed; a position no slot feeds stays zero.
   if (jac_duplicates_) std::fill(values.begin(), values.begin() + pattern.nnz(), 0.0);
-  for (const Group& g : rows_) {
+  ForEachBlock(rows_, Part::kFirst, errs, [&](const Group& g, int32_t m, int lanes) {
     const int32_t* slots = g.program->gradient_slots();
-    for (int32_t m = g.first; m < g.first + g.count; m += g.stride) {
-      const int lanes = std::min<int>(g.stride, g.first + g.count - m);
-      RunConsecutive(g, Part::kFirst, m, lanes, errs);
-      const int32_t* at = jac_at_.data() + g.cols + static_cast<int64_t>(m - g.first) * g.inputs;
-      for (int a = 0; a < g.inputs; ++a) {
-        const double* d = Slot(g, slots[a]);
-        for (int l = 0; l < lanes; ++l) {
-          const int32_t p = at[l * g.inputs + a];
-          if (p < 0) continue;
-          if (jac_duplicates_) {
-            values[p] += d[l];
-          } else {
-            values[p] = d[l];
-          }
+    const int32_t* at = jac_at_.data() + g.cols + static_cast<int64_t>(m - g.first) * g.inputs;
+    for (int a = 0; a < g.inputs; ++a) {
+      const double* d = Slot(g, slots[a]);
+      for (int l = 0; l < lanes; ++l) {
+        const int32_t p = at[l * g.inputs + a];
+        if (p < 0) continue;
+        if (jac_duplicates_) {
+          values[p] += d[l];
+        } else {
+          values[p] = d[l];
         }
       }
     }
-  }
+  });
 }
 
 void EvalPlan::PlanHessian(const HessianPattern& pattern) {

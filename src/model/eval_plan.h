@@ -90,7 +90,9 @@ class EvalPlan {
   // Runs `part` of g's program for the members listed in `members` (at most g.stride).
   void Run(const Group& g, Part part, const int32_t* members, int lanes,
            lang::DomainErrors* errs);
-  void RunConsecutive(const Group& g, Part part, int32_t m, int lanes, lang::DomainErrors* errs);
+  template <typename Body>
+  void ForEachBlock(const std::vector<Group>& groups, Part part, lang::DomainErrors* errs,
+                    Body body);
   void AddPairs(const Group& g, int lanes, std::span<double> values);
   const double* Slot(const Group& g, int32_t slot) const { return work_.data() + slot * g.stride; }
 
