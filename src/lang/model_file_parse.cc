@@ -307,19 +307,24 @@ void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
   const std::vector<IndexRange>& ranges = *s.ranges;
   const size_t first = model_.equations.size();
   ParseEquation({s.line, WriteCopy(s.text, ranges, 0)}, ++*number);
-  const std::vector<IndexRange> placed =
-      model_.equations.size() == first + 1
-          ? PlaceIndices(model_.equations[first].residual, ranges)
-          : std::vector<IndexRange>();
+  std::shared_ptr<const std::vector<IndexRange>> placed;
+  if (model_.equations.size() == first + 1) {
+    std::vector<IndexRange> found = PlaceIndices(model_.equations[first].residual, ranges);
+    if (!found.empty()) {
+      placed = std::make_shared<const std::vector<IndexRange>>(std::move(found));
+      model_.equations[first].placed = placed;
+    }
+  }
   for (long k = 1; k < s.copies; ++k) {
-    if (placed.empty()) {
+    if (placed == nullptr) {
       ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
       continue;
     }
     EquationDecl copy = model_.equations[first];
     copy.text = WriteCopy(s.text, ranges, k);
-    copy.residual = WriteCopy(model_.equations[first].residual, placed, k);
+    copy.residual = WriteCopy(model_.equations[first].residual, *placed, k);
     copy.statement = ++*number;
+    copy.copy = k;
     model_.equations.push_back(std::move(copy));
   }
 }

@@ -85,8 +85,14 @@ class Builder {
   void NumberVariables();
   void CheckRecords() const;
   void CompileIntermediates();
+  // Where an equation stands in a vector statement (lang::EquationDecl::placed and copy).
+  struct VectorCopy {
+    std::shared_ptr<const std::vector<lang::IndexRange>> placed;
+    long k = 0;
+  };
   void CompileEquations();
   void CompileEquation(int e);
+  void PlanCopies(int e, const VectorCopy& copy);
   void CheckColumns(int e) const;
   [[noreturn]] void FailOrder(int e) const;
   void CheckUninitialized() const;
@@ -123,6 +129,8 @@ class Builder {
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
   bool refs_tainted_ = false;          // the equation being compiled reads a tainted one
   std::vector<std::string> refs_;      // intermediates read by the equation being compiled
+  std::vector<VectorCopy> copies_;     // per equation from the model file, until compiled
+  const void* planned_ = nullptr;      // the vector statement ProgramShapes::FindCopy reads
   const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
@@ -288,6 +296,7 @@ void Builder::CreateRecords() {
     q.line = e.line;
     q.statement = e.statement;
     store_.eqns.push_back(std::move(q));
+    copies_.push_back({std::move(e.placed), e.copy});
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;
@@ -463,6 +472,7 @@ void Builder::CompileIntermediates() {
 void Builder::CompileEquations() {
   store_.programs.reserve(store_.eqns.size() + store_.intermediates.size());
   for (int e = 0; e < static_cast<int>(store_.eqns.size()); ++e) CompileEquation(e);
+  std::vector<VectorCopy>().swap(copies_);
 }
 
 // An equation of a shape compiled before takes that program with its own column map;
@@ -471,13 +481,18 @@ void Builder::CompileEquation(int e) {
   Equation& q = store_.eqns[e];
   if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
   std::vector<int> columns;
-  const int shared = shapes_.Find(q.residual_text, &columns);
+  const VectorCopy copy = e < static_cast<int>(copies_.size()) ? copies_[e] : VectorCopy();
+  int shared = -1;
+  if (copy.placed != nullptr && copy.k > 0 && copy.placed.get() == planned_)
+    shared = shapes_.FindCopy(copy.k, &columns);
+  if (shared < 0) shared = shapes_.Find(q.residual_text, &columns);
   if (shared >= 0) {
     q.columns = std::move(columns);
     MarkDerivatives(q.columns);
     CheckColumns(e);
     q.program = shared;
     for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+    PlanCopies(e, copy);
     return;
   }
   refs_.clear();
@@ -492,6 +507,16 @@ void Builder::CompileEquation(int e) {
   store_.programs.push_back(std::move(p));
   shapes_.Remember(q.program, q.columns);
   for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
+  PlanCopies(e, copy);
+}
+
+// The first copy of a vector equation lets its other copies find their columns without
+// reading their texts.
+void Builder::PlanCopies(int e, const VectorCopy& copy) {
+  if (copy.placed == nullptr || copy.k != 0) return;
+  const Equation& q = store_.eqns[e];
+  planned_ = shapes_.PlanCopies(q.residual_text, *copy.placed, q.program) ? copy.placed.get()
+                                                                          : nullptr;
 }
 
 // A derivative column read by an equation makes its variable differential (as Resolve does).

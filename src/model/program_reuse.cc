@@ -26,6 +26,13 @@ void ShapeText(std::string_view text, std::string* key) {
 
 bool SameValue(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
+// `text` in lower case into `out` (names are ASCII; `out` keeps its capacity).
+void AssignLower(std::string_view text, std::string* out) {
+  out->assign(text);
+  for (char& c : *out)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+}
+
 }  // namespace
 
 int ProgramShapes::Find(std::string_view residual_text, std::vector<int>* columns) {
@@ -35,29 +42,90 @@ int ProgramShapes::Find(std::string_view residual_text, std::vector<int>* column
   MarkRepeats();
   const auto it = shapes_.find(key_);
   if (it == shapes_.end() || !SameResolution(it->second)) return -1;
-  const Shape& shape = it->second;
-  columns->resize(shape.input_leaf.size());
+  *columns = ColumnsOf(it->second);
+  return it->second.program;
+}
+
+// The program inputs of `shape` read off the leaves of the last Find.
+std::vector<int> ProgramShapes::ColumnsOf(const Shape& shape) const {
+  std::vector<int> columns(shape.input_leaf.size());
   for (size_t k = 0; k < shape.input_leaf.size(); ++k)
-    (*columns)[k] = leaves_[shape.input_leaf[k]].column;
-  return shape.program;
+    columns[k] = leaves_[shape.input_leaf[k]].column;
+  return columns;
+}
+
+bool ProgramShapes::PlanCopies(std::string_view residual_text,
+                               const std::vector<lang::IndexRange>& placed, int program) {
+  plan_ = {};
+  if (!eligible_) return false;
+  const auto it = shapes_.find(key_);
+  if (it == shapes_.end() || it->second.program != program) return false;
+  CopyPlan plan;
+  for (const lang::IndexRange& r : placed) {
+    if (!r.range) continue;  // a single index stays as it is in every copy
+    Moved moved;
+    if (!MoveLeaf(residual_text, r, &moved)) return false;
+    plan.moved.push_back(std::move(moved));
+  }
+  plan.shape = &it->second;
+  plan.leaves = leaves_;
+  plan_ = std::move(plan);
+  return true;
+}
+
+// The leaf whose name ends in the index range `r` of the first copy's text.
+bool ProgramShapes::MoveLeaf(std::string_view text, const lang::IndexRange& r,
+                             Moved* moved) const {
+  for (size_t i = 0; i < leaf_tokens_.size(); ++i) {
+    const lang::Token& t = leaf_tokens_[i];
+    if (r.open < static_cast<size_t>(t.pos) || r.open >= static_cast<size_t>(t.pos + t.len))
+      continue;
+    if (r.close + 1 != static_cast<size_t>(t.pos + t.len)) return false;
+    moved->derivative = t.kind == lang::Tok::kDerivName;
+    const size_t start = t.pos + (moved->derivative ? 1 : 0);
+    AssignLower(text.substr(start, r.open - start), &moved->base);
+    moved->index = r.first;
+    moved->leaf = static_cast<int>(i);
+    return true;
+  }
+  return false;
+}
+
+int ProgramShapes::FindCopy(long k, std::vector<int>* columns) {
+  eligible_ = false;  // a Remember after a failed FindCopy must not store the plan's leaves
+  if (plan_.shape == nullptr) return -1;
+  leaves_ = plan_.leaves;
+  for (const Moved& m : plan_.moved) {
+    name_ = m.base;
+    name_ += '[';
+    name_ += std::to_string(m.index + k);
+    name_ += ']';
+    const lang::Symbol s = lookup_(name_, m.derivative);
+    if (s.kind != Kind::kColumn) return -1;
+    leaves_[m.leaf].column = s.column;
+  }
+  MarkRepeats();
+  if (!SameResolution(*plan_.shape)) return -1;
+  *columns = ColumnsOf(*plan_.shape);
+  return plan_.shape->program;
 }
 
 // Every name of the text through the lookup, in reading order; false when one of them is not
 // a constant or a column. `pi` is the compiler's own constant and never looked up.
 bool ProgramShapes::ReadLeaves(std::string_view text) {
   leaves_.clear();
+  leaf_tokens_.clear();
   lexer_.Scan(text);
   for (const lang::Token& t : lexer_.tokens()) {
     if (t.kind != lang::Tok::kName && t.kind != lang::Tok::kDerivName) continue;
     const bool derivative = t.kind == lang::Tok::kDerivName;
     const int start = t.pos + (derivative ? 1 : 0);
-    name_.assign(text.data() + start, t.pos + t.len - start);
-    for (char& c : name_)
-      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    AssignLower(text.substr(start, t.pos + t.len - start), &name_);
     if (!derivative && name_ == "pi") continue;
     const lang::Symbol s = lookup_(name_, derivative);
     if (s.kind != Kind::kConstant && s.kind != Kind::kColumn) return false;
     leaves_.push_back({s.kind, s.value, s.column, 0});
+    leaf_tokens_.push_back(t);
   }
   return true;
 }

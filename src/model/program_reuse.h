@@ -16,6 +16,7 @@
 
 #include "lang/compiler.h"
 #include "lang/lexer.h"
+#include "lang/vector_index.h"
 
 namespace kx::model {
 
@@ -36,6 +37,20 @@ class ProgramShapes {
   // column map, for the equations of the same shape that follow.
   void Remember(int program, const std::vector<int>& columns);
 
+  // The copies of a vector equation differ from its first copy only in the indices at
+  // `placed` (copy k reads them moved on by k, lang::WriteCopy), so their shape is the first
+  // copy's. Called right after the first copy's Find (and Remember) with its text and the
+  // program it got, PlanCopies notes which of its names carry those indices; false when the
+  // copies cannot be read that way (the first copy has no shared shape, or a moved index
+  // stands elsewhere than at the end of a name).
+  bool PlanCopies(std::string_view residual_text, const std::vector<lang::IndexRange>& placed,
+                  int program);
+
+  // Find for copy k of the planned statement: only the moved names are looked up, the text is
+  // not read again. -1 when this copy resolves differently (the caller then calls Find on its
+  // text, which also reports what is wrong with it).
+  int FindCopy(long k, std::vector<int>* columns);
+
  private:
   // One name of the residual text, in reading order.
   struct Leaf {
@@ -51,9 +66,25 @@ class ProgramShapes {
     std::vector<int> input_leaf;  // per program input: a leaf that feeds it
   };
 
+  // A name of the planned first copy whose index moves with the copy.
+  struct Moved {
+    int leaf = 0;
+    std::string base;  // the name up to its '[', lower case
+    long index = 0;    // its index in the first copy
+    bool derivative = false;
+  };
+  // What FindCopy needs of the first copy.
+  struct CopyPlan {
+    const Shape* shape = nullptr;  // null: no plan
+    std::vector<Leaf> leaves;
+    std::vector<Moved> moved;
+  };
+
   bool ReadLeaves(std::string_view text);
+  bool MoveLeaf(std::string_view text, const lang::IndexRange& r, Moved* moved) const;
   void MarkRepeats();
   bool SameResolution(const Shape& shape) const;
+  std::vector<int> ColumnsOf(const Shape& shape) const;
 
   Lookup lookup_;
   lang::Lexer lexer_;
@@ -61,6 +92,8 @@ class ProgramShapes {
   std::string key_;            // shape text of the last Find
   bool eligible_ = false;      // the last Find's leaves are all constants and columns
   std::vector<Leaf> leaves_;   // leaves of the last Find
+  std::vector<lang::Token> leaf_tokens_;  // their tokens, for PlanCopies
+  CopyPlan plan_;              // the vector equation whose copies FindCopy reads
   std::string name_;           // scratch: one name in lower case
   std::unordered_map<int, int> first_of_;  // scratch: column -> first leaf reading it
 };

@@ -1,8 +1,10 @@
 // Equations of one shape share a program: every equation of the built store must evaluate
-// (residual and gradient, column by column) exactly as its own text compiled alone, and the
+// (residual and gradient, column by column) exactly as its own text compiled alone (names
+// resolved by name, connections followed), and the
 // cases that must not share (repeated columns, intermediates, differing constants) must not.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <string>
@@ -40,7 +42,8 @@ struct Reference {
         return s;
       }
       for (int n = 1; n <= store.nvar; ++n) {
-        if (store.Var(n).name == key) {
+        const Variable& v = store.Var(n);
+        if (v.name == key || std::count(v.aliases.begin(), v.aliases.end(), key) > 0) {
           s.kind = lang::Symbol::Kind::kColumn;
           s.column = derivative ? store.nvar + n : n;
         }
@@ -107,6 +110,11 @@ const ReuseCase kCases[] = {
      "End Intermediates\nEquations\n w*p[1] = 1\n w*p[2] = 1\n w*p[3] + pi = 1\n"
      " w*p[3] = 1\nEnd Equations\n",
      3},  // rows 1 and 4 share; row 2 reads an intermediate, row 3 has its own shape
+    {"copies read elements merged by connections and names in upper case",
+     "Variables\n X[1:6] = 1\n y = 2\n w = 3\nEnd Variables\nEquations\n"
+     " X[2:6] - x[1:5] = Y\nEnd Equations\nConnections\n x[3] = y\n x[6] = w\n"
+     "End Connections\n",
+     3},  // copies 2 and 3 read y twice (x[3] is y); 1, 4 and 5 (x[6] is w) share
     {"elements declared out of order or with gaps are found by name",
      "Variables\n y[2] = 2\n y[1] = 1\n y[3] = 3\n z[1:2] = 1.5\n w[1:2] = 1\n"
      " w[4] = 7\nEnd Variables\nEquations\n y[1:3]*z[1] = w[1]\n z[1]*w[4] = z[2] + w[2]\n"
