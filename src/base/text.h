@@ -1,12 +1,23 @@
 // Small text helpers shared by every folder: case folding, trimming, splitting, number parsing.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace kx {
+
+// Hash of a map keyed by std::string that is searched with a string_view, without making a
+// string for each search.
+struct TextHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+template <typename T>
+using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 
 std::string ToLower(std::string_view s);
 std::string ToUpper(std::string_view s);

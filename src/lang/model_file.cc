@@ -256,6 +256,8 @@ double ModelFileReader::EvaluateInitialValue(std::string_view text, const std::s
       sym.value = *v;
     } else if (auto it = declared_.find(key); it != declared_.end() && it->second.initial) {
       sym.value = it->second.value;
+    } else if (const DeclaredRun* run = FindDeclaredElement(key)) {
+      sym.value = run->value;
     } else if (IsDeclaredLater(key)) {
       Fatal({"Error: Initialization of variable " + name + " failed",
              " Trying to use an uninitialized value in expression:", std::string(text)});
@@ -419,8 +421,11 @@ ParsedModel ModelFileReader::Parse() {
   model_.parameters.reserve(model_.counts.parameters);
   model_.variables.reserve(model_.counts.variables);
   model_.equations.reserve(model_.counts.equations);
-  const size_t declarations = model_.counts.parameters + model_.counts.variables;
-  declared_.reserve(declarations + st[static_cast<int>(Section::kIntermediates)].size() +
+  // A vector declaration enters its elements as one run: the table holds one entry per
+  // statement at most.
+  declared_.reserve(st[static_cast<int>(Section::kParameters)].size() +
+                    st[static_cast<int>(Section::kVariables)].size() +
+                    st[static_cast<int>(Section::kIntermediates)].size() +
                     model_.constants.size());
   for (const auto& s : st[static_cast<int>(Section::kParameters)]) {
     ParseDeclaration(s, &model_.parameters);

@@ -18,6 +18,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/text.h"
 #include "lang/compiler.h"
 #include "lang/vector_index.h"
 
@@ -173,6 +174,12 @@ class ModelFileReader {
     double value = 0;
     bool initial = false;  // a parameter or variable value: `value` holds it
   };
+  // The elements base[first..last] of one vector declaration, entered at once.
+  struct DeclaredRun {
+    long first = 0;
+    long last = 0;
+    double value = 0;  // the initial value of every element
+  };
 
   void ReadPhysicalLines(std::string_view text);
   void HandleStatement(const Statement& s);
@@ -190,6 +197,12 @@ class ModelFileReader {
   void CollectDeclaredNames();
   // Enters a new name; stops on a duplicate.
   Declared& CheckNewName(const std::string& name, const char* kind, bool derivative);
+  // Enters the elements base[first..last] of a vector declaration; stops on a duplicate,
+  // naming the first element declared before as CheckNewName would.
+  void CheckNewRun(std::string_view base, long first, long last, const char* kind,
+                   double value);
+  // The vector declaration that holds the element `name`; null when none does.
+  const DeclaredRun* FindDeclaredElement(std::string_view name) const;
   void ParseConstant(const Statement& s);
   void ParseDeclaration(const Statement& s, std::vector<VariableDecl>* out);
   void ParseBound(std::string_view part, const Statement& s, VariableDecl* d);
@@ -214,6 +227,10 @@ class ModelFileReader {
   // "intermediate:", ...), for duplicates; a parameter or variable with its initial value too,
   // which the values below it may read.
   std::unordered_map<std::string, Declared> declared_;
+  // The elements of vector declarations (in neither table: not declared), by base name.
+  TextMap<std::vector<DeclaredRun>> declared_runs_;
+  // Base names of the elements entered one by one into declared_.
+  std::unordered_set<std::string, TextHash, std::equal_to<>> declared_element_bases_;
   // The names of every parameter and variable statement (a value may read the ones above it,
   // not those below).
   std::unordered_set<std::string> declared_later_;

@@ -115,10 +115,46 @@ ModelFileReader::Declared& ModelFileReader::CheckNewName(const std::string& name
                                                          const char* kind, bool derivative) {
   auto [it, inserted] = derivative ? declared_.try_emplace("$" + name, Declared{kind})
                                    : declared_.try_emplace(name, Declared{kind});
-  if (!inserted) {
+  if (!inserted || (!derivative && FindDeclaredElement(name) != nullptr)) {
     Fatal({"error: duplicate variable declarations", std::string(kind) + " " + name});
   }
+  std::string_view base;
+  long index = 0;
+  if (!derivative && SplitElement(name, &base, &index) && !declared_element_bases_.contains(base))
+    declared_element_bases_.emplace(base);
   return it->second;
+}
+
+void ModelFileReader::CheckNewRun(std::string_view base, long first, long last,
+                                  const char* kind, double value) {
+  std::vector<DeclaredRun>& runs = declared_runs_[std::string(base)];
+  long duplicate = last + 1;
+  for (const DeclaredRun& r : runs) {
+    if (r.first <= last && first <= r.last) duplicate = std::min(duplicate, std::max(first, r.first));
+  }
+  if (declared_element_bases_.count(base) > 0) {
+    for (long i = first; i < duplicate; ++i) {
+      if (declared_.count(fmt::format("{}[{}]", base, i)) > 0) duplicate = i;
+    }
+  }
+  if (duplicate <= last) {
+    Fatal({"error: duplicate variable declarations",
+           fmt::format("{} {}[{}]", kind, base, duplicate)});
+  }
+  runs.push_back({first, last, value});
+}
+
+const ModelFileReader::DeclaredRun* ModelFileReader::FindDeclaredElement(
+    std::string_view name) const {
+  std::string_view base;
+  long index = 0;
+  if (declared_runs_.empty() || !SplitElement(name, &base, &index)) return nullptr;
+  const auto it = declared_runs_.find(base);
+  if (it == declared_runs_.end()) return nullptr;
+  for (const DeclaredRun& r : it->second) {
+    if (r.first <= index && index <= r.last) return &r;
+  }
+  return nullptr;
 }
 
 // constant -> name '=' expression
@@ -174,6 +210,14 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
   if (!d.has_value && d.lower <= d.upper) d.value = std::clamp(0.0, d.lower, d.upper);
   // The copies of a vector declaration differ from the first in the index of their name only.
   const char* kind = d.derivative ? "variable differential:" : "variable:";
+  std::string_view base;
+  long first = 0;
+  if (s.copies > 1 && !d.derivative && SplitElement(d.name, &base, &first)) {
+    CheckNewRun(base, first, first + s.copies - 1, kind, d.value);
+    out->emplace_back(d);
+    for (long k = 1; k < s.copies; ++k) out->emplace_back(d).name = ShiftIndex(d.name, k);
+    return;
+  }
   for (long k = 0; k < s.copies; ++k) {
     VariableDecl& copy = out->emplace_back(d);
     if (k > 0) copy.name = ShiftIndex(d.name, k);

@@ -113,6 +113,24 @@ std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indi
   return out;
 }
 
+bool SplitElement(std::string_view name, std::string_view* base, long* index) {
+  constexpr size_t kMaxIndexDigits = 9;
+  if (name.size() < 3 || name.back() != ']') return false;
+  const size_t open = name.rfind('[');
+  if (open == std::string_view::npos || open == 0) return false;
+  const std::string_view digits = name.substr(open + 1, name.size() - open - 2);
+  if (digits.empty() || digits.size() > kMaxIndexDigits) return false;
+  if (digits.size() > 1 && digits[0] == '0') return false;
+  long value = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return false;
+    value = 10 * value + (c - '0');
+  }
+  *base = name.substr(0, open);
+  *index = value;
+  return true;
+}
+
 std::string ShiftIndex(std::string_view name, long k) {
   if (k == 0) return std::string(name);
   const size_t open = name.find('['), close = name.find(']', open);

@@ -39,6 +39,10 @@ std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indi
 // (`x[3]`, 2 -> `x[5]`); `name` itself for k = 0.
 std::string ShiftIndex(std::string_view name, long k);
 
+// Splits an element name `base[index]` (index digits without a leading zero); false for any
+// other name.
+bool SplitElement(std::string_view name, std::string_view* base, long* index);
+
 // True when `text` has a '[' (the fast path skips expansion otherwise).
 inline bool HasIndex(std::string_view text) { return text.find('[') != std::string_view::npos; }
 

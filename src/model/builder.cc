@@ -23,30 +23,10 @@ namespace kx::model {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using lang::SplitElement;
 using lang::Symbol;
 
 constexpr int kUnderscoreLine = 48;
-constexpr size_t kMaxIndexDigits = 9;
-
-// Splits an element name `base[index]` (index digits without a leading zero); false for any
-// other name.
-bool SplitElement(std::string_view name, std::string_view* base, long* index) {
-  if (name.size() < 3 || name.back() != ']') return false;
-  const size_t open = name.rfind('[');
-  if (open == std::string_view::npos || open == 0) return false;
-  const std::string_view digits = name.substr(open + 1, name.size() - open - 2);
-  if (digits.empty() || digits.size() > kMaxIndexDigits) return false;
-  if (digits.size() > 1 && digits[0] == '0') return false;
-  long value = 0;
-  for (char c : digits) {
-    if (c < '0' || c > '9') return false;
-    value = 10 * value + (c - '0');
-  }
-  *base = name.substr(0, open);
-  *index = value;
-  return true;
-}
-
 // The elements base[first..last] of one vector, declared one after another from record
 // `first_record` on. A base whose elements are not so declared is `broken` and found by name.
 struct ElementRun {
@@ -55,6 +35,7 @@ struct ElementRun {
   int first_record = 0;
   bool broken = false;
 };
+
 constexpr int kDashLine = 54;
 
 class Builder {
@@ -106,7 +87,7 @@ class Builder {
       const std::string& name) const {
     return name.find('[') != std::string::npos ? constants_.end() : constants_.find(name);
   }
-  void NoteElement(const std::string& name, int record);
+  bool NoteElement(const std::string& name, int record);
   int FindRecord(std::string_view name) const;
   void MarkDerivatives(const std::vector<int>& columns);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
@@ -119,8 +100,11 @@ class Builder {
   ProgramShapes shapes_;  // one program per equation shape
   lang::ParsedModel parsed_;
   ModelStore store_;
-  NameIndex names_;                                    // variable and parameter names
-  std::unordered_map<std::string, ElementRun> runs_;   // vector elements by base name
+  // Parameter and variable names, except the elements of an unbroken run (found by index).
+  TextMap<int> names_;
+  TextMap<ElementRun> runs_;     // vector elements by base name
+  ElementRun* last_run_ = nullptr;  // the run NoteElement extended last, and its base name
+  std::string last_base_;
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
   std::unordered_map<std::string, double> constants_;
   std::unordered_map<std::string, std::string> object_types_;  // declared object -> type
@@ -166,13 +150,13 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
     store_.vars.reserve(counts.parameters + counts.variables);
     store_.eqns.reserve(counts.equations);
     store_.intermediates.reserve(counts.intermediates);
-    names_.reserve(counts.parameters + counts.variables);
   });
   Phase("Parse and store model (sec):", [&] {
     parsed_ = reader.Parse();
     CreateRecords();
-    ApplyConnections(parsed_.connections, names_, {options_.diaglevel, options_.work_dir},
-                     &store_);
+    ApplyConnections(parsed_.connections,
+                     [this](const std::string& name) { return FindRecord(name); },
+                     {options_.diaglevel, options_.work_dir}, &store_);
     NumberVariables();
     if (!store_.connections.empty())
       store_.files_written.push_back(options_.work_dir + "/model_connections.txt");
@@ -217,8 +201,9 @@ void Builder::AddVariable(lang::VariableDecl* decl, char vtype) {
   v.upper = d.upper;
   v.line = d.line;
   RepairBounds(&v);
-  names_.emplace(v.name, static_cast<int>(store_.vars.size()));
-  NoteElement(v.name, static_cast<int>(store_.vars.size()));
+  const int record = static_cast<int>(store_.vars.size());
+  const bool in_run = NoteElement(v.name, record);
+  if (!in_run) names_.emplace(v.name, record);
   store_.vars.push_back(std::move(v));
 }
 
@@ -234,21 +219,32 @@ bool Builder::IsObjectMember(const std::string& name) const {
   return dot != std::string::npos && object_types_.count(name.substr(0, dot)) > 0;
 }
 
-// Extends the run of the element's vector when it follows the last element of the run.
-void Builder::NoteElement(const std::string& name, int record) {
+// Extends the run of the element's vector when it follows the last element of the run; true
+// when the element is found through the run. A run that breaks hands its elements to the name
+// table.
+bool Builder::NoteElement(const std::string& name, int record) {
   std::string_view base;
   long index = 0;
-  if (!SplitElement(name, &base, &index)) return;
-  auto [it, inserted] = runs_.try_emplace(std::string(base));
-  ElementRun& run = it->second;
-  if (inserted) {
-    run = {index, index, record, false};
-  } else if (!run.broken && index == run.last + 1 &&
-             record == run.first_record + (run.last - run.first) + 1) {
-    run.last = index;
-  } else {
-    run.broken = true;
+  if (!SplitElement(name, &base, &index)) return false;
+  if (last_run_ == nullptr || base != last_base_) {
+    auto [it, inserted] = runs_.try_emplace(std::string(base));
+    if (inserted) it->second = {index, index, record, false};
+    last_run_ = &it->second;
+    last_base_ = base;
+    if (inserted) return true;
   }
+  ElementRun& run = *last_run_;
+  if (run.broken) return false;
+  if (index == run.last + 1 && record == run.first_record + (run.last - run.first) + 1) {
+    run.last = index;
+    return true;
+  }
+  run.broken = true;
+  for (long k = 0; k <= run.last - run.first; ++k) {
+    const int r = run.first_record + static_cast<int>(k);
+    names_.emplace(store_.vars[r].name, r);
+  }
+  return false;
 }
 
 // Record index of a parameter or variable name, -1 when there is none. Elements of a vector
@@ -257,14 +253,14 @@ int Builder::FindRecord(std::string_view name) const {
   std::string_view base;
   long index = 0;
   if (SplitElement(name, &base, &index)) {
-    const auto run = runs_.find(std::string(base));
+    const auto run = runs_.find(base);
     if (run != runs_.end() && !run->second.broken) {
       const ElementRun& r = run->second;
       if (index < r.first || index > r.last) return -1;
       return r.first_record + static_cast<int>(index - r.first);
     }
   }
-  const auto v = names_.find(std::string(name));
+  const auto v = names_.find(name);
   return v == names_.end() ? -1 : v->second;
 }
 
@@ -317,12 +313,12 @@ void Builder::ReleaseDeclarations() {
 void Builder::SetInitialDerivatives() {
   for (const auto& d : parsed_.variables) {
     if (!d.derivative) continue;
-    auto it = names_.find(d.name);
-    if (it == names_.end()) {
+    const int record = FindRecord(d.name);
+    if (record < 0) {
       Fatal({"model error: time derivative declared for an undeclared variable: $" + d.name,
              fmt::format("line number: {}", d.line)});
     }
-    store_.vars[it->second].d_val = d.value;
+    store_.vars[record].d_val = d.value;
   }
 }
 
@@ -355,8 +351,8 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
     sym.value = c->second;
     return sym;
   }
-  if (auto v = names_.find(name); v != names_.end()) {
-    Variable& rec = store_.vars[ResolveForward(store_, v->second)];
+  if (const int record = FindRecord(name); record >= 0) {
+    Variable& rec = store_.vars[ResolveForward(store_, record)];
     sym.kind = Symbol::Kind::kColumn;
     sym.column = derivative ? store_.nvar + rec.number : rec.number;
     if (derivative) rec.diff = true;
@@ -595,7 +591,7 @@ void Builder::CompileIntermediateValues() {
 // resolves as in an equation. Every name was checked when the intermediate was defined.
 Symbol Builder::ResolveValueInput(std::string_view name, bool derivative) {
   const std::string key(name);
-  if (!derivative && constants_.count(key) == 0 && names_.count(key) == 0) {
+  if (!derivative && constants_.count(key) == 0 && FindRecord(key) < 0) {
     if (auto j = intermediates_.find(key); j != intermediates_.end()) {
       Symbol sym;
       sym.kind = Symbol::Kind::kColumn;

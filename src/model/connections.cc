@@ -15,11 +15,6 @@ std::vector<std::string> EchoLines(const lang::ConnectionDecl& c) {
   return {fmt::format("Connection # {}", c.number), "A: " + c.a, "B: " + c.b};
 }
 
-int Find(const NameIndex& names, const std::string& name) {
-  auto it = names.find(name);
-  return it == names.end() ? -1 : it->second;
-}
-
 // Appends the absorbed record's name and aliases to the survivor's alias list, with the walk
 // limits that guard against a corrupted list. The aliases move: the absorbed record forwards
 // to the survivor, which answers for every name from now on (and a chain of merges stays
@@ -99,7 +94,7 @@ int MergeVariables(ModelStore* store, int a, int b) {
 }
 
 void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
-                      const NameIndex& names, const ConnectionOptions& options,
+                      const RecordOfName& record_of, const ConnectionOptions& options,
                       ModelStore* store) {
   store->connections.reserve(connections.size());
   for (const lang::ConnectionDecl& c : connections) {
@@ -113,10 +108,10 @@ void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
       lines.push_back("Error: Connection with prefix cannot have wildcard");
       Fatal(lines, "Stopping...");
     }
-    int a = Find(names, c.a);
+    int a = record_of(c.a);
     store->connections.push_back({c.number, c.a, c.b, a, -1});
     if (ApplySpecCode(c, a, store)) continue;
-    int b = Find(names, c.b);
+    int b = record_of(c.b);
     if (a < 0 || b < 0) {
       WriteConnectionsFile(*store, options.work_dir);
       FailConnection(c, *store, options);

@@ -4,8 +4,8 @@
 // fixed or calculated mark, or a value, instead. Every connection is listed in "model_connections.txt".
 #pragma once
 
+#include <functional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "lang/model_file.h"
@@ -13,8 +13,8 @@
 
 namespace kx::model {
 
-// Every name a variable record was declared under, to its record index.
-using NameIndex = std::unordered_map<std::string, int>;
+// The record index of a parameter or variable name, -1 for none.
+using RecordOfName = std::function<int(const std::string& name)>;
 
 // Longest alias-list walk allowed during a merge.
 inline constexpr int kMaxAliasSteps = 99999;
@@ -31,7 +31,7 @@ int MergeVariables(ModelStore* store, int a, int b);
 // Applies the connections in file order, stores them in the model store and writes
 // "model_connections.txt". A name that is not a variable writes "connect_error.t0" and stops.
 void ApplyConnections(const std::vector<lang::ConnectionDecl>& connections,
-                      const NameIndex& names, const ConnectionOptions& options,
+                      const RecordOfName& record_of, const ConnectionOptions& options,
                       ModelStore* store);
 
 }  // namespace kx::model
