@@ -83,9 +83,8 @@ class Builder {
   Symbol Lookup(std::string_view name, bool derivative) const;
   // The constant named `name`; constants are never vectors, so an indexed name is not looked
   // up (most names of a large model are indexed).
-  std::unordered_map<std::string, double>::const_iterator FindConstant(
-      const std::string& name) const {
-    return name.find('[') != std::string::npos ? constants_.end() : constants_.find(name);
+  TextMap<double>::const_iterator FindConstant(std::string_view name) const {
+    return name.find('[') != std::string_view::npos ? constants_.end() : constants_.find(name);
   }
   bool NoteElement(const std::string& name, int record);
   int FindRecord(std::string_view name) const;
@@ -106,7 +105,8 @@ class Builder {
   ElementRun* last_run_ = nullptr;  // the run NoteElement extended last, and its base name
   std::string last_base_;
   std::unordered_map<std::string, int> intermediates_;  // name -> intermediate index
-  std::unordered_map<std::string, double> constants_;
+  TextMap<double> constants_;
+  std::vector<int> number_of_;  // per record: the variable number it answers to after merges
   std::unordered_map<std::string, std::string> object_types_;  // declared object -> type
   std::vector<std::string> late_ref_;  // per intermediate: a later intermediate it reads
   std::vector<char> tainted_;          // per intermediate: reads an out-of-order value
@@ -330,6 +330,9 @@ void Builder::NumberVariables() {
     if (v.forward < 0) store_.order.push_back(static_cast<int>(i));
   }
   store_.nvar = static_cast<int>(store_.order.size());
+  number_of_.resize(store_.vars.size());
+  for (size_t i = 0; i < store_.vars.size(); ++i)
+    number_of_[i] = store_.vars[ResolveForward(store_, static_cast<int>(i))].number;
 }
 
 void Builder::CheckRecords() const {
@@ -367,8 +370,7 @@ Symbol Builder::Resolve(std::string_view name_view, bool derivative) {
 
 // What Resolve would answer for a constant or a variable, without marking anything and
 // without stopping: anything else is kUnknown.
-Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
-  const std::string name(name_view);
+Symbol Builder::Lookup(std::string_view name, bool derivative) const {
   Symbol sym;
   if (auto c = FindConstant(name); c != constants_.end() && !derivative) {
     sym.kind = Symbol::Kind::kConstant;
@@ -376,9 +378,8 @@ Symbol Builder::Lookup(std::string_view name_view, bool derivative) const {
     return sym;
   }
   if (const int record = FindRecord(name); record >= 0) {
-    const Variable& rec = store_.vars[ResolveForward(store_, record)];
     sym.kind = Symbol::Kind::kColumn;
-    sym.column = derivative ? store_.nvar + rec.number : rec.number;
+    sym.column = derivative ? store_.nvar + number_of_[record] : number_of_[record];
   }
   return sym;
 }
