@@ -35,6 +35,9 @@ model::BuildOptions BuildOptionsOf(const CycleState& state) {
     Sayf("WARNING: MAX_MEMORY {} outside 2-10, using {}", requested, opts.max_memory);
   opts.stream_level = state.stream_level;
   opts.scaling = state.store.Int("SCALING");
+  // The steady-state modes evaluate the starting point once the stored values are applied.
+  const int imode = state.flags.imode;
+  opts.evaluate_start = !(imode == 1 || imode == 3);
   return opts;
 }
 

@@ -170,7 +170,7 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   Phase("Check for uninitialized intermediates (sec):", [&] {
     CheckUninitialized();
     CompileIntermediateValues();
-    EvaluateInitialState(&store_);
+    if (options_.evaluate_start || options_.diaglevel >= 2) EvaluateInitialState(&store_);
   });
   Say(std::string(kDashLine, '-'));
   Sayf("{:<46}{:12.6f}", "Total Parse Time (sec):", SecondsSince(start));

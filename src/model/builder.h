@@ -22,6 +22,10 @@ struct BuildOptions {
   int scaling = 0;       // ZPM.SCALING
   std::string work_dir;  // working directory for written files; empty: the model file's folder
   long max_range = 10000000;  // longest vector index range accepted
+  // Evaluate the intermediates and residuals at the declared values. A caller that applies
+  // stored values and evaluates the starting point itself (EvaluateInitialState) turns it off;
+  // the DIAGLEVEL >= 2 files need it.
+  bool evaluate_start = true;
 };
 
 // Parses, checks and compiles the model file; stops the run with a message on the first error.

@@ -82,9 +82,9 @@ std::string KeyText(const std::string& model_file, std::string_view model_bytes,
                     const BuildOptions& o) {
   return fmt::format(
       "format={};exe={};model={};bytes={};diaglevel={};max_memory={};stream_level={};"
-      "scaling={};max_range={};work_dir={}",
+      "scaling={};max_range={};work_dir={};evaluate_start={}",
       kCacheFormatVersion, ExecutableIdentity(), model_file, Fingerprint(model_bytes), o.diaglevel,
-      o.max_memory, o.stream_level, o.scaling, o.max_range, o.work_dir);
+      o.max_memory, o.stream_level, o.scaling, o.max_range, o.work_dir, o.evaluate_start);
 }
 
 // Bytes out: every Item appends one value; vectors and strings carry their length first.
