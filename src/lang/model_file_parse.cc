@@ -364,11 +364,19 @@ void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
       ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
       continue;
     }
-    EquationDecl copy = model_.equations[first];
-    copy.text = WriteCopy(s.text, ranges, k);
-    copy.residual = WriteCopy(model_.equations[first].residual, *placed, k);
-    copy.statement = ++*number;
-    copy.copy = k;
+    // Every field of the first copy but the texts, which are written for this copy (a field
+    // added to EquationDecl is carried here too).
+    const EquationDecl& head = model_.equations[first];
+    EquationDecl copy{.text = WriteCopy(s.text, ranges, k),
+                      .residual = WriteCopy(head.residual, *placed, k),
+                      .type = head.type,
+                      .objective = head.objective,
+                      .lower = head.lower,
+                      .upper = head.upper,
+                      .line = head.line,
+                      .statement = ++*number,
+                      .placed = placed,
+                      .copy = k};
     model_.equations.push_back(std::move(copy));
   }
 }
