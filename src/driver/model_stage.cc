@@ -144,9 +144,6 @@ int RunModelStage(CycleState& state) {
     ScopedTimer timer("Model build");
     m->base = model::BuildModelCached(state.model_file, BuildOptionsOf(state), state.app + ".zpc");
   }
-  // The residual texts fed the compiler (and the cache); messages quote each equation's
-  // statement text, so the residual texts go, and the horizon does not copy them either.
-  for (model::Equation& e : m->base.eqns) std::string().swap(e.residual_text);
   ReadVariableClasses(state, m->base);
   if (state.diaglevel >= 2) model::WriteByteCodeListing(m->base, "model_bytecode.txt");
   m->access = std::make_unique<model::ModelAccess>(m->base);

@@ -5,6 +5,10 @@
 // damaged file is refused without large allocations even before its checksum is compared.
 #include "model/compile_cache.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <chrono>
@@ -55,6 +59,39 @@ bool ReadBytes(const std::string& path, std::string* bytes) {
   in.seekg(0);
   return static_cast<bool>(in.read(bytes->data(), size));
 }
+
+// A whole file mapped read-only: a cache runs to tens of MB, and a copy would first zero and
+// then fill a buffer of that size. A cache file is replaced by a rename, never rewritten in
+// place, so the mapped bytes stay as they were while they are read.
+class MappedFile {
+ public:
+  explicit MappedFile(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat st;
+    if (::fstat(fd, &st) == 0) {
+      ok_ = true;
+      if (st.st_size > 0) {
+        void* p = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+        ok_ = p != MAP_FAILED;
+        if (ok_) bytes_ = std::string_view(static_cast<const char*>(p), st.st_size);
+      }
+    }
+    ::close(fd);
+  }
+  ~MappedFile() {
+    if (!bytes_.empty()) ::munmap(const_cast<char*>(bytes_.data()), bytes_.size());
+  }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  bool ok() const { return ok_; }
+  std::string_view bytes() const { return bytes_; }
+
+ private:
+  bool ok_ = false;
+  std::string_view bytes_;
+};
 
 // The fingerprint of a file's bytes: length and two checksums; "missing" when unreadable.
 std::string Fingerprint(std::string_view bytes) {
@@ -260,10 +297,11 @@ std::string ReplayedLine(const std::string& line, double load_seconds) {
 
 std::optional<CachedModel> LoadCache(const std::string& cache_file, const std::string& key,
                                      int diaglevel) {
-  std::string bytes;
-  if (!std::filesystem::exists(cache_file) || !ReadBytes(cache_file, &bytes)) return std::nullopt;
+  if (!std::filesystem::exists(cache_file)) return std::nullopt;
+  const MappedFile file(cache_file);
+  if (!file.ok()) return std::nullopt;
   std::string why;
-  std::optional<CachedModel> cached = DecodeCache(bytes, key, &why);
+  std::optional<CachedModel> cached = DecodeCache(file.bytes(), key, &why);
   if (!cached && diaglevel >= 1) Sayf("Compile cache {} not used ({}): building", cache_file, why);
   return cached;
 }
@@ -349,11 +387,21 @@ std::optional<CachedModel> DecodeCache(std::string_view bytes, std::string_view 
   return cached;
 }
 
+namespace {
+
+// The residual texts only feed the compiler; messages quote each equation's statement text.
+ModelStore WithoutResidualTexts(ModelStore store) {
+  for (Equation& e : store.eqns) std::string().swap(e.residual_text);
+  return store;
+}
+
+}  // namespace
+
 ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& options,
                             const std::string& cache_file) {
   std::string model_bytes;
   if (options.diaglevel >= 2 || !ReadBytes(model_file, &model_bytes))
-    return BuildModel(model_file, options);
+    return WithoutResidualTexts(BuildModel(model_file, options));
   const Clock::time_point start = Clock::now();
   const std::string key = KeyText(model_file, model_bytes, options);
   std::optional<CachedModel> cached = LoadCache(cache_file, key, options.diaglevel);
@@ -363,6 +411,7 @@ ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& o
     return std::move(cached->store);
   }
   CachedModel built = BuildCapturing(model_file, options);
+  built.store = WithoutResidualTexts(std::move(built.store));
   WriteCache(cache_file, key, &built);
   return std::move(built.store);
 }

@@ -19,12 +19,13 @@
 namespace kx::model {
 
 // Version of the cache layout; raise it whenever the records or the program layout change.
-inline constexpr uint32_t kCacheFormatVersion = 1;
+inline constexpr uint32_t kCacheFormatVersion = 2;
 
 // BuildModel through the cache file `cache_file`: loads the stored model when the cache is
 // whole and its key matches, otherwise builds and writes the cache (not when the build stops).
 // Prints the lines BuildModel prints; after a load the phase times read 0. At DIAGLEVEL >= 2
-// the build leaves diagnostic files, so the cache is neither read nor written.
+// the build leaves diagnostic files, so the cache is neither read nor written. The store comes
+// without residual texts (they only feed the compiler), and the cache holds none.
 ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& options,
                             const std::string& cache_file);
 
