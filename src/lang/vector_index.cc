@@ -1,5 +1,6 @@
 #include "lang/vector_index.h"
 
+#include <charconv>
 #include <cmath>
 #include <string>
 
@@ -102,14 +103,16 @@ long CountCopies(const std::vector<IndexRange>& indices, long max_copies) {
 
 std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indices, long k) {
   std::string out;
-  out.reserve(text.size() + 8);
+  out.reserve(text.size() + 8 * indices.size());
   size_t pos = 0;
+  char digits[24];
   for (const auto& r : indices) {
-    out.append(text.substr(pos, r.open + 1 - pos));
-    out += std::to_string(r.range ? r.first + k : r.first);
+    out.append(text.data() + pos, r.open + 1 - pos);
+    const auto written = std::to_chars(digits, digits + sizeof digits, r.range ? r.first + k : r.first);
+    out.append(digits, written.ptr);
     pos = r.close;
   }
-  out.append(text.substr(pos));
+  out.append(text.data() + pos, text.size() - pos);
   return out;
 }
 
