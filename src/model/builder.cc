@@ -114,7 +114,7 @@ class Builder {
   bool refs_tainted_ = false;          // the equation being compiled reads a tainted one
   std::vector<std::string> refs_;      // intermediates read by the equation being compiled
   std::vector<VectorCopy> copies_;     // per equation from the model file, until compiled
-  const void* planned_ = nullptr;      // the vector statement ProgramShapes::FindCopy reads
+  const std::vector<lang::IndexRange>* planned_ = nullptr;  // the statement FindCopy reads
   const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
@@ -478,7 +478,8 @@ void Builder::CompileEquation(int e) {
   Equation& q = store_.eqns[e];
   if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
   std::vector<int> columns;
-  const VectorCopy copy = e < static_cast<int>(copies_.size()) ? copies_[e] : VectorCopy();
+  static const VectorCopy kNoCopy;
+  const VectorCopy& copy = e < static_cast<int>(copies_.size()) ? copies_[e] : kNoCopy;
   int shared = -1;
   if (copy.placed != nullptr && copy.k > 0 && copy.placed.get() == planned_)
     shared = shapes_.FindCopy(copy.k, &columns);
