@@ -43,9 +43,8 @@ class Builder {
   explicit Builder(const BuildOptions& options)
       : options_(options),
         compiler_(lang::CompileLimits{options.max_memory}),
-        shapes_([this](std::string_view name, bool derivative) {
-          return Lookup(name, derivative);
-        }) {
+        shapes_([this](std::string_view name, bool derivative) { return Lookup(name, derivative); },
+                [this](std::string_view base) { return SliceOf(base); }) {
     resolve_ = [this](std::string_view name, bool derivative) {
       return Resolve(name, derivative);
     };
@@ -88,6 +87,7 @@ class Builder {
   }
   bool NoteElement(const std::string& name, int record);
   int FindRecord(std::string_view name) const;
+  ProgramShapes::ElementSlice SliceOf(std::string_view base) const;
   void MarkDerivatives(const std::vector<int>& columns);
   [[noreturn]] void FailUnknownName(std::string_view name, bool derivative) const;
   Symbol ResolveIntermediate(const std::string& name, int j);
@@ -262,6 +262,15 @@ int Builder::FindRecord(std::string_view name) const {
   }
   const auto v = names_.find(name);
   return v == names_.end() ? -1 : v->second;
+}
+
+// The variable numbers of a vector whose elements are found by index (FindRecord); none for
+// a broken run or a name that is not a vector's.
+ProgramShapes::ElementSlice Builder::SliceOf(std::string_view base) const {
+  const auto run = runs_.find(base);
+  if (run == runs_.end() || run->second.broken) return {};
+  const ElementRun& r = run->second;
+  return {number_of_.data() + r.first_record, r.first, r.last, store_.nvar};
 }
 
 void Builder::CreateRecords() {

@@ -65,6 +65,7 @@ bool ProgramShapes::PlanCopies(std::string_view residual_text,
     if (!r.range) continue;  // a single index stays as it is in every copy
     Moved moved;
     if (!MoveLeaf(residual_text, r, &moved)) return false;
+    if (slices_) moved.slice = slices_(moved.base);
     plan.moved.push_back(std::move(moved));
   }
   plan.shape = &it->second;
@@ -96,9 +97,17 @@ int ProgramShapes::FindCopy(long k, std::vector<int>* columns) {
   if (plan_.shape == nullptr) return -1;
   leaves_ = plan_.leaves;
   for (const Moved& m : plan_.moved) {
+    const long index = m.index + k;
+    if (m.slice.numbers != nullptr) {
+      // An index outside the slice names no element: the text path reports it.
+      if (index < m.slice.first || index > m.slice.last) return -1;
+      const int number = m.slice.numbers[index - m.slice.first];
+      leaves_[m.leaf].column = m.derivative ? m.slice.derivative_offset + number : number;
+      continue;
+    }
     name_ = m.base;
     name_ += '[';
-    name_ += std::to_string(m.index + k);
+    name_ += std::to_string(index);
     name_ += ']';
     const lang::Symbol s = lookup_(name_, m.derivative);
     if (s.kind != Kind::kColumn) return -1;

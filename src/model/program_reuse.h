@@ -26,7 +26,20 @@ class ProgramShapes {
   // it is neither a constant nor a variable (the caller compiles and reports it then).
   using Lookup = std::function<lang::Symbol(std::string_view name, bool derivative)>;
 
-  explicit ProgramShapes(Lookup lookup) : lookup_(std::move(lookup)) {}
+  // The variable numbers of the elements base[first..last] of one vector, by index
+  // (numbers[i - first]); `numbers` null when the elements are found by name only.
+  struct ElementSlice {
+    const int* numbers = nullptr;
+    long first = 0;
+    long last = -1;
+    int derivative_offset = 0;  // column of a time derivative: offset + number
+  };
+  using SliceLookup = std::function<ElementSlice(std::string_view base)>;
+
+  // `slices`, when given, answers for the names Lookup finds by index: FindCopy then reads a
+  // moved name's column off its slice instead of looking the name up.
+  explicit ProgramShapes(Lookup lookup, SliceLookup slices = nullptr)
+      : lookup_(std::move(lookup)), slices_(std::move(slices)) {}
 
   // The program of an earlier equation of the same shape as `residual_text`, with this
   // equation's column map in `columns`; -1 when there is none (the caller compiles, then
@@ -46,8 +59,8 @@ class ProgramShapes {
   bool PlanCopies(std::string_view residual_text, const std::vector<lang::IndexRange>& placed,
                   int program);
 
-  // Find for copy k of the planned statement: only the moved names are looked up, the text is
-  // not read again. -1 when this copy resolves differently (the caller then calls Find on its
+  // Find for copy k of the planned statement: only the moved names are looked up (by index
+  // in their vector's slice when there is one), the text is not read again. -1 when this copy resolves differently (the caller then calls Find on its
   // text, which also reports what is wrong with it).
   int FindCopy(long k, std::vector<int>* columns);
 
@@ -72,6 +85,7 @@ class ProgramShapes {
     std::string base;  // the name up to its '[', lower case
     long index = 0;    // its index in the first copy
     bool derivative = false;
+    ElementSlice slice;  // its vector's elements, resolved once for every copy
   };
   // What FindCopy needs of the first copy.
   struct CopyPlan {
@@ -87,6 +101,7 @@ class ProgramShapes {
   std::vector<int> ColumnsOf(const Shape& shape) const;
 
   Lookup lookup_;
+  SliceLookup slices_;
   lang::Lexer lexer_;
   std::unordered_map<std::string, Shape> shapes_;  // by shape text
   std::string key_;            // shape text of the last Find
