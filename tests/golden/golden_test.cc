@@ -394,9 +394,10 @@ std::string BlankedKey(const Chunk& c, const std::string& key, const std::string
 }
 
 // The stretch of `out` a chunk shows: from the first line holding `from=` up to the one
-// holding `until=`, at most `lines=` lines.
+// holding `until=`, at most `lines=` lines, and of those only the lines holding `only=`.
 std::string ShownLines(const Chunk& c, const std::string& out) {
   const std::string from = BlankedKey(c, "from", "", '~'), until = BlankedKey(c, "until", "", '~');
+  const std::string only = BlankedKey(c, "only", "", '~');
   const int lines = IntKey(c, "lines", INT_MAX);
   std::string shown;
   bool started = false;
@@ -404,6 +405,7 @@ std::string ShownLines(const Chunk& c, const std::string& out) {
   for (const std::string& line : Split(out, '\n')) {
     if (!started && line.find(from) == std::string::npos) continue;
     started = true;
+    if (line.find(only) == std::string::npos) continue;
     if (count++ >= lines) break;
     shown += line + "\n";
     if (!until.empty() && line.find(until) != std::string::npos) break;
