@@ -256,6 +256,7 @@ horizon::HorizonSettings HorizonSettingsOf(const Chunk& c) {
   s.csv_read = IntKey(c, "csv_read", s.csv_read);
   s.ctrl_hor = IntKey(c, "ctrl_hor", s.ctrl_hor);
   s.pred_hor = IntKey(c, "pred_hor", s.pred_hor);
+  if (c.keys.count("ctrl_time")) s.ctrl_time = std::stod(c.keys.at("ctrl_time"));
   if (c.keys.count("pred_time")) s.pred_time = std::stod(c.keys.at("pred_time"));
   return s;
 }
