@@ -148,6 +148,37 @@ int IntKey(const Chunk& c, const std::string& key, int fallback) {
   return it == c.keys.end() ? fallback : std::stoi(it->second);
 }
 
+// What a read gives: the model's name, each declaration and equation with its line, the
+// connections, objects and compounds, then the counts of the size report.
+std::string DescribeParsedModel(const lang::ParsedModel& m) {
+  std::string out = "model " + m.name + "\n";
+  for (const lang::ConstantDecl& k : m.constants)
+    out += fmt::format("line {}: constant {} = {}\n", k.line, k.name, FormatReal(k.value));
+  for (const std::vector<lang::VariableDecl>* list : {&m.parameters, &m.variables}) {
+    for (const lang::VariableDecl& v : *list)
+      out += fmt::format("line {}: {} {}{} = {}{}, >= {}, <= {}\n", v.line,
+                         list == &m.parameters ? "parameter" : "variable", v.derivative ? "$" : "",
+                         v.name, FormatReal(v.value), v.has_value ? "" : " (no value)",
+                         FormatReal(v.lower), FormatReal(v.upper));
+  }
+  for (const lang::IntermediateDecl& q : m.intermediates)
+    out += fmt::format("line {}: intermediate {} = {}\n", q.line, q.name, q.text);
+  for (const lang::EquationDecl& e : m.equations)
+    out += fmt::format("line {}: equation {} type {}{}: {} | residual {} in [{}, {}]\n", e.line,
+                       e.statement, e.type, e.objective ? " objective" : "", e.text, e.residual,
+                       FormatReal(e.lower), FormatReal(e.upper));
+  for (const lang::ConnectionDecl& k : m.connections)
+    out += fmt::format("line {}: connection {}: {} = {}\n", k.line, k.number, k.a, k.b);
+  for (const lang::ObjectDeclText& o : m.objects)
+    out += fmt::format("line {}: object {} = {}({})\n", o.line, o.name, o.type, o.arguments);
+  for (const std::string& name : m.compounds) out += "compound " + name + "\n";
+  const lang::ModelCounts& n = m.counts;
+  return out + fmt::format("counts: {} objects, {} constants, {} parameters, {} variables, {} "
+                           "intermediates, {} connections, {} equations, {} residuals\n",
+                           n.objects, n.constants, n.parameters, n.variables, n.intermediates,
+                           n.connections, n.equations, n.residuals);
+}
+
 // Routines a build chunk may call by name with a selector (calls=zpm_dof:2,zpm_names:3). Only
 // selectors that print or return a count are meaningful here: no output vectors are given.
 using RoutineCall = std::function<int(model::ModelAccess&, int)>;
@@ -438,10 +469,13 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
     std::string chunk_out;
     if (kind == "reader") {
       lang::ReaderOptions o{IntKey(c, "diaglevel", 0), dir.str(), IntKey(c, "max_range", 10000000)};
+      std::string parsed;
       RunCaptured(&chunk_out, [&] {
         lang::Compiler compiler;
-        lang::ReadModelText(c.text, &compiler, o);
+        const lang::ParsedModel m = lang::ReadModelText(c.text, &compiler, o);
+        if (c.keys.count("parsed")) parsed = DescribeParsedModel(m);
       });
+      chunk_out += parsed;
     } else if (kind == "horizon") {
       SetUpHorizon(c, dir, &chunk_out);
     } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
