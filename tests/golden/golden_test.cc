@@ -179,6 +179,36 @@ std::string DescribeParsedModel(const lang::ParsedModel& m) {
                            n.connections, n.equations, n.residuals);
 }
 
+// The records a build gives: each variable with its number (0 when absorbed by a connection),
+// value, bounds, marks, connection code and the record it was merged into or the names it
+// took over; each intermediate's and row's value at the start and the columns the row reads;
+// the domain faults counted at the start.
+std::string DescribeRecords(const model::ModelStore& s) {
+  static const char* const kSpecs[] = {"", " spec fixed", " spec calculated", " spec value"};
+  std::string out;
+  for (const model::Variable& v : s.vars) {
+    out += fmt::format("variable {} {} = {}, >= {}, <= {}{}{}{}{}", v.number, v.name,
+                       FormatReal(v.val), FormatReal(v.lower), FormatReal(v.upper),
+                       v.fixed ? " fixed" : "", v.integer ? " integer" : "",
+                       v.obj_def ? " objective" : "", kSpecs[v.spec]);
+    if (v.forward >= 0) out += " merged into " + s.vars[v.forward].name;
+    for (const std::string& a : v.aliases) out += " alias " + a;
+    out += "\n";
+  }
+  for (const model::Intermediate& m : s.intermediates)
+    out += fmt::format("intermediate {} = {}\n", m.name, FormatReal(m.value));
+  for (const model::Equation& e : s.eqns) {
+    out += fmt::format("{}{} = {}, columns", e.name, e.obj_eqn ? " (objective)" : "",
+                       FormatReal(e.residual));
+    for (int col : e.columns) out += fmt::format(" {}", col);
+    out += "\n";
+  }
+  const lang::DomainErrors& f = s.start_errors;
+  return out + fmt::format("domain faults at the start: {} division by zero, {} log10, {} log, "
+                           "{} sqrt, {} asin, {} acos\n", f.divide_by_zero, f.log10_negative,
+                           f.log_negative, f.sqrt_negative, f.asin_illegal, f.acos_illegal);
+}
+
 // Routines a build chunk may call by name with a selector (calls=zpm_dof:2,zpm_names:3). Only
 // selectors that print or return a count are meaningful here: no output vectors are given.
 using RoutineCall = std::function<int(model::ModelAccess&, int)>;
@@ -494,6 +524,7 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
         store = model::BuildModelFromText(c.text, o);
         built = true;
       });
+      if (built && c.keys.count("records")) chunk_out += DescribeRecords(store);
       if (built && c.keys.count("calls")) RunCalls(c.keys.at("calls"), store, &chunk_out);
     }
     if (c.keys.count("files")) {

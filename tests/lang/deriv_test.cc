@@ -123,8 +123,8 @@ TEST(Deriv, DerivativeCodeStaysCloseToResidualSize) {
 // parameter, whose value a DBS or data file can change) stays a runtime value, and no rule
 // drops a subexpression that could count a domain fault at runtime ((1/x)*0 and the like keep
 // their code in the golden case listing, as the structural second-derivative pairs of linear
-// and nonlinear terms show there; what a fault counts at the starting point: StartDomainErrors
-// in tests/model). Whether a node can fault follows its children.
+// and nonlinear terms show there; what a fault counts at the starting point: golden case
+// builder). Whether a node can fault follows its children.
 TEST(RuntimeValues, FaultCapabilityFollowsTheChildren) {
   Graph g;
   const int p = g.Input(0);
