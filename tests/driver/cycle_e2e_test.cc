@@ -35,10 +35,7 @@ TEST_F(CycleE2e, OverridesWinAndBadDbsLinesOnlyWarn) {
   Write("app.dbs", "ZPM.NODES 3\ngarbage\nu.COST = 2, 1, kg\nZPM.NOPE 1\ny.SPHI = high\n");
   Write("measurements.dbs", "y.MEAS 7.5\n");
   Write("overrides.dbs", "ZPM.NODES = 4\n");
-  RunResult r = Run("app");
-  EXPECT_TRUE(r.Has("Warning: app.dbs line 2:"));
-  EXPECT_TRUE(r.Has("Warning: app.dbs line 4:"));
-  EXPECT_TRUE(r.Has("Warning: app.dbs line 5:"));
+  RunResult r = Run("app");  // the warnings: golden case cycle
   auto json = nlohmann::json::parse(Read("options.json"));
   EXPECT_EQ(json["ZPM"]["NODES"], 4);
   EXPECT_EQ(json["u"]["COST"], 2.0);
@@ -63,14 +60,8 @@ class SteadyCycle : public CycleTest {};
 
 TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
   Write("app.zpm", kHs071);
-  RunResult r = Run("app -ipopt");
+  RunResult r = Run("app -ipopt");  // what it prints up to the solve: golden case cycle
   ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_TRUE(
-      r.Has("COMMAND LINE ARGUMENTS\nRun id   : app\ncoldstart: 0\nimode    : 3\n"
-            "dbs_read : T\ndbs_write: T\nspecs    : T\n"));
-  EXPECT_TRUE(r.Has("--------- ZPM Model Size ------------"));
-  EXPECT_TRUE(r.Has("WARNING: restart file not found - ss.t0\n"));
-  EXPECT_TRUE(r.Has("Steady State Optimization with Interior Point Solver\n"));
   EXPECT_TRUE(r.Has("Solver         :  IPOPT (v3.9)\n"));
   EXPECT_TRUE(r.Has("Successful solution\n"));
   EXPECT_FALSE(Exists("infeasibilities.txt"));
@@ -105,8 +96,6 @@ TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
   RunResult r = Run("app -ipopt");
   EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Unsuccessful with error code ")) << r.out;
-  EXPECT_TRUE(r.Has("Creating file: infeasibilities.txt\n"
-                    "Use command zpm_get(server,app,'infeasibilities.txt') to retrieve file\n"));
   EXPECT_NE(Read("infeasibilities.txt").find("VIOLATED"), std::string::npos);
   std::string dbs = Read("app.dbs");
   EXPECT_EQ(DbsValue(dbs, "ZPM.BAD_CYCLES"), 1);

@@ -48,6 +48,8 @@ State StateOf(model::ModelStore& s) {
           Named(s, "a").fixed};
 }
 
+auto Fields(const State& s) { return std::tie(s.p, s.a, s.b, s.p_fixed, s.a_fixed); }
+
 TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
   const std::pair<const char*, const char*> cases[] = {
       {"ss.x", "x"},           {"p(1).n(2).x", "x"},   {"p(12).n(3).tank.level", "tank.level"},
@@ -61,64 +63,44 @@ TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
 constexpr const char* kMixedFile =
     "! header line\n\nss.b = 20 *\np(1).n(1).a = 10\nss.p = 5\nq = 7 *\nnot a value line\n";
 
+// Each reading rule, and the zpm_files request that reads by it.
 TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
   struct Case {
+    int request;
     RestartRead how;
     State want;
     int matched;
   };
   const Case cases[] = {
       // by name: only "ss." names match; no specs
-      {RestartRead::kByName, {5, 1, 20, true, false}, 2},
+      {1, RestartRead::kByName, {5, 1, 20, true, false}, 2},
       // by root: node prefixes stripped too
-      {RestartRead::kByRoot, {5, 10, 20, true, false}, 3},
+      {4, RestartRead::kByRoot, {5, 10, 20, true, false}, 3},
       // by position: line k is variable k (p, a, b, c absorbed), specs read
-      {RestartRead::kByPosition, {20, 10, 5, false, true}, 3},
+      {5, RestartRead::kByPosition, {20, 10, 5, false, true}, 3},
       // specs only: values kept, a becomes fixed (no "*"), p stays fixed
-      {RestartRead::kSpecsOnly, {1, 1, 2, true, true}, 3},
-      {RestartRead::kByRootWithSpecs, {5, 10, 20, true, true}, 3},
+      {6, RestartRead::kSpecsOnly, {1, 1, 2, true, true}, 3},
+      {7, RestartRead::kByRootWithSpecs, {5, 10, 20, true, true}, 3},
       // smart: the order differs from the model's, so names are used
-      {RestartRead::kSmart, {5, 10, 20, true, true}, 3},
+      {8, RestartRead::kSmart, {5, 10, 20, true, true}, 3},
       // calculated only: p is fixed and keeps its value
-      {RestartRead::kCalculatedOnly, {1, 10, 20, true, false}, 2},
+      {11, RestartRead::kCalculatedOnly, {1, 10, 20, true, false}, 2},
   };
   WorkingDir dir("kx_restart_read");
   dir.Write("r.t0", kMixedFile);
   for (const Case& c : cases) {
-    model::ModelStore store = Build();
+    SCOPED_TRACE(c.request);
+    model::ModelStore store = Build(), routed = Build();
     RestartStats stats;
     ASSERT_TRUE(ReadRestart("r.t0", c.how, store, &stats));
-    State s = StateOf(store);
-    SCOPED_TRACE(static_cast<int>(c.how));
-    EXPECT_EQ(s.p, c.want.p);
-    EXPECT_EQ(s.a, c.want.a);
-    EXPECT_EQ(s.b, c.want.b);
-    EXPECT_EQ(s.p_fixed, c.want.p_fixed);
-    EXPECT_EQ(s.a_fixed, c.want.a_fixed);
+    EXPECT_EQ(Fields(StateOf(store)), Fields(c.want));
     EXPECT_EQ(stats.matched, c.matched);
-  }
-}
-
-TEST(RestartRead, FileRoutineRequestsPickTheirReadingRule) {
-  WorkingDir dir("kx_restart_requests");
-  dir.Write("r.t0", kMixedFile);
-  const std::pair<int, RestartRead> requests[] = {
-      {1, RestartRead::kByName},          {4, RestartRead::kByRoot},
-      {5, RestartRead::kByPosition},      {6, RestartRead::kSpecsOnly},
-      {7, RestartRead::kByRootWithSpecs}, {8, RestartRead::kSmart},
-      {11, RestartRead::kCalculatedOnly}};
-  for (const auto& [imsg, how] : requests) {
-    model::ModelStore routed = Build(), direct = Build();
     model::ModelAccess access(routed);
     dbs::OptionStore options;
     FileRoutine routine(options, "m");
     routine.set_model(&access);
-    ASSERT_EQ(routine.Run(imsg, "r.t0"), 0) << imsg;
-    ASSERT_TRUE(ReadRestart("r.t0", how, direct));
-    const State a = StateOf(routed), b = StateOf(direct);
-    EXPECT_EQ(std::tie(a.p, a.a, a.b, a.p_fixed, a.a_fixed),
-              std::tie(b.p, b.a, b.b, b.p_fixed, b.a_fixed))
-        << "request " << imsg;
+    ASSERT_EQ(routine.Run(c.request, "r.t0"), 0);
+    EXPECT_EQ(Fields(StateOf(routed)), Fields(c.want));
   }
 }
 

@@ -148,6 +148,67 @@ int IntKey(const Chunk& c, const std::string& key, int fallback) {
   return it == c.keys.end() ? fallback : std::stoi(it->second);
 }
 
+// What a read gives: the model's name, each declaration and equation with its line, the
+// connections, objects and compounds, then the counts of the size report.
+std::string DescribeParsedModel(const lang::ParsedModel& m) {
+  std::string out = "model " + m.name + "\n";
+  for (const lang::ConstantDecl& k : m.constants)
+    out += fmt::format("line {}: constant {} = {}\n", k.line, k.name, FormatReal(k.value));
+  for (const std::vector<lang::VariableDecl>* list : {&m.parameters, &m.variables}) {
+    for (const lang::VariableDecl& v : *list)
+      out += fmt::format("line {}: {} {}{} = {}{}, >= {}, <= {}\n", v.line,
+                         list == &m.parameters ? "parameter" : "variable", v.derivative ? "$" : "",
+                         v.name, FormatReal(v.value), v.has_value ? "" : " (no value)",
+                         FormatReal(v.lower), FormatReal(v.upper));
+  }
+  for (const lang::IntermediateDecl& q : m.intermediates)
+    out += fmt::format("line {}: intermediate {} = {}\n", q.line, q.name, q.text);
+  for (const lang::EquationDecl& e : m.equations)
+    out += fmt::format("line {}: equation {} type {}{}: {} | residual {} in [{}, {}]\n", e.line,
+                       e.statement, e.type, e.objective ? " objective" : "", e.text, e.residual,
+                       FormatReal(e.lower), FormatReal(e.upper));
+  for (const lang::ConnectionDecl& k : m.connections)
+    out += fmt::format("line {}: connection {}: {} = {}\n", k.line, k.number, k.a, k.b);
+  for (const lang::ObjectDeclText& o : m.objects)
+    out += fmt::format("line {}: object {} = {}({})\n", o.line, o.name, o.type, o.arguments);
+  for (const std::string& name : m.compounds) out += "compound " + name + "\n";
+  const lang::ModelCounts& n = m.counts;
+  return out + fmt::format("counts: {} objects, {} constants, {} parameters, {} variables, {} "
+                           "intermediates, {} connections, {} equations, {} residuals\n",
+                           n.objects, n.constants, n.parameters, n.variables, n.intermediates,
+                           n.connections, n.equations, n.residuals);
+}
+
+// The records a build gives: each variable with its number (0 when absorbed by a connection),
+// value, bounds, marks, connection code and the record it was merged into or the names it
+// took over; each intermediate's and row's value at the start and the columns the row reads;
+// the domain faults counted at the start.
+std::string DescribeRecords(const model::ModelStore& s) {
+  static const char* const kSpecs[] = {"", " spec fixed", " spec calculated", " spec value"};
+  std::string out;
+  for (const model::Variable& v : s.vars) {
+    out += fmt::format("variable {} {} = {}, >= {}, <= {}{}{}{}{}", v.number, v.name,
+                       FormatReal(v.val), FormatReal(v.lower), FormatReal(v.upper),
+                       v.fixed ? " fixed" : "", v.integer ? " integer" : "",
+                       v.obj_def ? " objective" : "", kSpecs[v.spec]);
+    if (v.forward >= 0) out += " merged into " + s.vars[v.forward].name;
+    for (const std::string& a : v.aliases) out += " alias " + a;
+    out += "\n";
+  }
+  for (const model::Intermediate& m : s.intermediates)
+    out += fmt::format("intermediate {} = {}\n", m.name, FormatReal(m.value));
+  for (const model::Equation& e : s.eqns) {
+    out += fmt::format("{}{} = {}, columns", e.name, e.obj_eqn ? " (objective)" : "",
+                       FormatReal(e.residual));
+    for (int col : e.columns) out += fmt::format(" {}", col);
+    out += "\n";
+  }
+  const lang::DomainErrors& f = s.start_errors;
+  return out + fmt::format("domain faults at the start: {} division by zero, {} log10, {} log, "
+                           "{} sqrt, {} asin, {} acos\n", f.divide_by_zero, f.log10_negative,
+                           f.log_negative, f.sqrt_negative, f.asin_illegal, f.acos_illegal);
+}
+
 // Routines a build chunk may call by name with a selector (calls=zpm_dof:2,zpm_names:3). Only
 // selectors that print or return a count are meaningful here: no output vectors are given.
 using RoutineCall = std::function<int(model::ModelAccess&, int)>;
@@ -256,6 +317,7 @@ horizon::HorizonSettings HorizonSettingsOf(const Chunk& c) {
   s.csv_read = IntKey(c, "csv_read", s.csv_read);
   s.ctrl_hor = IntKey(c, "ctrl_hor", s.ctrl_hor);
   s.pred_hor = IntKey(c, "pred_hor", s.pred_hor);
+  if (c.keys.count("ctrl_time")) s.ctrl_time = std::stod(c.keys.at("ctrl_time"));
   if (c.keys.count("pred_time")) s.pred_time = std::stod(c.keys.at("pred_time"));
   return s;
 }
@@ -394,9 +456,10 @@ std::string BlankedKey(const Chunk& c, const std::string& key, const std::string
 }
 
 // The stretch of `out` a chunk shows: from the first line holding `from=` up to the one
-// holding `until=`, at most `lines=` lines.
+// holding `until=`, at most `lines=` lines, and of those only the lines holding `only=`.
 std::string ShownLines(const Chunk& c, const std::string& out) {
   const std::string from = BlankedKey(c, "from", "", '~'), until = BlankedKey(c, "until", "", '~');
+  const std::string only = BlankedKey(c, "only", "", '~');
   const int lines = IntKey(c, "lines", INT_MAX);
   std::string shown;
   bool started = false;
@@ -404,6 +467,7 @@ std::string ShownLines(const Chunk& c, const std::string& out) {
   for (const std::string& line : Split(out, '\n')) {
     if (!started && line.find(from) == std::string::npos) continue;
     started = true;
+    if (line.find(only) == std::string::npos) continue;
     if (count++ >= lines) break;
     shown += line + "\n";
     if (!until.empty() && line.find(until) != std::string::npos) break;
@@ -419,13 +483,16 @@ std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
   return ShownLines(c, r.out) + fmt::format("exit status {}\n", r.status);
 }
 
+// A chunk of the kinds that return their result as text; an unknown kind fails the case.
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
   if (kind == "time-grid") return LayOutTimeGrid(c);
   if (kind == "dbs") return ReadDbs(c.text);
   if (kind == "asopt") return SolveWithAsopt(c);
   if (kind == "cycle") return RunCycle(c, dir);
-  return RegisterInfoFile(c.text);
+  if (kind == "info-file") return RegisterInfoFile(c.text);
+  ADD_FAILURE() << "unknown golden kind " << kind;
+  return "";
 }
 
 std::string RunModelChunks(const std::string& kind, const std::string& text) {
@@ -435,18 +502,16 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
     std::string chunk_out;
     if (kind == "reader") {
       lang::ReaderOptions o{IntKey(c, "diaglevel", 0), dir.str(), IntKey(c, "max_range", 10000000)};
+      std::string parsed;
       RunCaptured(&chunk_out, [&] {
         lang::Compiler compiler;
-        lang::ReadModelText(c.text, &compiler, o);
+        const lang::ParsedModel m = lang::ReadModelText(c.text, &compiler, o);
+        if (c.keys.count("parsed")) parsed = DescribeParsedModel(m);
       });
+      chunk_out += parsed;
     } else if (kind == "horizon") {
       SetUpHorizon(c, dir, &chunk_out);
-    } else if (kind == "asopt-options" || kind == "time-grid" || kind == "info-file" ||
-               kind == "dbs" || kind == "asopt" || kind == "cycle") {
-      std::string result;
-      RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
-      chunk_out += result;
-    } else {
+    } else if (kind == "build") {
       model::BuildOptions o;
       o.diaglevel = IntKey(c, "diaglevel", 0);
       o.max_memory = IntKey(c, "max_memory", 4);
@@ -457,7 +522,12 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
         store = model::BuildModelFromText(c.text, o);
         built = true;
       });
+      if (built && c.keys.count("records")) chunk_out += DescribeRecords(store);
       if (built && c.keys.count("calls")) RunCalls(c.keys.at("calls"), store, &chunk_out);
+    } else {
+      std::string result;
+      RunCaptured(&chunk_out, [&] { result = RunTextChunk(kind, c, dir); });
+      chunk_out += result;
     }
     if (c.keys.count("files")) {
       for (const std::string& f : Split(c.keys.at("files"), ',')) {
@@ -478,17 +548,12 @@ std::string RunCase(const GoldenCase& c) {
   const std::string input = c.input == "-" ? "" : ReadFile(kGoldenDir + "/input/" + c.input);
   if (c.kind == "syntax" || c.kind == "eval" || c.kind == "listing")
     return RunExpressions(c.kind, input);
-  if (c.kind == "reader" || c.kind == "build" || c.kind == "asopt-options" ||
-      c.kind == "time-grid" || c.kind == "info-file" || c.kind == "dbs" || c.kind == "horizon" ||
-      c.kind == "asopt" || c.kind == "cycle")
-    return RunModelChunks(c.kind, input);
   if (c.kind == "files-help") {
     std::string out;
     RunCaptured(&out, [] { files::zpm_files(0); });
     return out;
   }
-  ADD_FAILURE() << "unknown golden kind " << c.kind;
-  return "";
+  return RunModelChunks(c.kind, input);
 }
 
 class Golden : public ::testing::TestWithParam<GoldenCase> {};

@@ -38,17 +38,14 @@ TEST(DataFile, ReadsNamesRowsAndNoValueCells) {
   EXPECT_NE(out.lines()[0].find("\"abc\" in row 1"), std::string::npos);
 }
 
-TEST(TimeGrid, FromOptionsControlStepsThenPredictionSteps) {
+// The steps and times a grid takes from the options are the golden case time-grid.
+TEST(TimeGrid, PointsAreNamedByStepAndNode) {
   HorizonSettings s;
   s.nodes = 3;
-  s.ctrl_hor = 2, s.ctrl_time = 0.5;
-  s.pred_hor = 4, s.pred_time = 2.0;
-  OutputCapture quiet;  // the messages are the golden case time-grid
+  s.pred_hor = 4;
+  OutputCapture quiet;
   TimeGrid g = BuildTimeGrid(s, nullptr);
-  EXPECT_EQ(g.dt, (std::vector<double>{0.5, 0.5, 2.0, 2.0}));
-  ASSERT_EQ(g.num_points(), 9);
-  EXPECT_EQ(g.times, (std::vector<double>{0, 0.25, 0.5, 0.75, 1.0, 2.0, 3.0, 4.0, 5.0}));
-  // Point naming: the step boundary belongs to the earlier step as its last node.
+  // The step boundary belongs to the earlier step as its last node.
   EXPECT_EQ(g.StepOf(0), 1);
   EXPECT_EQ(g.NodeOf(0), 1);
   EXPECT_EQ(g.StepOf(2), 1);
@@ -56,16 +53,6 @@ TEST(TimeGrid, FromOptionsControlStepsThenPredictionSteps) {
   EXPECT_EQ(g.StepOf(3), 2);
   EXPECT_EQ(g.NodeOf(3), 2);
   EXPECT_EQ(g.Point(2, 1), 2);
-}
-
-TEST(TimeGrid, ControlHorizonLongerThanPredictionIsAdjusted) {
-  HorizonSettings s;
-  s.ctrl_hor = 5, s.ctrl_time = 1.0;
-  s.pred_hor = 3, s.pred_time = 7.0;
-  OutputCapture quiet;  // the messages are the golden case time-grid
-  TimeGrid g = BuildTimeGrid(s, nullptr);
-  EXPECT_EQ(g.ctrl_hor, 3);
-  EXPECT_EQ(g.dt, (std::vector<double>{1.0, 1.0, 1.0}));
 }
 
 TEST(TimeGrid, DataRowsGiveUnequalStepsAndInteriorNodes) {

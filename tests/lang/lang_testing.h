@@ -44,7 +44,6 @@ class Symbols {
       return s;
     };
   }
-  void AddConstant(const std::string& name, double v) { constants_[name] = v; }
   void AddIntermediate(Compiler* c, const std::string& name, const std::string& text) {
     intermediates_[name] = c->DefineIntermediate(text, resolver());
   }

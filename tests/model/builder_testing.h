@@ -43,10 +43,6 @@ inline BuildResult Build(const std::string& text, const ScratchDir& dir, int dia
   return r;
 }
 
-inline bool Has(const std::string& text, const std::string& what) {
-  return text.find(what) != std::string::npos;
-}
-
 inline int Find(const ModelStore& s, const std::string& name) {
   for (size_t i = 0; i < s.vars.size(); ++i) {
     if (s.vars[i].name == name) return static_cast<int>(i);

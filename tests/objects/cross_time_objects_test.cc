@@ -109,12 +109,11 @@ TEST(Arx, StartValueMovesOnWithTheRestartFile) {
   dir.Write("b.txt", "0.5 0.2\n");
   dir.Write("m.csv", InputFile());
   dir.Write("m.dbs", "ZPM.IMODE = 4\nZPM.NODES = 2\n");
-  const std::string cmd = "cd '" + dir.str() + "' && '" KX_BINARY "' m > /dev/null 2>&1";
   std::vector<double> u;
   for (int k = 0; k <= kSteps; ++k) u.push_back(Input(k));
   double y0 = 2;
   for (int cycle = 1; cycle <= 2; ++cycle) {
-    ASSERT_EQ(std::system(cmd.c_str()) >> 8, 1) << cycle;
+    ASSERT_EQ(driver::RunIn(dir, "m").status, 1) << cycle;
     const std::vector<double> y = SimulateArx({0.6, -0.1}, {0.5, 0.2}, 0.3, u, y0);
     const std::vector<double> got = testing::ReadResults(dir.Read("results.csv")).at("yv");
     ASSERT_EQ(got.size(), y.size());

@@ -3,15 +3,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/text.h"
+#include "driver/cycle_fixture.h"
 #include "lang/compiler.h"
 #include "lang/model_file.h"
 #include "objects/expander.h"
@@ -53,15 +52,8 @@ inline std::map<std::string, std::vector<double>> ReadResults(const std::string&
 inline Run RunModel(const std::map<std::string, std::string>& files, const std::string& app = "m") {
   kx::testing::ScratchDir dir("kx_objects");
   for (const auto& [name, text] : files) dir.Write(name, text);
-  const std::string cmd = "cd '" + dir.str() + "' && '" KX_BINARY "' " + app + " 2>&1";
-  Run r;
-  FILE* pipe = popen(cmd.c_str(), "r");
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
-  const int rc = pclose(pipe);
-  r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-  r.results = ReadResults(dir.Read("results.csv"));
-  return r;
+  const driver::RunResult r = driver::RunIn(dir, app);
+  return {r.status, r.out, ReadResults(dir.Read("results.csv"))};
 }
 
 // Prepares one object of `type_text` ("cspline(k.csv)") named `s`, reading files from `dir`.

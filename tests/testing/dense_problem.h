@@ -1,5 +1,4 @@
-// A small hand-written problem for the solver tests: dense callbacks, optional NaN results,
-// optional start multipliers.
+// A small hand-written problem for the solver tests: dense callbacks, optional NaN results.
 #pragma once
 
 #include <cmath>
@@ -15,7 +14,6 @@ class DenseProblem : public solvers::Problem {
   using Vec = std::vector<double>;
   int n = 0, m = 0;
   Vec xl, xu, cl, cu, x0;
-  Vec lambda0;  // offered to a warm start when not empty
   std::function<double(const Vec&)> f;
   std::function<Vec(const Vec&)> grad;
   std::function<Vec(const Vec&)> cons;                              // size m
@@ -33,11 +31,6 @@ class DenseProblem : public solvers::Problem {
     Copy(cl, l), Copy(cu, u);
   }
   void Start(std::span<double> x) override { Copy(x0, x); }
-  bool StartMultipliers(std::span<double> lambda) override {
-    if (lambda0.empty()) return false;
-    Copy(lambda0, lambda);
-    return true;
-  }
   void JacobianStructure(std::span<int> rows, std::span<int> cols) override {
     for (int i = 0, k = 0; i < m; ++i) {
       for (int j = 0; j < n; ++j, ++k) rows[k] = i, cols[k] = j;

@@ -124,7 +124,7 @@ Solved SolveAsoptWithOptions(solvers::Problem& problem, const std::string& optio
   OutputCapture capture;
   Solved s;
   solvers::SqpState state;
-  s.result = solvers::SolveAsopt(problem, settings, state, solvers::WarmStart::kCold, &s.nodes);
+  s.result = solvers::SolveAsopt(problem, settings, state, solvers::WarmStart::kCold);
   s.output = capture.text();
   return s;
 }

@@ -55,7 +55,6 @@ enum class SolverKind { kAsopt, kBiopt, kIpopt };
 struct Solved {
   solvers::SolverResult result;
   std::string output;  // what the solve printed
-  int nodes = 0;       // leaves ASOPT solved
 };
 Solved SolveQuietly(SolverKind solver, solvers::Problem& problem,
                     const solvers::SolverSettings& settings,
