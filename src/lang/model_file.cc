@@ -40,6 +40,20 @@ bool IsCommentLine(std::string_view s) {
   return c == '!' || c == '#' || c == '%' || c == 0xA1;
 }
 
+// The statement without blanks and in lower case when it is short enough to be a section
+// keyword ("endintermediates" is the longest); empty otherwise, so that the many statements of
+// a large model are not copied to find that out.
+std::string KeywordKey(std::string_view text) {
+  constexpr size_t kLongestKeyword = 16;
+  std::string key;
+  for (char c : text) {
+    if (c == ' ' || c == '\t' || c == '\r') continue;
+    if (key.size() == kLongestKeyword) return {};
+    key += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return key;
+}
+
 // Lower-case first word of a line and the trimmed rest.
 std::pair<std::string, std::string_view> FirstWord(std::string_view s) {
   size_t end = s.find_first_of(" \t");
@@ -165,7 +179,7 @@ void ModelFileReader::HandleStatement(const Statement& s) {
 
 // section-keyword -> 'model' [name] | 'endmodel' | open | close   (blanks removed, lower case)
 bool ModelFileReader::SwitchSection(const Statement& s) {
-  std::string key = ToLower(RemoveBlanks(s.text));
+  const std::string key = KeywordKey(s.text);
   auto [word, rest] = FirstWord(s.text);
   if ((word == "model" && (rest.empty() || rest.front() != '=')) || key == "model") {
     model_.name = std::string(rest);
