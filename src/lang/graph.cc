@@ -18,17 +18,6 @@ uint64_t Bits(double v) {
   return u;
 }
 
-// Operations that count a domain fault for some argument.
-bool OpCanFault(Op op) {
-  switch (op) {
-    case Op::kDiv: case Op::kLog: case Op::kLog10: case Op::kSqrt: case Op::kAsin:
-    case Op::kAcos:
-      return true;
-    default:
-      return false;
-  }
-}
-
 uint64_t HashNode(Op op, int a, int b, double value) {
   uint64_t h = static_cast<uint64_t>(op) * 0x9E3779B97F4A7C15ull;
   h ^= (static_cast<uint64_t>(static_cast<uint32_t>(a)) << 32 | static_cast<uint32_t>(b)) +

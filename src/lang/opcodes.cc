@@ -50,6 +50,20 @@ static_assert(static_cast<int>(Op::kErf) - static_cast<int>(Op::kAbs) + 1 == kNu
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
+}  // namespace
+
+bool OpCanFault(Op op) {
+  switch (op) {
+    case Op::kDiv: case Op::kLog: case Op::kLog10: case Op::kSqrt: case Op::kAsin:
+    case Op::kAcos:
+      return true;
+    default:
+      return false;
+  }
+}
+
+namespace {
+
 double Sign(double a) { return a > 0 ? 1.0 : (a < 0 ? -1.0 : 0.0); }
 
 // Functions whose argument may fall outside their domain; `fault` says which fault.

@@ -89,6 +89,10 @@ std::string_view OpName(Op op);
 // Number of work operands: 0 for kConst/kInput, 1 for unary codes, 2 for binary codes.
 int OpArity(Op op);
 
+// Whether the operation counts a domain fault for some argument (division by zero, log of a
+// non-positive value, ...).
+bool OpCanFault(Op op);
+
 // Function number (1..16) of a function name, or 0 when `name` is not a function.
 int FunctionNumber(std::string_view name);
 // Opcode of function number n; a number outside 1..16 stops the run with

@@ -176,9 +176,7 @@ std::vector<int32_t> Program::Needed(Part part) const {
   for (int i = end - 1; i >= 0; --i) {
     const Instr& c = instr(i);
     const Op op = static_cast<Op>(c.op);
-    const bool can_fault = op == Op::kDiv || op == Op::kLog || op == Op::kLog10 ||
-                           op == Op::kSqrt || op == Op::kAsin || op == Op::kAcos;
-    if (!live[i] && !can_fault) continue;
+    if (!live[i] && !OpCanFault(op)) continue;
     live[i] = 1;
     needed.push_back(i);
     if (OpArity(op) >= 1) live[c.a] = 1;

@@ -59,7 +59,7 @@ struct Equation {
   std::string name;             // e.g. "eqn 12", or the generated row name
   std::string text;             // as written, for messages (display up to 300 characters)
   std::string residual_text;    // residual expression compiled: the row reads "0 = " this
-                                // (a cycle empties it once the model is built)
+                                // (none in a store from BuildModelCached)
   int type = kEqual;            // EqnType
   bool active = true;           // part of the current problem
   bool differential = false;    // contains a time derivative
