@@ -8,13 +8,15 @@
 
 namespace kx {
 
-// Names and keywords are ASCII; the engine runs in the "C" locale, where only A-Z and a-z
-// change case, so the folding is done without a library call per character.
 std::string ToLower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  std::string out;
+  AssignLower(s, &out);
   return out;
+}
+
+void AssignLower(std::string_view s, std::string* out) {
+  out->assign(s);
+  for (char& c : *out) c = LowerAscii(c);
 }
 
 std::string ToUpper(std::string_view s) {

@@ -49,7 +49,7 @@ std::string KeywordKey(std::string_view text) {
   for (char c : text) {
     if (c == ' ' || c == '\t' || c == '\r') continue;
     if (key.size() == kLongestKeyword) return {};
-    key += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    key += LowerAscii(c);
   }
   return key;
 }

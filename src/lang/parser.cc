@@ -1,6 +1,7 @@
 #include "lang/parser.h"
 
 #include "base/check.h"
+#include "base/text.h"
 
 namespace kx::lang {
 namespace {
@@ -92,9 +93,7 @@ int Parser::ParseAtom() {
 int Parser::ParseName(const Token& t) {
   const bool derivative = t.kind == Tok::kDerivName;
   const int start = t.pos + (derivative ? 1 : 0);
-  name_.assign(text_.data() + start, t.pos + t.len - start);
-  for (char& c : name_)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  AssignLower(text_.substr(start, t.pos + t.len - start), &name_);
   if (!derivative && name_ == "pi") return graph_->Const(kPi);
   return (*leaf_)(name_, derivative, t.pos);
 }

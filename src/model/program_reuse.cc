@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "base/text.h"
+
 namespace kx::model {
 namespace {
 
@@ -25,13 +27,6 @@ void ShapeText(std::string_view text, std::string* key) {
 }
 
 bool SameValue(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
-// `text` in lower case into `out` (names are ASCII; `out` keeps its capacity).
-void AssignLower(std::string_view text, std::string* out) {
-  out->assign(text);
-  for (char& c : *out)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-}
 
 }  // namespace
 
