@@ -169,7 +169,7 @@ std::string DescribeConflict(const model::ModelStore& store, const Conflict& c) 
   constexpr size_t kListed = 50;  // rows listed at most (an interrupted search keeps many)
   for (size_t i = 0; i < c.rows.size() && i < kListed; ++i) {
     const model::Equation& q = store.eqns[c.rows[i]];
-    text += fmt::format("!   equation {:<20} {}\n", q.name, q.text);
+    text += fmt::format("!   equation {:<20} {}\n", q.name, q.Text());
   }
   if (c.rows.size() > kListed) text += fmt::format("!   ... {} more\n", c.rows.size() - kListed);
   for (const ConflictBound& b : c.bounds)

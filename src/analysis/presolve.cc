@@ -132,7 +132,7 @@ class Presolver {
       double res = 0;
       const bool ok = newton.Residual(e, &res);
       text += fmt::format("{}, {}, {}\n", store_.eqns[e].name,
-                          ok ? fmt::format("{:.8e}", res) : "not a number", store_.eqns[e].text);
+                          ok ? fmt::format("{:.8e}", res) : "not a number", store_.eqns[e].Text());
     }
     text += "! variables: name, value, lower, upper\n";
     for (int c : cols) {

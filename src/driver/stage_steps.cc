@@ -73,7 +73,7 @@ void DerivativeChecks(const CycleState& state, model::ModelAccess& access,
     return j < nvar ? store.Var(j + 1).name : "d( " + store.Var(by_idiff[j - nvar + 1]).name + " )/dt";
   };
   names.row = [&access](int i) { return access.Row(i + 1).name; };
-  names.expression = [&access](int i) { return access.Row(i + 1).text; };
+  names.expression = [&access](int i) { return access.Row(i + 1).Text(); };
   const int states = access.CountDof(dynamic).num_state;
   analysis::RunDerivativeChecks(problem, names, states, state.flags.imode, state.diaglevel, ".");
 }

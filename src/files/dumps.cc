@@ -12,7 +12,7 @@ namespace {
 
 std::string EquationLine(int index, const model::Equation& e) {
   return fmt::format("{:>8} {:<20} {:>24.16g} {:>24.16g} {:>24.16g}  {}\n", index, e.name,
-                     e.residual, e.lower, e.upper, e.text);
+                     e.residual, e.lower, e.upper, e.Text());
 }
 
 std::string EquationTable(const model::ModelStore& store, bool active_only) {
@@ -166,7 +166,7 @@ bool WriteInfeasibilities(const std::string& path, const model::ModelStore& stor
     const model::Equation& e = store.eqns[i];
     text += fmt::format("{:>8} {:<20} {:>24.16g} {:>24.16g} {:>24.16g} {:>10}  {}\n", i + 1,
                         e.name, e.residual, e.lower, e.upper,
-                        e.Violation() > tolerance ? "VIOLATED" : "ok", e.text);
+                        e.Violation() > tolerance ? "VIOLATED" : "ok", e.Text());
   }
   return WriteFileAtomically(path, text);
 }

@@ -110,7 +110,8 @@ void HoldStart(Horizon& h, const CopyIndex& copies, const model::Equation& hold_
     if (row < 0) continue;
     model::Equation& e = h.store.eqns[row];
     e.program = hold_like.program;
-    e.residual_text = hold_like.residual_text;
+    e.copy = 0;
+    e.copied = nullptr;
     e.text = h.store.Var(h.Number(q, y)).name + " = " + h.store.Var(start).name;
     e.columns.clear();
     for (int c : hold_like.columns) e.columns.push_back(c == lag ? h.Number(q, y) : start);

@@ -189,7 +189,8 @@ void Replicator::AddModelEquation(int p, int e) {
                            : fmt::format("p({}).n({}).{}", h_.grid.StepOf(p), h_.grid.NodeOf(p),
                                          q.name);
   copy.text = q.text;
-  copy.residual_text = q.residual_text;
+  copy.copy = q.copy;
+  copy.copied = q.copied;
   copy.type = q.type;
   copy.active = q.active;
   copy.differential = q.differential;

@@ -83,7 +83,6 @@ int TermBuilder::AddRow(std::string name, std::string text, std::string_view exp
   model::Equation q;
   q.name = std::move(name);
   q.text = std::move(text);
-  q.residual_text = std::string(expr);
   q.program = c.program;
   q.obj_eqn = kind == RowKind::kObjective;
   q.type = kind == RowKind::kNonNegative ? model::kGreater : model::kEqual;

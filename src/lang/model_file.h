@@ -78,11 +78,14 @@ struct EquationDecl {
   double upper = 0;
   int line = 0;
   int statement = 0;     // 1-based number of the expanded equation statement it came from
-  // A copy of a vector equation: `residual` is the first copy's with the indices at `placed`
-  // moved on by `copy` (WriteCopy). Null for any other row, and for the copies of a statement
-  // whose residual does not show its indices in order.
-  std::shared_ptr<const std::vector<IndexRange>> placed = nullptr;
+  // A copy of a vector equation: copy 0 holds its texts, the others leave `text` and
+  // `residual` empty and make them from `copied` (Text, Residual). Null for any other row, and
+  // for the copies of a statement whose residual does not show its indices in order.
+  std::shared_ptr<const CopiedStatement> copied = nullptr;
   long copy = 0;         // 0-based copy of the vector statement
+
+  std::string Text() const { return copy > 0 ? copied->Text(copy) : text; }
+  std::string Residual() const { return copy > 0 ? copied->Residual(copy) : residual; }
 };
 
 struct ConnectionDecl {

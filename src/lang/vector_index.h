@@ -35,6 +35,19 @@ long CountCopies(const std::vector<IndexRange>& indices, long max_copies);
 // index by its value.
 std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indices, long k);
 
+// A vector equation statement whose copies differ from its first only in their indices:
+// copy k's statement and residual are made from these on demand, so that the copies keep no
+// texts of their own. Shared by the copies.
+struct CopiedStatement {
+  std::string text;                  // the statement with its index ranges, as written
+  std::vector<IndexRange> ranges;    // the ranges in `text`
+  std::string residual;              // the residual of copy 0
+  std::vector<IndexRange> placed;    // where copy 0's indices stand in `residual`
+
+  std::string Text(long k) const { return WriteCopy(text, ranges, k); }
+  std::string Residual(long k) const { return WriteCopy(residual, placed, k); }
+};
+
 // The name of the element k places after `name`, whose one index is an integer
 // (`x[3]`, 2 -> `x[5]`); `name` itself for k = 0.
 std::string ShiftIndex(std::string_view name, long k);

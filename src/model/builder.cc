@@ -65,14 +65,10 @@ class Builder {
   void NumberVariables();
   void CheckRecords() const;
   void CompileIntermediates();
-  // Where an equation stands in a vector statement (lang::EquationDecl::placed and copy).
-  struct VectorCopy {
-    std::shared_ptr<const std::vector<lang::IndexRange>> placed;
-    long k = 0;
-  };
   void CompileEquations();
+  const std::string& ResidualText(int e);
   void CompileEquation(int e);
-  void PlanCopies(int e, const VectorCopy& copy);
+  void PlanCopies(int e);
   void CheckColumns(int e) const;
   [[noreturn]] void FailOrder(int e) const;
   void CheckUninitialized() const;
@@ -113,8 +109,12 @@ class Builder {
   int current_intermediate_ = -1;      // intermediate being compiled, -1 for equations
   bool refs_tainted_ = false;          // the equation being compiled reads a tainted one
   std::vector<std::string> refs_;      // intermediates read by the equation being compiled
-  std::vector<VectorCopy> copies_;     // per equation from the model file, until compiled
-  const std::vector<lang::IndexRange>* planned_ = nullptr;  // the statement FindCopy reads
+  // Per equation, the residual expression compiled ("0 = " this); empty for a vector copy,
+  // whose residual is made from its statement when needed. Kept until compiled, or for the
+  // initial-residual file.
+  std::vector<std::string> residuals_;
+  std::string copy_residual_;          // a vector copy's residual, made by ResidualText
+  const lang::CopiedStatement* planned_ = nullptr;  // the statement FindCopy reads
   const Equation* compiling_ = nullptr;  // equation being compiled, for messages
 };
 
@@ -177,7 +177,12 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   counts = parsed_.counts;
   counts.residuals = static_cast<long>(store_.eqns.size()) - store_.num_obj_eqns;
   PrintSizeReport(store_, counts);
-  if (options_.diaglevel >= 2) WriteInitialFiles(store_, options_.work_dir);
+  if (options_.diaglevel >= 2) {
+    for (int e = 0; e < static_cast<int>(residuals_.size()); ++e) {
+      if (store_.eqns[e].copy > 0) residuals_[e] = ResidualText(e);
+    }
+    WriteInitialFiles(store_, residuals_, options_.work_dir);
+  }
   return std::move(store_);
 }
 
@@ -293,15 +298,16 @@ void Builder::CreateRecords() {
     Equation q;
     q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
     q.text = std::move(e.text);
-    q.residual_text = std::move(e.residual);
     q.type = e.type;
     q.obj_eqn = e.objective;
     q.lower = e.lower;
     q.upper = e.upper;
     q.line = e.line;
     q.statement = e.statement;
+    q.copy = static_cast<int>(e.copy);
+    q.copied = std::move(e.copied);
     store_.eqns.push_back(std::move(q));
-    copies_.push_back({std::move(e.placed), e.copy});
+    residuals_.push_back(std::move(e.residual));
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;
@@ -350,7 +356,7 @@ void Builder::CheckRecords() const {
   }
   for (const Equation& e : store_.eqns) {
     if (e.type < kEqual || e.type > kLess) {
-      Fatal({fmt::format("  Equation type must be 1-3: {}", e.type), e.text});
+      Fatal({fmt::format("  Equation type must be 1-3: {}", e.type), e.Text()});
     }
   }
 }
@@ -396,7 +402,7 @@ Symbol Builder::Lookup(std::string_view name, bool derivative) const {
 // An unknown name in an equation is shown in the statement as written (the compiler sees the
 // residual form), at the first place where it stands as a whole name.
 void Builder::FailUnknownName(std::string_view name, bool derivative) const {
-  const std::string& text = compiling_->text;
+  const std::string text = compiling_->Text();
   const std::string lower = ToLower(text);
   const std::string token = (derivative ? "$" : "") + std::string(name);
   auto in_name = [&](size_t i) {
@@ -478,7 +484,14 @@ void Builder::CompileIntermediates() {
 void Builder::CompileEquations() {
   store_.programs.reserve(store_.eqns.size() + store_.intermediates.size());
   for (int e = 0; e < static_cast<int>(store_.eqns.size()); ++e) CompileEquation(e);
-  std::vector<VectorCopy>().swap(copies_);
+  if (options_.diaglevel < 2) std::vector<std::string>().swap(residuals_);
+}
+
+const std::string& Builder::ResidualText(int e) {
+  const Equation& q = store_.eqns[e];
+  if (q.copy == 0) return residuals_[e];
+  copy_residual_ = q.copied->Residual(q.copy);
+  return copy_residual_;
 }
 
 // An equation of a shape compiled before takes that program with its own column map;
@@ -487,25 +500,22 @@ void Builder::CompileEquation(int e) {
   Equation& q = store_.eqns[e];
   if (options_.diaglevel >= 3) Sayf("Compiling Equation: {}", e + 1);
   std::vector<int> columns;
-  static const VectorCopy kNoCopy;
-  const VectorCopy& copy = e < static_cast<int>(copies_.size()) ? copies_[e] : kNoCopy;
   int shared = -1;
-  if (copy.placed != nullptr && copy.k > 0 && copy.placed.get() == planned_)
-    shared = shapes_.FindCopy(copy.k, &columns);
-  if (shared < 0) shared = shapes_.Find(q.residual_text, &columns);
+  if (q.copy > 0 && q.copied.get() == planned_) shared = shapes_.FindCopy(q.copy, &columns);
+  if (shared < 0) shared = shapes_.Find(ResidualText(e), &columns);
   if (shared >= 0) {
     q.columns = std::move(columns);
     MarkDerivatives(q.columns);
     CheckColumns(e);
     q.program = shared;
     for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
-    PlanCopies(e, copy);
+    PlanCopies(e);
     return;
   }
   refs_.clear();
   refs_tainted_ = false;
   compiling_ = &q;
-  lang::Program p = compiler_.CompileEquation(e + 1, q.residual_text, resolve_, &columns);
+  lang::Program p = compiler_.CompileEquation(e + 1, ResidualText(e), resolve_, &columns);
   compiling_ = nullptr;
   q.columns = std::move(columns);
   if (refs_tainted_) FailOrder(e);
@@ -514,16 +524,16 @@ void Builder::CompileEquation(int e) {
   store_.programs.push_back(std::move(p));
   shapes_.Remember(q.program, q.columns);
   for (int c : q.columns) q.differential = q.differential || c > store_.nvar;
-  PlanCopies(e, copy);
+  PlanCopies(e);
 }
 
 // The first copy of a vector equation lets its other copies find their columns without
 // reading their texts.
-void Builder::PlanCopies(int e, const VectorCopy& copy) {
-  if (copy.placed == nullptr || copy.k != 0) return;
+void Builder::PlanCopies(int e) {
   const Equation& q = store_.eqns[e];
-  planned_ = shapes_.PlanCopies(q.residual_text, *copy.placed, q.program) ? copy.placed.get()
-                                                                          : nullptr;
+  if (q.copied == nullptr || q.copy != 0) return;
+  planned_ = shapes_.PlanCopies(residuals_[e], q.copied->placed, q.program) ? q.copied.get()
+                                                                            : nullptr;
 }
 
 // A derivative column read by an equation makes its variable differential (as Resolve does).
@@ -542,13 +552,13 @@ void Builder::CheckColumns(int e) const {
   }
   if (!q.columns.empty()) return;
   if (!q.obj_eqn) {
-    Fatal({fmt::format("ERROR: equation {} has no variables", e + 1), q.name, q.text},
+    Fatal({fmt::format("ERROR: equation {} has no variables", e + 1), q.name, q.Text()},
           "stopping...");
   }
   Say(std::string(kUnderscoreLine, '_'));
   Sayf("WARNING: objective equation {} has no variables", e + 1);
   Say(q.name);
-  Say(q.text);
+  Say(q.Text());
   Say(std::string(kUnderscoreLine, '_'));
 }
 
@@ -560,7 +570,7 @@ void Builder::FailOrder(int e) const {
       "Intermediate variables that are a function of other",
       "  intermediate variables must be listed after their dependencies.",
       fmt::format("Equation {}", e + 1),
-      "=> " + q.text.substr(0, lang::kMaxLineLength),
+      "=> " + q.Text().substr(0, lang::kMaxLineLength),
       fmt::format("Number of variable derivatives detected: {}", q.columns.size() + refs_.size())};
   for (int c : q.columns) {
     const Variable& v = store_.Var(c > store_.nvar ? c - store_.nvar : c);

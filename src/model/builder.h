@@ -44,7 +44,9 @@ void CountEquationKinds(ModelStore* store);
 // Prints the model size report ("--------- ZPM Model Size ------------").
 void PrintSizeReport(const ModelStore& store, const lang::ModelCounts& counts);
 
-// Writes "model_init_values.txt" and "model_init_res.txt" into `dir`.
-void WriteInitialFiles(const ModelStore& store, const std::string& dir);
+// Writes "model_init_values.txt" and "model_init_res.txt" into `dir`; `residuals` holds each
+// equation's residual expression.
+void WriteInitialFiles(const ModelStore& store, const std::vector<std::string>& residuals,
+                       const std::string& dir);
 
 }  // namespace kx::model

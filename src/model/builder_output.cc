@@ -62,7 +62,8 @@ void PrintSizeReport(const ModelStore& store, const lang::ModelCounts& c) {
   Say("-------------------------------------");
 }
 
-void WriteInitialFiles(const ModelStore& store, const std::string& dir) {
+void WriteInitialFiles(const ModelStore& store, const std::vector<std::string>& residuals,
+                       const std::string& dir) {
   std::ostringstream values;
   values << "! Initial values: number, name, value, lower, upper, d(value)/dt\n";
   for (int n = 1; n <= store.nvar; ++n) {
@@ -78,8 +79,8 @@ void WriteInitialFiles(const ModelStore& store, const std::string& dir) {
   std::ostringstream res;
   res << "! Initial residuals: equation, residual, residual expression\n";
   for (size_t e = 0; e < store.eqns.size(); ++e) {
-    const Equation& q = store.eqns[e];
-    res << fmt::format("Eqn({}) {:>24.16e}   0 = {}\n", e + 1, q.residual, q.residual_text);
+    res << fmt::format("Eqn({}) {:>24.16e}   0 = {}\n", e + 1, store.eqns[e].residual,
+                       residuals[e]);
   }
   WriteFileAtomically(dir + "/model_init_res.txt", res.str());
 }

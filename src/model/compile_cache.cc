@@ -15,7 +15,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <type_traits>
+#include <unordered_map>
 
 #include "base/file_writer.h"
 #include "base/report.h"
@@ -31,7 +33,7 @@ constexpr size_t kHeadBytes = 8 + 4 + 8 + 4;  // magic, version, body length, bo
 
 // A new field in a record must be stored too (Fields below) and the format version raised.
 static_assert(sizeof(Variable) == 184, "Variable changed: update Fields and the version");
-static_assert(sizeof(Equation) == 184, "Equation changed: update Fields and the version");
+static_assert(sizeof(Equation) == 168, "Equation changed: update Fields and the version");
 static_assert(sizeof(Intermediate) == 112, "Intermediate changed: update Fields");
 
 // A zlib checksum (crc32 or adler32) of `bytes`. zlib takes lengths as uInt: large inputs go
@@ -144,6 +146,15 @@ class Encoder {
     for (const T& x : items) Item(x);
   }
   void Item(const lang::Program& p) { p.Save(&bytes_); }
+  // A statement shared by vector copies is written once, where it first occurs, and named by
+  // its number after that; -1 stands for none.
+  template <typename S>
+  void Item(const std::shared_ptr<const S>& statement) {
+    if (statement == nullptr) return Item(int64_t{-1});
+    const auto [at, added] = statements_.try_emplace(statement.get(), statements_.size());
+    Item(static_cast<int64_t>(at->second));
+    if (added) Fields(*this, *statement);
+  }
   template <typename T>
   requires std::is_class_v<T>
   void Item(const T& record) { Fields(*this, record); }
@@ -151,6 +162,7 @@ class Encoder {
 
  private:
   std::string bytes_;
+  std::unordered_map<const lang::CopiedStatement*, size_t> statements_;  // written so far
 };
 
 // Bytes in, the mirror of Encoder; `ok()` turns false at the first value that does not fit.
@@ -186,6 +198,21 @@ class Decoder {
   void Item(lang::Program& p) {
     if (ok_ && !p.Load(&in_)) ok_ = false;
   }
+  template <typename S>
+  void Item(std::shared_ptr<const S>& statement) {
+    int64_t number = -1;
+    Item(number);
+    if (!ok_ || number < 0) return;
+    if (static_cast<uint64_t>(number) < statements_.size()) {
+      statement = statements_[number];
+    } else if (static_cast<uint64_t>(number) == statements_.size()) {
+      auto read = std::make_shared<S>();
+      Fields(*this, *read);
+      statement = statements_.emplace_back(std::move(read));
+    } else {
+      ok_ = false;
+    }
+  }
   template <typename T>
   requires std::is_class_v<T>
   void Item(T& record) { Fields(*this, record); }
@@ -199,6 +226,7 @@ class Decoder {
   }
   std::string_view in_;
   bool ok_ = true;
+  std::vector<std::shared_ptr<const lang::CopiedStatement>> statements_;  // read so far
 };
 
 // The stored fields of each record, one list for both directions.
@@ -213,9 +241,17 @@ void Fields(A& a, V& v) {
 template <typename A, typename E>
 requires std::is_same_v<std::remove_const_t<E>, Equation>
 void Fields(A& a, E& e) {
-  a(e.name, e.text, e.residual_text, e.type, e.active, e.differential, e.obj_eqn, e.residual,
-    e.lower, e.upper, e.scaling, e.lambda, e.program, e.columns, e.line, e.statement);
+  a(e.name, e.text, e.type, e.active, e.differential, e.obj_eqn, e.residual, e.lower, e.upper,
+    e.scaling, e.lambda, e.program, e.columns, e.line, e.statement, e.copy, e.copied);
 }
+
+template <typename A, typename S>
+requires std::is_same_v<std::remove_const_t<S>, lang::CopiedStatement>
+void Fields(A& a, S& s) { a(s.text, s.ranges, s.residual, s.placed); }
+
+template <typename A, typename R>
+requires std::is_same_v<std::remove_const_t<R>, lang::IndexRange>
+void Fields(A& a, R& r) { a(r.open, r.close, r.first, r.last, r.range); }
 
 template <typename A, typename M>
 requires std::is_same_v<std::remove_const_t<M>, Intermediate>
@@ -387,21 +423,11 @@ std::optional<CachedModel> DecodeCache(std::string_view bytes, std::string_view 
   return cached;
 }
 
-namespace {
-
-// The residual texts only feed the compiler; messages quote each equation's statement text.
-ModelStore WithoutResidualTexts(ModelStore store) {
-  for (Equation& e : store.eqns) std::string().swap(e.residual_text);
-  return store;
-}
-
-}  // namespace
-
 ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& options,
                             const std::string& cache_file) {
   std::string model_bytes;
   if (options.diaglevel >= 2 || !ReadBytes(model_file, &model_bytes))
-    return WithoutResidualTexts(BuildModel(model_file, options));
+    return BuildModel(model_file, options);
   const Clock::time_point start = Clock::now();
   const std::string key = KeyText(model_file, model_bytes, options);
   std::optional<CachedModel> cached = LoadCache(cache_file, key, options.diaglevel);
@@ -411,7 +437,6 @@ ModelStore BuildModelCached(const std::string& model_file, const BuildOptions& o
     return std::move(cached->store);
   }
   CachedModel built = BuildCapturing(model_file, options);
-  built.store = WithoutResidualTexts(std::move(built.store));
   WriteCache(cache_file, key, &built);
   return std::move(built.store);
 }

@@ -25,7 +25,7 @@ void WriteByteCodeListing(const ModelStore& store, const std::string& path) {
   for (size_t e = 0; e < store.eqns.size(); ++e) {
     const Equation& q = store.eqns[e];
     out << fmt::format("\nEqn({}) {}{}: {}\n", e + 1, q.name, q.obj_eqn ? " (objective)" : "",
-                       q.text);
+                       q.Text());
     for (size_t k = 0; k < q.columns.size(); ++k)
       out << fmt::format("  in[{}] = column {} {}\n", k, q.columns[k],
                          ColumnName(store, q.columns[k]));

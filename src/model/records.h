@@ -4,11 +4,13 @@
 #pragma once
 
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "base/sentinels.h"
 #include "lang/program.h"
+#include "lang/vector_index.h"
 
 namespace kx::model {
 
@@ -57,9 +59,8 @@ enum EqnType { kEqual = 1, kGreater = 2, kLess = 3 };  // res = 0, res >= 0, res
 
 struct Equation {
   std::string name;             // e.g. "eqn 12", or the generated row name
-  std::string text;             // as written, for messages (display up to 300 characters)
-  std::string residual_text;    // residual expression compiled: the row reads "0 = " this
-                                // (none in a store from BuildModelCached)
+  std::string text;             // as written, for messages (display up to 300 characters);
+                                // empty for a vector copy: read it with Text()
   int type = kEqual;            // EqnType
   bool active = true;           // part of the current problem
   bool differential = false;    // contains a time derivative
@@ -69,10 +70,15 @@ struct Equation {
   double upper = 0;
   double scaling = 1.0;         // scaled residual = residual / scaling
   double lambda = 0;            // Lagrange multiplier
-  int program = -1;             // index into ModelStore::programs (shared by copies)
   std::vector<int> columns;     // model column of each program input: 1..nvar x, nvar+i dx_i/dt
+  int program = -1;             // index into ModelStore::programs (shared by copies)
   int line = 0;                 // model-file line (messages)
   int statement = 0;            // equation statement (1-based) the row came from; 0 generated
+  int copy = 0;                 // copy of a vector statement (0-based): texts from `copied`
+  std::shared_ptr<const lang::CopiedStatement> copied;  // null for a row with its own text
+
+  // The equation as written: its own text, or a vector copy's made from its statement.
+  std::string Text() const { return copy > 0 ? copied->Text(copy) : text; }
 
   // How far the residual lies outside its bounds: 0 inside, infinite for a NaN residual.
   double Violation() const {

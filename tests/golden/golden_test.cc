@@ -165,7 +165,7 @@ std::string DescribeParsedModel(const lang::ParsedModel& m) {
     out += fmt::format("line {}: intermediate {} = {}\n", q.line, q.name, q.text);
   for (const lang::EquationDecl& e : m.equations)
     out += fmt::format("line {}: equation {} type {}{}: {} | residual {} in [{}, {}]\n", e.line,
-                       e.statement, e.type, e.objective ? " objective" : "", e.text, e.residual,
+                       e.statement, e.type, e.objective ? " objective" : "", e.Text(), e.Residual(),
                        FormatReal(e.lower), FormatReal(e.upper));
   for (const lang::ConnectionDecl& k : m.connections)
     out += fmt::format("line {}: connection {}: {} = {}\n", k.line, k.number, k.a, k.b);

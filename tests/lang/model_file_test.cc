@@ -37,7 +37,7 @@ auto Fields(const VariableDecl& d) {
   return std::tie(d.name, d.derivative, d.has_value, d.value, d.lower, d.upper);
 }
 auto Fields(const EquationDecl& e) {
-  return std::tie(e.text, e.residual, e.type, e.objective, e.lower, e.upper, e.statement);
+  return std::tuple(e.Text(), e.Residual(), e.type, e.objective, e.lower, e.upper, e.statement);
 }
 
 template <typename Decl>

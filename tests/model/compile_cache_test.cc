@@ -88,10 +88,10 @@ TEST(CompileCacheBytes, RoundTripKeepsRecordsAndPrograms) {
   ASSERT_EQ(a.eqns.size(), b.eqns.size());
   for (size_t e = 0; e < a.eqns.size(); ++e) {
     const Equation &p = a.eqns[e], &q = b.eqns[e];
-    EXPECT_EQ(std::tie(p.text, p.residual_text, p.type, p.obj_eqn, p.differential, p.program,
-                       p.columns, p.lower, p.upper, p.residual),
-              std::tie(q.text, q.residual_text, q.type, q.obj_eqn, q.differential, q.program,
-                       q.columns, q.lower, q.upper, q.residual));
+    EXPECT_EQ(std::tuple(p.Text(), p.copy, p.type, p.obj_eqn, p.differential, p.program,
+                         p.columns, p.lower, p.upper, p.residual),
+              std::tuple(q.Text(), q.copy, q.type, q.obj_eqn, q.differential, q.program,
+                         q.columns, q.lower, q.upper, q.residual));
   }
   ASSERT_EQ(a.intermediates.size(), b.intermediates.size());
   for (size_t j = 0; j < a.intermediates.size(); ++j) {

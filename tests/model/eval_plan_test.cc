@@ -150,7 +150,7 @@ TEST(EvalPlan, SkipsZeroWeightRowsAndLeavesTheRecordsAlone) {
   for (int k = 1; k <= n; ++k)
     if (built.store.Var(k).name == "y") y = k;
   for (int r = 1; r <= m; ++r)
-    if (access.Row(r).text.find("log(y)") != std::string::npos) log_row = r;
+    if (access.Row(r).Text().find("log(y)") != std::string::npos) log_row = r;
   ASSERT_GT(y, 0);
   ASSERT_GT(log_row, 0);
   const double start_y = built.store.Var(y).val;
