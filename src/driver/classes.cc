@@ -14,7 +14,7 @@ void WriteModelToClasses(const model::ModelStore& store, dbs::OptionStore& optio
   for (const horizon::ClassedVariable& c :
        horizon::ClassifyVariables(options, store, /*imode=*/1, /*ctrlmode=*/1)) {
     const model::Variable& v = store.Var(c.number);
-    if (!v.units.empty()) options.SetUnits(c.name, v.units);
+    if (!v.units().empty()) options.SetUnits(c.name, v.units());
     if (c.IsInput()) {
       options.Set(c.name, "LSTVAL", options.GetReal(c.name, "NEWVAL"));
       options.Set(c.name, "NEWVAL", v.val);

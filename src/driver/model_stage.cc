@@ -50,7 +50,7 @@ files::ModelKindFn ModelKind(const model::ModelStore& store) {
       for (const model::Variable& v : store.vars) {
         int kind = v.vtype == model::kVarParameter ? 1 : 2;
         names->emplace(v.name, kind);
-        for (const std::string& alias : v.aliases) names->emplace(alias, kind);
+        for (const std::string& alias : v.aliases()) names->emplace(alias, kind);
       }
     }
     auto it = names->find(std::string(name));

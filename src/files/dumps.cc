@@ -40,7 +40,7 @@ std::string Aliases(const model::ModelStore& store) {
   for (int n = 1; n <= store.nvar; ++n) {
     const model::Variable& v = store.Var(n);
     std::string list;
-    for (const std::string& a : v.aliases) list += (list.empty() ? "" : ", ") + a;
+    for (const std::string& a : v.aliases()) list += (list.empty() ? "" : ", ") + a;
     t += fmt::format("{:>8} {:<30} {:>24.16g}  {}\n", n, v.name, v.val, list);
   }
   return t;

@@ -59,7 +59,7 @@ std::unordered_map<std::string, std::vector<int>> NumbersByName(const model::Mod
     const model::Variable& v = store.Var(n);
     if (v.vtype == model::kVarStepLength) continue;
     map[by_root ? RootName(v.name) : v.name].push_back(n);
-    for (const std::string& a : v.aliases) map[by_root ? RootName(a) : a].push_back(n);
+    for (const std::string& a : v.aliases()) map[by_root ? RootName(a) : a].push_back(n);
   }
   return map;
 }

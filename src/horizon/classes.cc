@@ -14,7 +14,7 @@ std::unordered_map<std::string, int> NumbersByName(const model::ModelStore& base
     const model::Variable& v = base.vars[i];
     const int number = base.vars[model::ResolveForward(base, static_cast<int>(i))].number;
     map.emplace(v.name, number);
-    for (const std::string& a : v.aliases) map.emplace(a, number);
+    for (const std::string& a : v.aliases()) map.emplace(a, number);
   }
   return map;
 }

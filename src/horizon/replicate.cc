@@ -136,7 +136,7 @@ void Replicator::ApplyData(const DataFile& data, int csv_read) {
   for (int i = 0; i < static_cast<int>(base_.vars.size()); ++i) {
     const Variable& rec = base_.vars[model::ResolveForward(base_, i)];
     number_of.emplace(base_.vars[i].name, rec.number);
-    for (const std::string& alias : base_.vars[i].aliases) number_of.emplace(alias, rec.number);
+    for (const std::string& alias : base_.vars[i].aliases()) number_of.emplace(alias, rec.number);
   }
   for (int c = 0; c < data.num_columns(); ++c) {
     const std::string& name = data.columns[c];

@@ -196,7 +196,10 @@ void Builder::AddVariable(lang::VariableDecl* decl, char vtype) {
   // A connection between an object member and a declared name keeps the declared record
   // (its value, bounds and name survive).
   v.preferred = !IsObjectMember(v.name);
-  if (!v.preferred) v.units = MemberUnits(v.name);
+  if (!v.preferred) {
+    if (std::string units = MemberUnits(v.name); !units.empty())
+      v.notes.mutable_value().units = std::move(units);
+  }
   v.obj_def = StartsWith(v.name, "obj");
   // An object member named int... (`a.int_b`) is integer like a declared int... name.
   v.integer = StartsWith(v.name, "int") || v.name.find(".int") != std::string::npos;

@@ -32,7 +32,7 @@ constexpr std::string_view kMagic = "KXZPC\r\n\x1a";
 constexpr size_t kHeadBytes = 8 + 4 + 8 + 4;  // magic, version, body length, body checksum
 
 // A new field in a record must be stored too (Fields below) and the format version raised.
-static_assert(sizeof(Variable) == 184, "Variable changed: update Fields and the version");
+static_assert(sizeof(Variable) == 128, "Variable changed: update Fields and the version");
 static_assert(sizeof(Equation) == 168, "Equation changed: update Fields and the version");
 static_assert(sizeof(Intermediate) == 112, "Intermediate changed: update Fields");
 
@@ -155,6 +155,12 @@ class Encoder {
     Item(static_cast<int64_t>(at->second));
     if (added) Fields(*this, *statement);
   }
+  // A boxed value is one byte, whether it is there, and then its fields.
+  template <typename T>
+  void Item(const Boxed<T>& box) {
+    Item(static_cast<uint8_t>(box.has_value()));
+    if (box.has_value()) Fields(*this, box.get());
+  }
   template <typename T>
   requires std::is_class_v<T>
   void Item(const T& record) { Fields(*this, record); }
@@ -214,6 +220,12 @@ class Decoder {
     }
   }
   template <typename T>
+  void Item(Boxed<T>& box) {
+    uint8_t has = 0;
+    Item(has);
+    if (ok_ && has != 0) Fields(*this, box.mutable_value());
+  }
+  template <typename T>
   requires std::is_class_v<T>
   void Item(T& record) { Fields(*this, record); }
   bool ok() const { return ok_; }
@@ -234,9 +246,13 @@ template <typename A, typename V>
 requires std::is_same_v<std::remove_const_t<V>, Variable>
 void Fields(A& a, V& v) {
   a(v.name, v.vtype, v.number, v.idiff, v.diff, v.fixed, v.obj_def, v.iv, v.integer, v.slack,
-    v.preferred, v.number_v, v.number_d, v.number_n, v.number_h, v.aliases, v.forward, v.spec,
-    v.units, v.val, v.d_val, v.lower, v.upper, v.scale, v.line);
+    v.preferred, v.number_v, v.number_d, v.number_n, v.number_h, v.notes, v.forward, v.spec,
+    v.val, v.d_val, v.lower, v.upper, v.scale, v.line);
 }
+
+template <typename A, typename N>
+requires std::is_same_v<std::remove_const_t<N>, VariableNotes>
+void Fields(A& a, N& n) { a(n.units, n.aliases); }
 
 template <typename A, typename E>
 requires std::is_same_v<std::remove_const_t<E>, Equation>

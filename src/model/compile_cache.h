@@ -19,7 +19,7 @@
 namespace kx::model {
 
 // Version of the cache layout; raise it whenever the records or the program layout change.
-inline constexpr uint32_t kCacheFormatVersion = 3;
+inline constexpr uint32_t kCacheFormatVersion = 4;
 
 // BuildModel through the cache file `cache_file`: loads the stored model when the cache is
 // whole and its key matches, otherwise builds and writes the cache (not when the build stops).

@@ -20,22 +20,24 @@ std::vector<std::string> EchoLines(const lang::ConnectionDecl& c) {
 // to the survivor, which answers for every name from now on (and a chain of merges stays
 // linear in its length).
 void AppendAliases(Variable* survivor, Variable* absorbed) {
-  if (survivor->aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
+  if (survivor->aliases().size() > static_cast<size_t>(kMaxAliasSteps)) {
     Fatal({"zpm_variable_connect - 1: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
-           "alias_a: " + survivor->aliases.back()});
+           "alias_a: " + survivor->aliases().back()});
   }
-  if (absorbed->aliases.size() > static_cast<size_t>(kMaxAliasSteps)) {
+  if (absorbed->aliases().size() > static_cast<size_t>(kMaxAliasSteps)) {
     Fatal({"zpm_variable_connect - 2: POSSIBLE INFINITE LOOP", "variable a: " + survivor->name,
            "variable b: " + absorbed->name, "variable c: " + survivor->name,
-           "variable d: " + absorbed->name, "alias_b: " + absorbed->aliases.back()});
+           "variable d: " + absorbed->name, "alias_b: " + absorbed->aliases().back()});
   }
-  if (survivor->name != absorbed->name) survivor->aliases.push_back(absorbed->name);
-  survivor->aliases.insert(survivor->aliases.end(),
-                           std::make_move_iterator(absorbed->aliases.begin()),
-                           std::make_move_iterator(absorbed->aliases.end()));
+  std::vector<std::string>& aliases = survivor->notes.mutable_value().aliases;
+  if (survivor->name != absorbed->name) aliases.push_back(absorbed->name);
+  if (!absorbed->notes.has_value()) return;
+  std::vector<std::string>& moved = absorbed->notes.mutable_value().aliases;
+  aliases.insert(aliases.end(), std::make_move_iterator(moved.begin()),
+                 std::make_move_iterator(moved.end()));
   // Releases the storage too: clear() keeps the capacity, and along a chain of n merges the
   // absorbed records would keep O(n^2) moved-from strings alive (1.5 GB at n = 10000).
-  std::vector<std::string>().swap(absorbed->aliases);
+  std::vector<std::string>().swap(moved);
 }
 
 [[noreturn]] void FailConnection(const lang::ConnectionDecl& c, const ModelStore& store,

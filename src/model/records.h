@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/boxed.h"
 #include "base/sentinels.h"
 #include "lang/program.h"
 #include "lang/vector_index.h"
@@ -26,11 +27,30 @@ enum VarType : char {
 // Spec code set by connections: 0 none, 1 fixed, 2 calculated, 3 value given.
 enum SpecCode { kSpecNone = 0, kSpecFixed = 1, kSpecCalculated = 2, kSpecValue = 3 };
 
+// What few variables carry, kept out of the record (Variable::notes).
+struct VariableNotes {
+  std::string units;                 // unit text
+  std::vector<std::string> aliases;  // other names after connections
+};
+
 struct Variable {
   std::string name;             // full name, lower case (object prefix and index included)
-  char vtype = kVarDeclared;    // VarType
+  double val = 0;               // value
+  double d_val = 0;             // time-derivative value
+  double lower = -kUnlimited;   // lower bound (-1e20 = none)
+  double upper = kUnlimited;    // upper bound (1e20 = none)
+  double scale = 1.0;           // scaling factor; scaled value = val / scale
+  Boxed<VariableNotes> notes;   // units and aliases, when it has any
   int number = 0;               // 1-based position in the variable vector; 0 when absorbed
   int idiff = 0;                // position among differential variables, 0 if not differential
+  int number_v = 0;             // value position (horizon numbering)
+  int number_d = 0;             // derivative position (horizon numbering)
+  int number_n = 0;             // node of the horizon copy (1-based; 0 before replication)
+  int number_h = 0;             // horizon step of the copy (1-based; 0 before replication)
+  int forward = -1;             // record index this one was merged into; -1 for none
+  int spec = kSpecNone;         // SpecCode from connections
+  int line = 0;                 // model-file line of the declaration (messages)
+  char vtype = kVarDeclared;    // VarType
   bool diff = false;            // its time derivative occurs in the model ("D")
   bool fixed = false;           // not a degree of freedom ("F")
   bool obj_def = false;         // objective contribution, name starts with "obj" ("X")
@@ -38,20 +58,9 @@ struct Variable {
   bool integer = false;         // name starts with "int"
   bool slack = false;           // name starts with "slk"
   bool preferred = false;       // survives a merge with an unpreferred record
-  int number_v = 0;             // value position (horizon numbering)
-  int number_d = 0;             // derivative position (horizon numbering)
-  int number_n = 0;             // node of the horizon copy (1-based; 0 before replication)
-  int number_h = 0;             // horizon step of the copy (1-based; 0 before replication)
-  std::vector<std::string> aliases;  // other names after connections
-  int forward = -1;             // record index this one was merged into; -1 for none
-  int spec = kSpecNone;         // SpecCode from connections
-  std::string units;            // unit text
-  double val = 0;               // value
-  double d_val = 0;             // time-derivative value
-  double lower = -kUnlimited;   // lower bound (-1e20 = none)
-  double upper = kUnlimited;    // upper bound (1e20 = none)
-  double scale = 1.0;           // scaling factor; scaled value = val / scale
-  int line = 0;                 // model-file line of the declaration (messages)
+
+  const std::string& units() const { return notes.get().units; }
+  const std::vector<std::string>& aliases() const { return notes.get().aliases; }
 };
 
 // Equation type codes.

@@ -114,16 +114,15 @@ void zpm_var_scaling(ModelAccess& m, int imsg, std::span<double> y) {
 
 namespace {
 
-// Names (field = &Variable::name) or units (&Variable::units) of all or the fixed variables.
-void VarTexts(ModelAccess& m, int action, bool fixed_only, std::string Variable::*field,
-              std::span<std::string> c) {
+// Names or units of all or the fixed variables.
+void VarTexts(ModelAccess& m, int action, bool fixed_only, bool units, std::span<std::string> c) {
   int k = 0;
   for (int n = 1; n <= m.nvar(); ++n) {
     Variable& v = m.store().Var(n);
     if (fixed_only && !v.fixed) continue;
-    if (action == 1) v.*field = c[k];
-    if (action == 2) c[k] = v.*field;
-    if (action == 3) Sayf("{:>6} {:<40} {}", n, v.name, field == &Variable::units ? v.units : "");
+    if (action == 1) (units ? v.notes.mutable_value().units : v.name) = c[k];
+    if (action == 2) c[k] = units ? v.units() : v.name;
+    if (action == 3) Sayf("{:>6} {:<40} {}", n, v.name, units ? v.units() : "");
     ++k;
   }
 }
@@ -144,14 +143,14 @@ void zpm_names(ModelAccess& m, int imsg, std::span<std::string> c) {
   int group = imsg / 10, action = imsg % 10;
   if (group > 2 || action < 1 || action > 3) InvalidOption("zpm_names", imsg);
   if (group == 2) return EqnNames(m, action, c);
-  VarTexts(m, action, group == 1, &Variable::name, c);
+  VarTexts(m, action, group == 1, /*units=*/false, c);
 }
 
 void zpm_units(ModelAccess& m, int imsg, std::span<std::string> c) {
   if (imsg == 0) return PrintHelp("zpm_units");
   int group = imsg / 10, action = imsg % 10;
   if (group > 1 || action < 1 || action > 3) InvalidOption("zpm_units", imsg);
-  VarTexts(m, action, group == 1, &Variable::units, c);
+  VarTexts(m, action, group == 1, /*units=*/true, c);
 }
 
 }  // namespace kx::model

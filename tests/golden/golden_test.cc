@@ -192,7 +192,7 @@ std::string DescribeRecords(const model::ModelStore& s) {
                        v.fixed ? " fixed" : "", v.integer ? " integer" : "",
                        v.obj_def ? " objective" : "", kSpecs[v.spec]);
     if (v.forward >= 0) out += " merged into " + s.vars[v.forward].name;
-    for (const std::string& a : v.aliases) out += " alias " + a;
+    for (const std::string& a : v.aliases()) out += " alias " + a;
     out += "\n";
   }
   for (const model::Intermediate& m : s.intermediates)

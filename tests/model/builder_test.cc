@@ -72,12 +72,12 @@ TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   EXPECT_EQ(MergeVariables(&s, 0, 1), 1);  // only y carries the mark
   EXPECT_EQ(s.vars[0].forward, 1);
   EXPECT_EQ(MergeVariables(&s, 0, 1), 1);  // already one record
-  EXPECT_EQ(s.vars[1].aliases, std::vector<std::string>{"x"});
-  s.vars[2].aliases.assign(kMaxAliasSteps + 1, "w");
+  EXPECT_EQ(s.vars[1].aliases(), std::vector<std::string>{"x"});
+  s.vars[2].notes.mutable_value().aliases.assign(kMaxAliasSteps + 1, "w");
   OutputCapture out;
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 2: POSSIBLE INFINITE LOOP"));
-  s.vars[1].aliases.assign(kMaxAliasSteps + 1, "w");  // the survivor's own list
+  s.vars[1].notes.mutable_value().aliases.assign(kMaxAliasSteps + 1, "w");  // the survivor's own list
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 1: POSSIBLE INFINITE LOOP"));
 }
@@ -127,7 +127,7 @@ TEST(FrontEndScale, ConnectionChainKeepsOneAliasList) {
   ASSERT_FALSE(r.stopped) << r.output;
   size_t held = 0, survivors = 0;
   for (const Variable& v : r.store.vars) {
-    held += v.aliases.capacity();
+    held += v.aliases().capacity();
     survivors += v.forward < 0;
   }
   EXPECT_EQ(survivors, 1u);

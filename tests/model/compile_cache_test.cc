@@ -81,9 +81,9 @@ TEST(CompileCacheBytes, RoundTripKeepsRecordsAndPrograms) {
   for (size_t i = 0; i < a.vars.size(); ++i) {
     const Variable &u = a.vars[i], &v = b.vars[i];
     EXPECT_EQ(std::tie(u.name, u.vtype, u.number, u.idiff, u.diff, u.fixed, u.integer, u.obj_def,
-                       u.forward, u.aliases, u.val, u.lower, u.upper, u.line),
+                       u.forward, u.aliases(), u.val, u.lower, u.upper, u.line),
               std::tie(v.name, v.vtype, v.number, v.idiff, v.diff, v.fixed, v.integer, v.obj_def,
-                       v.forward, v.aliases, v.val, v.lower, v.upper, v.line));
+                       v.forward, v.aliases(), v.val, v.lower, v.upper, v.line));
   }
   ASSERT_EQ(a.eqns.size(), b.eqns.size());
   for (size_t e = 0; e < a.eqns.size(); ++e) {

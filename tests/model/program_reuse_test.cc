@@ -45,7 +45,7 @@ struct Reference {
       }
       for (int n = 1; n <= store.nvar; ++n) {
         const Variable& v = store.Var(n);
-        if (v.name == key || std::count(v.aliases.begin(), v.aliases.end(), key) > 0) {
+        if (v.name == key || std::count(v.aliases().begin(), v.aliases().end(), key) > 0) {
           s.kind = lang::Symbol::Kind::kColumn;
           s.column = derivative ? store.nvar + n : n;
         }

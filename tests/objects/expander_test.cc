@@ -66,8 +66,8 @@ TEST(Expander, VectorsOfObjectsAndMembersReachTheModel) {
   EXPECT_FALSE(by_name["a.xp"]->integer);
   EXPECT_EQ(by_name["p[1].tau"]->val, 2);
   EXPECT_EQ(by_name["p[2].tau"]->val, 4);  // the connection sets the value
-  EXPECT_EQ(by_name["p[3].tau"]->units, "s");
-  EXPECT_EQ(by_name["t.x[2]"]->units, "");
+  EXPECT_EQ(by_name["p[3].tau"]->units(), "s");
+  EXPECT_EQ(by_name["t.x[2]"]->units(), "");
   EXPECT_EQ(store.objects.size(), 6u);
 }
 
