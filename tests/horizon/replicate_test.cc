@@ -136,6 +136,20 @@ TEST(Replicate, RecordsAreNamedAndNumberedByStepAndNode) {
   EXPECT_EQ(s.programs.size(), base.programs.size() + 2);
 }
 
+// A vector row's copies make their texts from the statement they share, at every point too.
+TEST(Replicate, RowsKeepTheTextsOfTheirModelEquations) {
+  const model::ModelStore base = BuildQuietly("vector");
+  const Horizon h = ReplicateQuietly(base, 3, {1.0, 1.0});
+  int copies = 0;
+  for (size_t e = 0; e < h.store.eqns.size(); ++e) {
+    if (h.eqn_origin[e] < 0) continue;
+    EXPECT_EQ(h.store.eqns[e].Text(), base.eqns[h.eqn_origin[e]].Text()) << e;
+    ++copies;
+  }
+  EXPECT_GT(copies, 3);
+  EXPECT_EQ(base.eqns[2].Text(), "$x[3] = -x[3]");
+}
+
 TEST(Replicate, DataColumnsGiveValuesPerTimePoint) {
   model::ModelStore base = BuildQuietly("linear");
   DataFile d = ParseDataFile("time,a,x,bogus\n0,-0.5,3,1\n0.5,,4,1\n1.5,-1,-,1\n", "app.csv");

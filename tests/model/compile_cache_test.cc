@@ -16,7 +16,8 @@ namespace {
 using testing::Build;
 using testing::ScratchDir;
 
-// Intermediates, derivatives, a connection, shared programs and second derivatives.
+// Intermediates, derivatives, a connection, shared programs, second derivatives and two
+// vector equations.
 constexpr const char* kModel = R"(Model m
   Constants
     k = 3
@@ -37,6 +38,7 @@ constexpr const char* kModel = R"(Model m
     y = sin(x[2]) * log(p + x[3]^2)
     maximize -(x[1]-1)^2
     obj_v = p*y
+    x[2:3] >= x[1:2] - 20
 End Model
 )";
 
