@@ -464,7 +464,8 @@ ParsedModel ModelFileReader::Parse() {
       if (!name.empty()) model_.compounds.push_back(name);
     }
   }
-  model_.counts.residuals = static_cast<long>(model_.equations.size());
+  model_.counts.residuals = 0;
+  for (const EquationDecl& e : model_.equations) model_.counts.residuals += e.copies;
   model_.counts.variables = 0;
   for (const VariableDecl& d : model_.variables) model_.counts.variables += d.derivative ? 0 : 1;
   for (auto& v : statements_) std::vector<Statement>().swap(v);

@@ -78,14 +78,27 @@ struct EquationDecl {
   double upper = 0;
   int line = 0;
   int statement = 0;     // 1-based number of the expanded equation statement it came from
-  // A copy of a vector equation: copy 0 holds its texts, the others leave `text` and
-  // `residual` empty and make them from `copied` (Text, Residual). Null for any other row, and
-  // for the copies of a statement whose residual does not show its indices in order.
+  // A vector equation whose copies differ only in their indices is one declaration that
+  // stands for `copies` rows: copy 0 as parsed, with its texts, and the copies after it, whose
+  // texts are made from `copied` (Row). Null `copied` and one row for any other equation, and
+  // for each row of a statement whose residual does not show its indices in order.
   std::shared_ptr<const CopiedStatement> copied = nullptr;
-  long copy = 0;         // 0-based copy of the vector statement
+  long copy = 0;         // which copy of the vector statement this row is (Row)
+  long copies = 1;       // rows the declaration stands for
 
   std::string Text() const { return copy > 0 ? copied->Text(copy) : text; }
   std::string Residual() const { return copy > 0 ? copied->Residual(copy) : residual; }
+  // Row k (0 <= k < copies) as a declaration of its own: the texts are made on demand.
+  EquationDecl Row(long k) const {
+    EquationDecl row = *this;
+    row.copies = 1;
+    if (k == 0) return row;
+    row.text.clear();
+    row.residual.clear();
+    row.statement += static_cast<int>(k);
+    row.copy = k;
+    return row;
+  }
 };
 
 struct ConnectionDecl {

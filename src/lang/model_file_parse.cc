@@ -345,40 +345,27 @@ std::vector<IndexRange> PlaceIndices(std::string_view residual,
 }  // namespace
 
 // The first copy is parsed (and checked) as written; the others differ from it only in their
-// indices, so their texts are made on demand from the statement and the first copy's residual
-// with the indices moved on. A statement whose residual does not show its indices in order (a
-// double inequality) has every copy parsed.
+// indices, so the first copy's declaration stands for them all, their texts made on demand
+// from the statement and the first copy's residual with the indices moved on. A statement
+// whose residual does not show its indices in order (a double inequality) has every copy
+// parsed.
 void ModelFileReader::ParseEquationCopies(const Statement& s, int* number) {
   const std::vector<IndexRange>& ranges = *s.ranges;
   const size_t first = model_.equations.size();
   ParseEquation({s.line, WriteCopy(s.text, ranges, 0)}, ++*number);
-  std::shared_ptr<const CopiedStatement> copied;
   if (model_.equations.size() == first + 1) {
     EquationDecl& head = model_.equations[first];
     std::vector<IndexRange> placed = PlaceIndices(head.residual, ranges);
     if (!placed.empty()) {
-      copied = std::make_shared<const CopiedStatement>(
+      head.copied = std::make_shared<const CopiedStatement>(
           CopiedStatement{s.text, ranges, head.residual, std::move(placed)});
-      head.copied = copied;
+      head.copies = s.copies;
+      *number += static_cast<int>(s.copies - 1);
+      return;
     }
   }
-  for (long k = 1; k < s.copies; ++k) {
-    if (copied == nullptr) {
-      ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
-      continue;
-    }
-    // Every field of the first copy but the texts (a field added to EquationDecl is carried
-    // here too).
-    const EquationDecl& head = model_.equations[first];
-    model_.equations.push_back({.type = head.type,
-                                .objective = head.objective,
-                                .lower = head.lower,
-                                .upper = head.upper,
-                                .line = head.line,
-                                .statement = ++*number,
-                                .copied = copied,
-                                .copy = k});
-  }
+  for (long k = 1; k < s.copies; ++k)
+    ParseEquation({s.line, WriteCopy(s.text, ranges, k)}, ++*number);
 }
 
 // connection -> name '=' (name | number | 'fixed' | 'calculated')

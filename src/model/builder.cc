@@ -297,20 +297,23 @@ void Builder::CreateRecords() {
     intermediates_.emplace(d.name, static_cast<int>(store_.intermediates.size()));
     store_.intermediates.push_back({d.name, d.text, -1, -1, {}, 0, d.line});
   }
+  residuals_.reserve(store_.eqns.capacity());
   for (auto& e : parsed_.equations) {
-    Equation q;
-    q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
-    q.text = std::move(e.text);
-    q.type = e.type;
-    q.obj_eqn = e.objective;
-    q.lower = e.lower;
-    q.upper = e.upper;
-    q.line = e.line;
-    q.statement = e.statement;
-    q.copy = static_cast<int>(e.copy);
-    q.copied = std::move(e.copied);
-    store_.eqns.push_back(std::move(q));
-    residuals_.push_back(std::move(e.residual));
+    for (long k = 0; k < e.copies; ++k) {
+      Equation q;
+      q.name = fmt::format("eqn {}", store_.eqns.size() + 1);
+      if (k == 0) q.text = std::move(e.text);
+      q.type = e.type;
+      q.obj_eqn = e.objective;
+      q.lower = e.lower;
+      q.upper = e.upper;
+      q.line = e.line;
+      q.statement = e.statement + static_cast<int>(k);
+      q.copy = static_cast<int>(k);
+      q.copied = e.copied;
+      store_.eqns.push_back(std::move(q));
+      residuals_.push_back(k == 0 ? std::move(e.residual) : std::string());
+    }
   }
   for (const auto& o : parsed_.objects) store_.objects.push_back({o.name, o.type, o.arguments, o.line});
   store_.compounds = parsed_.compounds;

@@ -163,10 +163,14 @@ std::string DescribeParsedModel(const lang::ParsedModel& m) {
   }
   for (const lang::IntermediateDecl& q : m.intermediates)
     out += fmt::format("line {}: intermediate {} = {}\n", q.line, q.name, q.text);
-  for (const lang::EquationDecl& e : m.equations)
-    out += fmt::format("line {}: equation {} type {}{}: {} | residual {} in [{}, {}]\n", e.line,
-                       e.statement, e.type, e.objective ? " objective" : "", e.Text(), e.Residual(),
-                       FormatReal(e.lower), FormatReal(e.upper));
+  for (const lang::EquationDecl& d : m.equations) {
+    for (long k = 0; k < d.copies; ++k) {
+      const lang::EquationDecl e = d.Row(k);
+      out += fmt::format("line {}: equation {} type {}{}: {} | residual {} in [{}, {}]\n",
+                         e.line, e.statement, e.type, e.objective ? " objective" : "", e.Text(),
+                         e.Residual(), FormatReal(e.lower), FormatReal(e.upper));
+    }
+  }
   for (const lang::ConnectionDecl& k : m.connections)
     out += fmt::format("line {}: connection {}: {} = {}\n", k.line, k.number, k.a, k.b);
   for (const lang::ObjectDeclText& o : m.objects)

@@ -87,10 +87,14 @@ TEST(ModelFileEquations, VectorCopiesReadLikeTheWrittenOutRows) {
   for (int i = 2; i <= 3; ++i) written += fmt::format("x[{}] >= 0\n", i);
   const ParsedModel a = Read(vars + vector + "End Equations\n");
   const ParsedModel b = Read(vars + written + "End Equations\n");
-  EXPECT_EQ(a.counts.equations, b.counts.equations);
-  ExpectSameDecls(a.equations, b.equations);  // statements numbered per copy, as written out
-  EXPECT_EQ(a.equations[2].line, 6);  // the copies keep their statement's line
-  EXPECT_EQ(a.equations.back().line, 9);
+  EXPECT_EQ(std::tie(a.counts.equations, a.counts.residuals),
+            std::tie(b.counts.equations, b.counts.residuals));
+  std::vector<EquationDecl> rows;
+  for (const EquationDecl& e : a.equations)
+    for (long k = 0; k < e.copies; ++k) rows.push_back(e.Row(k));
+  ExpectSameDecls(rows, b.equations);  // statements numbered per copy, as written out
+  EXPECT_EQ(rows[2].line, 6);  // the copies keep their statement's line
+  EXPECT_EQ(rows.back().line, 9);
 }
 
 // The stops of the reader and what it reads from comments, continuations, ranges, values,

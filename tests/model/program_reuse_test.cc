@@ -132,7 +132,8 @@ std::vector<std::string> ResidualTexts(const std::string& model) {
   reader.InitializeConstants();
   reader.DetermineSize();
   std::vector<std::string> texts;
-  for (const lang::EquationDecl& e : reader.Parse().equations) texts.push_back(e.Residual());
+  for (const lang::EquationDecl& e : reader.Parse().equations)
+    for (long k = 0; k < e.copies; ++k) texts.push_back(e.Row(k).Residual());
   return texts;
 }
 
