@@ -170,6 +170,8 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   Phase("Check for uninitialized intermediates (sec):", [&] {
     CheckUninitialized();
     CompileIntermediateValues();
+    // Room was made for a program per row; copies share theirs, so most of it is unused.
+    store_.programs.shrink_to_fit();
     if (options_.evaluate_start || options_.diaglevel >= 2) EvaluateInitialState(&store_);
   });
   Say(std::string(kDashLine, '-'));
