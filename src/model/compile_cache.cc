@@ -401,15 +401,23 @@ void WriteCache(const std::string& cache_file, const std::string& key, CachedMod
 
 }  // namespace
 
+// The head is written in front of the body once the body is known, in the same string: a
+// large model's bytes are neither copied whole nor grown from nothing.
 std::string EncodeCache(std::string_view key, const CachedModel& model) {
-  Encoder body;
-  body(std::string(key), model.store.files_read, DataFingerprints(model.store), model.lines,
-       model.files, model.store);
-  const std::string& b = body.bytes();
-  Encoder file;
-  file.bytes() = kMagic;
-  file(kCacheFormatVersion, static_cast<uint64_t>(b.size()), Crc(b));
-  return file.bytes() + b;
+  constexpr size_t kBytesPerRecord = 192;  // above what a variable or equation record takes
+  Encoder out;
+  std::string& bytes = out.bytes();
+  const size_t records = model.store.vars.size() + model.store.eqns.size();
+  bytes.reserve(kHeadBytes + kBytesPerRecord * records);
+  bytes.assign(kHeadBytes, '\0');
+  out(std::string(key), model.store.files_read, DataFingerprints(model.store), model.lines,
+      model.files, model.store);
+  const std::string_view body = std::string_view(bytes).substr(kHeadBytes);
+  Encoder head;
+  head.bytes() = kMagic;
+  head(kCacheFormatVersion, static_cast<uint64_t>(body.size()), Crc(body));
+  bytes.replace(0, kHeadBytes, head.bytes());
+  return std::move(bytes);
 }
 
 std::optional<CachedModel> DecodeCache(std::string_view bytes, std::string_view key,
