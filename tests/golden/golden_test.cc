@@ -9,6 +9,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -483,6 +484,38 @@ std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
   return ShownLines(c, r.out) + fmt::format("exit status {}\n", r.status);
 }
 
+// The zpm_files requests `calls=CODE:NAME,...` of an application "app", run in the scratch
+// directory on the chunk's files (as a cycle chunk gives them; the model built quietly from
+// app.zpm, none when it is empty): each shown as `> CODE NAME`, its printed lines and
+// `= result`.
+std::string RunFileRequests(const Chunk& c, kx::testing::ScratchDir& dir) {
+  WriteCycleFiles(c.text, dir);
+  const std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  dbs::OptionStore store;
+  files::FileRoutine routine(store, "app");
+  model::ModelStore model;
+  model::ModelAccess access(model);
+  if (!Trim(dir.Read("app.zpm")).empty()) {
+    OutputCapture quiet;
+    model = model::BuildModelFromText(dir.Read("app.zpm"), {.work_dir = dir.str()});
+    routine.set_model(&access);
+  }
+  std::string out;
+  for (const std::string& call : Split(c.keys.at("calls"), ',')) {
+    const size_t colon = call.find(':');
+    out += "> " + call.substr(0, colon) + " " + call.substr(colon + 1) + "\n";
+    std::string result;
+    RunCaptured(&out, [&] {
+      result = fmt::format("= {}\n", routine.Run(std::stoi(call.substr(0, colon)),
+                                                  call.substr(colon + 1)));
+    });
+    out += result;
+  }
+  std::filesystem::current_path(previous);
+  return out;
+}
+
 // A chunk of the kinds that return their result as text; an unknown kind fails the case.
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
@@ -491,6 +524,7 @@ std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::S
   if (kind == "asopt") return SolveWithAsopt(c);
   if (kind == "cycle") return RunCycle(c, dir);
   if (kind == "info-file") return RegisterInfoFile(c.text);
+  if (kind == "files") return RunFileRequests(c, dir);
   ADD_FAILURE() << "unknown golden kind " << kind;
   return "";
 }
