@@ -1,6 +1,5 @@
 // Runs the built program in a fresh working directory, as a user would, and checks what it
 // prints, its exit status and the files it leaves.
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -19,16 +18,7 @@ class CycleE2e : public CycleTest {
   void SetUp() override { Write("app.zpm", kModel); }
 };
 
-TEST_F(CycleE2e, SwitchesOverrideTheDbsFilesAndAreWrittenBack) {
-  Write("defaults.dbs", "ZPM.IMODE = 4\nZPM.SOLVER 2\n");
-  Write("app.dbs", "ZPM.IMODE 5\n");
-  RunResult r = Run("app -COLD -Ctl -SOLVER=IPOPT bareword");
-  EXPECT_TRUE(r.Has("coldstart: 1\nimode    : 6\n"));
-  std::string dbs = Read("app.dbs");
-  EXPECT_NE(dbs.find("ZPM.IMODE 6\n"), std::string::npos);
-  EXPECT_NE(dbs.find("ZPM.SOLVER 3\n"), std::string::npos);
-  EXPECT_NE(dbs.find("ZPM.COLDSTART 0\n"), std::string::npos) << r.out;  // back to warm
-}
+// Switches override the DBS files and are written back: golden case cycle.
 
 TEST_F(CycleE2e, OverridesWinAndBadDbsLinesOnlyWarn) {
   Write("app.info", "MV, u\nCV, y\n");
@@ -56,6 +46,7 @@ const std::string kHs071 = AppModel("x[1:4] = 1, >= 1, <= 5",
 // A parameter p that an FV with STATUS = 1 frees; y follows it.
 const std::string kFvModel = AppModel("y = 0", "y = 2*p\nminimize (y - 6)^2", "p = 1");
 
+// The parameters a data-file row gives, and those kept with CSV_READ = 0: golden case cycle.
 class SteadyCycle : public CycleTest {};
 
 TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
@@ -126,19 +117,6 @@ TEST_F(SteadyCycle, ClassifiedVariablesTakeTheirDbsValuesAndReportTheSolution) {
   EXPECT_NEAR(DbsValue(dbs, "p.NEWVAL"), 4.0, 1e-9) << r.out;  // restart value 3 -> 0.5*5+0.5*3
   EXPECT_NEAR(DbsValue(dbs, "p.LSTVAL"), 3.0, 1e-6);
   EXPECT_NEAR(DbsValue(dbs, "y.MODEL"), 8.0, 1e-6);
-}
-
-TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
-  Write("app.zpm", kFvModel);
-  Write("app.csv", "p, y, nosuch\n4, 100, 1\n");
-  RunResult r = Run("app -ipopt -ss");
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,4,8\n");
-
-  Write("overrides.dbs", "ZPM.CSV_READ = 0\n");
-  std::filesystem::remove(std::filesystem::path(dir_.str()) / "ss.t0");  // it holds p = 4
-  ASSERT_EQ(Run("app -ipopt -ss").status, 1);
-  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,1,2\n");
 }
 
 // Dynamic simulation cycles end to end with the bundled tank example: the files of a cycle,
