@@ -4,12 +4,10 @@
 
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "base/file_writer.h"
 #include "base/report.h"
 #include "base/sentinels.h"
-#include "base/text.h"
 #include "dbs/cycle_outcome.h"
 #include "dbs/option_store.h"
 #include "dbs/option_table.h"
