@@ -20,18 +20,13 @@ class CycleE2e : public CycleTest {
 
 // Switches override the DBS files and are written back: golden case cycle.
 
-TEST_F(CycleE2e, OverridesWinAndBadDbsLinesOnlyWarn) {
+// The warnings of bad DBS lines, and the options the overrides and measurements give: golden
+// case cycle. The rewritten file is clean: the next cycle reads it without a warning.
+TEST_F(CycleE2e, BadDbsLinesAreNotWrittenBack) {
   Write("app.info", "MV, u\nCV, y\n");
   Write("app.dbs", "ZPM.NODES 3\ngarbage\nu.COST = 2, 1, kg\nZPM.NOPE 1\ny.SPHI = high\n");
-  Write("measurements.dbs", "y.MEAS 7.5\n");
-  Write("overrides.dbs", "ZPM.NODES = 4\n");
-  RunResult r = Run("app");  // the warnings: golden case cycle
-  auto json = nlohmann::json::parse(Read("options.json"));
-  EXPECT_EQ(json["ZPM"]["NODES"], 4);
-  EXPECT_EQ(json["u"]["COST"], 2.0);
-  EXPECT_EQ(json["y"]["MEAS"], 7.5);
-  // The rewritten file is clean: the next cycle reads it without a warning.
-  r = Run("app");
+  ASSERT_TRUE(Run("app").Has("Warning"));
+  const RunResult r = Run("app");
   EXPECT_FALSE(r.Has("Warning")) << r.out;
 }
 
@@ -51,27 +46,20 @@ class SteadyCycle : public CycleTest {};
 
 TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
   Write("app.zpm", kHs071);
-  RunResult r = Run("app -ipopt");  // what it prints up to the solve: golden case cycle
+  // What it prints up to the solve, the outcome in the DBS and options files, the results'
+  // columns and no infeasibility file: golden case cycle.
+  RunResult r = Run("app -ipopt");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_TRUE(r.Has("Solver         :  IPOPT (v3.9)\n"));
   EXPECT_TRUE(r.Has("Successful solution\n"));
-  EXPECT_FALSE(Exists("infeasibilities.txt"));
   std::string dbs = Read("app.dbs");
   EXPECT_NEAR(DbsValue(dbs, "NLC.OBJFCNVAL"), 17.0140173, 1e-6);
-  EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPINFOCHG"), 0);
-  EXPECT_EQ(DbsValue(dbs, "ZPM.BAD_CYCLES"), 0);
-  EXPECT_EQ(DbsValue(dbs, "ZPM.CYCLECOUNT"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPSTATUS"), 1);
-  EXPECT_EQ(nlohmann::json::parse(Read("options.json"))["NLC"]["SOLVESTATUS"], 1);
   const double cold_iterations = DbsValue(dbs, "NLC.ITERATIONS");
   EXPECT_GT(cold_iterations, 5);
 
   std::string restart = Read("rto.t0");
   EXPECT_NE(restart.find("ss.x[2] = 4.74299"), std::string::npos) << restart;
   EXPECT_NE(restart.find(" *\n"), std::string::npos);
-  std::string csv = Read("results.csv");
-  EXPECT_EQ(csv.substr(0, csv.find('\n')), "time,x[1],x[2],x[3],x[4]");
   auto json = nlohmann::json::parse(Read("results.json"));
   EXPECT_NEAR(json["x[3]"][0].get<double>(), 3.82115, 1e-5);
   EXPECT_EQ(json["time"][0], 0.0);
@@ -83,16 +71,12 @@ TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
 }
 
 TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
+  // What the failed cycle prints, its outcome and infeasibility file and no restart file: golden
+  // case cycle.
   Write("app.zpm", AppModel("x = 1", "x^2 = -1"));
   RunResult r = Run("app -ipopt");
-  EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Unsuccessful with error code ")) << r.out;
-  EXPECT_NE(Read("infeasibilities.txt").find("VIOLATED"), std::string::npos);
-  std::string dbs = Read("app.dbs");
-  EXPECT_EQ(DbsValue(dbs, "ZPM.BAD_CYCLES"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPSTATUS"), 0);
-  EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 0);
-  EXPECT_FALSE(Exists("rto.t0"));  // a failed solve leaves no restart file behind
+  EXPECT_EQ(DbsValue(Read("app.dbs"), "ZPM.BAD_CYCLES"), 1);
 
   Write("app.zpm", AppModel("x = 1, >= 0", "x^2 = 4"));
   r = Run("app -ipopt");
