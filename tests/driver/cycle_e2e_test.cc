@@ -1,6 +1,5 @@
 // Runs the built program in a fresh working directory, as a user would, and checks what it
 // prints, its exit status and the files it leaves.
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -19,29 +18,15 @@ class CycleE2e : public CycleTest {
   void SetUp() override { Write("app.zpm", kModel); }
 };
 
-TEST_F(CycleE2e, SwitchesOverrideTheDbsFilesAndAreWrittenBack) {
-  Write("defaults.dbs", "ZPM.IMODE = 4\nZPM.SOLVER 2\n");
-  Write("app.dbs", "ZPM.IMODE 5\n");
-  RunResult r = Run("app -COLD -Ctl -SOLVER=IPOPT bareword");
-  EXPECT_TRUE(r.Has("coldstart: 1\nimode    : 6\n"));
-  std::string dbs = Read("app.dbs");
-  EXPECT_NE(dbs.find("ZPM.IMODE 6\n"), std::string::npos);
-  EXPECT_NE(dbs.find("ZPM.SOLVER 3\n"), std::string::npos);
-  EXPECT_NE(dbs.find("ZPM.COLDSTART 0\n"), std::string::npos) << r.out;  // back to warm
-}
+// Switches override the DBS files and are written back: golden case cycle.
 
-TEST_F(CycleE2e, OverridesWinAndBadDbsLinesOnlyWarn) {
+// The warnings of bad DBS lines, and the options the overrides and measurements give: golden
+// case cycle. The rewritten file is clean: the next cycle reads it without a warning.
+TEST_F(CycleE2e, BadDbsLinesAreNotWrittenBack) {
   Write("app.info", "MV, u\nCV, y\n");
   Write("app.dbs", "ZPM.NODES 3\ngarbage\nu.COST = 2, 1, kg\nZPM.NOPE 1\ny.SPHI = high\n");
-  Write("measurements.dbs", "y.MEAS 7.5\n");
-  Write("overrides.dbs", "ZPM.NODES = 4\n");
-  RunResult r = Run("app");  // the warnings: golden case cycle
-  auto json = nlohmann::json::parse(Read("options.json"));
-  EXPECT_EQ(json["ZPM"]["NODES"], 4);
-  EXPECT_EQ(json["u"]["COST"], 2.0);
-  EXPECT_EQ(json["y"]["MEAS"], 7.5);
-  // The rewritten file is clean: the next cycle reads it without a warning.
-  r = Run("app");
+  ASSERT_TRUE(Run("app").Has("Warning"));
+  const RunResult r = Run("app");
   EXPECT_FALSE(r.Has("Warning")) << r.out;
 }
 
@@ -56,31 +41,25 @@ const std::string kHs071 = AppModel("x[1:4] = 1, >= 1, <= 5",
 // A parameter p that an FV with STATUS = 1 frees; y follows it.
 const std::string kFvModel = AppModel("y = 0", "y = 2*p\nminimize (y - 6)^2", "p = 1");
 
+// The parameters a data-file row gives, and those kept with CSV_READ = 0: golden case cycle.
 class SteadyCycle : public CycleTest {};
 
 TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
   Write("app.zpm", kHs071);
-  RunResult r = Run("app -ipopt");  // what it prints up to the solve: golden case cycle
+  // What it prints up to the solve, the outcome in the DBS and options files, the results'
+  // columns and no infeasibility file: golden case cycle.
+  RunResult r = Run("app -ipopt");
   ASSERT_EQ(r.status, 1) << r.out;
   EXPECT_TRUE(r.Has("Solver         :  IPOPT (v3.9)\n"));
   EXPECT_TRUE(r.Has("Successful solution\n"));
-  EXPECT_FALSE(Exists("infeasibilities.txt"));
   std::string dbs = Read("app.dbs");
   EXPECT_NEAR(DbsValue(dbs, "NLC.OBJFCNVAL"), 17.0140173, 1e-6);
-  EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPINFOCHG"), 0);
-  EXPECT_EQ(DbsValue(dbs, "ZPM.BAD_CYCLES"), 0);
-  EXPECT_EQ(DbsValue(dbs, "ZPM.CYCLECOUNT"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPSTATUS"), 1);
-  EXPECT_EQ(nlohmann::json::parse(Read("options.json"))["NLC"]["SOLVESTATUS"], 1);
   const double cold_iterations = DbsValue(dbs, "NLC.ITERATIONS");
   EXPECT_GT(cold_iterations, 5);
 
   std::string restart = Read("rto.t0");
   EXPECT_NE(restart.find("ss.x[2] = 4.74299"), std::string::npos) << restart;
   EXPECT_NE(restart.find(" *\n"), std::string::npos);
-  std::string csv = Read("results.csv");
-  EXPECT_EQ(csv.substr(0, csv.find('\n')), "time,x[1],x[2],x[3],x[4]");
   auto json = nlohmann::json::parse(Read("results.json"));
   EXPECT_NEAR(json["x[3]"][0].get<double>(), 3.82115, 1e-5);
   EXPECT_EQ(json["time"][0], 0.0);
@@ -92,16 +71,12 @@ TEST_F(SteadyCycle, GoodCycleWritesEveryFileAndTheNextCycleStartsWarm) {
 }
 
 TEST_F(SteadyCycle, FailedCycleIsCountedReportedAndResetByTheNextGoodOne) {
+  // What the failed cycle prints, its outcome and infeasibility file and no restart file: golden
+  // case cycle.
   Write("app.zpm", AppModel("x = 1", "x^2 = -1"));
   RunResult r = Run("app -ipopt");
-  EXPECT_EQ(r.status, 0);
   EXPECT_TRUE(r.Has("Unsuccessful with error code ")) << r.out;
-  EXPECT_NE(Read("infeasibilities.txt").find("VIOLATED"), std::string::npos);
-  std::string dbs = Read("app.dbs");
-  EXPECT_EQ(DbsValue(dbs, "ZPM.BAD_CYCLES"), 1);
-  EXPECT_EQ(DbsValue(dbs, "NLC.APPSTATUS"), 0);
-  EXPECT_EQ(DbsValue(dbs, "NLC.SOLVESTATUS"), 0);
-  EXPECT_FALSE(Exists("rto.t0"));  // a failed solve leaves no restart file behind
+  EXPECT_EQ(DbsValue(Read("app.dbs"), "ZPM.BAD_CYCLES"), 1);
 
   Write("app.zpm", AppModel("x = 1, >= 0", "x^2 = 4"));
   r = Run("app -ipopt");
@@ -126,19 +101,6 @@ TEST_F(SteadyCycle, ClassifiedVariablesTakeTheirDbsValuesAndReportTheSolution) {
   EXPECT_NEAR(DbsValue(dbs, "p.NEWVAL"), 4.0, 1e-9) << r.out;  // restart value 3 -> 0.5*5+0.5*3
   EXPECT_NEAR(DbsValue(dbs, "p.LSTVAL"), 3.0, 1e-6);
   EXPECT_NEAR(DbsValue(dbs, "y.MODEL"), 8.0, 1e-6);
-}
-
-TEST_F(SteadyCycle, DataFileRowGivesTheParameters) {
-  Write("app.zpm", kFvModel);
-  Write("app.csv", "p, y, nosuch\n4, 100, 1\n");
-  RunResult r = Run("app -ipopt -ss");
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,4,8\n");
-
-  Write("overrides.dbs", "ZPM.CSV_READ = 0\n");
-  std::filesystem::remove(std::filesystem::path(dir_.str()) / "ss.t0");  // it holds p = 4
-  ASSERT_EQ(Run("app -ipopt -ss").status, 1);
-  EXPECT_EQ(Read("results.csv"), "time,p,y\n0,1,2\n");
 }
 
 // Dynamic simulation cycles end to end with the bundled tank example: the files of a cycle,

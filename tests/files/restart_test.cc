@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <tuple>
 
 #include "base/report.h"
 #include "base/sentinels.h"
-#include "files/file_routine.h"
 #include "files/info_file.h"
 #include "files/replay.h"
 #include "files/results.h"
@@ -31,24 +29,11 @@ model::ModelStore Build() {
   return model::BuildModelFromText(kModel, model::BuildOptions{});
 }
 
-// Values and fixed marks of p, a, b after a read.
-struct State {
-  double p, a, b;
-  bool p_fixed, a_fixed;
-};
-
 model::Variable& Named(model::ModelStore& s, const char* name) {
   for (int n = 1; n <= s.nvar; ++n)
     if (s.Var(n).name == name) return s.Var(n);
   throw std::runtime_error(name);
 }
-
-State StateOf(model::ModelStore& s) {
-  return {Named(s, "p").val, Named(s, "a").val, Named(s, "b").val, Named(s, "p").fixed,
-          Named(s, "a").fixed};
-}
-
-auto Fields(const State& s) { return std::tie(s.p, s.a, s.b, s.p_fixed, s.a_fixed); }
 
 TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
   const std::pair<const char*, const char*> cases[] = {
@@ -59,50 +44,7 @@ TEST(RestartNames, PrefixesOfModesAndNodesAreStripped) {
   for (const auto& [name, root] : cases) EXPECT_EQ(RootName(name), root) << name;
 }
 
-// Lists b before a and p fixed; a line "q" names nothing in the model.
-constexpr const char* kMixedFile =
-    "! header line\n\nss.b = 20 *\np(1).n(1).a = 10\nss.p = 5\nq = 7 *\nnot a value line\n";
-
-// Each reading rule, and the zpm_files request that reads by it.
-TEST(RestartRead, EachRequestMatchesLinesItsOwnWay) {
-  struct Case {
-    int request;
-    RestartRead how;
-    State want;
-    int matched;
-  };
-  const Case cases[] = {
-      // by name: only "ss." names match; no specs
-      {1, RestartRead::kByName, {5, 1, 20, true, false}, 2},
-      // by root: node prefixes stripped too
-      {4, RestartRead::kByRoot, {5, 10, 20, true, false}, 3},
-      // by position: line k is variable k (p, a, b, c absorbed), specs read
-      {5, RestartRead::kByPosition, {20, 10, 5, false, true}, 3},
-      // specs only: values kept, a becomes fixed (no "*"), p stays fixed
-      {6, RestartRead::kSpecsOnly, {1, 1, 2, true, true}, 3},
-      {7, RestartRead::kByRootWithSpecs, {5, 10, 20, true, true}, 3},
-      // smart: the order differs from the model's, so names are used
-      {8, RestartRead::kSmart, {5, 10, 20, true, true}, 3},
-      // calculated only: p is fixed and keeps its value
-      {11, RestartRead::kCalculatedOnly, {1, 10, 20, true, false}, 2},
-  };
-  WorkingDir dir("kx_restart_read");
-  dir.Write("r.t0", kMixedFile);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.request);
-    model::ModelStore store = Build(), routed = Build();
-    RestartStats stats;
-    ASSERT_TRUE(ReadRestart("r.t0", c.how, store, &stats));
-    EXPECT_EQ(Fields(StateOf(store)), Fields(c.want));
-    EXPECT_EQ(stats.matched, c.matched);
-    model::ModelAccess access(routed);
-    dbs::OptionStore options;
-    FileRoutine routine(options, "m");
-    routine.set_model(&access);
-    ASSERT_EQ(routine.Run(c.request, "r.t0"), 0);
-    EXPECT_EQ(Fields(StateOf(routed)), Fields(c.want));
-  }
-}
+// Each reading rule through its zpm_files request: golden case files.
 
 TEST(RestartRead, WrittenFileReadsBackExactlyByPositionAndSmartly) {
   WorkingDir dir("kx_restart_round");
@@ -134,14 +76,7 @@ TEST(RestartRead, MultipliersNeedOneValuePerRow) {
   EXPECT_EQ(access.Row(1).lambda, -2.5);
   dir.Write("lam.t0", "eqn 1 = 1\neqn 2 = 2\n");
   EXPECT_FALSE(ReadMultipliers("lam.t0", access));
-  EXPECT_EQ(access.Row(1).lambda, -2.5);
-
-  dbs::OptionStore options;
-  FileRoutine routine(options, "m");
-  routine.set_model(&access);
-  OutputCapture out;
-  EXPECT_EQ(routine.Run(12, ""), 1);
-  EXPECT_TRUE(out.Contains("Warning: lam.t0 file load was unsuccessful\n"));
+  EXPECT_EQ(access.Row(1).lambda, -2.5);  // the request's warning: golden case files
 }
 
 // A restart value that is not a finite number is reported with file and line and read as no
@@ -189,65 +124,8 @@ TEST(ResultsGate, NonFiniteValuesAreEmptyCells) {
   EXPECT_EQ(dir.Read("results.csv"), "time,x,y\n0,1.5,\n1,,2\n");
 }
 
-TEST(FileRoutine, UnknownCodeStopsAndUnbuiltCodesSaySo) {
-  dbs::OptionStore store;
-  FileRoutine routine(store, "app");
-  OutputCapture out;
-  EXPECT_THROW(routine.Run(99, "x"), Stop);
-  EXPECT_TRUE(out.Contains("ERROR: invalid option 99 for zpm_files\nSTOPPING...\n"));
-  for (int code : {1, 2, 8, 13, 21, 57, 66, 83, 91}) EXPECT_EQ(routine.Run(code, "ss.t0"), 1);
-  EXPECT_TRUE(out.Contains("zpm_files: request 2 needs a model, none is built"));
-  EXPECT_TRUE(
-      out.Contains("zpm_files: request 66 is not available yet, nothing done (66 = "));
-  EXPECT_TRUE(out.Contains("zpm_files: request 13 is not supported"));
-}
-
-TEST(FileRoutine, HeaderReadRegistersInfoVariablesAndChecksTheMode) {
-  WorkingDir dir("kx_files_header");
-  dir.Write("app.info", "MV, valve\ncv, Level\n");
-  dir.Write("app.dbs", "valve.COST 2\nlevel.SPHI = 4, 1, m\nZPM.IMODE 6\n");
-  dir.Write("overrides.dbs", "ZPM.IMODE = 12\n");
-  dbs::OptionStore store;
-  FileRoutine routine(store, "app");
-  OutputCapture out;
-  EXPECT_EQ(routine.Run(55, "defaults"), 1);  // missing: nothing read, no message
-  EXPECT_EQ(routine.Run(55, "app"), 0);
-  EXPECT_EQ(store.GetReal("valve", "COST"), 2);
-  EXPECT_EQ(store.GetReal("level", "SPHI"), 4);
-  EXPECT_TRUE(out.text().empty()) << out.text();
-  EXPECT_THROW(routine.Run(55, "overrides"), Stop);
-  EXPECT_TRUE(
-      out.Contains("Error: DBS not initialized because imode out of bounds: 12\n"
-                   "STOPPING\n"));
-}
-
-TEST(FileRoutine, DbsWriteDoesTheCycleBookkeeping) {
-  WorkingDir dir("kx_files_write");
-  dbs::OptionStore store;
-  FileRoutine routine(store, "app");
-  store.SetGlobal("COLDSTART", 1);
-  store.SetGlobal("REPLAY", 2);
-  OutputCapture out;
-  ASSERT_EQ(routine.Run(53, "app"), 0);
-  ASSERT_EQ(routine.Run(53, "app"), 0);
-  EXPECT_EQ(store.Int("BAD_CYCLES"), 2);
-  EXPECT_EQ(store.Int("COLDSTART"), 1);
-  EXPECT_NE(dir.Read("app.dbs").find("ZPM.BAD_CYCLES 2\n"), std::string::npos);
-  store.SetGlobal("DBS_WRITE", 2);
-  ASSERT_EQ(routine.Run(52, "app.dbs"), 0);
-  EXPECT_EQ(store.Int("BAD_CYCLES"), 0);
-  EXPECT_EQ(store.Int("COLDSTART"), 0);
-  EXPECT_EQ(store.Int("CYCLECOUNT"), 3);
-  EXPECT_EQ(store.Int("REPLAY"), 5);
-  std::string text = dir.Read("app.dbs");
-  EXPECT_NE(text.find("ZPM.CYCLECOUNT = 3, 3,\n"), std::string::npos);
-  ASSERT_EQ(routine.Run(56, ""), 0);
-  EXPECT_NE(dir.Read("options.json").find("\"CYCLECOUNT\": 3"), std::string::npos);
-  store.SetGlobal("DBS_WRITE", 0);
-  dir.Write("app.dbs", "untouched");
-  EXPECT_EQ(routine.Run(52, "app"), 1);
-  EXPECT_EQ(dir.Read("app.dbs"), "untouched");
-}
+// The requests without a model, the header read and the bookkeeping of the database write:
+// golden case files.
 
 // The info file's lines and their checks against a model: golden case info-file.
 TEST(InfoFile, WithoutAModelEveryNameIsKept) {

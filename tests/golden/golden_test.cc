@@ -9,6 +9,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -184,9 +185,9 @@ std::string DescribeParsedModel(const lang::ParsedModel& m) {
 }
 
 // The records a build gives: each variable with its number (0 when absorbed by a connection),
-// value, bounds, marks, connection code and the record it was merged into or the names it
-// took over; each intermediate's and row's value at the start and the columns the row reads;
-// the domain faults counted at the start.
+// value, bounds, marks, units and the record it was merged into or the names it took over;
+// each intermediate's and row's value at the start and the columns the row reads; the domain
+// faults counted at the start.
 std::string DescribeRecords(const model::ModelStore& s) {
   static const char* const kSpecs[] = {"", " spec fixed", " spec calculated", " spec value"};
   std::string out;
@@ -195,6 +196,7 @@ std::string DescribeRecords(const model::ModelStore& s) {
                        FormatReal(v.val), FormatReal(v.lower), FormatReal(v.upper),
                        v.fixed ? " fixed" : "", v.integer ? " integer" : "",
                        v.obj_def ? " objective" : "", kSpecs[v.spec]);
+    if (!v.units().empty()) out += " units " + v.units();
     if (v.forward >= 0) out += " merged into " + s.vars[v.forward].name;
     for (const std::string& a : v.aliases()) out += " alias " + a;
     out += "\n";
@@ -350,15 +352,23 @@ std::string RegisterInfoFile(const std::string& text) {
 }
 
 // A DBS file read into a store with one CV, x: the reader's warnings, the counts, then each
-// written line (form 1, every record) that the read changed.
-std::string ReadDbs(const std::string& text) {
+// written line (form 1, every record) that the read changed, then the whole file written in
+// each `written=FORM:LEVEL,...` of the chunk.
+std::string ReadDbs(const Chunk& c) {
   dbs::OptionStore store;
   store.AddVariable("x", dbs::VarClass::kCV);
   const std::vector<std::string> before = Split(dbs::FormatDbs(store, 1, 1), '\n');
-  const dbs::DbsReadResult r = dbs::ReadDbsText(text, "g.dbs", store);
+  const dbs::DbsReadResult r = dbs::ReadDbsText(c.text, "g.dbs", store);
   std::string out = fmt::format("applied {}, warnings {}\n", r.applied, r.warnings);
   for (const std::string& line : Split(dbs::FormatDbs(store, 1, 1), '\n'))
     if (std::find(before.begin(), before.end(), line) == before.end()) out += line + "\n";
+  if (!c.keys.count("written")) return out;
+  for (const std::string& w : Split(c.keys.at("written"), ',')) {
+    const size_t colon = w.find(':');
+    const int form = std::stoi(w.substr(0, colon)), level = std::stoi(w.substr(colon + 1));
+    out += fmt::format("written in form {} at level {}:\n", form, level) +
+           dbs::FormatDbs(store, form, level);
+  }
   return out;
 }
 
@@ -487,16 +497,63 @@ std::string RunCycle(const Chunk& c, kx::testing::ScratchDir& dir) {
   return ShownLines(c, r.out) + fmt::format("exit status {}\n", r.status);
 }
 
+// The zpm_files requests `calls=CODE:NAME,...` of an application "app", run in the scratch
+// directory on the chunk's files (as a cycle chunk gives them; the model built quietly from
+// app.zpm, none when it is empty): each shown as `> CODE NAME`, its printed lines and
+// `= result`.
+std::string RunFileRequests(const Chunk& c, kx::testing::ScratchDir& dir) {
+  WriteCycleFiles(c.text, dir);
+  const std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  dbs::OptionStore store;
+  files::FileRoutine routine(store, "app");
+  model::ModelStore model;
+  model::ModelAccess access(model);
+  if (!Trim(dir.Read("app.zpm")).empty()) {
+    OutputCapture quiet;
+    model = model::BuildModelFromText(dir.Read("app.zpm"), {.work_dir = dir.str()});
+    routine.set_model(&access);
+  }
+  std::string out;
+  for (const std::string& call : Split(c.keys.at("calls"), ',')) {
+    const size_t colon = call.find(':');
+    out += "> " + call.substr(0, colon) + " " + call.substr(colon + 1) + "\n";
+    std::string result;
+    RunCaptured(&out, [&] {
+      result = fmt::format("= {}\n", routine.Run(std::stoi(call.substr(0, colon)),
+                                                  call.substr(colon + 1)));
+    });
+    out += result;
+  }
+  std::filesystem::current_path(previous);
+  return out;
+}
+
 // A chunk of the kinds that return their result as text; an unknown kind fails the case.
 std::string RunTextChunk(const std::string& kind, const Chunk& c, kx::testing::ScratchDir& dir) {
   if (kind == "asopt-options") return ReadAsoptOptions(c.text, dir);
   if (kind == "time-grid") return LayOutTimeGrid(c);
-  if (kind == "dbs") return ReadDbs(c.text);
+  if (kind == "dbs") return ReadDbs(c);
   if (kind == "asopt") return SolveWithAsopt(c);
   if (kind == "cycle") return RunCycle(c, dir);
   if (kind == "info-file") return RegisterInfoFile(c.text);
+  if (kind == "files") return RunFileRequests(c, dir);
   ADD_FAILURE() << "unknown golden kind " << kind;
   return "";
+}
+
+// The lines of `text` holding one of the '|'-separated `texts` ('~' for a blank).
+std::string LinesHolding(const std::string& text, std::string texts) {
+  std::replace(texts.begin(), texts.end(), '~', ' ');
+  std::string out;
+  for (const std::string& line : Split(text, '\n')) {
+    for (const std::string& t : Split(texts, '|')) {
+      if (line.find(t) == std::string::npos) continue;
+      out += line + "\n";
+      break;
+    }
+  }
+  return out;
 }
 
 std::string RunModelChunks(const std::string& kind, const std::string& text) {
@@ -534,12 +591,14 @@ std::string RunModelChunks(const std::string& kind, const std::string& text) {
       chunk_out += result;
     }
     if (c.keys.count("files")) {
-      for (const std::string& f : Split(c.keys.at("files"), ',')) {
+      for (const std::string& spec : Split(c.keys.at("files"), ',')) {
+        const std::string f = spec.substr(0, spec.find(':'));
         if (!dir.Exists(f)) {
           chunk_out += "file " + f + ": (absent)\n";
           continue;
         }
-        const std::string text = dir.Read(f);
+        std::string text = dir.Read(f);
+        if (f != spec) text = LinesHolding(text, spec.substr(f.size() + 1));
         chunk_out += "file " + f + ":\n" + (c.keys.count("masked") ? MaskIterates(text) : text);
       }
     }

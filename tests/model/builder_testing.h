@@ -43,11 +43,4 @@ inline BuildResult Build(const std::string& text, const ScratchDir& dir, int dia
   return r;
 }
 
-inline int Find(const ModelStore& s, const std::string& name) {
-  for (size_t i = 0; i < s.vars.size(); ++i) {
-    if (s.vars[i].name == name) return static_cast<int>(i);
-  }
-  return -1;
-}
-
 }  // namespace kx::model::testing

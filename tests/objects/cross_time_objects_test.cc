@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -122,20 +121,7 @@ TEST(Arx, StartValueMovesOnWithTheRestartFile) {
   }
 }
 
-TEST(Arx, StepsOfDifferentLengthsAreOneSampleEachAfterAWarning) {
-  const testing::Run r =
-      RunModel({{"m.zpm",
-                 "Objects\n s = arx(a.txt, a.txt)\nEnd Objects\nEquations\n s.u = 1\n"
-                 "End Equations\n"},
-                {"a.txt", "0.5\n"},
-                {"m.dbs",
-                 "ZPM.IMODE = 4\nZPM.CSV_READ = 0\nZPM.PRED_HOR = 3\nZPM.CTRL_HOR = 1\n"
-                 "ZPM.CTRL_TIME = 1\nZPM.PRED_TIME = 2\n"}});
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_TRUE(r.Has("WARNING: arx object s: the horizon's steps differ in length (1 to 2)"))
-      << r.out;
-  EXPECT_NEAR(r.At("s.y", 3), 1, 1e-9);  // at rest: y = 0.5 y + 0.5 u
-}
+// Steps of different lengths, one sample each after a warning: golden case cycle.
 
 // In a steady-state mode arx is y (1 - sum a) = (sum b) u + c, and periodic adds nothing.
 TEST(CrossTimeObjects, SteadyStateFormsStandAlone) {
@@ -201,19 +187,6 @@ TEST(Periodic, DynamicOptimisationEndsWhereItStarts) {
     EXPECT_NEAR(r.At("level", 12), r.At("level", 0), 1e-6) << imode;
     EXPECT_GT(std::abs(r.At("level", 0) - 4), 0.1) << imode;
   }
-}
-
-// examples/objects_arx as its README tells a user to run it, with the values it states.
-TEST(Arx, HeaterExampleAnswersOneSampleLateAndSettlesAtItsGain) {
-  std::map<std::string, std::string> files;
-  for (const char* n : {"heater.zpm", "heater.dbs", "heater.csv", "rise_a.txt", "rise_b.txt"})
-    files[n] = kx::testing::ReadFile(std::string(KX_SOURCE_DIR) + "/examples/objects_arx/" + n);
-  const testing::Run r = RunModel(files, "heater");
-  ASSERT_EQ(r.status, 1) << r.out;
-  EXPECT_NEAR(r.At("outlet", 5), 20, 1e-9);
-  EXPECT_NEAR(r.At("outlet", 6), 21, 1e-9);
-  EXPECT_NEAR(r.At("outlet", 7), 23.35, 1e-9);
-  EXPECT_NEAR(r.At("outlet", 60), 63.75, 0.01);
 }
 
 }  // namespace

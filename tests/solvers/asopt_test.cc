@@ -97,18 +97,6 @@ TEST(AsoptSqpTest, HangingChainFromAFlatStart) {
 // A problem that supplies no second derivatives: the solver keeps its own diagonal estimate,
 // chosen by initial_hessian_estimate_option (0 identity, 1 scaled identity, 2 finite
 // differences). Every choice must still reach the optimum.
-class NoSecondDerivatives : public testing::ForwardingProblem {
- public:
-  using ForwardingProblem::ForwardingProblem;
-  bool has_hessian() override { return false; }
-  int nnz_hess() override { return 0; }
-  bool HessianValues(std::span<const double>, double, std::span<const double>,
-                     std::span<double>) override {
-    ADD_FAILURE() << "second derivatives asked for";
-    return false;
-  }
-};
-
 TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
   const std::string& hs071 = Hs071();
   const std::string hs035 =
@@ -122,7 +110,7 @@ TEST(AsoptSqpTest, HessianEstimateWithoutSecondDerivatives) {
       testing::WorkingDir dir("asopt_estimate");
       std::ofstream("asopt.opt") << "initial_hessian_estimate_option " << option << "\n";
       auto model = testing::LoadModelText(text);
-      NoSecondDerivatives problem(*model->problem);
+      testing::WithoutHessian problem(*model->problem);
       OutputCapture out;
       const SolverResult r = SolveAsopt(problem, SolverSettings{.max_iter = 500});
       ASSERT_EQ(r.status, 0) << out.text();

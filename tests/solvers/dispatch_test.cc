@@ -20,24 +20,9 @@ namespace {
 
 const std::string kModel = testing::ModelText("    x = 3\n", "    x >= 1\n    minimize (x - 2)^2\n");
 
-// The model's problem, claiming to have no second derivatives.
-class NoHessian : public testing::ForwardingProblem {
- public:
-  using ForwardingProblem::ForwardingProblem;
-  bool has_hessian() override { return false; }
-  void HessianStructure(std::span<int>, std::span<int>) override {
-    ADD_FAILURE() << "Hessian structure asked for";
-  }
-  bool HessianValues(std::span<const double>, double, std::span<const double>,
-                     std::span<double>) override {
-    ADD_FAILURE() << "Hessian values asked for";
-    return false;
-  }
-};
-
 TEST(Dispatch, BioptWithoutSecondDerivativesDoesNotSolve) {
   auto m = testing::LoadModelText(kModel);
-  NoHessian problem(*m->problem);
+  testing::WithoutHessian problem(*m->problem);
   OutputCapture out;
   SolverResult r = DispatchSolver(2, problem, SolverSettings{});
   EXPECT_EQ(r.status, kBadInputs);

@@ -2,6 +2,8 @@
 // they change (bounds held at other values, no second derivatives, ...).
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -47,6 +49,22 @@ class ForwardingProblem : public solvers::Problem {
 
  protected:
   solvers::Problem& base_;
+};
+
+// The problem claiming to have no second derivatives; asking for them fails the test.
+class WithoutHessian : public ForwardingProblem {
+ public:
+  using ForwardingProblem::ForwardingProblem;
+  bool has_hessian() override { return false; }
+  int nnz_hess() override { return 0; }
+  void HessianStructure(std::span<int>, std::span<int>) override {
+    ADD_FAILURE() << "Hessian structure asked for";
+  }
+  bool HessianValues(std::span<const double>, double, std::span<const double>,
+                     std::span<double>) override {
+    ADD_FAILURE() << "second derivatives asked for";
+    return false;
+  }
 };
 
 // The problem with one bound moved (a variable's, a row's, or a fixed variable's value) and
