@@ -20,7 +20,8 @@ int NumberOf(const model::ModelStore& base, const std::string& name) {
   for (const model::Variable& v : base.vars) {
     if (v.number == 0) continue;
     if (v.name == name) return v.number;
-    if (std::find(v.aliases().begin(), v.aliases().end(), name) != v.aliases().end()) return v.number;
+    const std::vector<std::string>& aliases = v.aliases();
+    if (std::find(aliases.begin(), aliases.end(), name) != aliases.end()) return v.number;
   }
   return 0;
 }

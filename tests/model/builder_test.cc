@@ -77,7 +77,8 @@ TEST(Connections, MergePrefersMarkedRecordsAndGuardsAliasLists) {
   OutputCapture out;
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 2: POSSIBLE INFINITE LOOP"));
-  s.vars[1].notes.mutable_value().aliases.assign(kMaxAliasSteps + 1, "w");  // the survivor's own list
+  // The survivor's own list.
+  s.vars[1].notes.mutable_value().aliases.assign(kMaxAliasSteps + 1, "w");
   EXPECT_THROW(MergeVariables(&s, 1, 2), Stop);
   EXPECT_TRUE(out.Contains("zpm_variable_connect - 1: POSSIBLE INFINITE LOOP"));
 }

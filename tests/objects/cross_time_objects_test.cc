@@ -90,7 +90,9 @@ TEST(Arx, FollowsTheDifferenceEquationOverTheHorizon) {
     for (int k = 0; k <= kSteps; ++k) {
       EXPECT_NEAR(r.At("yv", k), y[k], 1e-8) << t.a_file << t.rest << " k = " << k;
       EXPECT_NEAR(r.At("s[2].y", k), y2[k], 1e-7) << t.a_file << t.rest << " k = " << k;
-      if (t.nodes == 3) EXPECT_NEAR(r.At("z", k), z, 1e-8) << t.a_file << " k = " << k;
+      if (t.nodes == 3) {
+        EXPECT_NEAR(r.At("z", k), z, 1e-8) << t.a_file << " k = " << k;
+      }
       z += kDt * y[k];
     }
   }
