@@ -26,7 +26,6 @@ class Boxed {
     if (!value_) value_ = std::make_unique<T>();
     return *value_;
   }
-  void reset() { value_.reset(); }
 
  private:
   static std::unique_ptr<T> Copy(const Boxed& other) {
