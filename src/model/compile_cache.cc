@@ -336,6 +336,30 @@ std::optional<std::string_view> CheckedBody(std::string_view bytes, std::string*
   return body;
 }
 
+// Ranges that lie inside their text, ascending, as WriteCopy reads them.
+bool RangesInside(const std::vector<lang::IndexRange>& ranges, const std::string& text) {
+  size_t end = 0;
+  for (const lang::IndexRange& r : ranges) {
+    if (r.open < end || r.close <= r.open || r.close >= text.size()) return false;
+    end = r.close;
+  }
+  return true;
+}
+
+// Every vector copy has the statement its texts are written from, and that statement's index
+// places lie inside its texts.
+bool CopiesReadable(const ModelStore& store) {
+  for (const Equation& e : store.eqns) {
+    if (e.copied == nullptr) {
+      if (e.copy != 0) return false;
+      continue;
+    }
+    const lang::CopiedStatement& s = *e.copied;
+    if (!RangesInside(s.ranges, s.text) || !RangesInside(s.placed, s.residual)) return false;
+  }
+  return true;
+}
+
 // The phase timing lines of the build ("Read model file (sec):      0.012345") read 0 after
 // a load; the total is the time the load took.
 std::string ReplayedLine(const std::string& line, double load_seconds) {
@@ -440,7 +464,8 @@ std::optional<CachedModel> DecodeCache(std::string_view bytes, std::string_view 
   }
   CachedModel cached;
   in(cached.lines, cached.files, cached.store);
-  if (!in.ok() || !in.AtEnd() || cached.files.size() != cached.store.files_written.size()) {
+  if (!in.ok() || !in.AtEnd() || cached.files.size() != cached.store.files_written.size() ||
+      !CopiesReadable(cached.store)) {
     *why = "unreadable";
     return std::nullopt;
   }

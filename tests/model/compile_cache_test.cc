@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -125,6 +128,36 @@ TEST(CompileCacheBytes, DamagedOrForeignBytesGiveNothing) {
   }
   EXPECT_FALSE(DecodeCache(bytes + "x", "key", &why));
   EXPECT_TRUE(DecodeCache(bytes, "key", &why)) << why;
+}
+
+// Bytes that check out but hold a vector copy without its statement, or a statement whose
+// index places lie outside its text, are refused too: the copy's text could not be written.
+TEST(CompileCacheBytes, CopiesThatCannotBeWrittenAreRefused) {
+  ScratchDir dir("kx_cache_bytes");
+  const CachedModel built = BuildOnce(dir);
+  auto copy = std::find_if(built.store.eqns.begin(), built.store.eqns.end(),
+                           [](const Equation& e) { return e.copy > 0; });
+  ASSERT_NE(copy, built.store.eqns.end());
+  const size_t row = copy - built.store.eqns.begin();
+  const std::function<void(Equation*)> damages[] = {
+      [](Equation* e) { e->copied = nullptr; },
+      [](Equation* e) {
+        auto s = std::make_shared<lang::CopiedStatement>(*e->copied);
+        s->ranges.back().close = s->text.size();
+        e->copied = s;
+      },
+      [](Equation* e) {
+        auto s = std::make_shared<lang::CopiedStatement>(*e->copied);
+        s->placed.front().close = s->placed.front().open;
+        e->copied = s;
+      }};
+  for (const auto& damage : damages) {
+    CachedModel model = built;
+    damage(&model.store.eqns[row]);
+    std::string why;
+    EXPECT_FALSE(DecodeCache(EncodeCache("key", model), "key", &why));
+    EXPECT_EQ(why, "unreadable");
+  }
 }
 
 }  // namespace
