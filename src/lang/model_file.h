@@ -60,6 +60,17 @@ struct VariableDecl {
   double lower = -1.0e20;    // -1e20: no lower bound
   double upper = 1.0e20;     // +1e20: no upper bound
   int line = 0;
+  // A vector declaration whose elements differ only in the index of their name (`x[1:n]`)
+  // is one declaration that stands for `copies` elements, `name` being the first.
+  long copies = 1;
+
+  // Element k (0 <= k < copies) as a declaration of its own.
+  VariableDecl Element(long k) const {
+    VariableDecl element = *this;
+    element.copies = 1;
+    element.name = ShiftIndex(name, k);
+    return element;
+  }
 };
 
 struct IntermediateDecl {

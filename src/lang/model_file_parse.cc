@@ -214,8 +214,7 @@ void ModelFileReader::ParseDeclaration(const Statement& s, std::vector<VariableD
   long first = 0;
   if (s.copies > 1 && !d.derivative && SplitElement(d.name, &base, &first)) {
     CheckNewRun(base, first, first + s.copies - 1, kind, d.value);
-    out->emplace_back(d);
-    for (long k = 1; k < s.copies; ++k) out->emplace_back(d).name = ShiftIndex(d.name, k);
+    out->emplace_back(d).copies = s.copies;
     return;
   }
   for (long k = 0; k < s.copies; ++k) {

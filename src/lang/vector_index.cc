@@ -134,6 +134,18 @@ bool SplitElement(std::string_view name, std::string_view* base, long* index) {
   return true;
 }
 
+std::string ElementName(std::string_view base, long index) {
+  char digits[24];
+  const auto written = std::to_chars(digits, digits + sizeof digits, index);
+  std::string name;
+  name.reserve(base.size() + (written.ptr - digits) + 2);
+  name.append(base);
+  name += '[';
+  name.append(digits, written.ptr);
+  name += ']';
+  return name;
+}
+
 std::string ShiftIndex(std::string_view name, long k) {
   if (k == 0) return std::string(name);
   const size_t open = name.find('['), close = name.find(']', open);

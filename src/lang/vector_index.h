@@ -48,6 +48,9 @@ struct CopiedStatement {
   std::string Residual(long k) const { return WriteCopy(residual, placed, k); }
 };
 
+// The name of element `index` of the vector `base` (`x`, 5 -> `x[5]`).
+std::string ElementName(std::string_view base, long index);
+
 // The name of the element k places after `name`, whose one index is an integer
 // (`x[3]`, 2 -> `x[5]`); `name` itself for k = 0.
 std::string ShiftIndex(std::string_view name, long k);

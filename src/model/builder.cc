@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "base/check.h"
 #include "base/report.h"
 #include "base/text.h"
 #include "base/timers.h"
@@ -56,6 +57,7 @@ class Builder {
   template <typename F>
   void Phase(const char* label, F&& body);
   void CreateRecords();
+  void AddVariables(lang::VariableDecl* d, char vtype);
   void AddVariable(lang::VariableDecl* d, char vtype);
   void ReleaseDeclarations();
   bool IsObjectMember(const std::string& name) const;
@@ -188,6 +190,27 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
   return std::move(store_);
 }
 
+// The elements of a vector declaration differ from its first only in the index of their
+// name: each is the first's record under its own name.
+void Builder::AddVariables(lang::VariableDecl* decl, char vtype) {
+  const long copies = decl->copies;
+  std::string_view base;
+  long first = 0;
+  const std::string first_name = copies > 1 ? decl->name : std::string();
+  AddVariable(decl, vtype);
+  if (copies == 1) return;
+  const bool element = SplitElement(first_name, &base, &first);
+  KX_CHECK(element);  // the reader keeps a declaration whole only when its name is one
+  const Variable head = store_.vars.back();
+  for (long k = 1; k < copies; ++k) {
+    Variable v = head;
+    v.name = lang::ElementName(base, first + k);
+    const int record = static_cast<int>(store_.vars.size());
+    if (!NoteElement(v.name, record)) names_.emplace(v.name, record);
+    store_.vars.push_back(std::move(v));
+  }
+}
+
 // Takes the declaration's name; the declarations are released once the records exist.
 void Builder::AddVariable(lang::VariableDecl* decl, char vtype) {
   const lang::VariableDecl& d = *decl;
@@ -290,9 +313,9 @@ void Builder::CreateRecords() {
     constants_[c.name] = c.value;
     store_.constants.push_back({c.name, c.value});
   }
-  for (auto& d : parsed_.parameters) AddVariable(&d, kVarParameter);
+  for (auto& d : parsed_.parameters) AddVariables(&d, kVarParameter);
   for (auto& d : parsed_.variables) {
-    if (!d.derivative) AddVariable(&d, kVarDeclared);
+    if (!d.derivative) AddVariables(&d, kVarDeclared);
   }
   SetInitialDerivatives();
   for (const auto& d : parsed_.intermediates) {

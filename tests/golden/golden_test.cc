@@ -156,11 +156,16 @@ std::string DescribeParsedModel(const lang::ParsedModel& m) {
   for (const lang::ConstantDecl& k : m.constants)
     out += fmt::format("line {}: constant {} = {}\n", k.line, k.name, FormatReal(k.value));
   for (const std::vector<lang::VariableDecl>* list : {&m.parameters, &m.variables}) {
-    for (const lang::VariableDecl& v : *list)
-      out += fmt::format("line {}: {} {}{} = {}{}, >= {}, <= {}\n", v.line,
-                         list == &m.parameters ? "parameter" : "variable", v.derivative ? "$" : "",
-                         v.name, FormatReal(v.value), v.has_value ? "" : " (no value)",
-                         FormatReal(v.lower), FormatReal(v.upper));
+    for (const lang::VariableDecl& d : *list) {
+      for (long k = 0; k < d.copies; ++k) {
+        const lang::VariableDecl v = d.Element(k);
+        out += fmt::format("line {}: {} {}{} = {}{}, >= {}, <= {}\n", v.line,
+                           list == &m.parameters ? "parameter" : "variable",
+                           v.derivative ? "$" : "", v.name, FormatReal(v.value),
+                           v.has_value ? "" : " (no value)", FormatReal(v.lower),
+                           FormatReal(v.upper));
+      }
+    }
   }
   for (const lang::IntermediateDecl& q : m.intermediates)
     out += fmt::format("line {}: intermediate {} = {}\n", q.line, q.name, q.text);
