@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <fstream>
+#include <algorithm>
 #include <iterator>
 #include <unordered_map>
 
@@ -43,7 +43,7 @@ bool ParseLine(std::string_view line, RestartEntry* e, bool* bad_value) {
   e->calculated = !rhs.empty() && rhs.back() == '*';
   if (e->calculated) rhs = Trim(rhs.substr(0, rhs.size() - 1));
   std::optional<double> v = ParseNumber(rhs);
-  e->name = ToLower(Trim(t.substr(0, eq)));
+  AssignLower(Trim(t.substr(0, eq)), &e->name);
   if (e->name.empty()) return false;
   *bad_value = !v;
   e->value = v.value_or(0.0);
@@ -134,18 +134,21 @@ std::string RootName(std::string_view name) {
 }
 
 bool ReadRestartEntries(const std::string& path, std::vector<RestartEntry>* entries) {
-  std::ifstream in(path);
-  if (!in) return false;
-  std::string line;
+  std::string text;
+  if (!ReadWholeFile(path, &text)) return false;
+  entries->reserve(std::count(text.begin(), text.end(), '\n') + 1);
   RestartEntry e;
   bool bad_value = false;
-  for (int number = 1; std::getline(in, line); ++number) {
-    if (ParseLine(line, &e, &bad_value)) {
+  std::string_view rest = text;
+  for (int number = 1; !rest.empty(); ++number) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    if (ParseLine(rest.substr(0, end), &e, &bad_value)) {
       entries->push_back(e);
     } else if (bad_value) {
       Sayf("Warning: {} line {}: value of {} is not a number, read as no value", path, number,
            e.name);
     }
+    rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return true;
 }
