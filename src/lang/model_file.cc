@@ -467,7 +467,8 @@ ParsedModel ModelFileReader::Parse() {
   model_.counts.residuals = 0;
   for (const EquationDecl& e : model_.equations) model_.counts.residuals += e.copies;
   model_.counts.variables = 0;
-  for (const VariableDecl& d : model_.variables) model_.counts.variables += d.derivative ? 0 : d.copies;
+  for (const VariableDecl& d : model_.variables)
+    model_.counts.variables += d.derivative ? 0 : d.copies;
   for (auto& v : statements_) std::vector<Statement>().swap(v);
   return std::move(model_);
 }

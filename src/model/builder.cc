@@ -191,9 +191,11 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
 }
 
 // The elements of a vector declaration differ from its first only in the index of their
-// name: each is the first's record under its own name.
+// name: each is the first's record under its own name, its bounds repaired (and the repair
+// reported) as the first's were.
 void Builder::AddVariables(lang::VariableDecl* decl, char vtype) {
   const long copies = decl->copies;
+  const double lower = decl->lower;
   std::string_view base;
   long first = 0;
   const std::string first_name = copies > 1 ? decl->name : std::string();
@@ -205,6 +207,8 @@ void Builder::AddVariables(lang::VariableDecl* decl, char vtype) {
   for (long k = 1; k < copies; ++k) {
     Variable v = head;
     v.name = lang::ElementName(base, first + k);
+    v.lower = lower;
+    RepairBounds(&v);
     const int record = static_cast<int>(store_.vars.size());
     if (!NoteElement(v.name, record)) names_.emplace(v.name, record);
     store_.vars.push_back(std::move(v));
