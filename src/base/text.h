@@ -20,7 +20,9 @@ template <typename T>
 using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 
 // Case folding is ASCII: the engine runs in the "C" locale, where only A-Z and a-z change.
-inline char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+inline char LowerAscii(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 std::string ToLower(std::string_view s);
 // `s` in lower case into `out`, which keeps its capacity (names read in a loop).
 void AssignLower(std::string_view s, std::string* out);

@@ -120,8 +120,10 @@ ModelFileReader::Declared& ModelFileReader::CheckNewName(const std::string& name
   }
   std::string_view base;
   long index = 0;
-  if (!derivative && SplitElement(name, &base, &index) && !declared_element_bases_.contains(base))
+  if (!derivative && SplitElement(name, &base, &index) &&
+      !declared_element_bases_.contains(base)) {
     declared_element_bases_.emplace(base);
+  }
   return it->second;
 }
 
@@ -130,11 +132,12 @@ void ModelFileReader::CheckNewRun(std::string_view base, long first, long last,
   std::vector<DeclaredRun>& runs = declared_runs_[std::string(base)];
   long duplicate = last + 1;
   for (const DeclaredRun& r : runs) {
-    if (r.first <= last && first <= r.last) duplicate = std::min(duplicate, std::max(first, r.first));
+    if (r.first <= last && first <= r.last)
+      duplicate = std::min(duplicate, std::max(first, r.first));
   }
   if (declared_element_bases_.count(base) > 0) {
     for (long i = first; i < duplicate; ++i) {
-      if (declared_.count(fmt::format("{}[{}]", base, i)) > 0) duplicate = i;
+      if (declared_.count(ElementName(base, i)) > 0) duplicate = i;
     }
   }
   if (duplicate <= last) {

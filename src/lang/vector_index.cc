@@ -108,7 +108,8 @@ std::string WriteCopy(std::string_view text, const std::vector<IndexRange>& indi
   char digits[24];
   for (const auto& r : indices) {
     out.append(text.data() + pos, r.open + 1 - pos);
-    const auto written = std::to_chars(digits, digits + sizeof digits, r.range ? r.first + k : r.first);
+    const long index = r.range ? r.first + k : r.first;
+    const auto written = std::to_chars(digits, digits + sizeof digits, index);
     out.append(digits, written.ptr);
     pos = r.close;
   }

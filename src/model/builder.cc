@@ -194,16 +194,15 @@ ModelStore Builder::Run(const std::function<void(lang::ModelFileReader*)>& read)
 // name: each is the first's record under its own name, its bounds repaired (and the repair
 // reported) as the first's were.
 void Builder::AddVariables(lang::VariableDecl* decl, char vtype) {
-  const long copies = decl->copies;
   const double lower = decl->lower;
+  AddVariable(decl, vtype);
+  if (decl->copies == 1) return;
+  const Variable head = store_.vars.back();
   std::string_view base;
   long first = 0;
-  const std::string first_name = copies > 1 ? decl->name : std::string();
-  AddVariable(decl, vtype);
-  if (copies == 1) return;
-  const bool element = SplitElement(first_name, &base, &first);
+  const bool element = SplitElement(head.name, &base, &first);
   KX_CHECK(element);  // the reader keeps a declaration whole only when its name is one
-  const Variable head = store_.vars.back();
+  const long copies = decl->copies;
   for (long k = 1; k < copies; ++k) {
     Variable v = head;
     v.name = lang::ElementName(base, first + k);

@@ -100,11 +100,7 @@ int ProgramShapes::FindCopy(long k, std::vector<int>* columns) {
       leaves_[m.leaf].column = m.derivative ? m.slice.derivative_offset + number : number;
       continue;
     }
-    name_ = m.base;
-    name_ += '[';
-    name_ += std::to_string(index);
-    name_ += ']';
-    const lang::Symbol s = lookup_(name_, m.derivative);
+    const lang::Symbol s = lookup_(lang::ElementName(m.base, index), m.derivative);
     if (s.kind != Kind::kColumn) return -1;
     leaves_[m.leaf].column = s.column;
   }

@@ -60,8 +60,9 @@ class ProgramShapes {
                   int program);
 
   // Find for copy k of the planned statement: only the moved names are looked up (by index
-  // in their vector's slice when there is one), the text is not read again. -1 when this copy resolves differently (the caller then calls Find on its
-  // text, which also reports what is wrong with it).
+  // in their vector's slice when there is one), the text is not read again. -1 when this
+  // copy resolves differently (the caller then calls Find on its text, which also reports
+  // what is wrong with it).
   int FindCopy(long k, std::vector<int>* columns);
 
  private:
