@@ -3,7 +3,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <coin/IpStdCInterface.h>
+#include <coin/IpIpoptApplication.hpp>
+#include <coin/IpTNLP.hpp>
 #include <string>
 #include <variant>
 #include <vector>
@@ -18,18 +19,12 @@
 namespace kx::solvers {
 namespace {
 
+using Ipopt::Index;
+using Ipopt::Number;
+
 // Print level of the library's log file "ipopt.out": one line per iteration plus the
 // derivative checker's report and the final statistics.
-constexpr int kFilePrintLevel = 5;
-
-// What the callbacks see of the call: the problem through its view (evaluations, counts,
-// timers, MAX_TIME) and the iteration count the library last reported.
-struct CallData {
-  ProblemView* view = nullptr;
-  int iterations = 0;
-  std::vector<int> solver_row;   // the library's index of each of the problem's rows
-  std::vector<double> row_work;  // residuals or multipliers in the problem's row order
-};
+constexpr Ipopt::EJournalLevel kFilePrintLevel = Ipopt::J_ITERSUMMARY;
 
 // The rows in the order of their first column (stable): rows that read neighbouring columns
 // become neighbours. Models list their rows statement by statement, so that the rows of one
@@ -56,78 +51,143 @@ void ToModelRows(const std::vector<int>& solver_row, const double* solver, doubl
   for (size_t r = 0; r < solver_row.size(); ++r) model[r] = solver[solver_row[r]];
 }
 
-CallData& Data(UserDataPtr user_data) { return *static_cast<CallData*>(user_data); }
-ProblemView& View(UserDataPtr user_data) { return *Data(user_data).view; }
+// The problem as the library's problem interface sees it: every call goes through the view
+// (evaluations, counts, timers, MAX_TIME). The library's own arrays are filled in place, so
+// no bound, start or structure is copied on the way; the solution is kept when the library
+// hands it back.
+class IpoptAdapter : public Ipopt::TNLP {
+ public:
+  IpoptAdapter(ProblemView& view, SolverResult& result)
+      : view_(view), result_(result), solver_row_(BandedRowOrder(view)), row_work_(view.m()) {}
 
-// Runs one evaluation; an evaluation that fails or throws is reported to the library as a
-// failed evaluation so that it cuts its step back instead of unwinding through C code.
-template <typename Fn>
-Bool Guarded(Fn&& fn) {
-  try {
-    return fn() ? TRUE : FALSE;
-  } catch (...) {
-    return FALSE;
+  int iterations() const { return iterations_; }
+  bool finalized() const { return finalized_; }
+
+  // Starts from the problem's previous row multipliers when `wanted` and it has them; true
+  // when it will.
+  bool WarmStart(bool wanted) {
+    warm_ = wanted && view_.m() > 0 && view_.problem().StartMultipliers(row_work_);
+    return warm_;
   }
-}
 
-Bool EvalObjective(Index n, Number* x, Bool, Number* f, UserDataPtr user_data) {
-  return Guarded([&] { return View(user_data).Objective({x, size_t(n)}, *f); });
-}
-
-Bool EvalConstraints(Index n, Number* x, Bool, Index m, Number* c, UserDataPtr user_data) {
-  CallData& data = Data(user_data);
-  return Guarded([&] {
-    if (!data.view->Constraints({x, size_t(n)}, {data.row_work.data(), size_t(m)})) return false;
-    ToSolverRows(data.solver_row, data.row_work.data(), c);
+  bool get_nlp_info(Index& n, Index& m, Index& nnz_jac, Index& nnz_hess,
+                    IndexStyleEnum& style) override {
+    n = view_.n();
+    m = view_.m();
+    nnz_jac = view_.nnz_jac();
+    nnz_hess = view_.nnz_hess();
+    style = C_STYLE;
     return true;
-  });
-}
-
-Bool EvalGradient(Index n, Number* x, Bool, Number* g, UserDataPtr user_data) {
-  return Guarded([&] { return View(user_data).Gradient({x, size_t(n)}, {g, size_t(n)}); });
-}
-
-// Copies a structure the view read into the library's arrays.
-Bool CopyStructure(const std::vector<int>& rows, const std::vector<int>& cols, Index* out_rows,
-                   Index* out_cols) {
-  std::copy(rows.begin(), rows.end(), out_rows);
-  std::copy(cols.begin(), cols.end(), out_cols);
-  return TRUE;
-}
-
-// First call (values == NULL): the structure; later calls: the values.
-Bool EvalJacobian(Index n, Number* x, Bool, Index, Index nnz, Index* rows, Index* cols,
-                  Number* values, UserDataPtr user_data) {
-  ProblemView& view = View(user_data);
-  if (values == nullptr) {
-    CopyStructure(view.jac_rows(), view.jac_cols(), rows, cols);
-    for (Index k = 0; k < nnz; ++k) rows[k] = Data(user_data).solver_row[rows[k]];
-    return TRUE;
   }
-  return Guarded([&] { return view.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
-}
 
-Bool EvalHessian(Index n, Number* x, Bool, Number obj_factor, Index m, Number* lambda, Bool,
-                 Index nnz, Index* rows, Index* cols, Number* values, UserDataPtr user_data) {
-  ProblemView& view = View(user_data);
-  if (!view.has_hessian()) return FALSE;
-  if (values == nullptr) return CopyStructure(view.hess_rows(), view.hess_cols(), rows, cols);
-  CallData& data = Data(user_data);
-  ToModelRows(data.solver_row, lambda, data.row_work.data());
-  return Guarded([&] {
-    return view.Hessian({x, size_t(n)}, obj_factor, {data.row_work.data(), size_t(m)},
-                        {values, size_t(nnz)});
-  });
-}
+  bool get_bounds_info(Index, Number* xl, Number* xu, Index, Number* cl, Number* cu) override {
+    std::copy(view_.xl().begin(), view_.xl().end(), xl);
+    std::copy(view_.xu().begin(), view_.xu().end(), xu);
+    ToSolverRows(solver_row_, view_.cl().data(), cl);
+    ToSolverRows(solver_row_, view_.cu().data(), cu);
+    return true;
+  }
 
-// Called once per iteration: keeps the iteration count and stops the solve when the wall
-// time of the call is used up.
-Bool OnIteration(Index, Index iter_count, Number, Number, Number, Number, Number, Number,
-                 Number, Number, Index, UserDataPtr user_data) {
-  CallData& data = Data(user_data);
-  data.iterations = iter_count;
-  return data.view->TimeUp() ? FALSE : TRUE;
-}
+  // The start point; bound multipliers start at zero, row multipliers (warm start only) at
+  // the problem's previous ones.
+  bool get_starting_point(Index n, bool init_x, Number* x, bool init_z, Number* z_lower,
+                          Number* z_upper, Index m, bool init_lambda, Number* lambda) override {
+    if (init_x) view_.problem().Start({x, size_t(n)});
+    if (init_z) std::fill(z_lower, z_lower + n, 0.0), std::fill(z_upper, z_upper + n, 0.0);
+    if (init_lambda) {
+      std::fill(row_work_.begin(), row_work_.end(), 0.0);
+      if (warm_) view_.problem().StartMultipliers(row_work_);
+      ToSolverRows(solver_row_, row_work_.data(), lambda);
+    }
+    return m == view_.m();
+  }
+
+  bool eval_f(Index n, const Number* x, bool, Number& f) override {
+    return Guarded([&] { return view_.Objective({x, size_t(n)}, f); });
+  }
+
+  bool eval_grad_f(Index n, const Number* x, bool, Number* g) override {
+    return Guarded([&] { return view_.Gradient({x, size_t(n)}, {g, size_t(n)}); });
+  }
+
+  bool eval_g(Index n, const Number* x, bool, Index m, Number* c) override {
+    return Guarded([&] {
+      if (!view_.Constraints({x, size_t(n)}, {row_work_.data(), size_t(m)})) return false;
+      ToSolverRows(solver_row_, row_work_.data(), c);
+      return true;
+    });
+  }
+
+  // First call (values == NULL): the structure; later calls: the values.
+  bool eval_jac_g(Index n, const Number* x, bool, Index, Index nnz, Index* rows, Index* cols,
+                  Number* values) override {
+    if (values == nullptr) {
+      for (Index k = 0; k < nnz; ++k) {
+        rows[k] = solver_row_[view_.jac_rows()[k]];
+        cols[k] = view_.jac_cols()[k];
+      }
+      return true;
+    }
+    return Guarded([&] { return view_.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
+  }
+
+  bool eval_h(Index n, const Number* x, bool, Number obj_factor, Index m, const Number* lambda,
+              bool, Index nnz, Index* rows, Index* cols, Number* values) override {
+    if (!view_.has_hessian()) return false;
+    if (values == nullptr) {
+      std::copy(view_.hess_rows().begin(), view_.hess_rows().end(), rows);
+      std::copy(view_.hess_cols().begin(), view_.hess_cols().end(), cols);
+      return true;
+    }
+    ToModelRows(solver_row_, lambda, row_work_.data());
+    return Guarded([&] {
+      return view_.Hessian({x, size_t(n)}, obj_factor, {row_work_.data(), size_t(m)},
+                           {values, size_t(nnz)});
+    });
+  }
+
+  // Called once per iteration: keeps the iteration count and stops the solve when the wall
+  // time of the call is used up.
+  bool intermediate_callback(Ipopt::AlgorithmMode, Index iter, Number, Number, Number, Number,
+                             Number, Number, Number, Number, Index, const Ipopt::IpoptData*,
+                             Ipopt::IpoptCalculatedQuantities*) override {
+    iterations_ = iter;
+    return !view_.TimeUp();
+  }
+
+  void finalize_solution(Ipopt::SolverReturn, Index n, const Number* x, const Number* z_lower,
+                         const Number* z_upper, Index m, const Number*, const Number* lambda,
+                         Number objective, const Ipopt::IpoptData*,
+                         Ipopt::IpoptCalculatedQuantities*) override {
+    result_.x.assign(x, x + n);
+    result_.z_lower.assign(z_lower, z_lower + n);
+    result_.z_upper.assign(z_upper, z_upper + n);
+    result_.lambda.resize(m);
+    ToModelRows(solver_row_, lambda, result_.lambda.data());
+    result_.objective = objective;
+    finalized_ = true;
+  }
+
+ private:
+  // Runs one evaluation; an evaluation that fails or throws is reported to the library as a
+  // failed evaluation so that it cuts its step back instead of unwinding through it.
+  template <typename Fn>
+  static bool Guarded(Fn&& fn) {
+    try {
+      return fn();
+    } catch (...) {
+      return false;
+    }
+  }
+
+  ProblemView& view_;
+  SolverResult& result_;
+  bool warm_ = false;             // row multipliers start at the problem's previous ones
+  std::vector<int> solver_row_;   // the library's index of each of the problem's rows
+  std::vector<double> row_work_;  // residuals or multipliers in the problem's row order
+  int iterations_ = 0;            // as the library last reported it
+  bool finalized_ = false;        // the library handed a solution back
+};
 
 // One library option: its key, its value, and a line printed just before it is set.
 struct Option {
@@ -174,52 +234,49 @@ std::vector<Option> BuildOptions(const ProblemView& view, const SolverSettings& 
   return options;
 }
 
-bool SetOption(IpoptProblem handle, const Option& option) {
+bool SetOption(Ipopt::OptionsList& list, const Option& option) {
   if (!option.note.empty()) Say(option.note);
-  char* key = const_cast<char*>(option.key.c_str());
   if (const auto* s = std::get_if<std::string>(&option.value)) {
-    return AddIpoptStrOption(handle, key, const_cast<char*>(s->c_str()));
+    return list.SetStringValue(option.key, *s);
   }
-  if (const auto* i = std::get_if<int>(&option.value)) return AddIpoptIntOption(handle, key, *i);
-  return AddIpoptNumOption(handle, key, std::get<double>(option.value));
+  if (const auto* i = std::get_if<int>(&option.value)) return list.SetIntegerValue(option.key, *i);
+  return list.SetNumericValue(option.key, std::get<double>(option.value));
 }
 
-// The point and multipliers the library starts from and overwrites with its solution.
-struct Iterates {
-  std::vector<double> x, lambda, z_lower, z_upper;
-};
-
-Iterates StartIterates(ProblemView& view) {
-  return {view.Start(), std::vector<double>(view.m(), 0.0), std::vector<double>(view.n(), 0.0),
-          std::vector<double>(view.n(), 0.0)};
+// The library takes a problem with at least one variable whose rows, if any, have Jacobian
+// entries.
+bool LibraryTakes(const ProblemView& view) {
+  return view.n() >= 1 && (view.m() == 0 ? view.nnz_jac() == 0 : view.nnz_jac() >= 1);
 }
 
 // Sets the options in order and solves; false (after its message) when the log file or an
-// option could not be set, in which case nothing was solved.
-bool ConfigureAndSolve(IpoptProblem handle, const SolverSettings& settings, Iterates& a,
-                       CallData& data, SolverResult& result) {
-  if (!OpenIpoptOutputFile(handle, const_cast<char*>("ipopt.out"), kFilePrintLevel)) {
+// option could not be set, in which case nothing was solved. The option file "ipopt.opt",
+// when there is one, is read after the options are set.
+bool ConfigureAndSolve(Ipopt::IpoptApplication& app, const SolverSettings& settings,
+                       Ipopt::SmartPtr<IpoptAdapter> adapter, ProblemView& view,
+                       SolverResult& result) {
+  if (!app.OpenOutputFile("ipopt.out", kFilePrintLevel)) {
     Say("Error opening the Ipopt output file.");
     return false;
   }
-  bool warm = settings.warm && !a.lambda.empty() &&
-              data.view->problem().StartMultipliers(data.row_work);
-  if (warm) ToSolverRows(data.solver_row, data.row_work.data(), a.lambda.data());
-  for (const Option& option : BuildOptions(*data.view, settings, warm)) {
-    if (!SetOption(handle, option)) {
+  const bool warm = adapter->WarmStart(settings.warm);
+  for (const Option& option : BuildOptions(view, settings, warm)) {
+    if (!SetOption(*app.Options(), option)) {
       Say("Error setting an option");
       return false;
     }
   }
-  SetIntermediateCallback(handle, OnIteration);
-  std::vector<double> c(a.lambda.size());
-  double objective = 0.0;
-  {
-    ScopedTimer timer("Solver: ipopt");
-    result.status = IpoptSolve(handle, a.x.data(), c.data(), &objective, a.lambda.data(),
-                               a.z_lower.data(), a.z_upper.data(), &data);
+  ScopedTimer timer("Solver: ipopt");
+  Ipopt::ApplicationReturnStatus status = app.Initialize();
+  if (status == Ipopt::Solve_Succeeded) {
+    try {
+      status = app.OptimizeTNLP(adapter);
+    } catch (Ipopt::IpoptException& e) {
+      e.ReportException(*app.Jnlst(), Ipopt::J_ERROR);
+      status = Ipopt::Unrecoverable_Exception;
+    }
   }
-  result.objective = objective;
+  result.status = status;
   return true;
 }
 
@@ -251,35 +308,26 @@ bool HslAvailable() {
 SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   PrintSolverBanner('*', settings.imode, " with Interior Point Solver");
   ProblemView view(problem, settings.max_time);
-  Iterates a = StartIterates(view);
-  CallData data{.view = &view,
-                .solver_row = BandedRowOrder(view),
-                .row_work = std::vector<double>(view.m())};
-  // The library copies the bounds; it takes them through non-const pointers.
-  auto bounds = [](const std::vector<double>& v) { return const_cast<double*>(v.data()); };
-  std::vector<double> cl(view.m()), cu(view.m());
-  ToSolverRows(data.solver_row, view.cl().data(), cl.data());
-  ToSolverRows(data.solver_row, view.cu().data(), cu.data());
   SolverResult result;
   result.status = kSystemError;
-  IpoptProblem handle = CreateIpoptProblem(
-      view.n(), bounds(view.xl()), bounds(view.xu()), view.m(), cl.data(), cu.data(),
-      view.nnz_jac(), view.nnz_hess(),
-      /*index_style=*/0, EvalObjective, EvalConstraints, EvalGradient, EvalJacobian, EvalHessian);
-  if (handle == nullptr) {
+  Ipopt::SmartPtr<IpoptAdapter> adapter = new IpoptAdapter(view, result);
+  if (!LibraryTakes(view)) {
     Say("Error creating an Ipopt Problem handle.");
   } else {
-    if (ConfigureAndSolve(handle, settings, a, data, result)) ReportOutcome(result);
-    FreeIpoptProblem(handle);
+    Ipopt::SmartPtr<Ipopt::IpoptApplication> app = new Ipopt::IpoptApplication();
+    if (ConfigureAndSolve(*app, settings, adapter, view, result)) ReportOutcome(result);
   }
-  result.iterations = data.iterations;
+  if (!adapter->finalized()) {
+    // No solution came back: the start point and multipliers stand.
+    result.x = view.Start();
+    result.lambda.assign(view.m(), 0.0);
+    if (adapter->WarmStart(settings.warm)) problem.StartMultipliers(result.lambda);
+    result.z_lower.assign(view.n(), 0.0);
+    result.z_upper.assign(view.n(), 0.0);
+  }
+  result.iterations = adapter->iterations();
   result.residual_evals = view.residual_evals();
   result.jacobian_evals = view.jacobian_evals();
-  result.x = std::move(a.x);
-  result.lambda.resize(a.lambda.size());
-  ToModelRows(data.solver_row, a.lambda.data(), result.lambda.data());
-  result.z_lower = std::move(a.z_lower);
-  result.z_upper = std::move(a.z_upper);
   return result;
 }
 

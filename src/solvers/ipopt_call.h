@@ -1,5 +1,5 @@
 // solvers/ipopt_call: the call routine of the interior-point library Ipopt (SOLVER 3 and 4).
-// Hands a Problem to the library's procedural interface with a fixed option set, writes the
+// Hands a Problem to the library's problem interface with a fixed option set, writes the
 // library's log to "ipopt.out", and returns the library's own status code unchanged
 // (0 success; positive and negative codes are the library's other outcomes).
 #pragma once

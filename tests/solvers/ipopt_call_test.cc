@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -92,6 +94,35 @@ TEST(IpoptCallTest, FailuresReturnTheLibraryStatus) {
     if (c.status == -1) {
       EXPECT_EQ(r.iterations, 2);
     }
+  }
+}
+
+// A problem the library refuses (a row without Jacobian entries) and a log file that cannot be
+// opened both end the call before a solve: the start point stands and the status is non-zero.
+TEST(IpoptCallTest, CallsThatCannotSolveKeepTheStart) {
+  struct RowWithoutEntries : testing::DenseProblem {
+    int nnz_jac() override { return 0; }
+    void JacobianStructure(std::span<int>, std::span<int>) override {}
+  };
+  struct Case {
+    bool refused;  // else the log file is a directory
+    std::string message;
+  };
+  const Case cases[] = {{true, "Error creating an Ipopt Problem handle."},
+                        {false, "Error opening the Ipopt output file."}};
+  for (const Case& c : cases) {
+    WorkingDir dir;
+    RowWithoutEntries refused;
+    static_cast<testing::DenseProblem&>(refused) = NoHessianProblem();
+    testing::DenseProblem plain = NoHessianProblem();
+    if (!c.refused) std::filesystem::create_directory("ipopt.out");
+    OutputCapture out;
+    SolverResult r = SolveIpopt(c.refused ? refused : plain, SolverSettings{});
+    EXPECT_NE(r.status, 0) << c.message;
+    EXPECT_TRUE(out.Contains(c.message)) << out.text();
+    EXPECT_FALSE(out.Contains("The solution was found.")) << c.message;
+    EXPECT_EQ(r.x, (Vec{-1.2, 1.0})) << c.message;
+    EXPECT_EQ(r.lambda, Vec{0.0}) << c.message;
   }
 }
 
