@@ -24,6 +24,14 @@ EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape 
     : shape_(shape), nvar_(store.nvar), diff_var_(layout.diff_var),
       objective_all_(layout.objective_vars), programs_(store.programs.data()) {
   KX_CHECK(shape == Shape::kSteady || shape == Shape::kReduced);
+  size_t rows = 0, slots = 0;
+  for (const std::vector<int>* eqns : {&layout.constraint_eqns, &layout.objective_eqns}) {
+    rows += eqns->size();
+    for (int e : *eqns) slots += layout.slot_begin[e + 1] - layout.slot_begin[e];
+  }
+  eqn_.reserve(rows);
+  row_.reserve(rows);
+  cols_.reserve(slots);
   AddGroups(store, layout, layout.constraint_eqns, false);
   AddGroups(store, layout, layout.objective_eqns, true);
   size_t work = 1;
@@ -135,6 +143,7 @@ void EvalPlan::PlanTables() {
       cols.push_back(static_cast<int32_t>(c));
       marked[c] = 0;
     }
+    cols.shrink_to_fit();
   }
   // A table reaches only as far as the last column it needs.
   for (int op = 0; op < lang::kNumOps; ++op)
@@ -272,7 +281,8 @@ void EvalPlan::Residuals(std::span<double> c, lang::DomainErrors* errs) {
 }
 
 void EvalPlan::PlanJacobian(const EquationLayout& layout, const JacobianPattern& pattern) {
-  jac_at_.resize(cols_.size());
+  // The constraint rows' columns come first in cols_, the objective rows' after them.
+  jac_at_.resize(objective_.empty() ? cols_.size() : objective_.front().cols);
   for (const Group& g : rows_) {
     for (int32_t m = g.first; m < g.first + g.count; ++m) {
       const int begin = layout.slot_begin[eqn_[m]];
@@ -312,6 +322,10 @@ void EvalPlan::Jacobian(const EquationLayout& layout, const JacobianPattern& pat
 void EvalPlan::PlanHessian(const HessianPattern& pattern) {
   if (hess_planned_) return;
   KX_CHECK(pattern.shape == shape_);
+  size_t pairs = 0;
+  for (const std::vector<Group>* list : {&rows_, &objective_})
+    for (const Group& g : *list) pairs += static_cast<size_t>(g.count) * g.pairs;
+  hess_at_.reserve(pairs);
   for (std::vector<Group>* list : {&rows_, &objective_}) {
     for (Group& g : *list) {
       g.pair_at = static_cast<int64_t>(hess_at_.size());

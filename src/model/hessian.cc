@@ -86,6 +86,9 @@ void PlacePairs(const std::vector<PairPosition>& kept, HessianPattern* p) {
     }
   }
   p->row_start[p->dim + 1] = p->nnz();
+  // Room was made for every kept pair; pairs that share a position give theirs back.
+  p->rows.shrink_to_fit();
+  p->cols.shrink_to_fit();
   p->scatter.assign(p->pair_begin.back(), -1);
   for (const PairPosition& k : kept) {
     auto first = p->cols.begin() + p->row_start[k.row];

@@ -33,9 +33,10 @@ struct EvalScratch {
 
 // Copies equation e's inputs into `in`.
 inline void GatherInputs(const EquationLayout& layout, int e, double* in) {
-  const double* const* src = layout.slot_value.data() + layout.slot_begin[e];
+  const char* base = reinterpret_cast<const char*>(layout.vars_at_build);
+  const uint32_t* offset = layout.slot_offset.data() + layout.slot_begin[e];
   int n = layout.slot_begin[e + 1] - layout.slot_begin[e];
-  for (int k = 0; k < n; ++k) in[k] = *src[k];
+  for (int k = 0; k < n; ++k) in[k] = *reinterpret_cast<const double*>(base + offset[k]);
 }
 
 // Residual of equation e at the current values and its gradient, one entry per input slot of

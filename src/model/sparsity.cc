@@ -47,10 +47,13 @@ void ColumnValues(const ModelStore& store, std::vector<double>* values) {
 
 namespace {
 
-// Address that a slot reading model column `col` reads its value from.
-const double* SlotAddress(const ModelStore& store, int col) {
-  if (col <= store.nvar) return &store.Var(col).val;
-  return &store.Var(col - store.nvar).d_val;
+// Byte offset, from the first variable record, of the value a slot reading model column `col`
+// reads.
+uint32_t SlotOffset(const ModelStore& store, int col) {
+  const double* value =
+      col <= store.nvar ? &store.Var(col).val : &store.Var(col - store.nvar).d_val;
+  return static_cast<uint32_t>(reinterpret_cast<const char*>(value) -
+                               reinterpret_cast<const char*>(store.vars.data()));
 }
 
 void AddEquationSlots(const ModelStore& store, const Equation& eqn, EquationLayout* layout) {
@@ -63,7 +66,7 @@ void AddEquationSlots(const ModelStore& store, const Equation& eqn, EquationLayo
     }
     KX_CHECK(col >= 1 && col <= 2 * store.nvar);
     layout->slot_column.push_back(col);
-    layout->slot_value.push_back(SlotAddress(store, col));
+    layout->slot_offset.push_back(SlotOffset(store, col));
   }
   layout->max_inputs = std::max(layout->max_inputs, program.num_inputs());
   layout->max_work = std::max(layout->max_work, program.work_size());
@@ -76,6 +79,19 @@ void AddEquationSlots(const ModelStore& store, const Equation& eqn, EquationLayo
 EquationLayout BuildLayout(const ModelStore& store) {
   EquationLayout layout;
   int neqn = static_cast<int>(store.eqns.size());
+  // Offsets are 32-bit: the records must fit in 4 GB.
+  KX_CHECK(store.vars.size() < (size_t{1} << 32) / sizeof(Variable));
+  // Every list is sized up front: at this size growth by doubling would waste a third.
+  size_t slots = 0, constraints = 0, objectives = 0;
+  for (const Equation& eqn : store.eqns) {
+    if (eqn.program < 0) continue;
+    slots += eqn.columns.size();
+    if (eqn.active) ++(eqn.obj_eqn ? objectives : constraints);
+  }
+  layout.slot_column.reserve(slots);
+  layout.slot_offset.reserve(slots);
+  layout.constraint_eqns.reserve(constraints);
+  layout.objective_eqns.reserve(objectives);
   layout.row_of_eqn.assign(neqn, 0);
   layout.slot_begin.reserve(neqn + 1);
   layout.program_at_build.reserve(neqn);
@@ -175,9 +191,16 @@ JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayo
   pattern.num_cols = NumColumns(store, shape);
   pattern.scatter.assign(layout.slot_column.size(), -1);
   std::vector<int> entry_of_col(pattern.num_cols + 1, -1);
+  // Room for every slot of the rows; a shape that drops columns gives the spare room back.
+  size_t slots = 0;
+  for (int e : layout.constraint_eqns) slots += layout.slot_begin[e + 1] - layout.slot_begin[e];
+  pattern.rows.reserve(slots);
+  pattern.cols.reserve(slots);
   for (int r = 0; r < pattern.num_rows; ++r) {
     AddPatternRow(store, layout, layout.constraint_eqns[r], r + 1, &entry_of_col, &pattern);
   }
+  pattern.rows.shrink_to_fit();
+  pattern.cols.shrink_to_fit();
   BuildCondensedOrders(&pattern);
   return pattern;
 }

@@ -13,6 +13,7 @@
 //   kSteady   neqn x nvar         x columns only; derivative inputs are dropped
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "model/records.h"
@@ -39,7 +40,8 @@ struct EquationLayout {
   std::vector<int> row_of_eqn;             // 1-based Jacobian row per equation, 0 if none
   std::vector<int> slot_begin;             // first slot of each equation; size neqn+1
   std::vector<int> slot_column;            // model column read by each slot; size nslots
-  std::vector<const double*> slot_value;   // address of the value read by each slot
+  std::vector<uint32_t> slot_offset;      // byte offset of the value read by each slot from
+                                          // the first variable record (vars_at_build)
   std::vector<int> program_at_build;       // eqn.program when the layout was built
   std::vector<int> diff_var;               // variable number of each idiff; size ndiff+1
   std::vector<int> objective_vars;         // numbers of the obj_def variables

@@ -47,6 +47,9 @@ ProblemView::ProblemView(Problem& problem, double max_time)
   problem.Bounds(xl_, xu_);
   problem.ConstraintBounds(cl_, cu_);
   free_index_.assign(n_, -1);
+  int fixed = 0;
+  for (int j = 0; j < n_; ++j) fixed += xl_[j] == xu_[j];
+  free_.reserve(n_ - fixed);
   for (int j = 0; j < n_; ++j) {
     if (xl_[j] == xu_[j]) continue;
     free_index_[j] = static_cast<int>(free_.size());
