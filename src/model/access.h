@@ -150,7 +150,7 @@ class ModelAccess {
 
  private:
   void EnsureLayout();
-  double ResidualFromColumns(int e);
+  double StoreResidual(int e);
 
   ModelStore& store_;
   std::optional<EquationLayout> layout_;                      // built on first use

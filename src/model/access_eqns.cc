@@ -58,29 +58,25 @@ EvalPlan& ModelAccess::Plan(Shape shape) {
   return *slot;
 }
 
-// Residual of equation e from the column values in scratch_.by_column, stored in its record.
-double ModelAccess::ResidualFromColumns(int e) {
+// Residual of equation e at the records' values, stored in its record.
+double ModelAccess::StoreResidual(int e) {
   Equation& eqn = store_.eqns[e];
-  const int* cols = layout_->slot_column.data() + layout_->slot_begin[e];
-  const int n = layout_->slot_begin[e + 1] - layout_->slot_begin[e];
   double* in = scratch_.in.data();
-  for (int k = 0; k < n; ++k) in[k] = scratch_.by_column[cols[k]];
+  GatherInputs(*layout_, e, in);
   eqn.residual = store_.programs[eqn.program].Residual(in, scratch_.work.data(), &scratch_.errors);
   return eqn.residual;
 }
 
 void ModelAccess::EvaluateResiduals() {
   EnsureLayout();
-  ColumnValues(store_, &scratch_.by_column);
   for (int e = 0; e < num_eqns(); ++e)
-    if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
+    if (store_.eqns[e].program >= 0) StoreResidual(e);
 }
 
 void ModelAccess::EvaluateConstraintRows() {
   EnsureLayout();
-  ColumnValues(store_, &scratch_.by_column);
   for (int e : layout_->constraint_eqns)
-    if (store_.eqns[e].program >= 0) ResidualFromColumns(e);
+    if (store_.eqns[e].program >= 0) StoreResidual(e);
 }
 
 void ModelAccess::GetResiduals(bool active_only, bool scaled, std::span<double> y) {
@@ -124,8 +120,7 @@ double ModelAccess::Objective(bool include_fixed) {
     if (include_fixed || !v.fixed) f += v.val;
   }
   if (layout_->objective_eqns.empty()) return f;
-  ColumnValues(store_, &scratch_.by_column);
-  for (int e : layout_->objective_eqns) f += ResidualFromColumns(e);
+  for (int e : layout_->objective_eqns) f += StoreResidual(e);
   return f;
 }
 

@@ -25,7 +25,6 @@ struct EvalScratch {
   std::vector<double> hess;    // Hessian pair values; size max_pairs
   std::vector<double> col_scale;  // column scaling factors of the shape being scaled
   std::vector<double> dense_grad; // dense objective gradient; size nvar
-  std::vector<double> by_column;  // value of each model column; size 2*nvar+1
   lang::DomainErrors errors;   // domain errors met while evaluating
 
   void Reserve(const EquationLayout& layout);
