@@ -30,11 +30,15 @@ constexpr Ipopt::EJournalLevel kFilePrintLevel = Ipopt::J_ITERSUMMARY;
 // become neighbours. Models list their rows statement by statement, so that the rows of one
 // interval of a discretisation lie far apart; the factorisation's ordering of the KKT matrix
 // breaks its ties by index and finds less fill from this order.
-std::vector<int> BandedRowOrder(const ProblemView& view) {
+std::vector<int> BandedRowOrder(ProblemView& view) {
   const int m = view.m();
   std::vector<int> first(m, view.n());
-  for (size_t k = 0; k < view.jac_rows().size(); ++k)
-    first[view.jac_rows()[k]] = std::min(first[view.jac_rows()[k]], view.jac_cols()[k]);
+  {
+    ScopedTimer timer("Sparsity: zpm_s");
+    std::vector<int> rows(view.nnz_jac()), cols(view.nnz_jac());
+    view.problem().JacobianStructure(rows, cols);
+    for (size_t k = 0; k < rows.size(); ++k) first[rows[k]] = std::min(first[rows[k]], cols[k]);
+  }
   std::vector<int> order(m);
   for (int r = 0; r < m; ++r) order[r] = r;
   std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return first[a] < first[b]; });
@@ -51,10 +55,10 @@ void ToModelRows(const std::vector<int>& solver_row, const double* solver, doubl
   for (size_t r = 0; r < solver_row.size(); ++r) model[r] = solver[solver_row[r]];
 }
 
-// The problem as the library's problem interface sees it: every call goes through the view
-// (evaluations, counts, timers, MAX_TIME). The library's own arrays are filled in place, so
-// no bound, start or structure is copied on the way; the solution is kept when the library
-// hands it back.
+// The problem as the library's problem interface sees it: evaluations go through the view
+// (counts, timers, MAX_TIME). Bounds, start and structures are written from the problem
+// straight into the library's arrays, which it keeps, so no copy of them is held here; the
+// solution is kept when the library hands it back.
 class IpoptAdapter : public Ipopt::TNLP {
  public:
   IpoptAdapter(ProblemView& view, SolverResult& result)
@@ -80,11 +84,13 @@ class IpoptAdapter : public Ipopt::TNLP {
     return true;
   }
 
-  bool get_bounds_info(Index, Number* xl, Number* xu, Index, Number* cl, Number* cu) override {
-    std::copy(view_.xl().begin(), view_.xl().end(), xl);
-    std::copy(view_.xu().begin(), view_.xu().end(), xu);
-    ToSolverRows(solver_row_, view_.cl().data(), cl);
-    ToSolverRows(solver_row_, view_.cu().data(), cu);
+  bool get_bounds_info(Index n, Number* xl, Number* xu, Index m, Number* cl, Number* cu) override {
+    view_.problem().Bounds({xl, size_t(n)}, {xu, size_t(n)});
+    view_.problem().ConstraintBounds({cl, size_t(m)}, {cu, size_t(m)});
+    for (Number* bounds : {cl, cu}) {
+      std::copy(bounds, bounds + m, row_work_.begin());
+      ToSolverRows(solver_row_, row_work_.data(), bounds);
+    }
     return true;
   }
 
@@ -122,10 +128,9 @@ class IpoptAdapter : public Ipopt::TNLP {
   bool eval_jac_g(Index n, const Number* x, bool, Index, Index nnz, Index* rows, Index* cols,
                   Number* values) override {
     if (values == nullptr) {
-      for (Index k = 0; k < nnz; ++k) {
-        rows[k] = solver_row_[view_.jac_rows()[k]];
-        cols[k] = view_.jac_cols()[k];
-      }
+      ScopedTimer timer("Sparsity: zpm_s");
+      view_.problem().JacobianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
+      for (Index k = 0; k < nnz; ++k) rows[k] = solver_row_[rows[k]];
       return true;
     }
     return Guarded([&] { return view_.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
@@ -135,8 +140,8 @@ class IpoptAdapter : public Ipopt::TNLP {
               bool, Index nnz, Index* rows, Index* cols, Number* values) override {
     if (!view_.has_hessian()) return false;
     if (values == nullptr) {
-      std::copy(view_.hess_rows().begin(), view_.hess_rows().end(), rows);
-      std::copy(view_.hess_cols().begin(), view_.hess_cols().end(), cols);
+      ScopedTimer timer("Sparsity: zpm_s");
+      if (nnz > 0) view_.problem().HessianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
       return true;
     }
     ToModelRows(solver_row_, lambda, row_work_.data());
@@ -307,7 +312,7 @@ bool HslAvailable() {
 
 SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
   PrintSolverBanner('*', settings.imode, " with Interior Point Solver");
-  ProblemView view(problem, settings.max_time);
+  ProblemView view(problem, settings.max_time, ProblemView::Reads::kSizes);
   SolverResult result;
   result.status = kSystemError;
   Ipopt::SmartPtr<IpoptAdapter> adapter = new IpoptAdapter(view, result);

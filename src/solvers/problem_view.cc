@@ -31,15 +31,18 @@ bool InRange(const std::vector<int>& v, int size) {
 
 }  // namespace
 
-ProblemView::ProblemView(Problem& problem, double max_time)
+ProblemView::ProblemView(Problem& problem, double max_time, Reads reads)
     : problem_(problem),
       n_(problem.num_vars()),
       m_(problem.num_cons()),
+      nnz_jac_(problem.nnz_jac()),
       has_hessian_(problem.has_hessian()),
       start_(std::chrono::steady_clock::now()) {
+  nnz_hess_ = has_hessian_ ? problem.nnz_hess() : 0;
   const double seconds = std::clamp(max_time, 0.0, kMaxSeconds);
   deadline_ = start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                            std::chrono::duration<double>(seconds));
+  if (reads == Reads::kSizes) return;
   xl_.assign(n_, 0.0);
   xu_.assign(n_, 0.0);
   cl_.assign(m_, 0.0);
@@ -60,11 +63,11 @@ ProblemView::ProblemView(Problem& problem, double max_time)
 
 void ProblemView::ReadStructures() {
   ScopedTimer timer("Sparsity: zpm_s");
-  jac_rows_.assign(problem_.nnz_jac(), 0);
+  jac_rows_.assign(nnz_jac_, 0);
   jac_cols_.assign(jac_rows_.size(), 0);
   problem_.JacobianStructure(jac_rows_, jac_cols_);
   if (!has_hessian_) return;
-  hess_rows_.assign(problem_.nnz_hess(), 0);
+  hess_rows_.assign(nnz_hess_, 0);
   hess_cols_.assign(hess_rows_.size(), 0);
   if (!hess_rows_.empty()) problem_.HessianStructure(hess_rows_, hess_cols_);
 }

@@ -28,13 +28,18 @@ enum class InputFault {
 
 class ProblemView {
  public:
-  ProblemView(Problem& problem, double max_time);
+  // What the view reads up front: everything, or only the sizes when the solver hands the
+  // bounds and structures from the problem straight to a library that keeps its own copies
+  // (the bound, structure and free-variable lists are then empty).
+  enum class Reads { kEverything, kSizes };
+
+  ProblemView(Problem& problem, double max_time, Reads reads = Reads::kEverything);
 
   Problem& problem() { return problem_; }
   int n() const { return n_; }
   int m() const { return m_; }
-  int nnz_jac() const { return static_cast<int>(jac_rows_.size()); }
-  int nnz_hess() const { return static_cast<int>(hess_rows_.size()); }  // 0 without a Hessian
+  int nnz_jac() const { return nnz_jac_; }
+  int nnz_hess() const { return nnz_hess_; }  // 0 without a Hessian
   bool has_hessian() const { return has_hessian_; }
 
   const std::vector<double>& xl() const { return xl_; }
@@ -75,6 +80,8 @@ class ProblemView {
   Problem& problem_;
   int n_ = 0;                              // variables
   int m_ = 0;                              // rows
+  int nnz_jac_ = 0;                        // Jacobian positions
+  int nnz_hess_ = 0;                       // Hessian positions; 0 without a Hessian
   bool has_hessian_ = false;               // exact second derivatives supplied
   std::vector<double> xl_, xu_;            // variable bounds; size n_
   std::vector<double> cl_, cu_;            // row bounds; size m_
