@@ -63,6 +63,7 @@ class ModelAccess {
   void Invalidate();
   const EquationLayout& Layout();
   const JacobianPattern& Jacobian(Shape shape);
+  const ColumnOrder& JacobianColumns(Shape shape);  // the column form, made on first request
   const HessianPattern& Hessian(Shape shape);  // kSteady or kReduced
   const std::vector<int>& ObjectivePattern();
   // The fast evaluation path of the unscaled problem in `shape` (kSteady or kReduced), built on
@@ -155,6 +156,7 @@ class ModelAccess {
   ModelStore& store_;
   std::optional<EquationLayout> layout_;                      // built on first use
   std::array<std::optional<JacobianPattern>, kNumShapes> jac_;  // per Shape
+  std::array<std::optional<ColumnOrder>, kNumShapes> jac_columns_;
   std::array<std::optional<HessianPattern>, kNumShapes> hess_;  // kSteady, kReduced used
   std::optional<std::vector<int>> obj_pattern_;               // objective gradient pattern
   std::array<std::optional<EvalPlan>, kNumShapes> plan_;      // kSteady, kReduced used

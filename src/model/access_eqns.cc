@@ -11,6 +11,7 @@ namespace kx::model {
 void ModelAccess::Invalidate() {
   layout_.reset();
   for (auto& p : jac_) p.reset();
+  for (auto& p : jac_columns_) p.reset();
   for (auto& p : hess_) p.reset();
   for (auto& p : plan_) p.reset();
   obj_pattern_.reset();
@@ -34,6 +35,13 @@ const JacobianPattern& ModelAccess::Jacobian(Shape shape) {
   EnsureLayout();
   auto& slot = jac_[static_cast<int>(shape)];
   if (!slot) slot = BuildJacobianPattern(store_, *layout_, shape);
+  return *slot;
+}
+
+const ColumnOrder& ModelAccess::JacobianColumns(Shape shape) {
+  const JacobianPattern& pattern = Jacobian(shape);
+  auto& slot = jac_columns_[static_cast<int>(shape)];
+  if (!slot) slot = BuildColumnOrder(pattern);
   return *slot;
 }
 

@@ -22,15 +22,19 @@ bool IsJacobianSelector(int imsg, bool allow_columns) {
 }
 
 // Writes the condensed index vector; see routines.h.
-void FillCondensedIndex(const JacobianPattern& p, bool by_column, std::span<int> ia) {
+void FillCondensedIndex(ModelAccess& m, Shape shape, bool by_column, std::span<int> ia) {
+  const JacobianPattern& p = m.Jacobian(shape);
   int nnz = p.nnz();
   int nlines = by_column ? p.num_cols : p.num_rows;
   KX_CHECK(static_cast<int>(ia.size()) >= nnz + nlines + 2);
   ia[0] = nnz;
-  for (int k = 0; k < nnz; ++k) {
-    ia[1 + k] = by_column ? p.rows[p.col_order[k]] : p.cols[k];
+  if (!by_column) {
+    std::copy(p.cols.begin(), p.cols.end(), ia.begin() + 1);
+  } else {
+    const std::vector<int>& order = m.JacobianColumns(shape).order;
+    for (int k = 0; k < nnz; ++k) ia[1 + k] = p.rows[order[k]];
   }
-  const std::vector<int>& start = by_column ? p.col_start : p.row_start;
+  const std::vector<int>& start = by_column ? m.JacobianColumns(shape).start : p.row_start;
   for (int j = 0; j <= nlines; ++j) ia[1 + nnz + j] = start[j] + 1;
 }
 
@@ -57,8 +61,7 @@ int zpm_nnzh(ModelAccess& m, int imsg) {
 void zpm_condensed_sparsity(ModelAccess& m, int imsg, std::span<int> ia) {
   if (imsg == 0) return PrintHelp("zpm_condensed_sparsity");
   if (!IsJacobianSelector(imsg, true)) InvalidOption("zpm_condensed_sparsity", imsg);
-  const JacobianPattern& p = m.Jacobian(JacobianShape(imsg % 10));
-  FillCondensedIndex(p, imsg > 10, ia);
+  FillCondensedIndex(m, JacobianShape(imsg % 10), imsg > 10, ia);
   m.jacobian_structure = imsg;
 }
 
@@ -67,13 +70,14 @@ void zpm_condensed_jacobian(ModelAccess& m, int imsg, std::span<int> ia, std::sp
   if (!IsJacobianSelector(imsg, true)) InvalidOption("zpm_condensed_jacobian", imsg);
   int base = imsg % 10;
   const JacobianPattern& p = m.Jacobian(JacobianShape(base));
-  if (!ia.empty()) FillCondensedIndex(p, imsg > 10, ia);
+  if (!ia.empty()) FillCondensedIndex(m, p.shape, imsg > 10, ia);
   m.jacobian_structure = imsg;
   KX_CHECK(static_cast<int>(a.size()) >= p.nnz());
   if (imsg < 10) return m.JacobianValues(p.shape, base % 2 == 1, a);
   std::span<double> coord = m.Buffer(p.nnz());
   m.JacobianValues(p.shape, base % 2 == 1, coord);
-  for (int k = 0; k < p.nnz(); ++k) a[k] = coord[p.col_order[k]];
+  const std::vector<int>& order = m.JacobianColumns(p.shape).order;
+  for (int k = 0; k < p.nnz(); ++k) a[k] = coord[order[k]];
 }
 
 void zpm_jacobian(ModelAccess& m, int imsg, int nz, std::span<int> ir, std::span<int> ic,

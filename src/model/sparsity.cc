@@ -148,21 +148,13 @@ void AddPatternRow(const ModelStore& store, const EquationLayout& layout, int e,
   }
 }
 
-// Condensed row starts (entries are already grouped by row) and the column order by a stable
-// counting sort on the column.
-void BuildCondensedOrders(JacobianPattern* p) {
-  int nnz = p->nnz();
+// Condensed row starts: entries are already grouped by row.
+void BuildRowStarts(JacobianPattern* p) {
   p->row_start.assign(p->num_rows + 1, 0);
-  for (int k = 0; k < nnz; ++k) ++p->row_start[p->rows[k]];
-  p->col_start.assign(p->num_cols + 1, 0);
-  for (int k = 0; k < nnz; ++k) ++p->col_start[p->cols[k]];
-  // Counts sit at index j (1-based row or column); the inclusive running sum turns index j-1
-  // into the 0-based start of row/column j and the last index into nnz.
+  for (int k = 0; k < p->nnz(); ++k) ++p->row_start[p->rows[k]];
+  // Counts sit at index j (1-based row); the inclusive running sum turns index j-1 into the
+  // 0-based start of row j and the last index into nnz.
   std::partial_sum(p->row_start.begin(), p->row_start.end(), p->row_start.begin());
-  std::partial_sum(p->col_start.begin(), p->col_start.end(), p->col_start.begin());
-  p->col_order.assign(nnz, 0);
-  std::vector<int> next(p->col_start.begin(), p->col_start.end() - 1);
-  for (int k = 0; k < nnz; ++k) p->col_order[next[p->cols[k] - 1]++] = k;
 }
 
 }  // namespace
@@ -201,8 +193,20 @@ JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayo
   }
   pattern.rows.shrink_to_fit();
   pattern.cols.shrink_to_fit();
-  BuildCondensedOrders(&pattern);
+  BuildRowStarts(&pattern);
   return pattern;
+}
+
+// A stable counting sort on the column.
+ColumnOrder BuildColumnOrder(const JacobianPattern& p) {
+  ColumnOrder c;
+  c.start.assign(p.num_cols + 1, 0);
+  for (int k = 0; k < p.nnz(); ++k) ++c.start[p.cols[k]];
+  std::partial_sum(c.start.begin(), c.start.end(), c.start.begin());
+  c.order.assign(p.nnz(), 0);
+  std::vector<int> next(c.start.begin(), c.start.end() - 1);
+  for (int k = 0; k < p.nnz(); ++k) c.order[next[p.cols[k] - 1]++] = k;
+  return c;
 }
 
 std::vector<int> BuildObjectivePattern(const ModelStore& store, const EquationLayout& layout) {

@@ -74,8 +74,6 @@ struct JacobianPattern {
   std::vector<int> scatter;        // non-zero fed by each slot, -1 when dropped; size nslots
   bool has_duplicates = false;     // some row reads one column through several slots
   std::vector<int> row_start;      // condensed row form: first non-zero of each row; size m+1
-  std::vector<int> col_order;      // condensed column form: non-zero at each position
-  std::vector<int> col_start;      // first position of each column; size num_cols+1
   int nnz() const { return static_cast<int>(rows.size()); }
 };
 
@@ -83,6 +81,15 @@ struct JacobianPattern {
 // `scales` gets size num_cols+1, index 0 unused.
 void ColumnScales(const ModelStore& store, const EquationLayout& layout, Shape shape,
                   std::vector<double>* scales);
+
+// The condensed column form of a pattern, made when asked for (few callers want it): the
+// non-zero at each position, column by column, and the first position of each column (size
+// num_cols+1).
+struct ColumnOrder {
+  std::vector<int> order;
+  std::vector<int> start;
+};
+ColumnOrder BuildColumnOrder(const JacobianPattern& p);
 
 // Builds the pattern of `shape` over the constraint rows of `layout`, with both condensed orders.
 JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayout& layout,
