@@ -217,6 +217,7 @@ inline void SetEngineOptions(Ipopt::IpoptApplication& app, double tol) {
   o.SetStringValue("mu_strategy", "adaptive");
   o.SetStringValue("hessian_approximation", "exact");
   o.SetStringValue("linear_solver", solvers::HslAvailable() ? "ma27" : "mumps");
+  if (!solvers::HslAvailable()) o.SetIntegerValue("mumps_pivot_order", 6);  // the engine's QAMD
   o.SetNumericValue("tol", tol);
   o.SetNumericValue("mu_init", 0.0001);
   o.SetIntegerValue("print_level", 0);
