@@ -99,7 +99,10 @@ class IpoptAdapter : public Ipopt::TNLP {
   bool get_starting_point(Index n, bool init_x, Number* x, bool init_z, Number* z_lower,
                           Number* z_upper, Index m, bool init_lambda, Number* lambda) override {
     if (init_x) view_.problem().Start({x, size_t(n)});
-    if (init_z) std::fill(z_lower, z_lower + n, 0.0), std::fill(z_upper, z_upper + n, 0.0);
+    if (init_z) {
+      std::fill(z_lower, z_lower + n, 0.0);
+      std::fill(z_upper, z_upper + n, 0.0);
+    }
     if (init_lambda) {
       std::fill(row_work_.begin(), row_work_.end(), 0.0);
       if (warm_) view_.problem().StartMultipliers(row_work_);
@@ -326,7 +329,7 @@ SolverResult SolveIpopt(Problem& problem, const SolverSettings& settings) {
     // No solution came back: the start point and multipliers stand.
     result.x = view.Start();
     result.lambda.assign(view.m(), 0.0);
-    if (adapter->WarmStart(settings.warm)) problem.StartMultipliers(result.lambda);
+    if (settings.warm) problem.StartMultipliers(result.lambda);
     result.z_lower.assign(view.n(), 0.0);
     result.z_upper.assign(view.n(), 0.0);
   }
