@@ -30,15 +30,11 @@ constexpr Ipopt::EJournalLevel kFilePrintLevel = Ipopt::J_ITERSUMMARY;
 // become neighbours. Models list their rows statement by statement, so that the rows of one
 // interval of a discretisation lie far apart; the factorisation's ordering of the KKT matrix
 // breaks its ties by index and finds less fill from this order.
-std::vector<int> BandedRowOrder(ProblemView& view) {
-  const int m = view.m();
-  std::vector<int> first(m, view.n());
-  {
-    ScopedTimer timer("Sparsity: zpm_s");
-    std::vector<int> rows(view.nnz_jac()), cols(view.nnz_jac());
-    view.problem().JacobianStructure(rows, cols);
-    for (size_t k = 0; k < rows.size(); ++k) first[rows[k]] = std::min(first[rows[k]], cols[k]);
-  }
+std::vector<int> BandedRowOrder(int n, int m, const std::vector<int>& jac_rows,
+                                const std::vector<int>& jac_cols) {
+  std::vector<int> first(m, n);
+  for (size_t k = 0; k < jac_rows.size(); ++k)
+    first[jac_rows[k]] = std::min(first[jac_rows[k]], jac_cols[k]);
   std::vector<int> order(m);
   for (int r = 0; r < m; ++r) order[r] = r;
   std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return first[a] < first[b]; });
@@ -46,6 +42,21 @@ std::vector<int> BandedRowOrder(ProblemView& view) {
   for (int k = 0; k < m; ++k) solver_row[order[k]] = k;
   return solver_row;
 }
+
+// A structure read from the problem, held only until the library has taken its own copy.
+struct Structure {
+  std::vector<int> rows, cols;
+
+  // Copies into the library's arrays (rows through `row_map` when given) and lets go.
+  void HandOver(Ipopt::Index* out_rows, Ipopt::Index* out_cols,
+                const std::vector<int>* row_map = nullptr) {
+    for (size_t k = 0; k < rows.size(); ++k) {
+      out_rows[k] = row_map ? (*row_map)[rows[k]] : rows[k];
+      out_cols[k] = cols[k];
+    }
+    *this = Structure{};
+  }
+};
 
 // Row-indexed values between the problem's order (`model`) and the library's (`solver`).
 void ToSolverRows(const std::vector<int>& solver_row, const double* model, double* solver) {
@@ -61,8 +72,17 @@ void ToModelRows(const std::vector<int>& solver_row, const double* solver, doubl
 // solution is kept when the library hands it back.
 class IpoptAdapter : public Ipopt::TNLP {
  public:
+  // Reads both structures (the row order needs the Jacobian's) and holds them until the
+  // library asks for them.
   IpoptAdapter(ProblemView& view, SolverResult& result)
-      : view_(view), result_(result), solver_row_(BandedRowOrder(view)), row_work_(view.m()) {}
+      : view_(view), result_(result), row_work_(view.m()) {
+    {
+      ScopedTimer timer("Sparsity: zpm_s");
+      Read(jacobian_, view.nnz_jac(), &Problem::JacobianStructure);
+      Read(hessian_, view.nnz_hess(), &Problem::HessianStructure);
+    }
+    solver_row_ = BandedRowOrder(view.n(), view.m(), jacobian_.rows, jacobian_.cols);
+  }
 
   int iterations() const { return iterations_; }
   bool finalized() const { return finalized_; }
@@ -131,9 +151,8 @@ class IpoptAdapter : public Ipopt::TNLP {
   bool eval_jac_g(Index n, const Number* x, bool, Index, Index nnz, Index* rows, Index* cols,
                   Number* values) override {
     if (values == nullptr) {
-      ScopedTimer timer("Sparsity: zpm_s");
-      view_.problem().JacobianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
-      for (Index k = 0; k < nnz; ++k) rows[k] = solver_row_[rows[k]];
+      if (jacobian_.rows.size() != size_t(nnz)) Read(jacobian_, nnz, &Problem::JacobianStructure);
+      jacobian_.HandOver(rows, cols, &solver_row_);
       return true;
     }
     return Guarded([&] { return view_.Jacobian({x, size_t(n)}, {values, size_t(nnz)}); });
@@ -143,8 +162,8 @@ class IpoptAdapter : public Ipopt::TNLP {
               bool, Index nnz, Index* rows, Index* cols, Number* values) override {
     if (!view_.has_hessian()) return false;
     if (values == nullptr) {
-      ScopedTimer timer("Sparsity: zpm_s");
-      if (nnz > 0) view_.problem().HessianStructure({rows, size_t(nnz)}, {cols, size_t(nnz)});
+      if (hessian_.rows.size() != size_t(nnz)) Read(hessian_, nnz, &Problem::HessianStructure);
+      hessian_.HandOver(rows, cols);
       return true;
     }
     ToModelRows(solver_row_, lambda, row_work_.data());
@@ -177,6 +196,15 @@ class IpoptAdapter : public Ipopt::TNLP {
   }
 
  private:
+  using ReadFn = void (Problem::*)(std::span<int>, std::span<int>);
+
+  // Reads a structure of `nnz` positions (again, should the library ask twice).
+  void Read(Structure& s, int nnz, ReadFn read) {
+    s.rows.assign(nnz, 0);
+    s.cols.assign(nnz, 0);
+    if (nnz > 0) (view_.problem().*read)(s.rows, s.cols);
+  }
+
   // Runs one evaluation; an evaluation that fails or throws is reported to the library as a
   // failed evaluation so that it cuts its step back instead of unwinding through it.
   template <typename Fn>
@@ -191,6 +219,7 @@ class IpoptAdapter : public Ipopt::TNLP {
   ProblemView& view_;
   SolverResult& result_;
   bool warm_ = false;             // row multipliers start at the problem's previous ones
+  Structure jacobian_, hessian_;  // read, not yet taken by the library
   std::vector<int> solver_row_;   // the library's index of each of the problem's rows
   std::vector<double> row_work_;  // residuals or multipliers in the problem's row order
   int iterations_ = 0;            // as the library last reported it
