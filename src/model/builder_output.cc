@@ -33,8 +33,8 @@ double EvaluateProgram(const ModelStore& store, const std::vector<double>& by_co
 
 void EvaluateInitialState(ModelStore* store) {
   std::vector<double> in, work;
-  std::vector<double> by_column;
-  ColumnValues(*store, &by_column);
+  std::vector<double> by_column(2 * static_cast<size_t>(store->nvar) + 1);
+  ColumnValues(*store, by_column);
   lang::DomainErrors& errs = store->start_errors;
   errs = {};
   for (Intermediate& m : store->intermediates) {

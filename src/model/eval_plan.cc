@@ -42,7 +42,15 @@ EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape 
   members_.resize(kMaxLanes);
   lane_cols_.resize(kMaxLanes);
   weight_.resize(kMaxLanes);
-  values_.assign(2 * static_cast<size_t>(nvar_) + 1, 0.0);
+  // The point reaches as far as the columns the rows read: a steady problem without time
+  // derivatives needs no derivative columns. A reduced one takes every column.
+  size_t width = 2 * static_cast<size_t>(nvar_) + 1;
+  if (shape == Shape::kSteady) {
+    int32_t last = nvar_;
+    for (int32_t c : cols_) last = std::max(last, c);
+    width = static_cast<size_t>(last) + 1;
+  }
+  values_.assign(width, 0.0);
   PlanTables();
   LoadValues(store);
 }
@@ -189,7 +197,7 @@ void EvalPlan::FreshTables(const Group& g, Part part) {
 }
 
 void EvalPlan::LoadValues(const ModelStore& store) {
-  ColumnValues(store, &values_);
+  ColumnValues(store, values_);
   // Which objective variables count may have changed with the marks since the last solve.
   objective_vars_.clear();
   for (int n : objective_all_)

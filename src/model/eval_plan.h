@@ -102,7 +102,8 @@ class EvalPlan {
   std::vector<int> objective_all_;         // obj_def variables
   std::vector<int> objective_vars_;        // those free at the last LoadValues
   const lang::Program* programs_ = nullptr;  // store.programs.data() at build
-  std::vector<double> values_;             // the point by model column; size 2*nvar+1
+  std::vector<double> values_;             // the point by model column, as far as the rows
+                                           // read (2*nvar+1 in the reduced shape)
   std::vector<Group> rows_;                // groups of constraint rows
   std::vector<Group> objective_;           // groups of objective rows
   std::vector<int32_t> eqn_;               // equation of each member

@@ -35,13 +35,13 @@ int ShapeColumn(const ModelStore& store, Shape shape, int model_col) {
   return 0;
 }
 
-void ColumnValues(const ModelStore& store, std::vector<double>* values) {
-  values->resize(2 * static_cast<size_t>(store.nvar) + 1);
-  double* v = values->data();
-  for (int n = 1; n <= store.nvar; ++n) {
+void ColumnValues(const ModelStore& store, std::span<double> values) {
+  const int nvar = std::min(store.nvar, static_cast<int>(values.size()) - 1);
+  const int nderiv = std::min(nvar, static_cast<int>(values.size()) - 1 - store.nvar);
+  for (int n = 1; n <= nvar; ++n) {
     const Variable& var = store.Var(n);
-    v[n] = var.val;
-    v[store.nvar + n] = var.d_val;
+    values[n] = var.val;
+    if (n <= nderiv) values[store.nvar + n] = var.d_val;
   }
 }
 

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "model/records.h"
@@ -27,8 +28,9 @@ inline constexpr int kNumShapes = 3;
 int NumColumns(const ModelStore& store, Shape shape);
 
 // The value each model column reads (1..nvar values, nvar+n the time derivative of variable n;
-// index 0 unused), laid out once so that rows read one array, not the variable records.
-void ColumnValues(const ModelStore& store, std::vector<double>* values);
+// index 0 unused), laid out once so that rows read one array, not the variable records. Size
+// 2*nvar+1 holds every column; a shorter array takes the columns that fit.
+void ColumnValues(const ModelStore& store, std::span<double> values);
 
 // Column of model column `model_col` (1..2*nvar) in `shape`; 0 when the shape drops it.
 int ShapeColumn(const ModelStore& store, Shape shape, int model_col);

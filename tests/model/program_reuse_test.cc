@@ -60,8 +60,9 @@ struct Reference {
 // Residual and d residual / d column of equation e, through the store's program and map.
 std::map<int, double> Evaluate(const ModelStore& store, const lang::Program& p,
                                const std::vector<int>& columns, double* residual) {
-  std::vector<double> values, in, work(p.work_size()), grad(columns.size() + 1);
-  ColumnValues(store, &values);
+  std::vector<double> values(2 * static_cast<size_t>(store.nvar) + 1), in, work(p.work_size()),
+      grad(columns.size() + 1);
+  ColumnValues(store, values);
   for (int c : columns) in.push_back(c < 0 ? store.intermediates[-c - 1].value : values[c]);
   lang::DomainErrors errors;
   *residual = p.Gradient(in.data(), work.data(), grad.data(), &errors);
