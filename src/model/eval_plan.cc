@@ -24,14 +24,10 @@ EvalPlan::EvalPlan(const ModelStore& store, const EquationLayout& layout, Shape 
     : shape_(shape), nvar_(store.nvar), diff_var_(layout.diff_var),
       objective_all_(layout.objective_vars), programs_(store.programs.data()) {
   KX_CHECK(shape == Shape::kSteady || shape == Shape::kReduced);
-  size_t rows = 0, slots = 0;
-  for (const std::vector<int>* eqns : {&layout.constraint_eqns, &layout.objective_eqns}) {
-    rows += eqns->size();
-    for (int e : *eqns) slots += layout.slot_begin[e + 1] - layout.slot_begin[e];
-  }
+  const size_t rows = layout.constraint_eqns.size() + layout.objective_eqns.size();
   eqn_.reserve(rows);
   row_.reserve(rows);
-  cols_.reserve(slots);
+  cols_.reserve(layout.SlotsOf(layout.constraint_eqns) + layout.SlotsOf(layout.objective_eqns));
   AddGroups(store, layout, layout.constraint_eqns, false);
   AddGroups(store, layout, layout.objective_eqns, true);
   size_t work = 1;

@@ -28,13 +28,13 @@ void FillCondensedIndex(ModelAccess& m, Shape shape, bool by_column, std::span<i
   int nlines = by_column ? p.num_cols : p.num_rows;
   KX_CHECK(static_cast<int>(ia.size()) >= nnz + nlines + 2);
   ia[0] = nnz;
-  if (!by_column) {
+  const ColumnOrder* c = by_column ? &m.JacobianColumns(shape) : nullptr;
+  if (c == nullptr) {
     std::copy(p.cols.begin(), p.cols.end(), ia.begin() + 1);
   } else {
-    const std::vector<int>& order = m.JacobianColumns(shape).order;
-    for (int k = 0; k < nnz; ++k) ia[1 + k] = p.rows[order[k]];
+    for (int k = 0; k < nnz; ++k) ia[1 + k] = p.rows[c->order[k]];
   }
-  const std::vector<int>& start = by_column ? m.JacobianColumns(shape).start : p.row_start;
+  const std::vector<int>& start = c ? c->start : p.row_start;
   for (int j = 0; j <= nlines; ++j) ia[1 + nnz + j] = start[j] + 1;
 }
 

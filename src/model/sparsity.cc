@@ -184,8 +184,7 @@ JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayo
   pattern.scatter.assign(layout.slot_column.size(), -1);
   std::vector<int> entry_of_col(pattern.num_cols + 1, -1);
   // Room for every slot of the rows; a shape that drops columns gives the spare room back.
-  size_t slots = 0;
-  for (int e : layout.constraint_eqns) slots += layout.slot_begin[e + 1] - layout.slot_begin[e];
+  const size_t slots = layout.SlotsOf(layout.constraint_eqns);
   pattern.rows.reserve(slots);
   pattern.cols.reserve(slots);
   for (int r = 0; r < pattern.num_rows; ++r) {

@@ -54,6 +54,13 @@ struct EquationLayout {
   int nvar_at_build = 0;                   // store.nvar when built
   int ndiff_at_build = 0;                  // store.ndiff when built
 
+  // The slots of the equations `eqns` together.
+  size_t SlotsOf(const std::vector<int>& eqns) const {
+    size_t slots = 0;
+    for (int e : eqns) slots += slot_begin[e + 1] - slot_begin[e];
+    return slots;
+  }
+
   // True when the store has grown or moved since the build: the layout must be rebuilt.
   // Changes that keep the counts (active flags, an equation's columns) are not seen here.
   bool OutOfDate(const ModelStore& store) const {
@@ -93,7 +100,7 @@ struct ColumnOrder {
 };
 ColumnOrder BuildColumnOrder(const JacobianPattern& p);
 
-// Builds the pattern of `shape` over the constraint rows of `layout`, with both condensed orders.
+// Builds the pattern of `shape` over the constraint rows of `layout`, with its row starts.
 JacobianPattern BuildJacobianPattern(const ModelStore& store, const EquationLayout& layout,
                                      Shape shape);
 
